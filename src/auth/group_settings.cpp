@@ -1,0 +1,69 @@
+#include "auth/group_settings.h"
+
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/text_file.h"
+
+namespace session_service {
+
+GroupSettings groupSettings;
+RolePrivileges rolePrivileges;
+
+namespace {
+
+constexpr const char* groupFile = "/etc/pam.d/q73.conf";
+constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";
+
+bool contains(const std::string& line, std::string_view text) {
+    return line.find(text) != std::string::npos;
+}
+
+}  // namespace
+
+void readGroupSetting(const std::string& key, std::string& value) {
+    const std::size_t keptSemicolon = key == "Attribute" ? 0 : 1;
+    readLines(groupFile, [&](const std::string& line) {
+        const std::size_t separator = line.find('=');
+        const std::size_t end =
+            separator == std::string::npos ? separator : line.find(';', separator);
+        if (contains(line, key) && end != std::string::npos) {
+            value = line.substr(separator + 1, end - separator - 1 + keptSemicolon);
+        }
+        return true;
+    });
+}
+
+bool isKrbAttrGroupingEnabled() {
+    bool enabled = false;
+    readLines(groupFile, [&](const std::string& line) {
+        enabled = contains(line, "KrbAttrGrouping=1;");
+        return !enabled;
+    });
+    return enabled;
+}
+
+void loadGroupPrivileges() {
+    struct Role {
+        std::string_view key;
+        std::int32_t& privilege;
+    };
+    const Role roles[] = {
+        {"administrator=", rolePrivileges.administrator},
+        {"operator=", rolePrivileges.operatorRole},
+        {"user=", rolePrivileges.user},
+    };
+    readLines(privilegeFile, [&](const std::string& line) {
+        for (const Role& role : roles) {
+            if (contains(line, role.key)) {
+                // The key is expected at the start of the line, wherever it was found.
+                role.privilege = static_cast<std::int32_t>(
+                    std::strtol(line.c_str() + role.key.size(), nullptr, 0));
+                break;
+            }
+        }
+        return true;
+    });
+}
+
+}  // namespace session_service

@@ -1,0 +1,44 @@
+// The group attribute, the groups of the three roles and the roles' privilege values,
+// read from two small files under /etc/pam.d at every login.
+//
+// The settings are process-wide and keep their last value where a file does not give
+// one. Only the thread that serves logins may call these functions. A file that cannot be
+// read is no error, and nothing is logged.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace session_service {
+
+// The groups keep their trailing semicolon, which ends the group's name where it is
+// searched for.
+struct GroupSettings {
+    std::string attribute = "aci_group";
+    std::string administrator = "aciadmin;";
+    std::string operatorGroup = "aciopera;";
+    std::string user = "aciuser;";
+};
+
+// Privilege bit masks.
+struct RolePrivileges {
+    std::int32_t administrator = 511;
+    std::int32_t operatorRole = 121;
+    std::int32_t user = 9;
+};
+
+extern GroupSettings groupSettings;
+extern RolePrivileges rolePrivileges;
+
+// Sets `value` from the last line of /etc/pam.d/q73.conf that gives the key: the text from
+// after the line's first "=" to the next ";", which is kept for every key but "Attribute".
+void readGroupSetting(const std::string& key, std::string& value);
+
+// Whether a line of /etc/pam.d/q73.conf holds "KrbAttrGrouping=1;".
+bool isKrbAttrGroupingEnabled();
+
+// Reads /etc/pam.d/groups2privs.conf into rolePrivileges. Numbers stand at fixed places
+// from the start of the line and may be decimal, octal (0) or hexadecimal (0x).
+void loadGroupPrivileges();
+
+}  // namespace session_service

@@ -1,0 +1,163 @@
+#include "auth/pam_login.h"
+
+#include <security/pam_appl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "auth/group_settings.h"
+#include "auth/kerberos_groups.h"
+#include "auth/pam_conversation.h"
+#include "frame/logger.h"
+#include "platform/secret.h"
+
+namespace session_service {
+namespace {
+
+constexpr const char* pamService = "q73";
+
+// Ends a PAM transaction; an end that fails is logged.
+void endTransaction(pam_handle_t* handle, int status) {
+    if (pam_end(handle, status) != PAM_SUCCESS) {
+        logger->error("PAM: pam_end() failed.");
+    }
+}
+
+struct EndTransaction {
+    void operator()(pam_handle_t* handle) const { endTransaction(handle, PAM_SUCCESS); }
+};
+using TransactionPtr = std::unique_ptr<pam_handle_t, EndTransaction>;
+
+void refreshSettings() {
+    readGroupSetting("Attribute", groupSettings.attribute);
+    readGroupSetting("Administrator", groupSettings.administrator);
+    readGroupSetting("Operator", groupSettings.operatorGroup);
+    readGroupSetting("User", groupSettings.user);
+}
+
+// The privilege value of the first role, from administrator down to user, whose group
+// the test finds.
+template <typename HasGroup>
+std::optional<std::string> roleWith(HasGroup hasGroup) {
+    if (hasGroup(groupSettings.administrator)) {
+        return std::to_string(rolePrivileges.administrator);
+    }
+    if (hasGroup(groupSettings.operatorGroup)) {
+        return std::to_string(rolePrivileges.operatorRole);
+    }
+    if (hasGroup(groupSettings.user)) {
+        return std::to_string(rolePrivileges.user);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> privilegeFromKerberos(const char* userName, const char* password) {
+    const SecretText command{composeKadminCommand(userName, password)};
+    const std::string attributes = executeCommand(command.text);
+    return roleWith([&](const std::string& group) {
+        return attributes.find(groupSettings.attribute + ": " + group) != std::string::npos;
+    });
+}
+
+// The PAM variable named by the group attribute, as it stands or in capitals.
+const char* groupVariable(pam_handle_t* handle) {
+    if (const char* value = pam_getenv(handle, groupSettings.attribute.c_str())) {
+        return value;
+    }
+    constexpr std::size_t longestName = 255;
+    std::string capitals = groupSettings.attribute.substr(0, longestName);
+    std::transform(capitals.begin(), capitals.end(), capitals.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
+    return pam_getenv(handle, capitals.c_str());
+}
+
+std::optional<std::string> privilegeFromGroups(pam_handle_t* handle, const char* userName,
+                                               const char* password, bool groupingEnabled) {
+    if (const char* module = pam_getenv(handle, "pam_module")) {
+        constexpr std::string_view kerberos = "kerberos";
+        if (std::strncmp(module, kerberos.data(), kerberos.size()) != 0) {
+            return std::nullopt;
+        }
+        if (!groupingEnabled) {
+            return std::to_string(rolePrivileges.administrator);
+        }
+        return privilegeFromKerberos(userName, password);
+    }
+    const char* value = groupVariable(handle);
+    if (!value) {
+        return std::nullopt;
+    }
+    return roleWith([&](const std::string& group) {
+        return std::strncmp(value, group.c_str(), group.size()) == 0;
+    });
+}
+
+void copyPrivilege(const std::string& privilege, char* privilegeOut, int privilegeOutSize) {
+    if (privilegeOutSize > 1) {
+        const auto most = static_cast<std::size_t>(privilegeOutSize) - 1;
+        privilege.copy(privilegeOut, most);
+    }
+}
+
+// Checks the password and the state of the account.
+int checkAccount(pam_handle_t* handle, const char* userName) {
+    if (pam_authenticate(handle, 0) != PAM_SUCCESS) {
+        logger->debug("%s does not pass the PAM auth.", userName);
+        return loginRefused;
+    }
+    switch (pam_acct_mgmt(handle, PAM_DISALLOW_NULL_AUTHTOK)) {
+        case PAM_SUCCESS:
+            return loginAccepted;
+        case PAM_NEW_AUTHTOK_REQD:
+            logger->debug("PAM: password change required.");
+            return loginNeedsNewPassword;
+        default:
+            logger->debug("PAM: pam_acct_mgmt() failed.");
+            return loginRefused;
+    }
+}
+
+}  // namespace
+
+int authenticateUser(const char* userName, const char* password, const char* remoteHost,
+                     char* privilegeOut, int privilegeOutSize) {
+    refreshSettings();
+    const bool groupingEnabled = isKrbAttrGroupingEnabled();
+    loadGroupPrivileges();
+
+    const pam_conv conversation{pamConversation, const_cast<char*>(password)};
+    pam_handle_t* started = nullptr;
+    if (pam_start(pamService, userName, &conversation, &started) != PAM_SUCCESS) {
+        logger->error("Failed to create pam handler.");
+        return loginRefused;
+    }
+    TransactionPtr handle(started);
+    const int status = pam_set_item(handle.get(), PAM_RHOST, remoteHost);
+    if (status != PAM_SUCCESS) {
+        endTransaction(handle.release(), status);
+        logger->error("PAM: pam_set_item() failed.");
+        return loginRefused;
+    }
+
+    const int result = checkAccount(handle.get(), userName);
+    if (result == loginRefused) {
+        return result;
+    }
+    std::optional<std::string> privilege =
+        privilegeFromGroups(handle.get(), userName, password, groupingEnabled);
+    if (!privilege) {
+        if (const char* value = pam_getenv(handle.get(), "PRIVILEGES")) {
+            privilege = value;
+        }
+    }
+    if (privilege) {
+        copyPrivilege(*privilege, privilegeOut, privilegeOutSize);
+    }
+    return result;
+}
+
+}  // namespace session_service

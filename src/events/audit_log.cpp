@@ -1,0 +1,83 @@
+#include "events/audit_log.h"
+
+#include <array>
+#include <chrono>
+#include <ctime>
+
+#include "frame/logger.h"
+#include "frame/resource_names.h"
+#include "platform/config_file.h"
+
+namespace session_service {
+namespace {
+
+constexpr std::size_t settingSize = 128;
+
+const std::string& logEntryCollection() {
+    static const std::string collection =
+        getConfigValue(configurationFile, "LogEntryCollection", settingSize);
+    return collection;
+}
+
+void logAnswer(const store::ScriptAnswer& answer) {
+    switch (answer.kind) {
+        case store::ScriptAnswer::Kind::integer:
+            if (answer.value == 0) {
+                logger->debug(
+                    "The LogEntry cannot be generated since logs already reached the max count.");
+            } else if (answer.value == 2) {
+                logger->debug(
+                    "The LogEntry is not generated since the severity of the message is not "
+                    "desired.");
+            }
+            break;
+        case store::ScriptAnswer::Kind::refused:
+            logger->error("Failed to generate LogEntry. %s", answer.text.c_str());
+            break;
+        case store::ScriptAnswer::Kind::unknown:
+            logger->error("Failed to generate LogEntry(unknown error).");
+            break;
+        case store::ScriptAnswer::Kind::lost:
+            break;
+    }
+}
+
+}  // namespace
+
+std::string currentTimestamp() {
+    const std::time_t now = std::chrono::system_clock::to_time_t(
+        std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
+    std::tm local{};
+    tzset();
+    localtime_r(&now, &local);
+    std::array<char, 64> formatted{};
+    std::string text(formatted.data(),
+                     std::strftime(formatted.data(), formatted.size(), "%FT%T%z", &local));
+    if (text.size() >= 2) {
+        text.insert(text.size() - 2, ":");
+    }
+    return text;
+}
+
+void generateAuditLogEntry(redisContext* store, const std::string& messageArg,
+                           const std::string& messageId, const std::string& origin) {
+    const std::string& collection = logEntryCollection();
+    if (collection.empty() || !store::exists(store, collection)) {
+        logger->debug(
+            "LogEntry collection doesn't exist, Session Service will not generate audit log.");
+        return;
+    }
+    const std::string digest = store::hget(store, scriptDigestsKey, "logGeneratorHelper");
+    if (digest.empty()) {
+        logger->error("Cannot get SHA script logGeneratorHelper.");
+        return;
+    }
+    std::vector<std::string> pieces{"7",       "CREATE", collection, currentTimestamp(),
+                                    messageId, origin,   "1"};
+    // The argument may well be empty or of several words: the declared number of keys is
+    // then wrong, and the store's refusal is logged.
+    store::appendWords(pieces, messageArg);
+    logAnswer(store::evalsha(store, digest, pieces));
+}
+
+}  // namespace session_service

@@ -1,0 +1,202 @@
+// Start-up of the daemon: the store is brought up, then the worker threads serve until
+// their connections end.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+
+#include "frame/logger.h"
+#include "frame/resource_names.h"
+#include "frame/worker_context.h"
+#include "service/persistent_properties.h"
+#include "service/session_service.h"
+#include "sessions/collection.h"
+#include "sessions/creation.h"
+#include "sessions/deletion.h"
+#include "sessions/timeout.h"
+#include "store/commands.h"
+
+namespace session_service {
+namespace {
+
+constexpr int startFailure = -1;
+
+pthread_t createThread;
+pthread_t deleteThread;
+pthread_t timeoutThread;
+
+// The object of the PATCH machinery. It lives until the process ends.
+SessionService* service = nullptr;
+
+void prepareProcess() {
+    // hiredis sends without MSG_NOSIGNAL: a lost store must be seen as "no reply".
+    signal(SIGPIPE, SIG_IGN);
+    // Passwords pass through this process. A limit of 0 stops core files; a kernel that
+    // pipes cores to a handler heeds only the dumpable flag.
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    // A log collector sees each diagnostic as it is made.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+void destroyLogger() {
+    delete logger;
+    logger = nullptr;
+}
+
+// Registers the two channels in their queues. The create queue is also the mark that
+// the initialisation has been done.
+bool registerChannels(redisContext* store) {
+    if (store::lpush(store, createQueue, createChannel) &&
+        store::lpush(store, deleteQueue, deleteChannel)) {
+        return true;
+    }
+    logger->error("Failed to add channels for POST and DELETE.");
+    return false;
+}
+
+// Brings the resources up when the store was started empty.
+bool initializeResources(redisContext* store) {
+    const std::int32_t queueLength = store::llen(store, createQueue);
+    if (queueLength < 0) {
+        logger->error("Failed to access Redis.");
+        return false;
+    }
+    if (queueLength > 0) {
+        logger->debug("SessionService resource has been initialized already.");
+        return true;
+    }
+    loadPersistentProperties(store);
+    updateEtag(store, serviceUri);
+    updateEtag(store, collectionUri);
+    if (!registerChannels(store)) {
+        return false;
+    }
+    logger->debug("SessionService is ready for service.");
+    return true;
+}
+
+bool initializeContext(WorkerContext& context) {
+    if (pthread_mutex_init(&context.stopMutex, nullptr) != 0 ||
+        pthread_mutex_init(&context.dataMutex, nullptr) != 0) {
+        logger->error("Failed to init thread argument.");
+        return false;
+    }
+    pthread_cond_init(&context.dataReady, nullptr);
+    return true;
+}
+
+// Starts one worker. On failure the stop mutex is released and the reason logged.
+bool startWorker(pthread_t& thread, void* (*body)(void*), WorkerContext& context,
+                 const char* failure) {
+    if (pthread_create(&thread, nullptr, body, &context) == 0) {
+        return true;
+    }
+    pthread_mutex_unlock(&context.stopMutex);
+    logger->error("%s", failure);
+    return false;
+}
+
+void joinWorker(pthread_t thread, const char* failure) {
+    if (pthread_join(thread, nullptr) != 0) {
+        logger->error("%s", failure);
+    }
+}
+
+// Ends the process while workers may be inside the log, the store or PAM: nothing is
+// destroyed under them.
+[[noreturn]] void endUnderWorkers() {
+    _exit(startFailure & 0xff);
+}
+
+// Everything between the logger's birth and its death. `workersExist` tells the caller,
+// also when an exception passes, whether threads are running.
+int run(bool& workersExist) {
+    {
+        const ConnectionPtr store = store::connect();
+        if (!store) {
+            logger->error("Failed to connect to Redis.");
+            return startFailure;
+        }
+        if (!initializeResources(store.get())) {
+            return startFailure;
+        }
+    }
+
+    // Not on the stack: workers may still use it while a failed start ends the process.
+    static WorkerContext context;
+    if (!initializeContext(context)) {
+        return startFailure;
+    }
+    pthread_mutex_lock(&context.stopMutex);
+    if (!startWorker(createThread, createSessionThread, context,
+                     "Failed to run the thread for POSTCREATE.")) {
+        return startFailure;
+    }
+    workersExist = true;
+    if (!startWorker(deleteThread, deleteSessionThread, context,
+                     "Failed to create the thread for DELETE.") ||
+        !startWorker(timeoutThread, sessionTimeoutThread, context,
+                     "Failed to create the thread for Timeout detection.")) {
+        return startFailure;
+    }
+
+    service = new SessionService;
+
+    joinWorker(createThread, "Failed to join the create thread.");
+    joinWorker(deleteThread, "Failed to join the delete thread.");
+    // Released only now: sessions must keep expiring while either request thread may
+    // still create or delete one.
+    pthread_mutex_unlock(&context.stopMutex);
+    joinWorker(timeoutThread, "Failed to join the timeout thread.");
+    workersExist = false;
+    logger->debug("SessionService terminates.");
+    return EXIT_SUCCESS;
+}
+
+int reportInitializationError(const std::exception& failure) {
+    logger->error("Error occurs while initialize data: %s", failure.what());
+    return startFailure;
+}
+
+int runGuarded(bool& workersExist) {
+    try {
+        return run(workersExist);
+    } catch (const std::logic_error& failure) {
+        return reportInitializationError(failure);
+    } catch (const std::runtime_error& failure) {
+        return reportInitializationError(failure);
+    } catch (const std::bad_cast& failure) {
+        return reportInitializationError(failure);
+    }
+}
+
+}  // namespace
+}  // namespace session_service
+
+int main() {
+    using namespace session_service;
+
+    prepareProcess();
+    logger = new Logger;
+    logger->init(configurationFile);
+    if (logger->isFileEnabled()) {
+        logger->debug("SessionService log is starting ...");
+    }
+    bool workersExist = false;
+    const int status = runGuarded(workersExist);
+    if (workersExist) {
+        endUnderWorkers();
+    }
+    destroyLogger();
+    return status;
+}

@@ -1,0 +1,42 @@
+#include "platform/text_file.h"
+
+#include <sys/types.h>
+
+#include <cstdlib>
+
+namespace session_service {
+namespace {
+
+// The buffer that getline fills and grows.
+struct LineBuffer {
+    char* text = nullptr;
+    std::size_t size = 0;
+
+    LineBuffer() = default;
+    LineBuffer(const LineBuffer&) = delete;
+    LineBuffer& operator=(const LineBuffer&) = delete;
+    ~LineBuffer() { std::free(text); }
+};
+
+}  // namespace
+
+ReadOutcome readLines(const char* path, const std::function<bool(const std::string&)>& handle) {
+    const FilePtr file(std::fopen(path, "re"));
+    if (!file) {
+        return ReadOutcome::notOpened;
+    }
+    LineBuffer buffer;
+    ssize_t length = 0;
+    while ((length = getline(&buffer.text, &buffer.size, file.get())) >= 0) {
+        std::string line(buffer.text, static_cast<std::size_t>(length));
+        if (!line.empty() && line.back() == '\n') {
+            line.pop_back();
+        }
+        if (!handle(line)) {
+            return ReadOutcome::complete;
+        }
+    }
+    return std::ferror(file.get()) != 0 ? ReadOutcome::failed : ReadOutcome::complete;
+}
+
+}  // namespace session_service

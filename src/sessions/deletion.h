@@ -1,0 +1,32 @@
+// Logging out: the delete-session thread, what it does with a request, and the deletion
+// that expiry shares with it.
+#pragma once
+
+#include <string>
+
+#include "frame/worker_context.h"
+#include "protocol/replies.h"
+#include "store/commands.h"
+
+namespace session_service {
+
+// The thread's body; the argument is the WorkerContext. Returns null when the thread's
+// connection has ended or the exit notice arrived.
+void* deleteSessionThread(void* workerContext);
+
+// Serves the request at `requestKey` over a connection of its own. Whoever may delete a
+// session was settled before the request was announced. A request without a return
+// channel or a target is logged and not answered; otherwise the reply key is published
+// last, unless it is empty. Waits for the data mutex at most 2 seconds.
+void handleDeleteSessionRequest(const std::string& requestKey, const std::string& replyKey,
+                                WorkerContext& context);
+
+// Removes the session with the (bare) identifier, its token record and its collection
+// entry, and sends the life-cycle events and the audit entry. Nothing is rolled back. The
+// caller holds the data mutex. The reply is written when `fields` says where; expiry
+// passes empty maps and gets none. Returns 1 when the collection held the session and its
+// count was decremented, else 0.
+int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields fields,
+                  MessageInfo message, WorkerContext& context);
+
+}  // namespace session_service

@@ -1,0 +1,62 @@
+#include "sessions/identifiers.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "frame/resource_names.h"
+#include "platform/file_descriptor.h"
+#include "platform/secret.h"
+
+namespace session_service {
+
+std::string generateRandomHex(unsigned byteCount) {
+    std::string digits;
+    // Tokens are drawn here: the text must not leave copies behind by growing.
+    digits.reserve(std::size_t{byteCount} * 2);
+    while (byteCount != 0) {
+        const FileDescriptor device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+        if (!device) {
+            continue;
+        }
+        const unsigned chunkSize = std::min<unsigned>(byteCount, sizeof(std::uint32_t));
+        std::uint32_t chunk = 0;
+        if (read(device.get(), &chunk, chunkSize) < 1) {
+            wipe(digits);
+            return digits;
+        }
+        std::array<char, 2 * sizeof(chunk) + 1> formatted{};
+        std::snprintf(formatted.data(), formatted.size(), "%0*x", static_cast<int>(chunkSize * 2),
+                      chunk);
+        digits += formatted.data();
+        byteCount -= chunkSize;
+    }
+    return digits;
+}
+
+std::string drawSessionId(redisContext* store) {
+    for (;;) {
+        std::string id = generateRandomHex(sessionIdBytes);
+        if (store::hget(store, sessionUriPrefix + id, "Id").empty()) {
+            return id;
+        }
+    }
+}
+
+std::string drawToken(redisContext* store) {
+    for (;;) {
+        std::string token = generateRandomHex(tokenBytes);
+        const SecretText recordKey{tokenRecordPrefix + token};
+        if (store::hget(store, recordKey.text, "UserName").empty()) {
+            return token;
+        }
+        wipe(token);
+    }
+}
+
+}  // namespace session_service

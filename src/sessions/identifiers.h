@@ -1,0 +1,24 @@
+// Session identifiers and tokens.
+#pragma once
+
+#include <string>
+
+#include "store/commands.h"
+
+namespace session_service {
+
+inline constexpr unsigned sessionIdBytes = 4;
+inline constexpr unsigned tokenBytes = 32;
+
+// Two lower-case hexadecimal digits for each of `byteCount` bytes of the kernel's random
+// device; empty when the device cannot be read. While it cannot be opened, tries again
+// without end.
+std::string generateRandomHex(unsigned byteCount);
+
+// An identifier whose session URI names no session yet, and a token without a token
+// record. Both repeat the draw until the value is free; an unreadable random device
+// gives an empty value.
+std::string drawSessionId(redisContext* store);
+std::string drawToken(redisContext* store);
+
+}  // namespace session_service

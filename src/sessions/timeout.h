@@ -1,0 +1,16 @@
+// The expiry of idle sessions.
+#pragma once
+
+namespace session_service {
+
+// The thread's body; the argument is the WorkerContext. Once a second it deletes, under the
+// data mutex, every session of the Redfish type whose idle time has reached its timeout,
+// both in seconds of uptime. Returns null within about a second of the stop mutex's
+// release, or at once (logged) when its connection cannot be opened.
+void* sessionTimeoutThread(void* workerContext);
+
+// Removes the first occurrence of `text` from the zero-terminated `buffer`, in place.
+// Returns 1 when something was removed, 0 when there is none or an argument is null.
+int removeSubstring(char* buffer, const char* text);
+
+}  // namespace session_service

@@ -1,0 +1,295 @@
+#include "store/commands.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "store/reply.h"
+
+namespace session_service::store {
+namespace {
+
+// A reply element's text, which building a text from must find there.
+const char* requireText(const redisReply* element) {
+    if (!element || !element->str) {
+        throw std::logic_error("basic_string::_M_construct null not valid");
+    }
+    return element->str;
+}
+
+bool isOne(const ReplyPtr& reply) {
+    return isInteger(reply) && reply->integer == 1;
+}
+
+std::size_t elementCount(const ReplyPtr& reply) {
+    return reply->type == REDIS_REPLY_ARRAY ? reply->elements : 0;
+}
+
+ReplyPtr setFields(redisContext* store, const char* commandWord, const std::string& key,
+                   const FieldMap& fields) {
+    std::vector<std::string_view> arguments;
+    arguments.reserve(2 + 2 * fields.size());
+    arguments.emplace_back(commandWord);
+    arguments.emplace_back(key);
+    for (const auto& [field, value] : fields) {
+        arguments.emplace_back(field);
+        arguments.emplace_back(value);
+    }
+    return sendArguments(store, arguments);
+}
+
+}  // namespace
+
+ReplyPtr sendFormatted(redisContext* store, const char* format, ...) {
+    // Commands sent after the loss would pile up in the output buffer.
+    if (store->err != 0) {
+        return nullptr;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    ReplyPtr reply(static_cast<redisReply*>(redisvCommand(store, format, arguments)));
+    va_end(arguments);
+    return reply;
+}
+
+ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments) {
+    if (store->err != 0) {
+        return nullptr;
+    }
+    std::vector<const char*> pointers;
+    std::vector<std::size_t> lengths;
+    pointers.reserve(arguments.size());
+    lengths.reserve(arguments.size());
+    for (const std::string_view argument : arguments) {
+        pointers.push_back(argument.data());
+        lengths.push_back(argument.size());
+    }
+    return ReplyPtr(static_cast<redisReply*>(redisCommandArgv(
+        store, static_cast<int>(pointers.size()), pointers.data(), lengths.data())));
+}
+
+std::string hget(redisContext* store, const std::string& key, const std::string& field) {
+    const ReplyPtr reply = sendFormatted(store, "HGET %s %s", key.c_str(), field.c_str());
+    return reply && reply->type == REDIS_REPLY_STRING ? textOf(reply.get()) : std::string();
+}
+
+bool hset(redisContext* store, const std::string& key, const std::string& field,
+          const std::string& value) {
+    const ReplyPtr reply =
+        sendFormatted(store, "HSET %s %s %s", key.c_str(), field.c_str(), value.c_str());
+    return isInteger(reply) && static_cast<unsigned long long>(reply->integer) <= 1;
+}
+
+bool lpush(redisContext* store, const std::string& key, const std::string& value,
+           std::int32_t& newLength) {
+    const ReplyPtr reply = sendFormatted(store, "LPUSH %s %s", key.c_str(), value.c_str());
+    if (!isInteger(reply)) {
+        return false;
+    }
+    newLength = static_cast<std::int32_t>(reply->integer);
+    return true;
+}
+
+bool lpush(redisContext* store, const std::string& key, const std::string& value) {
+    std::int32_t newLength = 0;
+    return lpush(store, key, value, newLength);
+}
+
+std::int32_t llen(redisContext* store, const std::string& key) {
+    const ReplyPtr reply = sendFormatted(store, "LLEN %s", key.c_str());
+    if (!reply) {
+        std::printf(">>> Failed to get list length on %s.\n", key.c_str());
+    }
+    return isInteger(reply) ? static_cast<std::int32_t>(reply->integer) : -1;
+}
+
+bool publish(redisContext* store, const std::string& channel, const std::string& message) {
+    const ReplyPtr reply = sendFormatted(store, "PUBLISH %s %s", channel.c_str(), message.c_str());
+    return isInteger(reply) && reply->integer > 0;
+}
+
+bool publishAny(redisContext* store, const std::string& channel, const std::string& message) {
+    return isInteger(sendFormatted(store, "PUBLISH %s %s", channel.c_str(), message.c_str()));
+}
+
+bool del(redisContext* store, const std::string& key) {
+    return isOne(sendFormatted(store, "DEL %s", key.c_str()));
+}
+
+bool expire(redisContext* store, const std::string& key, int seconds) {
+    return isOne(sendFormatted(store, "EXPIRE %s %d", key.c_str(), seconds));
+}
+
+std::int32_t lrem(redisContext* store, const std::string& key, int count,
+                  const std::string& value) {
+    const ReplyPtr reply = sendFormatted(store, "LREM %s %d %s", key.c_str(), count, value.c_str());
+    if (!reply) {
+        std::printf(">>> Failed to remove %s element in %s.\n", value.c_str(), key.c_str());
+    }
+    return isInteger(reply) ? static_cast<std::int32_t>(reply->integer) : 0;
+}
+
+bool hexists(redisContext* store, const std::string& key, const std::string& field) {
+    return isOne(sendFormatted(store, "HEXISTS %s %s", key.c_str(), field.c_str()));
+}
+
+bool hincrby(redisContext* store, const std::string& key, const std::string& field, int step,
+             std::int32_t& newValue) {
+    const ReplyPtr reply =
+        sendFormatted(store, "HINCRBY %s %s %d", key.c_str(), field.c_str(), step);
+    if (isInteger(reply)) {
+        newValue = static_cast<std::int32_t>(reply->integer);
+    }
+    return reply != nullptr;
+}
+
+bool hdel(redisContext* store, const std::string& key, const std::string& field) {
+    return isOne(sendFormatted(store, "HDEL %s %s", key.c_str(), field.c_str()));
+}
+
+bool exists(redisContext* store, const std::string& key) {
+    return isOne(sendFormatted(store, "EXISTS %s", key.c_str()));
+}
+
+bool hgetall(redisContext* store, const std::string& key, FieldMap& fields) {
+    const ReplyPtr reply = sendFormatted(store, "HGETALL %s", key.c_str());
+    if (!reply) {
+        return false;
+    }
+    for (std::size_t i = 0; i + 1 < elementCount(reply); i += 2) {
+        const char* field = requireText(reply->element[i]);
+        fields[field] = requireText(reply->element[i + 1]);
+    }
+    return true;
+}
+
+bool lrange(redisContext* store, const std::string& key, std::vector<std::string>& list) {
+    const ReplyPtr reply = sendFormatted(store, "LRANGE %s 0 -1", key.c_str());
+    if (!reply) {
+        return false;
+    }
+    for (std::size_t i = 0; i < elementCount(reply); ++i) {
+        list.emplace_back(requireText(reply->element[i]));
+    }
+    return true;
+}
+
+bool hsetMany(redisContext* store, const std::string& key, const FieldMap& fields) {
+    const ReplyPtr reply = setFields(store, "HSET", key, fields);
+    return reply && reply->type != REDIS_REPLY_ERROR;
+}
+
+bool hsetFields(redisContext* store, const std::string& key, const FieldMap& fields) {
+    static char commandWord[] = "HSET";
+    const ReplyPtr reply = setFields(store, commandWord, key, fields);
+    return isInteger(reply) && reply->integer >= 0;
+}
+
+bool send(redisContext* store, std::initializer_list<std::string_view> arguments) {
+    return sendArguments(store, arguments) != nullptr;
+}
+
+std::optional<long long> sendForInteger(redisContext* store,
+                                        std::initializer_list<std::string_view> arguments) {
+    const ReplyPtr reply = sendArguments(store, arguments);
+    return isInteger(reply) ? std::optional<long long>(reply->integer) : std::nullopt;
+}
+
+std::optional<long long> sendForInteger(redisContext* store,
+                                        const std::vector<std::string>& arguments) {
+    const std::vector<std::string_view> views(arguments.begin(), arguments.end());
+    const ReplyPtr reply = sendArguments(store, views);
+    return isInteger(reply) ? std::optional<long long>(reply->integer) : std::nullopt;
+}
+
+void appendWords(std::vector<std::string>& arguments, const std::string& text) {
+    std::size_t start = text.find_first_not_of(' ');
+    while (start != std::string::npos) {
+        const std::size_t end = text.find(' ', start);
+        arguments.push_back(text.substr(start, end - start));
+        start = text.find_first_not_of(' ', end);
+    }
+}
+
+std::optional<std::string> hgetReply(redisContext* store, const std::string& key,
+                                     const std::string& field, const char* otherwise) {
+    const ReplyPtr reply = sendFormatted(store, "HGET %s %s", key.c_str(), field.c_str());
+    if (!reply) {
+        return std::nullopt;
+    }
+    return reply->str ? textOf(reply.get()) : std::string(otherwise);
+}
+
+std::optional<long long> llenReply(redisContext* store, const std::string& key) {
+    const ReplyPtr reply = sendFormatted(store, "LLEN %s", key.c_str());
+    return reply ? std::optional<long long>(reply->integer) : std::nullopt;
+}
+
+std::optional<ScanPage> scan(redisContext* store, std::int32_t cursor, const std::string& pattern) {
+    const ReplyPtr reply =
+        sendFormatted(store, "SCAN %d MATCH %s COUNT 1000", cursor, pattern.c_str());
+    if (!reply || elementCount(reply) < 2 || !reply->element[0]->str ||
+        reply->element[1]->type != REDIS_REPLY_ARRAY) {
+        return std::nullopt;
+    }
+    ScanPage page;
+    page.nextCursor = static_cast<std::int32_t>(std::strtoll(reply->element[0]->str, nullptr, 10));
+    const redisReply* keys = reply->element[1];
+    page.keys.reserve(keys->elements);
+    for (std::size_t i = 0; i < keys->elements; ++i) {
+        if (keys->element[i]->str) {
+            page.keys.emplace_back(keys->element[i]->str);
+        }
+    }
+    return page;
+}
+
+ScriptAnswer evalsha(redisContext* store, const std::string& digest,
+                     const std::vector<std::string>& pieces) {
+    std::vector<std::string_view> arguments{"EVALSHA", digest};
+    arguments.insert(arguments.end(), pieces.begin(), pieces.end());
+    const ReplyPtr reply = sendArguments(store, arguments);
+
+    ScriptAnswer answer;
+    if (!reply) {
+        answer.kind = ScriptAnswer::Kind::lost;
+    } else if (reply->type == REDIS_REPLY_ERROR) {
+        answer.kind = ScriptAnswer::Kind::refused;
+        answer.text = textOf(reply.get());
+    } else if (reply->type == REDIS_REPLY_INTEGER) {
+        answer.kind = ScriptAnswer::Kind::integer;
+        answer.value = reply->integer;
+    } else if (elementCount(reply) == 2) {
+        answer.kind = ScriptAnswer::Kind::refused;
+        answer.text = textOf(reply->element[1]);
+    } else {
+        answer.kind = ScriptAnswer::Kind::unknown;
+    }
+    return answer;
+}
+
+bool subscribe(redisContext* store, const std::string& channel) {
+    return sendFormatted(store, "SUBSCRIBE %s", channel.c_str()) != nullptr;
+}
+
+std::optional<Announcement> readAnnouncement(redisContext* store) {
+    void* received = nullptr;
+    const int status = redisGetReply(store, &received);
+    const ReplyPtr reply(static_cast<redisReply*>(received));
+    if (status != REDIS_OK || !reply) {
+        return std::nullopt;
+    }
+    Announcement announcement;
+    announcement.elements = elementCount(reply);
+    if (announcement.elements > 0) {
+        const redisReply* last = reply->element[announcement.elements - 1];
+        if (last->str) {
+            announcement.text = last->str;
+        }
+    }
+    return announcement;
+}
+
+}  // namespace session_service::store
