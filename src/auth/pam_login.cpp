@@ -32,11 +32,15 @@ struct EndTransaction {
 };
 using TransactionPtr = std::unique_ptr<pam_handle_t, EndTransaction>;
 
-void refreshSettings() {
+// Reads the settings files again. Returns whether groups are asked for with Kerberos.
+bool refreshSettings() {
     readGroupSetting("Attribute", groupSettings.attribute);
     readGroupSetting("Administrator", groupSettings.administrator);
     readGroupSetting("Operator", groupSettings.operatorGroup);
     readGroupSetting("User", groupSettings.user);
+    const bool groupingEnabled = isKrbAttrGroupingEnabled();
+    loadGroupPrivileges();
+    return groupingEnabled;
 }
 
 // The privilege value of the first role, from administrator down to user, whose group
@@ -125,10 +129,7 @@ int checkAccount(pam_handle_t* handle, const char* userName) {
 
 int authenticateUser(const char* userName, const char* password, const char* remoteHost,
                      char* privilegeOut, int privilegeOutSize) {
-    refreshSettings();
-    const bool groupingEnabled = isKrbAttrGroupingEnabled();
-    loadGroupPrivileges();
-
+    const bool groupingEnabled = refreshSettings();
     const pam_conv conversation{pamConversation, const_cast<char*>(password)};
     pam_handle_t* started = nullptr;
     if (pam_start(pamService, userName, &conversation, &started) != PAM_SUCCESS) {

@@ -54,7 +54,7 @@ std::string currentTimestamp() {
     std::string text(formatted.data(),
                      std::strftime(formatted.data(), formatted.size(), "%FT%T%z", &local));
     if (text.size() >= 2) {
-        text.insert(text.size() - 2, ":");
+        text.insert(text.end() - 2, ':');
     }
     return text;
 }

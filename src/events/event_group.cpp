@@ -1,12 +1,11 @@
 #include "events/event_group.h"
 
 #include <atomic>
-#include <exception>
 #include <limits>
-#include <stdexcept>
 #include <string>
 
 #include "frame/logger.h"
+#include "frame/number.h"
 #include "frame/resource_names.h"
 
 namespace session_service {
@@ -18,20 +17,6 @@ const std::string counterField = "&&EVENT_GROUP_ID_COUNTER";
 // Also the mark that no valid maximum has been read yet.
 constexpr std::int32_t noMaximum = std::numeric_limits<std::int32_t>::max();
 std::atomic<std::int32_t> cachedMaximum{noMaximum};
-
-// The setting's value; 0 when it is no number of 32 bits.
-std::int32_t parseMaximum(const std::string& setting) {
-    try {
-        return std::stoi(setting);
-    } catch (const std::invalid_argument& failure) {
-        logger->debug("Max EventGroupId value type error %s", failure.what());
-    } catch (const std::out_of_range& failure) {
-        logger->debug("Max EventGroupId value out of range %s", failure.what());
-    } catch (const std::exception&) {
-        logger->debug("Max EventGroupId value error.");
-    }
-    return 0;
-}
 
 void setCounter(redisContext* store, const char* value) {
     if (!store::sendForInteger(store, {"HSET", counterKey, counterField, value})) {
@@ -50,7 +35,9 @@ std::int32_t maxEventGroupId(redisContext* store) {
     if (setting.find('.') != std::string::npos) {
         return noMaximum;
     }
-    const std::int32_t maximum = parseMaximum(setting);
+    constexpr NumberFaults faults{"Max EventGroupId value type error",
+                                  "Max EventGroupId value out of range"};
+    const std::int32_t maximum = parseNumber(setting, faults, FaultLevel::debug).value_or(0);
     if (maximum <= 0) {
         logger->debug("The default max value was set to invalid value.");
         return noMaximum;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+#include <string_view>
 
 #include "platform/config_file.h"
 #include "platform/file_descriptor.h"
@@ -51,23 +52,21 @@ bool isControl(char character) {
 }
 
 // Names and addresses come from clients: none of them may begin a line of its own.
-std::string escapeControls(std::string message) {
+std::string escapeControls(const std::string& message) {
+    constexpr std::string_view digits = "0123456789abcdef";
     std::string escaped;
-    for (std::size_t i = 0; i < message.size(); ++i) {
-        if (isControl(message[i])) {
-            constexpr std::string_view digits = "0123456789abcdef";
-            const auto code = static_cast<unsigned char>(message[i]);
-            if (escaped.empty()) {
-                escaped = message.substr(0, i);
-            }
+    escaped.reserve(message.size());
+    for (const char character : message) {
+        if (isControl(character)) {
+            const auto code = static_cast<unsigned char>(character);
             escaped += "\\x";
             escaped += digits[code >> 4];
             escaped += digits[code & 0xf];
-        } else if (!escaped.empty()) {
-            escaped += message[i];
+        } else {
+            escaped += character;
         }
     }
-    return escaped.empty() ? std::move(message) : escaped;
+    return escaped;
 }
 
 bool writeAll(int descriptor, const std::string& text) {
@@ -172,7 +171,7 @@ void Logger::write(Kind kind, const char* format, va_list arguments) {
     std::fprintf(stderr, "%s: %s\n", tags[kind], message.c_str());
 }
 
-// False when the file cannot be opened.
+// False when the message could not be written.
 bool Logger::writeToFile(Kind kind, const std::string& message) const {
     const std::time_t now = std::time(nullptr);
     const std::string date = composeDate(now);
@@ -182,10 +181,9 @@ bool Logger::writeToFile(Kind kind, const std::string& message) const {
     if (!file) {
         return false;
     }
-    // One write: lines of several threads never mix.
-    writeAll(file.get(),
-             date + ' ' + std::to_string(now) + ' ' + tags[kind] + ": " + message + '\n');
-    return true;
+    // One write for the whole line: lines of several threads do not mix.
+    return writeAll(file.get(),
+                    date + ' ' + std::to_string(now) + ' ' + tags[kind] + ": " + message + '\n');
 }
 
 void Logger::rotateIfNeeded(std::time_t now) const {

@@ -1,11 +1,13 @@
 // Start-up of the daemon: the store is brought up, then the worker threads serve until
 // their connections end.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -33,10 +35,19 @@ pthread_t createThread;
 pthread_t deleteThread;
 pthread_t timeoutThread;
 
-// The object of the PATCH machinery. It lives until the process ends.
+// Whether threads are running that share what this file owns.
+bool workersExist = false;
+
+// The object of the PATCH machinery. It is never destroyed, but kept in reach.
 SessionService* service = nullptr;
 
 void prepareProcess() {
+    // A store connection must not become what diagnostics are printed on.
+    int descriptor = open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = open("/dev/null", O_RDWR);
+    }
+    close(descriptor);
     // hiredis sends without MSG_NOSIGNAL: a lost store must be seen as "no reply".
     signal(SIGPIPE, SIG_IGN);
     // Passwords pass through this process. A limit of 0 stops core files; a kernel that
@@ -118,9 +129,8 @@ void joinWorker(pthread_t thread, const char* failure) {
     _exit(startFailure & 0xff);
 }
 
-// Everything between the logger's birth and its death. `workersExist` tells the caller,
-// also when an exception passes, whether threads are running.
-int run(bool& workersExist) {
+// Everything between the logger's birth and its death.
+int run() {
     {
         const ConnectionPtr store = store::connect();
         if (!store) {
@@ -168,9 +178,9 @@ int reportInitializationError(const std::exception& failure) {
     return startFailure;
 }
 
-int runGuarded(bool& workersExist) {
+int runGuarded() {
     try {
-        return run(workersExist);
+        return run();
     } catch (const std::logic_error& failure) {
         return reportInitializationError(failure);
     } catch (const std::runtime_error& failure) {
@@ -192,8 +202,7 @@ int main() {
     if (logger->isFileEnabled()) {
         logger->debug("SessionService log is starting ...");
     }
-    bool workersExist = false;
-    const int status = runGuarded(workersExist);
+    const int status = runGuarded();
     if (workersExist) {
         endUnderWorkers();
     }

@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <memory>
+
 namespace session_service {
 
 // One record exists for the whole run; the create, delete and timeout threads get its
@@ -16,6 +18,15 @@ struct WorkerContext {
     // Signalled after a session was created.
     pthread_cond_t dataReady;
 };
+
+struct UnlockMutex {
+    void operator()(pthread_mutex_t* mutex) const noexcept { pthread_mutex_unlock(mutex); }
+};
+// A mutex that is held; null: none is.
+using HeldMutex = std::unique_ptr<pthread_mutex_t, UnlockMutex>;
+
+// How long a request waits for the data mutex.
+inline constexpr int dataMutexSeconds = 2;
 
 // Tries the mutex every 100 ms, seconds * 10 + 1 times at most.
 // Returns true with the mutex held, false when it could not be taken, and false at once

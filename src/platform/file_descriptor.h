@@ -8,7 +8,8 @@
 namespace session_service {
 
 // Closes the descriptor when it goes out of scope; a negative one means none.
-struct FileDescriptor {
+class FileDescriptor {
+  public:
     explicit FileDescriptor(int opened = -1) noexcept : descriptor(opened) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;

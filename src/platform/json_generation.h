@@ -18,7 +18,7 @@ char* convertRedisDataToJsonString(const char* source);
 
 // The list named by `source` as an array. An element is JSON text, or "&&ObjectRef
 // URI", "&&Object KEY" or "&&Array KEY"; anything else is a JSON string. A missing
-// list is an empty array.
+// list is an empty array. The connection must not be null.
 char* convertArrayDataToJsonString(redisContext* connection, const char* source);
 
 // {"@odata.id": source}. Reads nothing; the connection may be null.

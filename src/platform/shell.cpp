@@ -51,6 +51,7 @@ pid_t startShell(const char* command, int output) {
     return child;
 }
 
+// Returns the child's wait status, or -1.
 int waitFor(pid_t child) {
     int status = -1;
     while (waitpid(child, &status, 0) < 0) {

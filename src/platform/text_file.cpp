@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 namespace session_service {
@@ -23,7 +24,7 @@ struct LineBuffer {
 ReadOutcome readLines(const char* path, const std::function<bool(const std::string&)>& handle) {
     const FilePtr file(std::fopen(path, "re"));
     if (!file) {
-        return ReadOutcome::notOpened;
+        return {ReadStatus::notOpened};
     }
     LineBuffer buffer;
     ssize_t length = 0;
@@ -33,10 +34,13 @@ ReadOutcome readLines(const char* path, const std::function<bool(const std::stri
             line.pop_back();
         }
         if (!handle(line)) {
-            return ReadOutcome::complete;
+            return {ReadStatus::complete};
         }
     }
-    return std::ferror(file.get()) != 0 ? ReadOutcome::failed : ReadOutcome::complete;
+    if (std::feof(file.get()) != 0) {
+        return {ReadStatus::complete};
+    }
+    return {ReadStatus::failed, errno};
 }
 
 }  // namespace session_service

@@ -13,10 +13,15 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
-enum class ReadOutcome {
+enum class ReadStatus {
     complete,   // the end was reached, or `handle` returned false
     notOpened,  // nothing was read
-    failed,     // reading broke off; errno says why
+    failed,     // reading broke off
+};
+
+struct ReadOutcome {
+    ReadStatus status;
+    int error = 0;  // where it failed: the errno that says why
 };
 
 // Hands each line, without its line feed, to `handle` until that returns false.

@@ -25,10 +25,9 @@ int messageLifetime(redisContext* store) {
     if (setting.empty()) {
         return defaultLifetime;
     }
-    constexpr long long most = std::numeric_limits<int>::max();
-    const long long milliseconds =
-        std::clamp(std::strtoll(setting.c_str(), nullptr, 10), 0LL, most);
-    return static_cast<int>(milliseconds / 1000) + 1;
+    constexpr long long most = std::numeric_limits<int>::max() - 1;
+    const long long seconds = std::strtoll(setting.c_str(), nullptr, 10) / 1000;
+    return static_cast<int>(std::clamp(seconds, 0LL, most)) + 1;
 }
 
 }  // namespace

@@ -28,6 +28,8 @@ inline const std::string returnStatusField = "&&ReturnStatus";
 inline const std::string extendedInfoField = "&&ExtendedInfo";
 inline const std::string responseDataField = "&&ResponseData";
 
+inline constexpr const char* databaseOperationError = "ExtendedError.1.2.DatabaseOperationError";
+
 // The text in double quotes, with a backslash before every double quote and backslash
 // inside. It serves message arguments and the JSON strings of stored properties.
 std::string quoteArg(const std::string& text);

@@ -79,8 +79,7 @@ void handlePatchRequest(const Notice& notice) {
         method == "PATCH" && !targetUri.empty() && applyBody(store, notice, targetUri, list);
     if (!store::publishAny(store, returnChannel, notice.replyKey)) {
         logger->error("DatabaseOperationError: Failed to publish data.");
-        writeExceptionReply(store, notice.replyKey, list,
-                            "ExtendedError.1.2.DatabaseOperationError");
+        writeExceptionReply(store, notice.replyKey, list, databaseOperationError);
     }
     if (changed) {
         EventList events;

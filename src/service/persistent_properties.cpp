@@ -1,7 +1,6 @@
 #include "service/persistent_properties.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -15,7 +14,8 @@ namespace {
 
 constexpr const char* propertyFile = "/var/nginx/SessionPersistentProp.conf";
 
-void loadLine(redisContext* store, const std::string& line) {
+void loadLine(redisContext* store, const std::string& text) {
+    const std::string line = text.c_str();
     const std::size_t separator = line.find('=');
     if (line.empty() || line.front() == '#' || separator == std::string::npos ||
         separator + 1 == line.size()) {
@@ -30,6 +30,12 @@ void loadLine(redisContext* store, const std::string& line) {
     }
 }
 
+// One line, whatever the value holds: a second one would be a property of its own.
+std::string formatLine(const FieldMap::value_type& property) {
+    const auto& [name, value] = property;
+    return name + '=' + value.substr(0, value.find('\n'));
+}
+
 }  // namespace
 
 void loadPersistentProperties(redisContext* store) {
@@ -37,8 +43,8 @@ void loadPersistentProperties(redisContext* store) {
         loadLine(store, line);
         return true;
     });
-    if (outcome == ReadOutcome::failed) {
-        logger->debug("Failed to get persistent properties: %s.", std::strerror(errno));
+    if (outcome.status == ReadStatus::failed) {
+        logger->debug("Failed to get persistent properties: %s.", std::strerror(outcome.error));
     }
 }
 
@@ -48,12 +54,11 @@ void savePersistentProperties(const FieldMap& properties) {
         const auto mentioned = std::find_if(
             properties.begin(), properties.end(),
             [&](const auto& property) { return line.find(property.first) != std::string::npos; });
-        lines.push_back(mentioned == properties.end() ? line
-                                                      : mentioned->first + '=' + mentioned->second);
+        lines.push_back(mentioned == properties.end() ? line : formatLine(*mentioned));
         return true;
     });
     // What could not be read whole must not be truncated.
-    if (outcome != ReadOutcome::complete) {
+    if (outcome.status != ReadStatus::complete) {
         return;
     }
     const FilePtr file(std::fopen(propertyFile, "we"));

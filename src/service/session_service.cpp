@@ -2,11 +2,11 @@
 
 #include <pthread.h>
 
-#include <exception>
 #include <stdexcept>
 #include <string>
 
 #include "frame/logger.h"
+#include "frame/number.h"
 #include "frame/resource_names.h"
 #include "service/patch.h"
 
@@ -71,15 +71,9 @@ SessionService::SessionService() {
 
 void SessionService::readSettings(redisContext* store) {
     const std::string stored = store::hget(store, serviceUri, "SessionTimeout");
-    try {
-        timeout = std::stoi(stored);
-    } catch (const std::invalid_argument& failure) {
-        logger->debug("SessionTimeout value type error %s", failure.what());
-    } catch (const std::out_of_range& failure) {
-        logger->debug("SessionTimeout value out of range %s", failure.what());
-    } catch (const std::exception&) {
-        logger->debug("SessionTimeout value error.");
-    }
+    constexpr NumberFaults faults{"SessionTimeout value type error",
+                                  "SessionTimeout value out of range"};
+    timeout = parseNumber(stored, faults, FaultLevel::debug).value_or(timeout);
     enabled = store::hget(store, serviceUri, "ServiceEnabled") == "true";
 }
 

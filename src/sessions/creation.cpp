@@ -24,7 +24,6 @@ namespace {
 constexpr const char* keyFile = "/var/nginx/pkey.tmp";
 constexpr std::size_t longestPassword = 1024;
 constexpr int mostSessions = 8;
-constexpr int lockSeconds = 2;
 
 const std::string tokenField = "&&X-Auth-Token";
 
@@ -47,17 +46,15 @@ void refuse(redisContext* store, Reply& reply, const char* status, const char* m
 // Counts the sessions under the data mutex. False, with the reply written, when there are
 // too many or the mutex was not to be had in time.
 bool admitSession(redisContext* store, Reply& reply, WorkerContext& context) {
-    const bool locked = tryLockFor(context.dataMutex, lockSeconds);
+    const HeldMutex lock(tryLockFor(context.dataMutex, dataMutexSeconds) ? &context.dataMutex
+                                                                         : nullptr);
     const int count = countRedfishSessions(store);
-    const bool admitted = locked && count < mostSessions;
-    if (!admitted) {
-        refuse(store, reply, "UNAVAILABLE",
-               count >= mostSessions ? "Base.1.12.SessionLimitExceeded" : nullptr);
+    if (lock && count < mostSessions) {
+        return true;
     }
-    if (locked) {
-        pthread_mutex_unlock(&context.dataMutex);
-    }
-    return admitted;
+    refuse(store, reply, "UNAVAILABLE",
+           count >= mostSessions ? "Base.1.12.SessionLimitExceeded" : nullptr);
+    return false;
 }
 
 // What a login may do.
@@ -100,7 +97,7 @@ bool completeSession(redisContext* store, Reply& reply, const NewSession& sessio
     const std::string timeout = store::hget(store, serviceUri, "SessionTimeout");
     if (!writeMetaSessionRecord(store, session, timeout)) {
         logger->error("Failed to create meta session table.");
-        refuse(store, reply, "FAILURE", "ExtendedError.1.2.DatabaseOperationError");
+        refuse(store, reply, "FAILURE", databaseOperationError);
         return false;
     }
     if (!addSessionMember(store, session.id.c_str())) {
@@ -161,7 +158,7 @@ int createSession(redisContext* store, const LoginRequest& request, WorkerContex
     const std::string uri = sessionUriOf(session.id);
     if (!writeSessionRecord(store, session)) {
         logger->error("Failed to add session entry.");
-        refuse(store, reply, "FAILURE", "ExtendedError.1.2.DatabaseOperationError");
+        refuse(store, reply, "FAILURE", databaseOperationError);
         return 0;
     }
     const std::string groupId = std::to_string(nextEventGroupId(store));

@@ -17,9 +17,6 @@
 namespace session_service {
 namespace {
 
-constexpr int lockSeconds = 2;
-constexpr const char* databaseError = "ExtendedError.1.2.DatabaseOperationError";
-
 bool wantsReply(const ReplyFields& fields) {
     return !fieldOf(fields, replyKeyItem).empty();
 }
@@ -39,7 +36,7 @@ void reportLostStore(redisContext* store, ReplyFields& fields, MessageInfo& mess
                      const char* logText) {
     if (wantsReply(fields)) {
         logger->error("%s", logText);
-        replyWithoutData(store, fields, message, "FAILURE", databaseError);
+        replyWithoutData(store, fields, message, "FAILURE", databaseOperationError);
     }
 }
 
@@ -47,6 +44,18 @@ void eraseFirst(std::string& text, char character) {
     const std::size_t position = text.find(character);
     if (position != std::string::npos) {
         text.erase(position, 1);
+    }
+}
+
+// Removes what a session's own keys hold.
+void removeKeys(redisContext* store, const std::string& tokenKey, const std::string& uri) {
+    const std::string tokenReference = tokenReferencePrefix + uri;
+    // Targets come from clients: "Members" and its like name lists of this service.
+    if (tokenReference == membersKey || tokenReference == createQueue ||
+        tokenReference == deleteQueue) {
+        store::send(store, {"UNLINK", tokenKey, uri});
+    } else {
+        store::send(store, {"UNLINK", tokenKey, uri, tokenReference});
     }
 }
 
@@ -68,9 +77,9 @@ void deleteUnderLock(redisContext* store, const std::string& sessionId,
     MessageInfo message;
     composeReplyKeys(replyKey, fields, message);
     const bool answered = wantsReply(fields);
-    if (tryLockFor(context.dataMutex, lockSeconds)) {
+    if (tryLockFor(context.dataMutex, dataMutexSeconds)) {
+        const HeldMutex lock(&context.dataMutex);
         deleteSession(store, sessionId, fields, message, context);
-        pthread_mutex_unlock(&context.dataMutex);
     } else if (answered) {
         const std::string retryAfterSeconds = "1";
         replyWithoutData(store, fields, message, "UNAVAILABLE",
@@ -102,14 +111,14 @@ int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields
     eraseFirst(tokenKey.text, '"');
 
     const std::string userName = stripQuotes(store::hget(store, uri, "UserName"));
-    store::send(store, {"UNLINK", tokenKey.text, uri, tokenReferencePrefix + uri});
+    removeKeys(store, tokenKey.text, uri);
 
     const std::string groupId = std::to_string(nextEventGroupId(store));
     EventList events;
     appendEvent(events, "delete", uri, "Session", groupId);
     if (store::hget(store, collectionUri, membersCountField).empty()) {
         logger->error("Failed to get sessions.");
-        replyWithoutData(store, fields, message, "FAILURE", databaseError);
+        replyWithoutData(store, fields, message, "FAILURE", databaseOperationError);
         generateLifeCycleEvents(store, events);
         return 0;
     }

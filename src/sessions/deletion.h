@@ -14,10 +14,11 @@ namespace session_service {
 // connection has ended or the exit notice arrived.
 void* deleteSessionThread(void* workerContext);
 
-// Serves the request at `requestKey` over a connection of its own. Whoever may delete a
-// session was settled before the request was announced. A request without a return
-// channel or a target is logged and not answered; otherwise the reply key is published
-// last, unless it is empty. Waits for the data mutex at most 2 seconds.
+// Serves the request at `requestKey` over a connection of its own. Who may delete a
+// session was settled before the request was announced. An empty request key is ignored;
+// a missing store, return channel or target is logged and not answered. Otherwise the
+// reply key is published last; an empty one only by the refusals that come before the
+// deletion. Waits for the data mutex at most dataMutexSeconds.
 void handleDeleteSessionRequest(const std::string& requestKey, const std::string& replyKey,
                                 WorkerContext& context);
 

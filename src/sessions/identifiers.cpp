@@ -1,13 +1,13 @@
 #include "sessions/identifiers.h"
 
 #include <fcntl.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "frame/resource_names.h"
 #include "platform/file_descriptor.h"
@@ -34,6 +34,8 @@ std::string generateRandomHex(unsigned byteCount) {
         std::snprintf(formatted.data(), formatted.size(), "%0*x", static_cast<int>(chunkSize * 2),
                       chunk);
         digits += formatted.data();
+        explicit_bzero(&chunk, sizeof(chunk));
+        explicit_bzero(formatted.data(), formatted.size());
         byteCount -= chunkSize;
     }
     return digits;

@@ -29,14 +29,15 @@ std::string sessionUriOf(const std::string& id);
 // escapes inside are left as they are.
 std::string stripQuotes(const std::string& text);
 
-// Writes the session resource with one command. False when the store refused it.
+// Writes the session resource with one command. False when the store refused it or is
+// lost.
 bool writeSessionRecord(redisContext* store, const NewSession& session);
 
 // Writes the token reference, and the collection's prefix into the session resource.
 void writeTokenReference(redisContext* store, const NewSession& session);
 
 // Writes the token record with one command, last used now; `timeout` is stored as it is.
-// False when the store refused it.
+// False when the store refused it or is lost.
 bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
                             const std::string& timeout);
 

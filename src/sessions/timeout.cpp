@@ -25,16 +25,6 @@ namespace {
 
 constexpr useconds_t passInterval = 1'000'000;
 
-// Holds the mutex for a scope, however long it takes to get it.
-struct MutexLock {
-    pthread_mutex_t& mutex;
-
-    explicit MutexLock(pthread_mutex_t& locked) : mutex(locked) { pthread_mutex_lock(&mutex); }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-    ~MutexLock() { pthread_mutex_unlock(&mutex); }
-};
-
 std::int32_t parseSeconds(const std::string& text) {
     return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
@@ -94,7 +84,8 @@ void* sessionTimeoutThread(void* workerContext) {
     try {
         while (!shouldStop(context.stopMutex)) {
             usleep(passInterval);
-            const MutexLock lock(context.dataMutex);
+            pthread_mutex_lock(&context.dataMutex);
+            const HeldMutex lock(&context.dataMutex);
             expireIdleSessions(store.get(), context);
         }
     } catch (const std::exception& failure) {

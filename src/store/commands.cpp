@@ -23,15 +23,18 @@ bool isOne(const ReplyPtr& reply) {
     return isInteger(reply) && reply->integer == 1;
 }
 
+std::optional<long long> integerOf(const ReplyPtr& reply) {
+    return isInteger(reply) ? std::optional<long long>(reply->integer) : std::nullopt;
+}
+
 std::size_t elementCount(const ReplyPtr& reply) {
     return reply->type == REDIS_REPLY_ARRAY ? reply->elements : 0;
 }
 
-ReplyPtr setFields(redisContext* store, const char* commandWord, const std::string& key,
-                   const FieldMap& fields) {
+ReplyPtr setFields(redisContext* store, const std::string& key, const FieldMap& fields) {
     std::vector<std::string_view> arguments;
     arguments.reserve(2 + 2 * fields.size());
-    arguments.emplace_back(commandWord);
+    arguments.emplace_back("HSET");
     arguments.emplace_back(key);
     for (const auto& [field, value] : fields) {
         arguments.emplace_back(field);
@@ -177,13 +180,12 @@ bool lrange(redisContext* store, const std::string& key, std::vector<std::string
 }
 
 bool hsetMany(redisContext* store, const std::string& key, const FieldMap& fields) {
-    const ReplyPtr reply = setFields(store, "HSET", key, fields);
+    const ReplyPtr reply = setFields(store, key, fields);
     return reply && reply->type != REDIS_REPLY_ERROR;
 }
 
 bool hsetFields(redisContext* store, const std::string& key, const FieldMap& fields) {
-    static char commandWord[] = "HSET";
-    const ReplyPtr reply = setFields(store, commandWord, key, fields);
+    const ReplyPtr reply = setFields(store, key, fields);
     return isInteger(reply) && reply->integer >= 0;
 }
 
@@ -193,15 +195,13 @@ bool send(redisContext* store, std::initializer_list<std::string_view> arguments
 
 std::optional<long long> sendForInteger(redisContext* store,
                                         std::initializer_list<std::string_view> arguments) {
-    const ReplyPtr reply = sendArguments(store, arguments);
-    return isInteger(reply) ? std::optional<long long>(reply->integer) : std::nullopt;
+    return integerOf(sendArguments(store, arguments));
 }
 
 std::optional<long long> sendForInteger(redisContext* store,
                                         const std::vector<std::string>& arguments) {
     const std::vector<std::string_view> views(arguments.begin(), arguments.end());
-    const ReplyPtr reply = sendArguments(store, views);
-    return isInteger(reply) ? std::optional<long long>(reply->integer) : std::nullopt;
+    return integerOf(sendArguments(store, views));
 }
 
 void appendWords(std::vector<std::string>& arguments, const std::string& text) {

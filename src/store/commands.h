@@ -102,7 +102,8 @@ bool hsetMany(redisContext* store, const std::string& key, const FieldMap& field
 // The same; true only for an integer reply of at least 0.
 bool hsetFields(redisContext* store, const std::string& key, const FieldMap& fields);
 
-// Commands that no wrapper covers. Each argument is one argument on the wire.
+// Commands that no wrapper covers. Each argument is one argument on the wire, whatever
+// bytes it holds.
 
 // True when there was a reply, of whatever kind.
 bool send(redisContext* store, std::initializer_list<std::string_view> arguments);

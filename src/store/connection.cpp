@@ -27,11 +27,19 @@ constexpr const char* socketDirectoryCommand =
     "dirname $(grep -m 1 '^unixsocket ' /etc/redis/redis.conf |                 awk '{print $2}') "
     "| tr -d '\\n'";
 
-struct Free {
-    void operator()(void* memory) const noexcept { std::free(memory); }
+// Either may hold the store's password.
+struct WipeAndFree {
+    void operator()(char* text) const noexcept {
+        explicit_bzero(text, std::strlen(text));
+        std::free(text);
+    }
+    void operator()(ConnectionInfo* info) const noexcept {
+        explicit_bzero(info, sizeof(*info));
+        std::free(info);
+    }
 };
-using TextPtr = std::unique_ptr<char, Free>;
-using InfoPtr = std::unique_ptr<ConnectionInfo, Free>;
+using TextPtr = std::unique_ptr<char, WipeAndFree>;
+using InfoPtr = std::unique_ptr<ConnectionInfo, WipeAndFree>;
 
 // The outcome of the first successful discovery. The lock also keeps two first callers
 // from running the discovery twice.
@@ -110,7 +118,7 @@ char* getRedisConfiguration(const char* key, const char* directory) noexcept {
     if (!key || !directory || std::strlen(key) + std::strlen(directory) > lineSize - 1) {
         return nullptr;
     }
-    char path[lineSize + sizeof("/redis.")];
+    char path[2 * lineSize + sizeof("/redis.")];
     std::snprintf(path, sizeof(path), "%s/%s%s", directory, "redis.", key);
     const FilePtr file(std::fopen(path, "re"));
     if (!file) {
@@ -170,8 +178,7 @@ int redisAuthentication(redisContext* context, const char* password) noexcept {
     if (!context || !password) {
         return 1;
     }
-    const session_service::store::ReplyPtr reply(
-        static_cast<redisReply*>(redisCommand(context, "%s %s", "AUTH", password)));
+    const auto reply = session_service::store::sendFormatted(context, "%s %s", "AUTH", password);
     const bool accepted =
         reply && reply->type == REDIS_REPLY_STATUS && std::strcmp(reply->str, "OK") == 0;
     return accepted ? 0 : 1;
@@ -187,7 +194,6 @@ redisContext* redisConnectContext(void) noexcept {
         redisFree(context);
         context = nullptr;
     }
-    explicit_bzero(info->password, sizeof(info->password));
     return context;
 }
 

@@ -42,13 +42,14 @@ SESSION_SERVICE_EXPORT redisContext* redisConnectContext(void) noexcept;
 SESSION_SERVICE_EXPORT int redisDisconnectContext(redisContext* context) noexcept;
 
 // Connects to what `info` names, without AUTH; sets info->host where it is null and
-// the kind is TCP. Returns null for a null or unknown kind of `info` and when the
+// the kind is TCP. Returns null for a null `info`, for an unknown kind, and when the
 // server cannot be reached.
 SESSION_SERVICE_EXPORT redisContext* connectToRedis(ConnectionInfo* info) noexcept;
 
 // Returns the parameters, to be released with free, or null when they cannot be
 // found: no port file, a port that is no plain number, or neither a socket file nor
-// the standard port. The first success fills a cache that later calls copy.
+// the standard port (the port 0 gives a path that nobody listens on). The first success
+// fills a cache that later calls copy.
 SESSION_SERVICE_EXPORT ConnectionInfo* getRedisConnectionInfo(void) noexcept;
 
 // Reads the first line of DIRECTORY/redis.KEY, its line feed included. Returns a

@@ -19,7 +19,8 @@ using ReplyPtr = std::unique_ptr<redisReply, FreeReply>;
 
 // Sends one command whose format holds the command word, and %s or %d for each
 // argument, and waits for its reply. Null: the connection is lost.
-ReplyPtr sendFormatted(redisContext* store, const char* format, ...);
+ReplyPtr sendFormatted(redisContext* store, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // The same for a command given as its arguments, which may hold any bytes.
 ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments);
