@@ -4,6 +4,7 @@
 #include <chrono>
 #include <ctime>
 
+#include "frame/local_time.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "platform/config_file.h"
@@ -48,8 +49,7 @@ std::string currentTimestamp() {
     const std::time_t now = std::chrono::system_clock::to_time_t(
         std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
     std::tm local{};
-    tzset();
-    localtime_r(&now, &local);
+    toLocalTime(now, local);
     std::array<char, 64> formatted{};
     std::string text(formatted.data(),
                      std::strftime(formatted.data(), formatted.size(), "%FT%T%z", &local));

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "frame/local_time.h"
 #include "platform/config_file.h"
 #include "platform/file_descriptor.h"
 #include "platform/shell.h"
@@ -84,8 +85,7 @@ bool writeAll(int descriptor, const std::string& text) {
 std::string composeDate(std::time_t now) {
     std::array<char, 64> date{};
     std::tm local{};
-    tzset();
-    if (localtime_r(&now, &local) &&
+    if (toLocalTime(now, local) &&
         std::strftime(date.data(), date.size() - 1, "%b %e %T", &local) == 0) {
         std::fputs("Fail to compose date time string.\n", stderr);
     }

@@ -38,8 +38,9 @@ pthread_t timeoutThread;
 // Whether threads are running that share what this file owns.
 bool workersExist = false;
 
-// The object of the PATCH machinery. It is never destroyed, but kept in reach.
-SessionService* service = nullptr;
+// The object of the PATCH machinery. It is never destroyed, but kept in reach: volatile,
+// or an optimizer drops the pointer that nobody reads and leaves a leak to be found.
+SessionService* volatile service = nullptr;
 
 void prepareProcess() {
     // A store connection must not become what diagnostics are printed on.

@@ -1,7 +1,6 @@
 #include "platform/config_file.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -20,9 +19,7 @@ std::string_view trim(std::string_view text) {
 
 void copyCut(std::string_view value, char* buffer, std::size_t bufferSize) {
     if (bufferSize > 0) {
-        const std::size_t length = std::min(value.size(), bufferSize - 1);
-        std::memcpy(buffer, value.data(), length);
-        buffer[length] = '\0';
+        buffer[value.copy(buffer, bufferSize - 1)] = '\0';
     }
 }
 

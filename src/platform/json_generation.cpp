@@ -42,7 +42,10 @@ json parseValue(const std::string& text, int level) {
 json objectOf(redisContext* connection, const std::string& key, int level);
 json arrayOf(redisContext* connection, const std::string& key, int level);
 
-json objectRefOf(const std::string& uri) {
+json objectRefOf(const std::string& uri, int level) {
+    if (level > mostLevels) {
+        failTooDeep();
+    }
     return {{"@odata.id", uri}};
 }
 
@@ -54,7 +57,7 @@ bool convertToken(redisContext* connection, const std::string& token, const std:
     } else if (token == "&&Array") {
         value = arrayOf(connection, source, level);
     } else if (token == "&&ObjectRef") {
-        value = objectRefOf(source);
+        value = objectRefOf(source, level);
     } else {
         return false;
     }
@@ -148,5 +151,5 @@ char* convertArrayDataToJsonString(redisContext* connection, const char* source)
 }
 
 char* convertObjectRefDataToJsonString(redisContext* /*connection*/, const char* source) {
-    return generate([=] { return objectRefOf(source); });
+    return generate([=] { return objectRefOf(source, 1); });
 }
