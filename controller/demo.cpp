@@ -1,0 +1,417 @@
+// Shows the life of sessions on a bench controller, and checks all that it shows.
+// Exit status 0: everything was as it must be.
+#include <signal.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "controller/accounts.h"
+#include "controller/bench_controller.h"
+
+namespace {
+
+using bench::Account;
+using bench::Fields;
+using bench::Reply;
+using bench::Value;
+using bench::Words;
+
+constexpr char eventStream[] = "&&EventStream";
+constexpr char auditMembersKey[] = "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
+constexpr std::size_t sessionLimit = 8;
+
+// What should be found in the event stream: action, resource, type, group identifier.
+struct Event {
+    std::string action;
+    std::string resource;
+    std::string type;
+    std::string group;
+
+    bool operator==(const Event&) const = default;
+};
+
+struct AuditEntry {
+    std::string messageId;
+    std::string user;
+    std::string origin;
+
+    bool operator==(const AuditEntry&) const = default;
+};
+
+// Nobody needs a whole token on the screen.
+std::string withShortTokens(std::string text) {
+    constexpr std::size_t digits = 64;
+    constexpr std::size_t kept = 8;
+    std::size_t run = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        run = std::isxdigit(static_cast<unsigned char>(text[at])) != 0 ? run + 1 : 0;
+        if (run == digits) {
+            at = at + 1 - digits + kept;
+            text.replace(at, digits - kept, "...");
+            run = 0;
+        }
+    }
+    return text;
+}
+
+std::string unquoted(const std::string& json) {
+    return json.size() > 1 && json.front() == '"' ? json.substr(1, json.size() - 2) : json;
+}
+
+void chapter(const std::string& title) {
+    std::cout << "\n== " << title << "\n";
+}
+
+void show(const std::string& title, const Fields& fields) {
+    std::cout << "   " << withShortTokens(title) << "\n";
+    for (const auto& [field, value] : fields) {
+        std::cout << "      " << std::left << std::setw(22) << field << " "
+                  << withShortTokens(value) << "\n";
+    }
+}
+
+class Demo {
+  public:
+    // Runs all chapters; returns whether everything was right.
+    bool run();
+    // Says how to use the running controller, and waits for an interrupt.
+    void keep();
+
+  private:
+    void showStart();
+    void showRefusal();
+    void showLogin();
+    void showPatch();
+    void showExpiry();
+    void showLogout();
+    void showLimit();
+    void showTrail();
+
+    // Logs in without output, and notes what a success has to leave in the trail.
+    Reply login(const Account& account);
+    // Notes what the end of a session has to leave in the trail.
+    void expectLogout(const std::string& sessionUri, const Account& account);
+    void expectEvents(const std::string& action, const std::string& sessionUri);
+    void showReply(const Reply& reply);
+    void check(bool right, const std::string& statement);
+
+    std::vector<Event> events();
+    std::vector<AuditEntry> auditEntries();
+
+    bench::BenchController controller_;
+    std::optional<bench::FrontEnd> frontEnd_;
+    std::optional<bench::StoreClient> store_;
+    std::string firstSession_;
+    std::vector<Event> expectedEvents_;
+    std::vector<AuditEntry> expectedAuditEntries_;
+    int lastGroup_ = 0;
+    bool allRight_ = true;
+};
+
+void Demo::check(bool right, const std::string& statement) {
+    std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
+    allRight_ = allRight_ && right;
+}
+
+void Demo::showReply(const Reply& reply) {
+    show("reply", reply.fields);
+    for (const bench::Message& message : reply.messages) {
+        std::cout << "      message                " << message.id;
+        for (const std::string& argument : message.arguments) {
+            std::cout << " " << argument;
+        }
+        std::cout << "\n";
+    }
+}
+
+std::vector<Event> Demo::events() {
+    std::vector<Event> found;
+    for (const Value& entry : store_->run({"XRANGE", eventStream, "-", "+"}).elements) {
+        const std::vector<Value>& items = entry.elements.at(1).elements;
+        found.push_back({items.at(1).text, items.at(3).text, items.at(5).text, items.at(7).text});
+    }
+    return found;
+}
+
+std::vector<AuditEntry> Demo::auditEntries() {
+    std::vector<AuditEntry> found;
+    const std::string reference = "&&ObjectRef ";
+    const Words members = store_->lrange(auditMembersKey);
+    for (auto member = members.rbegin(); member != members.rend(); ++member) {
+        const Fields entry = store_->hgetall(member->substr(reference.size()));
+        // ["user"] and {"OriginOfCondition":{"@odata.id":"uri"}}
+        const std::string user = entry.at("MessageArgs");
+        const std::string links = entry.at("Links");
+        const std::size_t uri = links.rfind(":\"") + 2;
+        found.push_back({unquoted(entry.at("MessageId")), user.substr(2, user.size() - 4),
+                         links.substr(uri, links.rfind('"') - uri)});
+    }
+    return found;
+}
+
+void Demo::expectEvents(const std::string& action, const std::string& sessionUri) {
+    const std::string group = std::to_string(++lastGroup_);
+    expectedEvents_.push_back({action, sessionUri, "Session", group});
+    expectedEvents_.push_back({"change", bench::sessionsUri, "SessionCollection", group});
+}
+
+Reply Demo::login(const Account& account) {
+    Reply reply = frontEnd_->login(account.name, account.password);
+    if (reply.status() == "OK") {
+        expectEvents("add", reply.location());
+        expectedAuditEntries_.push_back(
+            {"AuditEvent.1.1.UserLogin", account.name, reply.location()});
+    }
+    return reply;
+}
+
+void Demo::expectLogout(const std::string& sessionUri, const Account& account) {
+    expectEvents("delete", sessionUri);
+    expectedAuditEntries_.push_back({"AuditEvent.1.1.UserLogout", account.name, sessionUri});
+}
+
+void Demo::showStart() {
+    chapter("The bench controller starts");
+    const auto begin = std::chrono::steady_clock::now();
+    controller_.start();
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - begin);
+    frontEnd_.emplace(controller_.frontEnd());
+    store_.emplace(controller_.connect());
+    std::cout << "   A store, local accounts and the session service, in a private root: up in "
+              << took.count() << " ms.\n";
+}
+
+void Demo::showRefusal() {
+    chapter("A login with a wrong password");
+    const Reply reply = frontEnd_->login(bench::administrator.name, "not the password");
+    showReply(reply);
+    check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
+              reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
+          "the login is refused: the credentials are not valid");
+    check(reply.token().empty() && store_->llen(bench::membersKey) == 0,
+          "there is no token and no session");
+    const std::string reason =
+        std::string(bench::administrator.name) + " does not pass the PAM auth.";
+    check(controller_.readFile(bench::logFile).find(reason) != std::string::npos,
+          "the log says why: " + reason);
+}
+
+void Demo::showLogin() {
+    chapter("A login of the administrator");
+    const Reply reply = login(bench::administrator);
+    showReply(reply);
+    firstSession_ = reply.location();
+    check(reply.status() == "OK" && reply.messages.size() == 1 &&
+              reply.messages[0].id == "Base.1.12.Created",
+          "the session is created");
+
+    const Fields session = store_->hgetall(firstSession_);
+    show("session resource " + firstSession_, session);
+    check(unquoted(store_->hget(firstSession_, "UserName")) == bench::administrator.name &&
+              unquoted(store_->hget(firstSession_, "@odata.id")) == firstSession_,
+          "the session resource belongs to the user");
+
+    const std::string tokenKey = bench::tokenKey(reply.token());
+    show("token record " + tokenKey, store_->hgetall(tokenKey));
+    check(store_->hget(tokenKey, "SessionID") == firstSession_ &&
+              store_->hget(tokenKey, "Privilege") == bench::administrator.privilege,
+          "the token leads to the session and carries the privilege of the user's role");
+    check(unquoted(store_->hget(bench::tokenReferenceKey(firstSession_), "XAUTH")) == reply.token(),
+          "the session leads to the token");
+
+    show(std::string("collection ") + bench::sessionsUri, store_->hgetall(bench::sessionsUri));
+    const Words members = store_->lrange(bench::membersKey);
+    check(members == Words{"&&ObjectRef " + firstSession_} &&
+              store_->hget(bench::sessionsUri, "Members@odata.count") == "1",
+          "the collection holds this session and counts one");
+
+    for (const Event& event : events()) {
+        std::cout << "   event " << event.action << " " << event.resource << " (group "
+                  << event.group << ")\n";
+    }
+    check(events() == expectedEvents_, "both changes are announced, as one group");
+    const std::vector<AuditEntry> audit = auditEntries();
+    for (const AuditEntry& entry : audit) {
+        std::cout << "   audit entry " << entry.messageId << " " << entry.user << "\n";
+    }
+    check(audit == expectedAuditEntries_, "the login is in the audit log");
+}
+
+void Demo::showPatch() {
+    chapter("The session timeout is changed");
+    const std::string before = store_->hget(bench::serviceUri, "SessionTimeout");
+    const Reply reply = frontEnd_->patch({{"SessionTimeout", "600"}});
+    showReply(reply);
+    check(reply.status() == "OK", "the change is accepted");
+    const std::string after = store_->hget(bench::serviceUri, "SessionTimeout");
+    check(before == "300" && after == "600", "the service says " + after + ", it was " + before);
+    const std::string kept = controller_.readFile(bench::persistentFile);
+    std::cout << "   " << bench::persistentFile << "\n";
+    std::istringstream lines(kept);
+    for (std::string line; std::getline(lines, line);) {
+        std::cout << "      " << line << "\n";
+    }
+    check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
+    expectedEvents_.push_back(
+        {"change", bench::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    bench::waitUntil("the change is announced",
+                     [this] { return events().size() >= expectedEvents_.size(); });
+    check(events() == expectedEvents_, "the change is announced");
+}
+
+void Demo::showExpiry() {
+    chapter("A session expires");
+    const Reply reply = login(bench::operatorAccount);
+    check(reply.status() == "OK", "the operator has logged in: " + reply.location());
+    const std::string tokenKey = bench::tokenKey(reply.token());
+    check(store_->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
+
+    constexpr long timeout = 4;
+    std::cout << "   Nobody wants to wait that long: this one gets " << timeout << " seconds.\n"
+              << "   idle:";
+    const long lastUse = std::stol(store_->hget(tokenKey, "LastAccessed"));
+    store_->hset(tokenKey, {{"Timeout", std::to_string(timeout)}});
+    long shown = -1;
+    bench::waitUntil("the session expires", [&] {
+        const long left = timeout - (bench::uptime() - lastUse);
+        if (left != shown) {
+            shown = left;
+            std::cout << " " << left << " s left ..." << std::flush;
+        }
+        return !store_->exists(reply.location());
+    });
+    std::cout << " gone\n";
+    expectLogout(reply.location(), bench::operatorAccount);
+    bench::waitUntil("the expiry is in the audit log",
+                     [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+    check(bench::uptime() - lastUse >= timeout, "it was not removed early");
+    check(!store_->exists(tokenKey) && !store_->exists(bench::tokenReferenceKey(reply.location())),
+          "its token is worth nothing any more");
+    check(store_->lrange(bench::membersKey) == Words{"&&ObjectRef " + firstSession_},
+          "the administrator's session is still there");
+}
+
+void Demo::showLogout() {
+    chapter("The administrator logs out");
+    const Reply reply = frontEnd_->remove(firstSession_);
+    showReply(reply);
+    expectLogout(firstSession_, bench::administrator);
+    check(reply.status() == "OK_EMPTY", "the session is removed");
+    check(store_->llen(bench::membersKey) == 0 && !store_->exists(firstSession_) &&
+              store_->hget(bench::sessionsUri, "Members@odata.count") == "0",
+          "the collection is empty");
+}
+
+void Demo::showLimit() {
+    chapter("As many sessions as there can be");
+    Words sessions;
+    while (sessions.size() < sessionLimit) {
+        const Reply reply = login(bench::reader);
+        if (reply.status() != "OK") {
+            check(false, "a login below the limit answered " + reply.status());
+            return;
+        }
+        sessions.push_back(reply.location());
+    }
+    check(store_->hget(bench::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
+          "the reader has logged in eight times");
+    const Reply ninth = login(bench::reader);
+    showReply(ninth);
+    check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
+              ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
+          "the ninth login is refused");
+
+    bool allRemoved = true;
+    for (const std::string& session : sessions) {
+        allRemoved = frontEnd_->remove(session).status() == "OK_EMPTY" && allRemoved;
+        expectLogout(session, bench::reader);
+    }
+    check(allRemoved, "all eight have logged out");
+    check(store_->llen(bench::membersKey) == 0 && store_->keys("&&X-AUTH-TOKEN-*").empty() &&
+              store_->keys("*" + std::string(bench::sessionsUri) + "/????????").empty(),
+          "nothing is left of any session");
+}
+
+void Demo::showTrail() {
+    chapter("The trail of all this");
+    const std::vector<Event> foundEvents = events();
+    for (const Event& event : foundEvents) {
+        std::cout << "   event " << std::right << std::setw(3) << event.group << "  " << std::left
+                  << std::setw(7) << event.action << event.resource << "\n";
+    }
+    check(foundEvents == expectedEvents_,
+          "the stream holds exactly these " + std::to_string(expectedEvents_.size()) + " events");
+    const std::vector<AuditEntry> foundEntries = auditEntries();
+    for (const AuditEntry& entry : foundEntries) {
+        std::cout << "   audit " << std::left << std::setw(27) << entry.messageId << std::setw(9)
+                  << entry.user << entry.origin << "\n";
+    }
+    check(foundEntries == expectedAuditEntries_, "the audit log holds exactly these " +
+                                                     std::to_string(expectedAuditEntries_.size()) +
+                                                     " entries");
+    check(controller_.readFile(bench::logFile).find("[Error]") == std::string::npos,
+          "the log of the service holds no error");
+}
+
+bool Demo::run() {
+    showStart();
+    showRefusal();
+    showLogin();
+    showPatch();
+    showExpiry();
+    showLogout();
+    showLimit();
+    showTrail();
+    std::cout << "\n"
+              << (allRight_ ? "Everything was as it must be." : "Something was WRONG: see above.")
+              << "\n";
+    return allRight_;
+}
+
+void Demo::keep() {
+    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). Its store:\n"
+              << "   REDISCLI_AUTH='" << controller_.storePassword() << "' redis-cli -s "
+              << controller_.socketPath() << "\nThe log of the service:\n   "
+              << controller_.path(bench::logFile) << "\nIts accounts:\n";
+    for (const Account& account :
+         {bench::administrator, bench::operatorAccount, bench::reader, bench::expired}) {
+        std::cout << "   " << std::left << std::setw(10) << account.name << account.password
+                  << "\n";
+    }
+    std::cout << std::flush;
+    int received = 0;
+    sigset_t interrupts;
+    sigemptyset(&interrupts);
+    sigaddset(&interrupts, SIGINT);
+    sigaddset(&interrupts, SIGTERM);
+    sigprocmask(SIG_BLOCK, &interrupts, nullptr);
+    sigwait(&interrupts, &received);
+    std::cout << "\nThe controller ends.\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bool keep = argc == 2 && std::strcmp(argv[1], "--keep") == 0;
+    if (argc > 1 && !keep) {
+        std::cerr << "usage: demo [--keep]\n";
+        return 2;
+    }
+    try {
+        Demo demo;
+        const bool right = demo.run();
+        if (keep) {
+            demo.keep();
+        }
+        return right ? 0 : 1;
+    } catch (const std::exception& failure) {
+        std::cerr << "\nThe demo cannot go on: " << failure.what() << "\n";
+        return 1;
+    }
+}

@@ -1,0 +1,227 @@
+#include "support/system_test.h"
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <sstream>
+
+namespace bench {
+
+namespace {
+
+constexpr char pamModule[] = "/usr/local/lib/security/pam_test.so";
+constexpr char pamRecordFile[] = "/tmp/pam.records";
+constexpr char pamBlockFile[] = "/tmp/pam.block";
+constexpr char kadminArguments[] = "/tmp/kadmin.arguments";
+
+constexpr std::array sanitizerReports{"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                      "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
+                                      "runtime error:"};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// "Nov 21 01:39:00 1700000000 [Error]: message"
+LogLine toLogLine(const std::string& line) {
+    constexpr std::size_t dateLength = 15;
+    const std::size_t epochEnd = line.find(' ', dateLength + 1);
+    const std::size_t tagEnd = line.find(": ", epochEnd);
+    if (tagEnd == std::string::npos) {
+        return {"", "", "", line};
+    }
+    return {line.substr(0, dateLength), line.substr(dateLength + 1, epochEnd - dateLength - 1),
+            line.substr(epochEnd + 1, tagEnd - epochEnd - 1), line.substr(tagEnd + 2)};
+}
+
+}  // namespace
+
+SystemTest::SystemTest(const ControllerOptions& options) : controller(options) {
+    controller.install(BENCH_PAM_TEST_MODULE, pamModule);
+}
+
+void SystemTest::TearDown() {
+    if (controller.daemonStarted()) {
+        endDaemon();
+        checkDaemon();
+    }
+    if (HasFailure()) {
+        std::cerr << "--- log of the daemon\n"
+                  << earlierLog_ << controller.readFile(logFile) << "--- its standard error\n"
+                  << controller.daemonErrors() << "---\n";
+    }
+}
+
+void SystemTest::checkDaemon() {
+    if (const auto ended = controller.daemon().ending()) {
+        EXPECT_EQ(toText(*ended), toText(expectedEnding_)) << "for the end of the daemon";
+    }
+    const std::string errors = controller.daemonErrors();
+    for (const char* report : sanitizerReports) {
+        EXPECT_FALSE(contains(errors, report)) << errors;
+    }
+    std::vector<bool> seen(expectedErrors_.size(), false);
+    for (const LogLine& line : logLines()) {
+        if (line.tag != "[Error]") {
+            continue;
+        }
+        bool announced = false;
+        for (std::size_t i = 0; i < seen.size(); ++i) {
+            if (contains(line.message, expectedErrors_[i])) {
+                seen[i] = true;
+                announced = true;
+            }
+        }
+        EXPECT_TRUE(announced) << "unexpected error line: " << line.message;
+    }
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedErrors_[i];
+    }
+}
+
+void SystemTest::start() {
+    startStore();
+    startDaemon();
+}
+
+void SystemTest::startStore() {
+    controller.startStore();
+    controller.loadScripts();
+    controller.seedStore();
+}
+
+void SystemTest::startDaemon(const DaemonOptions& options) {
+    keepLog();
+    controller.startDaemon(options);
+    controller.waitUntilServing();
+}
+
+Ending SystemTest::runDaemon(const DaemonOptions& options) {
+    keepLog();
+    controller.startDaemon(options);
+    return controller.daemon().wait();
+}
+
+void SystemTest::endDaemon() {
+    releasePam();
+    controller.stopStore();
+    store_.reset();
+    frontEnd_.reset();
+    try {
+        controller.daemon().wait();
+    } catch (const Failure& failure) {
+        ADD_FAILURE() << failure.what();
+        controller.daemon().kill();
+    }
+}
+
+// The daemon begins its log anew with each start.
+void SystemTest::keepLog() {
+    earlierLog_ += controller.readFile(logFile);
+    controller.removeFile(logFile);
+}
+
+std::vector<LogLine> SystemTest::logLines() const {
+    std::vector<LogLine> lines;
+    std::istringstream log(earlierLog_ + controller.readFile(logFile));
+    for (std::string line; std::getline(log, line);) {
+        lines.push_back(toLogLine(line));
+    }
+    return lines;
+}
+
+long SystemTest::countLogged(const std::string& message) const {
+    const std::vector<LogLine> lines = logLines();
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const LogLine& line) { return line.message == message; });
+}
+
+void SystemTest::waitForLog(const std::string& message) const {
+    waitUntil("the log holds \"" + message + "\"", [&] { return countLogged(message) > 0; });
+}
+
+void SystemTest::usePamTest(const std::string& arguments) {
+    const std::string module = std::string(pamModule) + " record=" + pamRecordFile + " ";
+    usePamLines("auth required " + module + "block=" + pamBlockFile + " " + arguments +
+                "\naccount required " + module + arguments + "\n");
+}
+
+void SystemTest::usePamLines(const std::string& lines) {
+    controller.writeFile(pamServiceFile, lines);
+}
+
+void SystemTest::holdPam() {
+    controller.writeFile(pamBlockFile, "");
+}
+
+void SystemTest::waitUntilPamHolds() {
+    ++heldLogins_;
+    waitUntil("a login is held inside PAM", [this] {
+        const std::vector<PamRecord> records = pamRecords();
+        return static_cast<std::size_t>(
+                   std::count_if(records.begin(), records.end(), [](const PamRecord& record) {
+                       return record.at("entry") == "auth";
+                   })) >= heldLogins_;
+    });
+}
+
+void SystemTest::releasePam() {
+    controller.removeFile(pamBlockFile);
+}
+
+std::vector<PamRecord> SystemTest::pamRecords() const {
+    std::vector<PamRecord> records;
+    PamRecord record;
+    for (const std::string& field : splitAtZeroBytes(controller.readFile(pamRecordFile))) {
+        if (field.empty()) {
+            records.push_back(record);
+            record.clear();
+            continue;
+        }
+        const std::size_t separator = field.find('=');
+        record[field.substr(0, separator)] = field.substr(separator + 1);
+    }
+    return records;
+}
+
+void SystemTest::useKadminStandIn(const std::string& output) {
+    controller.install(BENCH_KADMIN_STAND_IN, "/usr/local/bin/kadmin");
+    controller.writeFile("/tmp/kadmin.output", output);
+}
+
+std::vector<Words> SystemTest::kadminCalls() const {
+    std::vector<Words> calls;
+    const Words pieces = splitAtZeroBytes(controller.readFile(kadminArguments));
+    for (auto piece = pieces.begin(); piece != pieces.end();) {
+        const auto first = piece + 1;
+        piece = first + std::stol(*piece);
+        calls.emplace_back(first, piece);
+    }
+    return calls;
+}
+
+StoreClient& SystemTest::store() {
+    if (!store_) {
+        store_.emplace(controller.connect());
+    }
+    return *store_;
+}
+
+FrontEnd& SystemTest::frontEnd() {
+    if (!frontEnd_) {
+        frontEnd_.emplace(controller.frontEnd());
+    }
+    return *frontEnd_;
+}
+
+Words splitAtZeroBytes(const std::string& text) {
+    Words pieces;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\0', at), text.size());
+        pieces.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    return pieces;
+}
+
+}  // namespace bench

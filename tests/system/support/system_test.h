@@ -1,0 +1,108 @@
+// The fixture of all tests that run the daemon in a bench controller.
+//
+// The end of a test ends the daemon in order, by stopping the store, and fails the test
+// when the daemon ends by a signal or with an exit status that the test did not expect,
+// when a sanitizer reported something, and when the log holds an error line that the
+// test did not announce, or lacks one that it did. A failed test prints the log.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "controller/accounts.h"
+#include "controller/bench_controller.h"
+
+namespace bench {
+
+// A line of the daemon's log file.
+struct LogLine {
+    std::string date;  // as written: "Nov 21 01:39:00"
+    std::string epoch;
+    std::string tag;  // "[Error]" or "[Debug]"
+    std::string message;
+};
+
+// What the PAM test module recorded of one call, by name: "entry", "user", "rhost",
+// "service", "flags" and, where it asked, "conversation", "answers", "answer0" and so on.
+using PamRecord = std::map<std::string, std::string>;
+
+// For tests that prepare the controller before anything runs.
+class SystemTest : public testing::Test {
+  protected:
+    explicit SystemTest(const ControllerOptions& options = {});
+    void TearDown() override;
+
+    // Everything that is not running yet: store, scripts, seed, daemon. Returns when the
+    // daemon serves.
+    void start();
+    // The store with its scripts and seed, without the daemon.
+    void startStore();
+    // The daemon alone, also once more after it ended. Returns when it serves.
+    void startDaemon(const DaemonOptions& options = {});
+    // A daemon that has to end by itself; returns once it has.
+    Ending runDaemon(const DaemonOptions& options = {});
+    // Stops the store and waits until the daemon has ended of it; a PAM call that is held
+    // goes on first.
+    void endDaemon();
+
+    // How the daemon has to end; without it: with exit status 0.
+    void expectEnding(const Ending& ending) { expectedEnding_ = ending; }
+    // An error line whose message contains the text has to be there, any number of times.
+    void expectErrorLine(const std::string& text) { expectedErrors_.push_back(text); }
+
+    // The log as it stands, the lines of earlier daemons of this test included.
+    std::vector<LogLine> logLines() const;
+    // How many lines have exactly this message.
+    long countLogged(const std::string& message) const;
+    // Blocks until there is a line with exactly this message.
+    void waitForLog(const std::string& message) const;
+
+    // The PAM service of the daemon: a stack of the test module alone, with these
+    // arguments.
+    void usePamTest(const std::string& arguments);
+    // The same, as the lines stand.
+    void usePamLines(const std::string& lines);
+    // Holds each login inside PAM (after usePamTest) until releasePam is called.
+    void holdPam();
+    // Blocks until a login is held, one more than at the last call.
+    void waitUntilPamHolds();
+    void releasePam();
+    std::vector<PamRecord> pamRecords() const;
+
+    // Puts the stand-in for the Kerberos administration tool in front of the real one.
+    void useKadminStandIn(const std::string& output);
+    // The arguments of each call.
+    std::vector<Words> kadminCalls() const;
+
+    // A connection of the test's own; made at first use, and anew once the store stopped.
+    StoreClient& store();
+    FrontEnd& frontEnd();
+
+    BenchController controller;
+
+  private:
+    void checkDaemon();
+    void keepLog();
+
+    std::optional<StoreClient> store_;
+    std::optional<FrontEnd> frontEnd_;
+    std::string earlierLog_;
+    std::size_t heldLogins_ = 0;
+    Ending expectedEnding_{};
+    std::vector<std::string> expectedErrors_;
+};
+
+// For tests that find everything running, with the accounts of the controller.
+class RunningSystemTest : public SystemTest {
+  protected:
+    using SystemTest::SystemTest;
+    void SetUp() override { start(); }
+};
+
+// Pieces of a text, each with a zero byte behind it.
+Words splitAtZeroBytes(const std::string& text);
+
+}  // namespace bench

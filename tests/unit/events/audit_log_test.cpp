@@ -1,0 +1,48 @@
+#include "events/audit_log.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <ctime>
+
+namespace session_service {
+namespace {
+
+// The zone of this process while it lives.
+class TimeZone {
+  public:
+    explicit TimeZone(const char* name) { setenv("TZ", name, 1); }
+    TimeZone(const TimeZone&) = delete;
+    TimeZone& operator=(const TimeZone&) = delete;
+    ~TimeZone() {
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+TEST(Timestamp, IsLocalTimeWithTheOffsetOfItsZone) {
+    struct Zone {
+        const char* name;
+        const char* offset;
+        std::time_t secondsEast;
+    };
+    for (const Zone& zone :
+         {Zone{"UTC0", "+00:00", 0}, Zone{"CST-8", "+08:00", 28800}, Zone{"EST5", "-05:00", -18000},
+          Zone{"NPT-5:45", "+05:45", 20700}, Zone{"NST3:30", "-03:30", -12600}}) {
+        const TimeZone here(zone.name);
+        const std::time_t before = std::time(nullptr);
+        const std::string text = currentTimestamp();
+        const std::time_t after = std::time(nullptr);
+        std::tm local{};
+        const char* offset = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &local);
+        ASSERT_NE(offset, nullptr) << text;
+        EXPECT_STREQ(offset, zone.offset);
+        EXPECT_EQ(text.size(), 25U) << text;
+        const std::time_t moment = timegm(&local) - zone.secondsEast;
+        EXPECT_LE(before, moment) << text;
+        EXPECT_LE(moment, after) << text;
+    }
+}
+
+}  // namespace
+}  // namespace session_service

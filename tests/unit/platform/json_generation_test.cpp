@@ -1,0 +1,112 @@
+#include "platform/json_generation.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "support/resp_peer.h"
+
+namespace session_service {
+namespace {
+
+// Takes the text over; "(null)" for a failure.
+std::string textOf(char* json) {
+    const std::string text = json ? json : "(null)";
+    std::free(json);
+    return text;
+}
+
+// What a list of the given elements converts to.
+std::string arrayOf(const std::vector<std::string>& elements) {
+    const RespPeer peer({resp::bulkArray(elements)});
+    return textOf(convertArrayDataToJsonString(peer.store(), "list"));
+}
+
+std::string nestedText(std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+}
+
+TEST(JsonArray, ReadsTheListThatItIsGiven) {
+    const RespPeer peer({resp::bulkArray({"1"})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "some list")), "[1]");
+    EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", "some list", "0", "-1"}}));
+}
+
+TEST(JsonArray, TakesElementsThatAreJsonAsTheyAre) {
+    EXPECT_EQ(arrayOf({"1", "-2.5", "true", "null", "\"text\"", "{\"b\": [1, 2]}", "[]"}),
+              R"([1,-2.5,true,null,"text",{"b":[1,2]},[]])");
+}
+
+TEST(JsonArray, MakesAnythingElseAString) {
+    EXPECT_EQ(arrayOf({"plain text", "", "say \"hi\"", "01", "{broken", "&&Unknown x", "&&Array"}),
+              R"(["plain text","","say \"hi\"","01","{broken","&&Unknown x","&&Array"])");
+}
+
+TEST(JsonArray, MakesAReferenceOfAUri) {
+    EXPECT_EQ(arrayOf({"&&ObjectRef /redfish/v1/Some/Thing"}),
+              R"([{"@odata.id":"/redfish/v1/Some/Thing"}])");
+}
+
+TEST(JsonArray, HoldsWhatItsElementsName) {
+    const RespPeer peer({resp::bulkArray({"&&Object some hash", "&&Array inner", "last"}),
+                         resp::bulkArray({"A", "1", "B", "text", "&&ObjectRef Link /uri", "unused",
+                                          "&&Internal", "hidden"}),
+                         resp::bulkArray({"2"})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "outer")),
+              R"([{"A":1,"B":"text","Link":{"@odata.id":"/uri"}},[2],"last"])");
+    EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", "outer", "0", "-1"},
+                                         {"HGETALL", "some hash"},
+                                         {"LRANGE", "inner", "0", "-1"}}));
+}
+
+TEST(JsonArray, IsEmptyForAMissingListAndForAnotherKindOfValue) {
+    EXPECT_EQ(arrayOf({}), "[]");
+    const RespPeer peer({resp::error("WRONGTYPE")});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "[]");
+}
+
+TEST(JsonArray, FailsWhenTheConnectionIsLost) {
+    const RespPeer peer;
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+}
+
+TEST(JsonArray, FailsForAHashThatIsMissing) {
+    const RespPeer peer({resp::bulkArray({"&&Object missing"}), resp::array({})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+}
+
+TEST(JsonArray, FailsForAnElementWithoutText) {
+    const RespPeer peer({resp::array({resp::bulk("1"), resp::nil()})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+}
+
+TEST(JsonArray, EndsAtThirtyTwoLevelsOfLists) {
+    std::vector<std::string> replies(31, resp::bulkArray({"&&Array list"}));
+    replies.push_back(resp::array({}));
+    const RespPeer peer(replies);
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), nestedText(32));
+}
+
+TEST(JsonArray, FailsForAListThatHoldsItself) {
+    const RespPeer peer(std::vector<std::string>(40, resp::bulkArray({"&&Array list"})));
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    EXPECT_EQ(peer.commands().size(), 32U);
+}
+
+TEST(JsonArray, CountsTheLevelsInsideAnElement) {
+    EXPECT_EQ(arrayOf({nestedText(31)}), nestedText(32));
+    EXPECT_EQ(arrayOf({nestedText(32)}), "(null)");
+    EXPECT_EQ(arrayOf({std::string(1 << 20, '[')}), "(null)");
+}
+
+TEST(JsonArray, ReplacesBytesThatAreNoText) {
+    EXPECT_EQ(arrayOf({"caf\xe9"}), "[\"caf\xef\xbf\xbd\"]");
+}
+
+TEST(JsonObjectRef, NeedsNoConnection) {
+    EXPECT_EQ(textOf(convertObjectRefDataToJsonString(nullptr, "/redfish/v1/A \"b\"")),
+              R"({"@odata.id":"/redfish/v1/A \"b\""})");
+}
+
+}  // namespace
+}  // namespace session_service

@@ -1,0 +1,306 @@
+#include "protocol/replies.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "support/captured_output.h"
+#include "support/resp_peer.h"
+
+namespace session_service {
+namespace {
+
+using resp::bulk;
+using resp::error;
+using resp::integer;
+using resp::nil;
+
+// The replies that a message of `argumentCount` arguments gets, when the list holds
+// `length` entries and messages live as the setting says.
+std::vector<std::string> messageReplies(std::size_t argumentCount, int length = 0,
+                                        const std::string& setting = bulk("5000")) {
+    std::vector<std::string> replies = {integer(length), setting, integer(1)};
+    for (std::size_t i = 0; i < argumentCount; ++i) {
+        replies.push_back(integer(1));
+    }
+    if (argumentCount > 0) {
+        replies.insert(replies.end(), {integer(1), integer(1)});
+    }
+    replies.insert(replies.end(), {integer(1), integer(1), integer(1)});
+    return replies;
+}
+
+// The lifetime that a message gets; the setting's reply is given.
+std::string lifetimeFor(const std::string& setting) {
+    const RespPeer peer(messageReplies(0, 0, setting));
+    writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+    const Commands commands = peer.commands();
+    return commands.size() == 6 && commands.back() == Command{"EXPIRE", "list/1", commands[4][2]}
+               ? commands[4][2]
+               : "(no lifetime)";
+}
+
+const Command readLifetime = {"HGET", "webDefaultValue", "REDIS_CONNECTION_DEFAULT_TIMEOUT"};
+
+TEST(QuoteArg, EscapesQuotesAndBackslashes) {
+    EXPECT_EQ(quoteArg(""), R"("")");
+    EXPECT_EQ(quoteArg("plain text"), R"("plain text")");
+    EXPECT_EQ(quoteArg(R"(a"b\c)"), R"("a\"b\\c")");
+    EXPECT_EQ(quoteArg("\"\""), R"("\"\"")");
+    EXPECT_EQ(quoteArg("line\nfeed 'single' %s"), "\"line\nfeed 'single' %s\"");
+}
+
+TEST(ReplyKeys, PutTheMessagesBesideTheReply) {
+    ReplyFields fields = {{"other", "kept"}};
+    MessageInfo message;
+    composeReplyKeys("&&reply/17/key", fields, message);
+    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"},
+                                   {"&&ExtendedInfo", "&&reply/17/ExtendedInfo"},
+                                   {"RetStatusHashKey", "&&reply/17/key"}}));
+    EXPECT_EQ(message, (MessageInfo{{"ExtendInfoHashKey", "&&reply/17/ExtendedInfo"}}));
+}
+
+TEST(ReplyKeys, KeepNothingOfAKeyWithoutASlash) {
+    const auto listFor = [](const std::string& replyKey) {
+        ReplyFields fields;
+        MessageInfo message;
+        composeReplyKeys(replyKey, fields, message);
+        return fieldOf(message, "ExtendInfoHashKey");
+    };
+    EXPECT_EQ(listFor("reply"), "ExtendedInfo");
+    EXPECT_EQ(listFor("/"), "/ExtendedInfo");
+    EXPECT_EQ(listFor("reply/"), "reply/ExtendedInfo");
+}
+
+TEST(ReplyKeys, AreNotComposedForAnEmptyReplyKey) {
+    ReplyFields fields = {{"other", "kept"}};
+    MessageInfo message;
+    composeReplyKeys("", fields, message);
+    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"}}));
+    EXPECT_TRUE(message.empty());
+}
+
+TEST(Reply, IsWrittenBeforeItsMessage) {
+    std::vector<std::string> replies = messageReplies(2, 4);
+    replies.insert(replies.begin(), integer(3));
+    const RespPeer peer(replies);
+    ReplyFields fields;
+    MessageInfo message;
+    composeReplyKeys("r/reply", fields, message);
+    fields["&&ReturnStatus"] = "FAILURE";
+    fields["&&Location"] = "";
+    message["MessageId"] = "Base.1.12.StringValueTooLong";
+    writeReply(peer.store(), fields, message, {"(password \"string\")", "1024"});
+
+    EXPECT_EQ(peer.commands(),
+              (Commands{
+                  {"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo", "&&Location", "",
+                   "&&ReturnStatus", "FAILURE"},
+                  {"LLEN", "r/ExtendedInfo"},
+                  readLifetime,
+                  {"HSET", "r/ExtendedInfo/5", "&&MessageId", "Base.1.12.StringValueTooLong"},
+                  {"RPUSH", "r/ExtendedInfo/5/MessageArgs", R"x("(password \"string\")")x"},
+                  {"RPUSH", "r/ExtendedInfo/5/MessageArgs", R"("1024")"},
+                  {"HSET", "r/ExtendedInfo/5", "&&MessageArgs", "r/ExtendedInfo/5/MessageArgs"},
+                  {"EXPIRE", "r/ExtendedInfo/5/MessageArgs", "6"},
+                  {"LPUSH", "r/ExtendedInfo", "r/ExtendedInfo/5"},
+                  {"EXPIRE", "r/ExtendedInfo", "6"},
+                  {"EXPIRE", "r/ExtendedInfo/5", "6"},
+              }));
+    EXPECT_EQ(fields.count("RetStatusHashKey"), 0U);
+}
+
+TEST(Reply, WithoutAReplyKeyIsNotWritten) {
+    const RespPeer peer;
+    ReplyFields fields = {{"&&ReturnStatus", "OK"}, {"RetStatusHashKey", ""}};
+    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
+    fields.erase("RetStatusHashKey");
+    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
+    EXPECT_TRUE(peer.commands().empty());
+}
+
+TEST(Reply, WithoutAMessageIdentifierLeavesTheMessagesAlone) {
+    const RespPeer peer({integer(1)});
+    ReplyFields fields;
+    MessageInfo message;
+    composeReplyKeys("r/reply", fields, message);
+    writeReply(peer.store(), fields, message);
+    EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo"}}));
+}
+
+TEST(Reply, ThatTheStoreRefusesIsLoggedAndItsMessageWritten) {
+    std::vector<std::string> replies = messageReplies(0);
+    replies.insert(replies.begin(), error("ERR refused"));
+    const RespPeer peer(replies);
+    ReplyFields fields;
+    MessageInfo message = {{"MessageId", "Base.1.12.Created"}};
+    composeReplyKeys("r/reply", fields, message);
+    EXPECT_EQ(standardErrorOf([&] { writeReply(peer.store(), fields, message); }),
+              "[Error]: Failed to update Return Status.\n");
+    EXPECT_EQ(peer.commands().size(), 7U);
+}
+
+TEST(Message, WithoutArgumentsHasNoArgumentList) {
+    const RespPeer peer(messageReplies(0));
+    writeExtendedMessage(peer.store(), "r/ExtendedInfo", "Base.1.12.Created", {});
+    EXPECT_EQ(peer.commands(), (Commands{
+                                   {"LLEN", "r/ExtendedInfo"},
+                                   readLifetime,
+                                   {"HSET", "r/ExtendedInfo/1", "&&MessageId", "Base.1.12.Created"},
+                                   {"LPUSH", "r/ExtendedInfo", "r/ExtendedInfo/1"},
+                                   {"EXPIRE", "r/ExtendedInfo", "6"},
+                                   {"EXPIRE", "r/ExtendedInfo/1", "6"},
+                               }));
+}
+
+TEST(Message, LivesAsLongAsTheSettingSays) {
+    EXPECT_EQ(lifetimeFor(nil()), "6");
+    EXPECT_EQ(lifetimeFor(error("WRONGTYPE")), "6");
+    const std::map<std::string, std::string> lifetimes = {
+        {"", "6"},
+        {"5000", "6"},
+        {"5999", "6"},
+        {"6000", "7"},
+        {"1000", "2"},
+        {"999", "1"},
+        {"1", "1"},
+        {"0", "1"},
+        {"-5000", "1"},
+        {"abc", "1"},
+        {"\"5000\"", "1"},
+        {" 2000", "3"},
+        {"+2000", "3"},
+        {"2000ms", "3"},
+        {"2000.9", "3"},
+        {"0x1000", "1"},
+        {"2147483647", "2147484"},
+        {"2147483648", "2147484"},
+        {"9000000000000", "2147483647"},
+        {"99999999999999999999", "2147483647"},
+    };
+    for (const auto& [setting, seconds] : lifetimes) {
+        EXPECT_EQ(lifetimeFor(bulk(setting)), seconds) << '"' << setting << '"';
+    }
+}
+
+TEST(Message, IsTheFirstOfAListWhoseLengthIsNoNumber) {
+    for (const std::string& length : {error("WRONGTYPE"), nil(), bulk("7"), resp::array({})}) {
+        std::vector<std::string> replies = messageReplies(0);
+        replies[0] = length;
+        const RespPeer peer(replies);
+        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        EXPECT_EQ(peer.commands().at(2).at(1), "list/1") << length;
+    }
+}
+
+TEST(Message, IsNotWrittenWhenTheLengthCannotBeAskedFor) {
+    const RespPeer peer;
+    EXPECT_EQ(standardErrorOf(
+                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+              "[Error]: Failed to get length of extended info array.\n");
+    EXPECT_EQ(peer.commands(), (Commands{{"LLEN", "list"}}));
+}
+
+TEST(Message, GoesOnWhateverTheStoreAnswers) {
+    const std::vector<std::string> refusals(20, error("ERR refused"));
+    const RespPeer peer(refusals);
+    EXPECT_EQ(standardErrorOf(
+                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+              "");
+    EXPECT_EQ(peer.commands().size(), 9U);
+}
+
+TEST(Message, WithoutAnIdentifierIsAProgrammingError) {
+    const RespPeer peer({integer(0), nil()});
+    try {
+        writeExtendedMessage(peer.store(), "list", nullptr, {});
+        ADD_FAILURE() << "nothing thrown";
+    } catch (const std::logic_error& failure) {
+        EXPECT_STREQ(failure.what(), "basic_string::_M_construct null not valid");
+    }
+    EXPECT_EQ(peer.commands(), (Commands{{"LLEN", "list"}, readLifetime}));
+}
+
+TEST(Message, HasAnEntryKeyOfAtMost511Bytes) {
+    const std::map<std::size_t, std::string> endings = {
+        {509, "/1"}, {510, "/"}, {511, ""}, {512, ""}, {5000, ""}};
+    for (const auto& [length, ending] : endings) {
+        const std::string list(length, 'l');
+        const std::string entry = list.substr(0, 511) + ending;
+        const std::string argumentList = entry + "/MessageArgs";
+        const RespPeer peer(messageReplies(1));
+        writeExtendedMessage(peer.store(), list, "Base.1.12.Created", {"x"});
+        EXPECT_EQ(entry.size(), 511U);
+        EXPECT_EQ(peer.commands(), (Commands{
+                                       {"LLEN", list},
+                                       readLifetime,
+                                       {"HSET", entry, "&&MessageId", "Base.1.12.Created"},
+                                       {"RPUSH", argumentList, "\"x\""},
+                                       {"HSET", entry, "&&MessageArgs", argumentList},
+                                       {"EXPIRE", argumentList, "6"},
+                                       {"LPUSH", list, entry},
+                                       {"EXPIRE", list, "6"},
+                                       {"EXPIRE", entry, "6"},
+                                   }))
+            << length;
+    }
+}
+
+TEST(Message, KeepsArgumentsWithBlanksAndPercentSignsWhole) {
+    const RespPeer peer(messageReplies(2));
+    writeExtendedMessage(peer.store(), "a list%d", "Base.1.12.Created", {"two words %s", ""});
+    const Commands commands = peer.commands();
+    EXPECT_EQ(commands.at(3), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"two words %s\""}));
+    EXPECT_EQ(commands.at(4), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"\""}));
+}
+
+TEST(Message, OfOneArgumentMayHaveNone) {
+    const RespPeer with(messageReplies(1));
+    writeExtendedMessageOneArg(with.store(), "list", "Base.1.12.Created", "argument");
+    EXPECT_EQ(with.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"argument\""}));
+    EXPECT_EQ(with.commands().size(), 9U);
+
+    const RespPeer empty(messageReplies(1));
+    writeExtendedMessageOneArg(empty.store(), "list", "Base.1.12.Created", "");
+    EXPECT_EQ(empty.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"\""}));
+
+    const RespPeer without(messageReplies(0));
+    writeExtendedMessageOneArg(without.store(), "list", "Base.1.12.Created", nullptr);
+    EXPECT_EQ(without.commands().size(), 6U);
+}
+
+// The commands of a refusal that writes its fields one by one, in front of its message.
+void expectFieldsThenMessage(const Commands& commands, const std::string& status,
+                             const std::string& list, const std::string& messageId) {
+    ASSERT_GE(commands.size(), 5U);
+    EXPECT_EQ(commands[0], (Command{"HSET", "r/reply", "&&ReturnStatus", status}));
+    EXPECT_EQ(commands[1], (Command{"HSET", "r/reply", "&&ExtendedInfo", list}));
+    EXPECT_EQ(commands[2], (Command{"LLEN", list}));
+    EXPECT_EQ(commands[4], (Command{"HSET", list + "/1", "&&MessageId", messageId}));
+}
+
+std::vector<std::string> afterTwoFields(std::vector<std::string> replies) {
+    replies.insert(replies.begin(), 2, integer(1));
+    return replies;
+}
+
+TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
+    const RespPeer peer(afterTwoFields(messageReplies(0)));
+    writeExceptionReply(peer.store(), "r/reply", "request/ExtendedInfo",
+                        "Base.1.12.OperationFailed");
+    expectFieldsThenMessage(peer.commands(), "EXCEPTION", "request/ExtendedInfo",
+                            "Base.1.12.OperationFailed");
+    EXPECT_EQ(peer.commands().size(), 8U);
+}
+
+TEST(EarlyRefusal, HasAMessageListOfItsOwn) {
+    const RespPeer peer(afterTwoFields(messageReplies(2)));
+    writeEarlyRefusal(peer.store(), "r/reply", "FAILURE", "Base.1.12.StringValueTooLong",
+                      {"(password string)", "1024"});
+    expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
+                            "Base.1.12.StringValueTooLong");
+    EXPECT_EQ(peer.commands().size(), 12U);
+}
+
+}  // namespace
+}  // namespace session_service

@@ -1,0 +1,58 @@
+#include "sessions/identifiers.h"
+
+#include <gtest/gtest.h>
+
+#include "support/resp_peer.h"
+
+namespace session_service {
+namespace {
+
+TEST(RandomHex, HasTwoLowerCaseDigitsAByte) {
+    for (const unsigned count : {1U, 2U, 3U, sessionIdBytes, 8U, tokenBytes}) {
+        for (int i = 0; i < 100; ++i) {  // Leading zeros are kept, too.
+            const std::string text = generateRandomHex(count);
+            EXPECT_EQ(text.size(), 2 * count);
+            EXPECT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos) << text;
+        }
+    }
+}
+
+TEST(RandomHex, OfNoBytesIsEmpty) {
+    EXPECT_EQ(generateRandomHex(0), "");
+}
+
+TEST(RandomHex, DoesNotRepeat) {
+    std::set<std::string> drawn;
+    for (int i = 0; i < 100; ++i) {
+        drawn.insert(generateRandomHex(tokenBytes));
+    }
+    EXPECT_EQ(drawn.size(), 100U);
+}
+
+TEST(SessionId, IsDrawnUntilItIsFree) {
+    const RespPeer peer({resp::bulk("\"taken\""), resp::bulk("\"taken\""), resp::nil()});
+    const std::string id = drawSessionId(peer.store());
+    EXPECT_EQ(id.size(), 8U);
+    const Commands commands = peer.commands();
+    ASSERT_EQ(commands.size(), 3U);
+    EXPECT_EQ(commands[2], (Command{"HGET", "/redfish/v1/SessionService/Sessions/" + id, "Id"}));
+    EXPECT_NE(commands[0], commands[2]);
+}
+
+TEST(SessionId, IsFreeWhereTheStoreRefusesToTell) {
+    const RespPeer peer({resp::error("WRONGTYPE")});
+    EXPECT_EQ(drawSessionId(peer.store()).size(), 8U);
+}
+
+TEST(Token, IsDrawnUntilItIsFree) {
+    const RespPeer peer({resp::bulk("taken"), resp::bulk("")});
+    const std::string token = drawToken(peer.store());
+    EXPECT_EQ(token.size(), 64U);
+    const Commands commands = peer.commands();
+    ASSERT_EQ(commands.size(), 2U);
+    EXPECT_EQ(commands[1], (Command{"HGET", "&&X-AUTH-TOKEN-" + token, "UserName"}));
+    EXPECT_NE(commands[0], commands[1]);
+}
+
+}  // namespace
+}  // namespace session_service
