@@ -43,14 +43,21 @@ class EndingTest : public SystemTest {
 
     std::string processFolder() { return "/proc/" + std::to_string(controller.daemon().pid()); }
     std::ptrdiff_t threads() { return entriesOf(processFolder() + "/task"); }
-    void waitForThreads(std::ptrdiff_t count) {
-        waitUntil(std::to_string(count) + " threads are left", [&] { return threads() == count; });
+    // How many have ended of those that ran when the daemon began to serve.
+    std::ptrdiff_t endedThreads() { return threadsWhenServing_ - threads(); }
+    void waitForEndedThreads(std::ptrdiff_t count) {
+        waitUntil(std::to_string(count) + " threads have ended",
+                  [&] { return endedThreads() == count; });
+    }
+    void serve() {
+        startDaemon();
+        threadsWhenServing_ = threads();
     }
 
     void endThreadOf(const char* channel) {
-        const std::ptrdiff_t before = threads();
+        const std::ptrdiff_t before = endedThreads();
         ASSERT_EQ(store().publish(channel, exitNotice), 1);
-        waitForThreads(before - 1);
+        waitForEndedThreads(before + 1);
     }
     bool isListenedTo(const char* channel) {
         return store().run({"PUBSUB", "NUMSUB", channel}).elements.at(1).integer == 1;
@@ -85,13 +92,17 @@ class EndingTest : public SystemTest {
         EXPECT_EQ(logLines().back().tag, "[Debug]");
         EXPECT_EQ(logLines().back().message, terminates);
     }
+
+  private:
+    std::ptrdiff_t threadsWhenServing_ = 0;
 };
 
 class Exit : public EndingTest {
   protected:
     void SetUp() override {
         usePamTest("env=PRIVILEGES=511");
-        start();
+        startStore();
+        serve();
     }
 };
 
@@ -115,7 +126,7 @@ TEST_F(Exit, IsUnknownToThePatchWorker) {
     store().publish(patchChannel, exitNotice);
     waitForLog("Request data format is incorrect.");
     expectPatches();
-    EXPECT_EQ(threads(), 5);
+    EXPECT_EQ(endedThreads(), 0);
 }
 
 TEST_F(Exit, IsTheWholeNotice) {
@@ -136,7 +147,7 @@ TEST_F(Exit, LetsTheLoginInHandComeToItsEnd) {
     EXPECT_TRUE(isListenedTo(createChannel));
     releasePam();
     EXPECT_EQ(login.reply().status(), "OK");
-    waitForThreads(4);
+    waitForEndedThreads(1);
     waitUntilNobodyListensTo(createChannel);
 }
 
@@ -148,7 +159,7 @@ TEST_F(Exit, LeavesWhatWasAnnouncedLaterToNobody) {
     Request late = frontEnd().prepareLogin("second", "anything");
     late.send();
     releasePam();
-    waitForThreads(4);
+    waitForEndedThreads(1);
     EXPECT_FALSE(late.publishedAlready());
     EXPECT_EQ(store().llen(membersKey), 1);
 }
@@ -172,7 +183,7 @@ class LostConnection : public EndingTest {
         usePamTest("env=PRIVILEGES=511");
         startStore();
         monitor_.emplace(controller.monitor());
-        startDaemon();
+        serve();
     }
 
     // Ends the connection of the daemon that sent this command last.
@@ -216,7 +227,7 @@ class LostConnection : public EndingTest {
 
 TEST_F(LostConnection, OfTheCreateThreadEndsThatThreadAlone) {
     lose({"SUBSCRIBE", createChannel});
-    waitForThreads(4);
+    waitForEndedThreads(1);
     waitUntilNobodyListensTo(createChannel);
     expectLogouts();
     expectPatches();
@@ -225,7 +236,7 @@ TEST_F(LostConnection, OfTheCreateThreadEndsThatThreadAlone) {
 
 TEST_F(LostConnection, OfTheDeleteThreadEndsThatThreadAlone) {
     lose({"SUBSCRIBE", deleteChannel});
-    waitForThreads(4);
+    waitForEndedThreads(1);
     waitUntilNobodyListensTo(deleteChannel);
     expectLogins();
     expectPatches();
@@ -234,7 +245,7 @@ TEST_F(LostConnection, OfTheDeleteThreadEndsThatThreadAlone) {
 
 TEST_F(LostConnection, OfThePatchWorkerEndsThatThreadAlone) {
     lose({"SUBSCRIBE", patchChannel});
-    waitForThreads(4);
+    waitForEndedThreads(1);
     waitUntilNobodyListensTo(patchChannel);
     expectLogins();
     expectLogouts();
@@ -250,12 +261,12 @@ TEST_F(LostConnection, OfTheSweeperEndsTheExpiryOfSessionsAlone) {
     expectLogins();
     expectLogouts();
     expectPatches();
-    EXPECT_EQ(threads(), 5);
+    EXPECT_EQ(endedThreads(), 0);
 }
 
 TEST_F(LostConnection, OfThePatchWorkerKeepsSessionsExpiringUntilBothRequestThreadsHaveEnded) {
     lose({"SUBSCRIBE", patchChannel});
-    waitForThreads(4);
+    waitForEndedThreads(1);
     // Twice, because one more pass would come even if the sweeper was told to end.
     expectExpiry();
     endThreadOf(createChannel);
@@ -269,7 +280,8 @@ class Restart : public EndingTest {};
 
 TEST_F(Restart, OnTheKeptStoreServesTheSessionsThatWereThere) {
     usePamTest("env=PRIVILEGES=511");
-    start();
+    startStore();
+    serve();
     const Reply login = frontEnd().login("anybody", "anything");
     const std::string token = store().hget(tokenReferenceKey(login.location()), "XAUTH");
     store().publish(createChannel, exitNotice);
@@ -292,13 +304,15 @@ class StoppedStore : public EndingTest {
 };
 
 TEST_F(StoppedStore, EndsAnIdleDaemon) {
-    start();
+    startStore();
+    serve();
     controller.stopStore();
     expectEnd();
 }
 
 TEST_F(StoppedStore, EndsADaemonThatHasServed) {
-    start();
+    startStore();
+    serve();
     expectLogins();
     expectLogouts();
     expectPatches();
@@ -307,14 +321,15 @@ TEST_F(StoppedStore, EndsADaemonThatHasServed) {
 }
 
 TEST_F(StoppedStore, WaitsForTheLoginInsidePam) {
-    start();
+    startStore();
+    serve();
     holdPam();
     Request login = frontEnd().prepareLogin("anybody", "anything");
     login.send();
     waitUntilPamHolds();
     controller.stopStore();
     // Start-up waits for the login; the sweeper goes on as long.
-    waitForThreads(3);
+    waitForEndedThreads(2);
     EXPECT_EQ(countLogged(terminates), 0);
     for (const std::string& error : withoutAStore("Failed to add session entry.")) {
         expectErrorLine(error);
@@ -372,7 +387,8 @@ class StoppedStoreDuringALogin : public StoppedStore,
 
 TEST_P(StoppedStoreDuringALogin, EndsTheDaemonInOrder) {
     HeldCommand held(controller);
-    start();
+    startStore();
+    serve();
     for (const std::string& error : GetParam().errors) {
         expectErrorLine(error);
     }
@@ -405,7 +421,8 @@ class StoppedStoreDuringAPass : public StoppedStore,
 
 TEST_P(StoppedStoreDuringAPass, EndsTheDaemonInOrder) {
     HeldCommand held(controller);
-    start();
+    startStore();
+    serve();
     for (const std::string& error : GetParam().errors) {
         expectErrorLine(error);
     }
@@ -433,7 +450,8 @@ class CutRequests : public StoppedStore {
 
     void SetUp() override {
         StoppedStore::SetUp();
-        start();
+        startStore();
+        serve();
         relay_.judge([this](const Words& command) { return judge(command); });
     }
 
@@ -468,7 +486,7 @@ class CutRequests : public StoppedStore {
         constexpr std::ptrdiff_t idleDescriptors = 3 + 4;
         waitUntil("no descriptor is left over",
                   [&] { return entriesOf(processFolder() + "/fd") == idleDescriptors; });
-        EXPECT_EQ(threads(), 5);
+        EXPECT_EQ(endedThreads(), 0);
     }
 
   private:
