@@ -43,14 +43,14 @@ bool workersExist = false;
 SessionService* volatile service = nullptr;
 
 void prepareProcess() {
+    // hiredis sends without MSG_NOSIGNAL: a lost store must be seen as "no reply".
+    signal(SIGPIPE, SIG_IGN);
     // A store connection must not become what diagnostics are printed on.
     int descriptor = open("/dev/null", O_RDWR);
     while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
         descriptor = open("/dev/null", O_RDWR);
     }
     close(descriptor);
-    // hiredis sends without MSG_NOSIGNAL: a lost store must be seen as "no reply".
-    signal(SIGPIPE, SIG_IGN);
     // Passwords pass through this process. A limit of 0 stops core files; a kernel that
     // pipes cores to a handler heeds only the dumpable flag.
     const rlimit noCore{0, 0};

@@ -2,29 +2,14 @@
 // there twice, and the reply key is published last, on every path that has a channel.
 #include <algorithm>
 #include <iterator>
-#include <regex>
 
-#include "support/welcoming_test.h"
+#include "support/sequence_test.h"
 
 namespace bench {
 namespace {
 
-using Commands = std::vector<Words>;
-
-const std::string etag = "<milliseconds>";
-const std::string now = "<uptime>";
-const std::string timeStamp = "<local time>";
 const std::string scriptDigests = "redisSHAScripts";
 const std::string defaults = "webDefaultValue";
-
-// Stretches of commands, one after the other.
-Commands road(std::initializer_list<Commands> stretches) {
-    Commands whole;
-    for (const Commands& stretch : stretches) {
-        whole.insert(whole.end(), stretch.begin(), stretch.end());
-    }
-    return whole;
-}
 
 // One write of several fields, which go in ascending order.
 Words write(const std::string& key, const Fields& fields) {
@@ -35,10 +20,8 @@ Words write(const std::string& key, const Fields& fields) {
     return command;
 }
 
-class LoginSequence : public WelcomingTest {
+class LoginSequence : public SequenceTest {
   protected:
-    LoginSequence() : WelcomingTest({.storeOverTcp = true}) {}
-
     void SetUp() override {
         usePamTest(welcome);
         startStore();
@@ -55,38 +38,9 @@ class LoginSequence : public WelcomingTest {
         return frontEnd().prepareLogin("alice", "a password", options);
     }
 
-    // Everything that the connection of this request has sent when it is closed.
     Commands commandsOfRequest(Request request) {
-        Monitor monitor = controller.monitor();
-        const Words first{"HGETALL", requestKey};
-        request.send();
-        std::vector<MonitoredCommand> commands =
-            monitor.until([&](const MonitoredCommand& command) { return command.words == first; });
-        const std::string client = commands.back().client;
-        waitUntil("the connection of the request is closed", [&] {
-            return store().run({"CLIENT", "LIST"}).text.find(client + " ") == std::string::npos;
-        });
-        const std::vector<MonitoredCommand> rest = monitor.soFar();
-        commands.insert(commands.end(), rest.begin(), rest.end());
-        return withoutClocks(commandsOf(commands, client));
-    }
-
-    Commands withoutClocks(Commands commands) {
-        const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)");
-        for (Words& words : commands) {
-            for (std::size_t i = 1; i < words.size(); ++i) {
-                if (words[i - 1] == "@odata.etag" &&
-                    std::regex_match(words[i], std::regex("\"[0-9]{13}\""))) {
-                    words[i] = etag;
-                } else if (words[i - 1] == "LastAccessed" &&
-                           std::regex_match(words[i], std::regex("[0-9]+"))) {
-                    words[i] = now;
-                } else if (std::regex_match(words[i], stamp)) {
-                    words[i] = timeStamp;
-                }
-            }
-        }
-        return commands;
+        return SequenceTest::commandsOfRequest(
+            request, request.requestKey() + " " + request.replyKey(), {"HGETALL", requestKey});
     }
 
     // --- the stretches of the road

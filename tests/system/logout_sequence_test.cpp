@@ -1,37 +1,20 @@
 // What a logout does in the store, command by command: the order, nothing left out, nothing
 // there twice, and the reply key published last on every path that has a channel.
-#include <regex>
-
-#include "support/welcoming_test.h"
+#include "support/sequence_test.h"
 
 namespace bench {
 namespace {
 
-using Commands = std::vector<Words>;
-
-const std::string etag = "<milliseconds>";
-const std::string timeStamp = "<local time>";
 const std::string requestKey = "&&/request/logout";
 const std::string replyKey = "&&/request/logout/reply";
 const std::string returnChannel = "&&/request/logout/return";
 const std::string list = "&&/request/logout/ExtendedInfo";
 const std::string earlyList = replyKey + "/ExtendedInfo";
 
-// Stretches of commands, one after the other.
-Commands road(std::initializer_list<Commands> stretches) {
-    Commands whole;
-    for (const Commands& stretch : stretches) {
-        whole.insert(whole.end(), stretch.begin(), stretch.end());
-    }
-    return whole;
-}
-
-class LogoutSequence : public WelcomingTest {
+class LogoutSequence : public SequenceTest {
   protected:
-    LogoutSequence() : WelcomingTest({.storeOverTcp = true}) {}
-
     void SetUp() override {
-        WelcomingTest::SetUp();
+        SequenceTest::SetUp();
         eventScript = store().hget("redisSHAScripts", "resourceChange");
         auditScript = store().hget("redisSHAScripts", "logGeneratorHelper");
         session = frontEnd().plantSession();
@@ -44,33 +27,7 @@ class LogoutSequence : public WelcomingTest {
         options.replyKey = replyKey;
         options.returnChannel = returnChannel;
         Request request = frontEnd().prepareRemove(uri, options);
-        Monitor monitor = controller.monitor();
-        request.send(notice);
-        const Words first{"HGET", requestKey, "&&ReturnChannel"};
-        std::vector<MonitoredCommand> commands =
-            monitor.until([&](const MonitoredCommand& command) { return command.words == first; });
-        const std::string client = commands.back().client;
-        waitUntil("the connection of the request is closed", [&] {
-            return store().run({"CLIENT", "LIST"}).text.find(client + " ") == std::string::npos;
-        });
-        const std::vector<MonitoredCommand> rest = monitor.soFar();
-        commands.insert(commands.end(), rest.begin(), rest.end());
-        return withoutClocks(commandsOf(commands, client));
-    }
-
-    Commands withoutClocks(Commands commands) {
-        const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)");
-        for (Words& words : commands) {
-            for (std::size_t i = 1; i < words.size(); ++i) {
-                if (words[i - 1] == "@odata.etag" &&
-                    std::regex_match(words[i], std::regex("\"[0-9]{13}\""))) {
-                    words[i] = etag;
-                } else if (std::regex_match(words[i], stamp)) {
-                    words[i] = timeStamp;
-                }
-            }
-        }
-        return commands;
+        return commandsOfRequest(request, notice, {"HGET", requestKey, "&&ReturnChannel"});
     }
 
     // --- the stretches of the road

@@ -1,85 +1,107 @@
-// Logins of the local accounts, with the PAM stack of a controller that has them: pam_unix for
-// the passwords, pam_session_role for what an account's Unix group may do.
-#include "support/login_test.h"
+// The PAM module pam_session_role, seen through logins.
+#include "support/system_test.h"
 
 namespace bench {
 namespace {
 
-class LocalAccounts : public LoginTest {
+class SessionRole : public RunningSystemTest {
   protected:
-    // Changes one field, counted from 0, of the account's line.
-    void change(const char* file, const std::string& account, std::size_t field,
-                const std::string& value) {
-        std::string text = controller.readFile(file);
-        std::size_t begin = text.find("\n" + account + ":") + 1;
-        for (; field > 0; --field) {
-            begin = text.find(':', begin) + 1;
-        }
-        text.replace(begin, text.find_first_of(":\n", begin) - begin, value);
-        controller.writeFile(file, text);
+    // A stack that lets everybody in, so that only the module decides.
+    void useRoleModule(const std::string& arguments) {
+        usePamLines("auth required pam_permit.so\nauth required " + module + " " + arguments +
+                    "\naccount required pam_permit.so\n");
     }
+    // The privilege that a login gets; "none" when it gets a session without.
+    std::string privilegeOf(const std::string& user) {
+        const Reply reply =
+            frontEnd().login(user, "anything", {.fields = {{"&&OperationPrivileges", ""}}});
+        if (reply.status() != "OK") {
+            return reply.status();
+        }
+        const std::string privilege = store().hget(tokenKey(reply.token()), "Privilege");
+        return privilege.empty() ? "none" : privilege;
+    }
+    // Logins without a privilege leave this line.
+    void expectNoPrivilege() { expectErrorLine("Privilege value type error"); }
 
-    static constexpr char accounts[] = "/etc/passwd";
-    static constexpr char passwords[] = "/etc/shadow";
+    const std::string module = "/usr/local/lib/security/pam_session_role.so";
 };
 
-TEST_F(LocalAccounts, HaveThePrivilegeOfTheirGroup) {
-    for (const Account& account : {administrator, operatorAccount, reader}) {
-        EXPECT_EQ(privilegeOf(account.name, account.password), account.privilege) << account.name;
+TEST_F(SessionRole, AloneInAStackLetsNobodyIn) {
+    for (const char* arguments : {"", "role=admins:aciadmin;", "set=PRIVILEGES=511"}) {
+        for (const char* control : {"required", "sufficient", "optional"}) {
+            const std::string line = std::string(control) + " " + module + " " + arguments + "\n";
+            usePamLines("auth " + line + "account " + line);
+            EXPECT_EQ(privilegeOf(administrator.name), "AUTH_FAILED") << line;
+        }
     }
 }
 
-TEST_F(LocalAccounts, WithAnotherPasswordAreRefused) {
-    EXPECT_EQ(privilegeOf(administrator.name, "orchid-7-lantern"), "AUTH_FAILED");
-    EXPECT_EQ(countLogged("admin does not pass the PAM auth."), 1);
+TEST_F(SessionRole, AloneInTheAccountStackLetsNobodyIn) {
+    usePamLines("auth required pam_permit.so\naccount required " + module + "\n");
+    EXPECT_EQ(privilegeOf(administrator.name), "AUTH_FAILED");
 }
 
-TEST_F(LocalAccounts, ThatDoNotExistAreRefused) {
-    EXPECT_EQ(privilegeOf("nobody-here", administrator.password), "AUTH_FAILED");
-    EXPECT_EQ(countLogged("nobody-here does not pass the PAM auth."), 1);
+TEST_F(SessionRole, GivesTheValueOfTheGroup) {
+    useRoleModule("role=admins:aciadmin; role=operators:aciopera; role=readers:aciuser;");
+    EXPECT_EQ(privilegeOf(administrator.name), "511");
+    EXPECT_EQ(privilegeOf(operatorAccount.name), "121");
+    EXPECT_EQ(privilegeOf(reader.name), "9");
 }
 
-TEST_F(LocalAccounts, WithAnExpiredPasswordHaveTheirPrivilegeAndHaveToChangeIt) {
-    EXPECT_EQ(privilegeOf(expired.name, expired.password), expired.privilege);
-    EXPECT_EQ(countLogged("PAM: password change required."), 1);
+TEST_F(SessionRole, GivesTheValueOfTheFirstGroupThatTheUserIsIn) {
+    controller.writeFile("/etc/group", "admins:x:101:reader\nreaders:x:103:\n");
+    useRoleModule("role=readers:aciuser; role=admins:aciadmin;");
+    EXPECT_EQ(privilegeOf(reader.name), "9");
+    useRoleModule("role=admins:aciadmin; role=readers:aciuser;");
+    EXPECT_EQ(privilegeOf(reader.name), "511");
 }
 
-TEST_F(LocalAccounts, ThatHaveExpiredThemselvesAreRefused) {
-    constexpr std::size_t expiryDay = 7;
-    change(passwords, reader.name, expiryDay, "1");
-    EXPECT_EQ(privilegeOf(reader.name, reader.password), "AUTH_FAILED");
-    EXPECT_EQ(countLogged("PAM: pam_acct_mgmt() failed."), 1);
-}
-
-TEST_F(LocalAccounts, WithoutAPasswordAreRefused) {
-    constexpr std::size_t hash = 1;
-    change(passwords, reader.name, hash, "");
-    EXPECT_EQ(privilegeOf(reader.name, ""), "AUTH_FAILED");
-}
-
-TEST_F(LocalAccounts, ThatAreLockedAreRefused) {
-    constexpr std::size_t hash = 1;
-    change(passwords, reader.name, hash, "!");
-    EXPECT_EQ(privilegeOf(reader.name, reader.password), "AUTH_FAILED");
-}
-
-TEST_F(LocalAccounts, HaveThePrivilegeOfAnotherGroupFromTheNextLoginOn) {
-    constexpr std::size_t group = 3;
-    change(accounts, reader.name, group, "102");
-    EXPECT_EQ(privilegeOf(reader.name, reader.password), operatorAccount.privilege);
-    change(accounts, reader.name, group, "0");
+TEST_F(SessionRole, GivesNothingToAUserOfNoGroupThatIsNamed) {
     expectNoPrivilege();
-    EXPECT_EQ(privilegeOf(reader.name, reader.password), "");
+    useRoleModule("role=admins:aciadmin; role=nosuchgroup:aciadmin;");
+    EXPECT_EQ(privilegeOf(reader.name), "none");
 }
 
-TEST_F(LocalAccounts, MayGetTheirPrivilegeAsAVariableOfSeveralWords) {
-    usePamLines(
-        "auth required pam_unix.so\n"
-        "auth required /usr/local/lib/security/pam_session_role.so role=admins:aciadmin; "
-        "[set=PRIVILEGES=33 and more]\n"
-        "account required pam_unix.so\n");
-    EXPECT_EQ(privilegeOf(reader.name, reader.password), "33 and more");
-    EXPECT_EQ(privilegeOf(administrator.name, administrator.password), "511");
+TEST_F(SessionRole, GivesNothingToAUserUnknownToTheSystem) {
+    expectNoPrivilege();
+    useRoleModule("role=admins:aciadmin;");
+    EXPECT_EQ(privilegeOf("nobody-here"), "none");
+    useRoleModule("");
+    EXPECT_EQ(privilegeOf("nobody-here"), "none");
+}
+
+TEST_F(SessionRole, GivesTheNameOfThePrimaryGroupWhereNoRoleIsConfigured) {
+    controller.writeFile("/etc/pam.d/q73.conf", "Operator=operators;\n");
+    useRoleModule("");
+    EXPECT_EQ(privilegeOf(operatorAccount.name), "121");
+}
+
+TEST_F(SessionRole, PutsTheValueIntoTheVariableThatIsConfigured) {
+    controller.writeFile("/etc/pam.d/q73.conf", "Attribute=memberOf;\n");
+    useRoleModule("attribute=memberOf role=readers:aciuser;");
+    EXPECT_EQ(privilegeOf(reader.name), "9");
+}
+
+TEST_F(SessionRole, SetsVariablesForEveryUser) {
+    useRoleModule("role=admins:aciadmin; set=PRIVILEGES=33 set=OTHER=");
+    EXPECT_EQ(privilegeOf(administrator.name), "511");
+    EXPECT_EQ(privilegeOf(reader.name), "33");
+    EXPECT_EQ(privilegeOf("nobody-here"), "33");
+}
+
+TEST_F(SessionRole, WorksInTheAccountStackToo) {
+    usePamLines("auth required pam_permit.so\naccount required pam_permit.so\naccount required " +
+                module + " role=readers:aciuser;\n");
+    EXPECT_EQ(privilegeOf(reader.name), "9");
+}
+
+TEST_F(SessionRole, RefusesTheLoginWhenAnArgumentMakesNoSense) {
+    for (const char* argument : {"role=readers", "role=:aciadmin;", "attribute=", "attribute=a=b",
+                                 "set=NAME", "set==value", "debug"}) {
+        useRoleModule(std::string("role=readers:aciuser; ") + argument);
+        EXPECT_EQ(privilegeOf(reader.name), "AUTH_FAILED") << argument;
+    }
 }
 
 }  // namespace
