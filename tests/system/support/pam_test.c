@@ -121,6 +121,7 @@ static struct conversation converse(pam_handle_t* handle, int argc, const char**
             application->conv(count, messages, &result.answers, application->appdata_ptr);
         result.count = result.answers == NULL ? 0 : count;
     }
+    free(prompt);
     return result;
 }
 
