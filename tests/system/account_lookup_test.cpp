@@ -134,6 +134,11 @@ TEST_F(AccountOfAnExpiredUser, IsLookedUpWithOneScanWhereThereAreNoAccounts) {
 }
 
 TEST_F(AccountOfAnExpiredUser, IsTheFirstOfSeveralThatTheScanGives) {
+    // The store's table grows, and its order changes, when the keys outnumber the buckets: well
+    // past 512 the few keys of a login leave the order as it is.
+    for (int i = 0; i < 800; ++i) {
+        store().run({"SET", "filler:" + std::to_string(i), ""});
+    }
     for (const std::string& account : scanned()) {
         store().hset(account, {{"&&OwnerName", "shared"}});
     }
