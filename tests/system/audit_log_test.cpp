@@ -1,5 +1,6 @@
 // How the daemon hands logins to the script of the log service, and what it makes of the
 // script's answers.
+#include <chrono>
 #include <regex>
 
 #include "support/welcoming_test.h"
@@ -236,13 +237,20 @@ struct Zone {
     const char* offset;
 };
 
-class AuditTimeStamp : public AuditLog, public testing::WithParamInterface<Zone> {};
+class AuditTimeStamp : public AuditLog, public testing::WithParamInterface<Zone> {
+  protected:
+    // Not std::time, which may lag behind the clock of the stamps by a tick.
+    static std::time_t secondsNow() {
+        return std::chrono::system_clock::to_time_t(
+            std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
+    }
+};
 
 TEST_P(AuditTimeStamp, EndsWithTheOffsetOfTheLocalTime) {
     restart({.environment = {{"TZ", GetParam().rule}}});
-    const std::time_t before = std::time(nullptr);
+    const std::time_t before = secondsNow();
     login();
-    const std::time_t after = std::time(nullptr);
+    const std::time_t after = secondsNow();
     const std::string created = createdOfNewestEntry();
     const std::regex shape(
         R"re("(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)([+-])(\d\d):(\d\d)")re");

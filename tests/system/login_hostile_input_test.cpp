@@ -244,6 +244,7 @@ struct SpoiltKey {
     const char* status;
     Words errors{};
     bool stays = true;
+    bool expires = false;  // the session, at once
 };
 
 class LoginOnAStoreWith : public WelcomingTest, public testing::WithParamInterface<SpoiltKey> {
@@ -287,20 +288,27 @@ TEST_P(LoginOnAStoreWith, KeyOfAnotherKindAnswersAndGoesOn) {
     }
     usePamTest("auth=PAM_AUTH_ERR");
     EXPECT_EQ(login().status(), "AUTH_FAILED");
+    if (GetParam().expires) {
+        waitUntilExpired(1);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     A, LoginOnAStoreWith,
     testing::Values(
         // Without a timeout the session soon expires.
-        SpoiltKey{"Service", serviceUri, "OK"},
+        SpoiltKey{.name = "Service", .key = serviceUri, .status = "OK", .expires = true},
         SpoiltKey{
             "MembersList", membersKey, "FAILURE", {"Failed to add session entry to Members."}},
         SpoiltKey{"Collection", sessionsUri, "OK"},
         SpoiltKey{
             "SessionUri", LoginOnAStoreWith::session, "FAILURE", {"Failed to add session entry."}},
         // Its token unknown, the session soon expires, reference and all.
-        SpoiltKey{"TokenReference", "&&" + LoginOnAStoreWith::session, "OK", {}, false},
+        SpoiltKey{.name = "TokenReference",
+                  .key = "&&" + LoginOnAStoreWith::session,
+                  .status = "OK",
+                  .stays = false,
+                  .expires = true},
         SpoiltKey{"TokenRecord",
                   LoginOnAStoreWith::tokenRecord,
                   "FAILURE",

@@ -296,11 +296,13 @@ TEST_F(TokenRecord, CopiesTheTimeoutOfTheServiceAsItIsStored) {
         store().hset(serviceUri, {{"SessionTimeout", timeout}});
         EXPECT_EQ(writtenTimeout(), timeout);
     }
+    waitUntilExpired(3);  // all but the first
 }
 
 TEST_F(TokenRecord, HoldsAnEmptyTimeoutWhenTheServiceHasNone) {
     store().run({"HDEL", serviceUri, "SessionTimeout"});
     EXPECT_EQ(writtenTimeout(), "");
+    waitUntilExpired(1);
 }
 
 TEST_F(TokenRecord, MarksAUserWhoMustChangeThePasswordByAnEmptyField) {

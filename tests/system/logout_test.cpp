@@ -568,6 +568,7 @@ TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
 
     held = false;
     held.notify_all();
+    waitUntilExpired(1);
     EXPECT_EQ(frontEnd().remove(session.uri).status(), "OK_EMPTY");
     EXPECT_EQ(thereOf(keysOf(expiring)), Words{});
 }

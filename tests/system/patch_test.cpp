@@ -254,9 +254,9 @@ TEST_F(Patch, ThatTheStoreRefusesIsAnException) {
     EXPECT_EQ(reply.fields, (Fields{{"&&ReturnStatus", "EXCEPTION"},
                                     {"&&ExtendedInfo", request.requestKey() + list}}));
     EXPECT_EQ(reply.messages, (std::vector<Message>{{"Base.1.12.OperationFailed", {}}}));
-    settle();
     EXPECT_EQ(store().hgetall(request.requestKey() + list + "/1"),
               (Fields{{"&&MessageId", "Base.1.12.OperationFailed"}}));
+    settle();
     EXPECT_FALSE(store().exists(request.requestKey() + "/Checklist"));
     EXPECT_EQ(lifeCycleEvents(store()), std::vector<Words>{});
     EXPECT_EQ(controller.readFile(persistentFile), file);
@@ -386,6 +386,8 @@ class UnpublishablePatch : public RunningSystemTest {};
 
 TEST_F(UnpublishablePatch, IsAnExceptionAndRaisesItsEvent) {
     expectErrorLine("DatabaseOperationError: Failed to publish data.");
+    // The messages of the first request are still looked at when the second is through.
+    store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "9000000"}});
     Request request =
         frontEnd().preparePatch({{"SessionTimeout", "600"}}, {.returnChannel = "forbidden"});
     Request unchanged =

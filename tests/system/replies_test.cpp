@@ -38,6 +38,8 @@ TEST_F(MessageEntries, LieBesideTheReplyAfterItsLastSlash) {
 
 TEST_F(MessageEntries, AreNumberedByTheLengthOfTheirListNewestFirst) {
     const std::string list = "&&/request/shared/ExtendedInfo";
+    // The first message is still looked at when the second login is through.
+    store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "9000000"}});
     login({.replyKey = "&&/request/shared/1"});
     EXPECT_EQ(store().lrange(list), Words{list + "/1"});
     usePamTest("auth=PAM_AUTH_ERR");

@@ -135,8 +135,10 @@ void StoreRelay::accept() {
         if (client < 0) {
             continue;
         }
+        // In this order: whoever sees a connection counted can refuse later ones only.
+        const bool refused = refusing_;
         ++connections_;
-        if (refusing_) {
+        if (refused) {
             close(client);
             continue;
         }

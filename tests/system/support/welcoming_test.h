@@ -65,6 +65,17 @@ class WelcomingTest : public SystemTest {
         store().run({"SADD", key, "something else"});
     }
 
+    // Blocks until so many sessions have expired; the audit entry is the last act of an
+    // expiry, which an end of the store before it would leave with an error line.
+    void waitUntilExpired(std::ptrdiff_t sessions) {
+        waitUntil(std::to_string(sessions) + " sessions have expired", [&] {
+            const std::vector<Words> entries = auditEntries(store());
+            return std::count_if(entries.begin(), entries.end(), [](const Words& entry) {
+                       return entry.at(0) == "\"AuditEvent.1.1.UserLogout\"";
+                   }) == sessions;
+        });
+    }
+
     // The tags of the log lines with exactly this message.
     Words tagsOf(const std::string& message) const {
         Words tags;
