@@ -55,6 +55,7 @@ class BenchController {
     void loadScripts();
     void seedStore();
     void stopStore();
+    bool storeStarted() const { return store_ != nullptr; }
 
     // The daemon. What it writes to its standard streams is appended over all starts.
     void startDaemon(const DaemonOptions& options = {});

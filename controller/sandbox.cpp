@@ -15,13 +15,13 @@ void append(Arguments& arguments, const Arguments& more) {
     arguments.insert(arguments.end(), more.begin(), more.end());
 }
 
-Arguments bubblewrap() {
+Arguments bubblewrap(int user) {
     return {"bwrap",
             "--unshare-user",
             "--uid",
-            "0",
+            std::to_string(user),
             "--gid",
-            "0",
+            std::to_string(user),
             "--die-with-parent",
             "--info-fd",
             std::to_string(infoDescriptor)};
@@ -52,7 +52,7 @@ Sandbox::Sandbox(std::string root) : root_(std::move(root)) {
 }
 
 void Sandbox::shareNetwork() {
-    Arguments arguments = bubblewrap();
+    Arguments arguments = bubblewrap(0);
     append(arguments,
            {"--unshare-net", "--unshare-pid", "--ro-bind", "/", "/", "sleep", "infinity"});
     networkHolder_ = std::make_unique<Process>(arguments, "sleep", Streams{});
@@ -61,12 +61,13 @@ void Sandbox::shareNetwork() {
 
 std::unique_ptr<Process> Sandbox::start(const Launch& launch) const {
     Arguments arguments;
-    if (networkHolder_) {
+    const bool joinsNetwork = networkHolder_ && !launch.machineNetwork;
+    if (joinsNetwork) {
         arguments = {"nsenter", "--target", std::to_string(networkHolder_->sandboxPid()),
                      "--user",  "--net",    "--preserve-credentials"};
     }
-    append(arguments, bubblewrap());
-    if (!networkHolder_) {
+    append(arguments, bubblewrap(launch.user));
+    if (!joinsNetwork && !launch.machineNetwork) {
         arguments.emplace_back("--unshare-net");
     }
     append(arguments, {"--unshare-pid", "--unshare-ipc", "--unshare-uts", "--hostname", "bench"});

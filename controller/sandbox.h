@@ -1,10 +1,10 @@
 // A private root for the programs of the bench, made with bubblewrap. It needs no
 // privileges where user namespaces are allowed, and leaves the machine untouched.
 //
-// Inside, a program is user 0 without capabilities. It sees a folder of ours as its
-// root, the machine's /usr read-only below it (but not /usr/local, which is ours
-// again), a /proc and process numbers of its own, the usual few devices, and a
-// loopback network.
+// Inside, a program is user 0 without capabilities unless it asks for another number.
+// It sees a folder of ours as its root, the machine's /usr read-only below it (but not
+// /usr/local, which is ours again), a /proc and process numbers of its own, the usual few
+// devices, and a loopback network.
 #pragma once
 
 #include <map>
@@ -36,6 +36,11 @@ struct Launch {
     // What the kernel will call the program in the end; empty: the last part of the
     // command's first word.
     std::string name{};
+    // The program's user and group inside, to whom all files of the root belong.
+    int user = 0;
+    // The machine's own network in the place of a private one, so that clients outside
+    // reach the program.
+    bool machineNetwork = false;
     Streams streams{};
 };
 

@@ -1,0 +1,2 @@
+std = "ngx_lua"
+max_line_length = 100

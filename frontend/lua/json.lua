@@ -1,0 +1,109 @@
+-- JSON that comes from clients, strictly, and JSON that is put together from stored texts.
+local cjson = require("cjson").new()
+
+local deepest = 32
+
+cjson.decode_max_depth(deepest)
+cjson.decode_invalid_numbers(false)
+
+local json = {}
+
+-- Tells whether a text that cjson reads is JSON to others as well: cjson takes control characters
+-- in strings, and numbers such as "1." and "-.5".
+local function isStrict(text)
+    local strict = true
+    local rest = text:gsub("\\.", ""):gsub('"([^"]*)"', function(characters)
+        strict = strict and not characters:find("[%z\1-\31]")
+        return ""
+    end)
+    for number in rest:gmatch("[%d.+-][%w.+-]*") do
+        local tail = number:match("^%-?%d+(.*)$")
+        tail = tail and tail:match("^%.%d+(.*)$") or tail
+        strict = strict and tail and (tail == "" or tail:find("^[eE][+-]?%d+$"))
+    end
+    return strict
+end
+
+-- Tells whether an object of this valid JSON text names a property twice.
+local function hasDuplicateNames(text)
+    local names = {}
+    local depth = 0
+    local at = 1
+    while true do
+        local start = text:find('["{}]', at)
+        if not start then
+            return false
+        end
+        local found = text:sub(start, start)
+        at = start + 1
+        if found == "{" then
+            depth = depth + 1
+            names[depth] = {}
+        elseif found == "}" then
+            depth = depth - 1
+        else
+            repeat
+                at = text:find('["\\]', at)
+                local escape = text:sub(at, at) == "\\"
+                at = at + (escape and 2 or 1)
+            until not escape
+            if text:find("^[ \t\r\n]*:", at) then
+                local name = cjson.decode("[" .. text:sub(start, at - 1) .. "]")[1]
+                if names[depth][name] then
+                    return true
+                end
+                names[depth][name] = true
+            end
+        end
+    end
+end
+
+-- The parser passes over this, and what it took would make the answers invalid.
+local function isUtf8(text)
+    return ngx.re.find(text, "^", "u") ~= nil
+end
+
+-- Returns the value of a JSON text; nil when it is not JSON, not UTF-8, nested too deeply, or
+-- names a property twice, which programs read in different ways.
+function json.decode(text)
+    local valid, value = pcall(cjson.decode, text)
+    if not valid or not isUtf8(text) or not isStrict(text) or hasDuplicateNames(text) then
+        return nil
+    end
+    return value
+end
+
+-- Tells whether a text is JSON as it stands.
+function json.isValid(text)
+    local valid, values = pcall(cjson.decode, "[" .. text .. "]")
+    return valid and #values == 1 and isStrict(text)
+end
+
+-- Returns the JSON text of a string, number, boolean or null.
+function json.encode(value)
+    if type(value) == "number" then
+        return string.format("%.14g", value)
+    end
+    -- What cjson does with "/" is allowed but hard to read.
+    return (cjson.encode(value):gsub("\\/", "/"))
+end
+
+-- Returns the text of an object from its members' texts, in the order of their names.
+function json.object(members)
+    local names = {}
+    for name in pairs(members) do
+        names[#names + 1] = name
+    end
+    table.sort(names)
+    for i, name in ipairs(names) do
+        names[i] = json.encode(name) .. ":" .. members[name]
+    end
+    return "{" .. table.concat(names, ",") .. "}"
+end
+
+-- Returns the text of an array from its elements' texts.
+function json.array(elements)
+    return "[" .. table.concat(elements, ",") .. "]"
+end
+
+return json

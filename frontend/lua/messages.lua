@@ -1,0 +1,198 @@
+-- The messages that clients read: the registry's texts, and answers that carry them.
+local json = require "json"
+
+local messages = {}
+
+local retry = "Send the request again later."
+local correct = "Correct the request and send it again."
+
+-- Identifier: text with %1, %2 for the arguments, severity, what to do.
+local registry = {
+    ["Base.1.12.AccessDenied"] = {
+        "%1 cannot be reached with this origin.", "Critical", "Log in from this origin."
+    },
+    ["Base.1.12.Created"] = { "The resource has been created.", "OK", "None." },
+    ["Base.1.12.EmptyJSON"] = {
+        "The request's object is empty, and properties are expected.", "Warning", correct
+    },
+    ["Base.1.12.GeneralError"] = {
+        "The request failed. The details say why, if anything is known.", "Critical", "None."
+    },
+    ["Base.1.12.InsufficientPrivilege"] = {
+        "The user's privileges do not suffice for this.", "Critical",
+        "Log in as a user with more privileges, or have yours changed."
+    },
+    ["Base.1.12.InternalError"] = {
+        "The request failed for an internal reason. The service goes on.", "Critical", retry
+    },
+    ["Base.1.12.MalformedJSON"] = {
+        "The request's body is not the JSON that is expected.", "Critical", correct
+    },
+    ["Base.1.12.MissingOrMalformedPart"] = {
+        "The request is incomplete or malformed.", "Critical", correct
+    },
+    ["Base.1.12.NoOperation"] = {
+        "The request holds nothing to change.", "Warning", correct
+    },
+    ["Base.1.12.NoValidSession"] = {
+        "There is no valid session for this request.", "Critical", "Log in, then send it again."
+    },
+    ["Base.1.12.OperationFailed"] = {
+        "An operation of the service failed as part of the request.", "Warning", retry
+    },
+    ["Base.1.12.OperationNotAllowed"] = {
+        "The resource does not allow this method.", "Critical",
+        "Use one of the methods that the Allow header names."
+    },
+    ["Base.1.12.PasswordChangeRequired"] = {
+        "The password must be changed first, in the account %1.", "Critical",
+        "Set another password with a PATCH of that account."
+    },
+    ["Base.1.12.PayloadTooLarge"] = {
+        "The request is larger than the service takes.", "Critical", "Send less."
+    },
+    ["Base.1.12.PreconditionFailed"] = {
+        "The resource has changed: its ETag is not among those of the request.", "Critical",
+        "Read the resource again, then repeat the change with its ETag."
+    },
+    ["Base.1.12.PropertyMissing"] = {
+        "The property %1 is required and missing.", "Warning", correct
+    },
+    ["Base.1.12.PropertyNotWritable"] = {
+        "The property %1 cannot be changed.", "Warning", "Leave the property out."
+    },
+    ["Base.1.12.PropertyUnknown"] = {
+        "The property %1 is not one of this resource.", "Warning", "Leave the property out."
+    },
+    ["Base.1.12.PropertyValueFormatError"] = {
+        "The value of the property %2 cannot be used.", "Warning", correct
+    },
+    ["Base.1.12.PropertyValueNotInList"] = {
+        "The value %1 is not one that the property %2 can have.", "Warning", correct
+    },
+    ["Base.1.12.PropertyValueOutOfRange"] = {
+        "The value %1 of the property %2 is outside its range.", "Warning", correct
+    },
+    ["Base.1.12.PropertyValueTypeError"] = {
+        "The value %1 of the property %2 has another type than the property.", "Warning", correct
+    },
+    ["Base.1.12.QueryNotSupported"] = {
+        "Queries of this kind are not supported.", "Warning", "Leave the query out."
+    },
+    ["Base.1.12.ResourceMissingAtURI"] = {
+        "There is no resource at %1.", "Critical", "Correct the address of the request."
+    },
+    ["Base.1.12.ServiceTemporarilyUnavailable"] = {
+        "The service cannot answer now. Try again in %1 seconds.", "Critical", retry
+    },
+    ["Base.1.12.SessionLimitExceeded"] = {
+        "There are as many sessions as there can be.", "Critical",
+        "Log out of another session, or wait until one has expired."
+    },
+    ["Base.1.12.StringValueTooLong"] = {
+        "The value %1 is longer than %2 characters.", "Warning", correct
+    },
+    ["ExtendedError.1.2.DatabaseOperationError"] = {
+        "The service could not store the change.", "Critical", retry
+    },
+    ["ExtendedError.1.2.InvalidCredentials"] = {
+        "The user name or the password is wrong.", "Critical", correct
+    },
+    ["ExtendedError.1.2.MediaTypeNotSupported"] = {
+        "Requests and answers are application/json.", "Warning", correct
+    },
+    ["ExtendedError.1.2.MethodNotImplemented"] = {
+        "The service does not know this.", "Warning", correct
+    },
+    ["ExtendedError.1.2.ServiceDisabled"] = {
+        "The service is switched off.", "Warning", "Switch the service on."
+    },
+    ["ExtendedError.1.2.UnprocessableEntity"] = {
+        "The service cannot do this with that resource.", "Critical", correct
+    },
+    ["ExtendedError.1.2.VersionNotSupported"] = {
+        "The service speaks version 4.0 of OData only.", "Warning", correct
+    },
+}
+
+-- Returns a message: its identifier and its arguments, all texts.
+function messages.new(id, ...)
+    return { id = id, arguments = { ... } }
+end
+
+local general = messages.new("Base.1.12.GeneralError")
+
+local function entryOf(message)
+    return registry[message.id] or registry[general.id]
+end
+
+local function sentence(message)
+    return (entryOf(message)[1]:gsub("%%(%d)", function(number)
+        return message.arguments[tonumber(number)] or "?"
+    end))
+end
+
+-- Appends a message about one property of the request to a list.
+function messages.add(list, property, id, ...)
+    local message = messages.new(id, ...)
+    message.property = property
+    list[#list + 1] = message
+end
+
+local function textOf(message)
+    local entry = entryOf(message)
+    local arguments = {}
+    for i, argument in ipairs(message.arguments) do
+        arguments[i] = json.encode(argument)
+    end
+    local members = {
+        ["@odata.type"] = json.encode("#Message.v1_1_2.Message"),
+        MessageId = json.encode(message.id),
+        Message = json.encode(sentence(message)),
+        MessageArgs = json.array(arguments),
+        MessageSeverity = json.encode(entry[2]),
+        Severity = json.encode(entry[2]),
+        Resolution = json.encode(entry[3]),
+    }
+    if message.property then
+        members.RelatedProperties = json.array({ json.encode("/" .. message.property) })
+    end
+    return json.object(members)
+end
+
+-- Returns the JSON text of an array of messages.
+function messages.texts(list)
+    local texts = {}
+    for i, message in ipairs(list) do
+        texts[i] = textOf(message)
+    end
+    -- Those about properties come in no order of their own.
+    table.sort(texts)
+    return json.array(texts)
+end
+
+-- A problem is what a refused request raises: the status, messages, and headers of the answer.
+function messages.problem(status, list, headers)
+    return { status = status, messages = list, headers = headers or {} }
+end
+
+-- The problem of a service that is not there now.
+function messages.unavailable(seconds)
+    seconds = tostring(seconds or 5)
+    local message = messages.new("Base.1.12.ServiceTemporarilyUnavailable", seconds)
+    return messages.problem(503, { message }, { ["Retry-After"] = seconds })
+end
+
+-- Returns the JSON text of an error answer.
+function messages.errorBody(list)
+    local head = #list == 1 and list[1] or general
+    return json.object({
+        error = json.object({
+            code = json.encode(head.id),
+            message = json.encode(sentence(head)),
+            ["@Message.ExtendedInfo"] = messages.texts(#list > 0 and list or { general }),
+        }),
+    })
+end
+
+return messages

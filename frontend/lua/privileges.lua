@@ -1,0 +1,71 @@
+-- Who may do what.
+local bit = require "bit"
+local contract = require "contract"
+local messages = require "messages"
+
+local privilege = contract.privilege
+
+local privileges = {}
+
+local function holds(user, needed)
+    return bit.band(user.privilege, needed) == needed
+end
+
+local function has(needed)
+    return function(user)
+        return holds(user, needed)
+    end
+end
+
+local function isOwn(user, resource)
+    return resource.fields["&&OwnerName"] == user.name
+end
+
+-- One's own, or anybody's with the privilege for all.
+local function ownOr(needed)
+    return function(user, resource)
+        return holds(user, needed)
+            or holds(user, privilege.configureSelf) and isOwn(user, resource)
+    end
+end
+
+-- A session can always end itself.
+local function itselfOr(rule)
+    return function(user, resource)
+        return resource.uri == user.session or rule(user, resource)
+    end
+end
+
+-- By the resource's address: what each method asks for. What is not named here can be read with
+-- Login and not be changed.
+local rules = {
+    { pattern = "^" .. contract.service .. "$", PATCH = has(privilege.configureManager) },
+    {
+        pattern = "^" .. contract.sessions .. "/[^/]+$",
+        GET = ownOr(privilege.configureManager),
+        DELETE = itselfOr(ownOr(privilege.configureManager)),
+    },
+    {
+        pattern = "^" .. contract.accounts .. "/[^/]+$",
+        GET = ownOr(privilege.configureUsers),
+        PATCH = ownOr(privilege.configureUsers),
+    },
+}
+
+local defaults = { GET = has(privilege.login) }
+
+-- Raises the problem 403 unless the user may do this with the resource.
+function privileges.check(user, method, resource)
+    local needed = defaults
+    for _, rule in ipairs(rules) do
+        if resource.uri:find(rule.pattern) then
+            needed = rule
+        end
+    end
+    local allowed = needed[method] or defaults[method]
+    if not (allowed and allowed(user, resource)) then
+        error(messages.problem(403, { messages.new("Base.1.12.InsufficientPrivilege") }))
+    end
+end
+
+return privileges

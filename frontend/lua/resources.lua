@@ -1,0 +1,117 @@
+-- Resources as they stand in the store, and their JSON.
+local contract = require "contract"
+local json = require "json"
+local store = require "store"
+
+local resources = {}
+
+local deepest = 32
+
+local function reference(uri)
+    return json.object({ ["@odata.id"] = json.encode(uri) })
+end
+
+local tokens = { ["&&Array"] = true, ["&&Object"] = true, ["&&ObjectRef"] = true }
+
+local convertHash, convertList
+
+-- What a token stands for; nil for one that is none, or that leads nowhere.
+local function convert(connection, token, source, depth)
+    if depth > deepest then
+        error("resource: nested too deeply")
+    elseif token == "&&ObjectRef" then
+        return reference(source)
+    elseif token == "&&Array" then
+        return convertList(connection, source, depth)
+    elseif token == "&&Object" then
+        local fields = store.hash(connection, source)
+        return fields and convertHash(connection, fields, depth)
+    end
+    return nil
+end
+
+local function value(text)
+    return json.isValid(text) and text or json.encode(text)
+end
+
+function convertHash(connection, fields, depth)
+    local members = {}
+    for name, text in pairs(fields) do
+        if name:sub(1, 2) ~= "&&" then
+            members[name] = value(text)
+        else
+            local token, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
+            if token and fields[property] == nil then
+                members[property] = convert(connection, token, source, depth + 1)
+            end
+        end
+    end
+    return json.object(members)
+end
+
+function convertList(connection, key, depth)
+    local elements = {}
+    for _, element in ipairs(store.run(connection, "lrange", key, 0, -1) or {}) do
+        local token, source = element:match("^(&&%a+) ([^ ]+)$")
+        local text
+        if tokens[token] then
+            text = convert(connection, token, source, depth + 1)
+        else
+            text = value(element)
+        end
+        elements[#elements + 1] = text
+    end
+    return json.array(elements)
+end
+
+local function stringOf(text)
+    local string = text and json.decode(text)
+    return type(string) == "string" and string or nil
+end
+
+-- Returns the resource at an address, nil when there is none:
+--   uri, fields (as stored), type, etag, allow (a set of methods; a list in allowText)
+function resources.read(connection, uri)
+    local fields = store.hash(connection, uri)
+    if not fields or stringOf(fields["@odata.id"]) ~= uri then
+        return nil
+    end
+    local resource = {
+        uri = uri,
+        fields = fields,
+        type = stringOf(fields["@odata.type"]),
+        etag = stringOf(fields["@odata.etag"]),
+        allowText = fields["&&AllowMethod"] or "GET,HEAD",
+        allow = {},
+    }
+    for method in resource.allowText:gmatch("%a+") do
+        resource.allow[method] = true
+    end
+    return resource
+end
+
+-- Returns the JSON text of a resource; `annotations` are further members, or nil.
+function resources.text(connection, resource, annotations)
+    local fields = {}
+    for name, text in pairs(resource.fields) do
+        fields[name] = text
+    end
+    for name, text in pairs(annotations or {}) do
+        fields[name] = text
+    end
+    return convertHash(connection, fields, 0)
+end
+
+-- Returns the address of the account of a user, an empty text when there is none.
+function resources.accountOf(connection, user)
+    local members = "&&" .. contract.accounts .. "/Members"
+    for _, element in ipairs(store.run(connection, "lrange", members, 0, -1) or {}) do
+        local uri = element:match("^&&ObjectRef (.+)$")
+        if uri and store.run(connection, "hget", uri, "&&OwnerName") == user then
+            return uri
+        end
+    end
+    return ""
+end
+
+return resources

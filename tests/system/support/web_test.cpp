@@ -1,0 +1,157 @@
+#include "support/web_test.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <iostream>
+#include <regex>
+#include <sstream>
+
+namespace bench {
+
+namespace {
+
+constexpr char requestKeys[] = "&&/frontend/*";
+constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// As HTTP Basic sends them.
+std::string encodedCredentials(const Account& account) {
+    const std::string plain = std::string(account.name) + ":" + account.password;
+    // Four characters for three bytes, and a zero byte.
+    std::vector<unsigned char> text((plain.size() + 2) / 3 * 4 + 1);
+    EVP_EncodeBlock(text.data(), reinterpret_cast<const unsigned char*>(plain.data()),
+                    static_cast<int>(plain.size()));
+    return {text.begin(), text.end() - 1};
+}
+
+// The digits of a token. An enciphered password has more of them.
+bool containsToken(const std::string& text) {
+    constexpr std::size_t digits = 64;
+    std::size_t run = 0;
+    return std::any_of(text.begin(), text.end(), [&](unsigned char character) {
+        run = std::isxdigit(character) != 0 ? run + 1 : 0;
+        return run == digits;
+    });
+}
+
+}  // namespace
+
+WebTest::WebTest(const ControllerOptions& options) : SystemTest(options) {
+    limit("rate=5r/s", "rate=100000r/s");
+    limit("burst=20", "burst=10000");
+}
+
+void WebTest::SetUp() {
+    start();
+    web.start();
+}
+
+void WebTest::TearDown() {
+    client_.reset();
+    if (web.started()) {
+        checkLeftovers();
+        if (const auto ended = web.process().ending()) {
+            ADD_FAILURE() << "The web front end ended with " << toText(*ended) << ".";
+        } else {
+            EXPECT_EQ(toText(web.stop()), toText(Ending{})) << "for the end of the web front end";
+        }
+    }
+    checkErrorLog();
+    checkSecrets(web.accessLog());
+    checkSecrets(web.errorLog());
+    SystemTest::TearDown();
+    if (HasFailure()) {
+        std::cerr << "--- access log of the web front end\n"
+                  << web.accessLog() << "--- its error log\n"
+                  << web.errorLog() << "--- its standard error\n"
+                  << controller.errorsOf("nginx") << "---\n";
+    }
+}
+
+void WebTest::setting(const std::string& name, const std::string& value) {
+    const std::regex line("\n    " + name + " = [^\n]*");
+    const std::string settings = controller.readFile(webSettingsFile);
+    if (!std::regex_search(settings, line)) {
+        throw Failure("There is no setting " + name + ".");
+    }
+    controller.writeFile(webSettingsFile,
+                         std::regex_replace(settings, line, "\n    " + name + " = " + value + ","));
+}
+
+void WebTest::limit(const std::string& text, const std::string& replacement) {
+    std::string limits = controller.readFile(webLimitsFile);
+    const std::size_t at = limits.find(text);
+    if (at == std::string::npos) {
+        throw Failure("There is no limit " + text + ".");
+    }
+    controller.writeFile(webLimitsFile, limits.replace(at, text.size(), replacement));
+}
+
+HttpClient& WebTest::client() {
+    if (!client_) {
+        client_.emplace(newClient());
+    }
+    return *client_;
+}
+
+HttpClient WebTest::newClient(HttpOptions options) const {
+    if (options.url.empty()) {
+        options.url = web.url();
+    }
+    if (options.certificatePath.empty()) {
+        options.certificatePath = web.certificatePath();
+    }
+    return HttpClient(std::move(options));
+}
+
+void WebTest::checkLeftovers() {
+    if (!controller.storeStarted()) {
+        return;
+    }
+    StoreClient store = controller.connect();
+    Words keys;
+    try {
+        waitUntil("no request is left in the store",
+                  [&] { return (keys = store.keys(requestKeys)).empty(); });
+    } catch (const Failure& failure) {
+        ADD_FAILURE() << failure.what() << " " << testing::PrintToString(keys);
+    }
+}
+
+void WebTest::checkErrorLog() {
+    std::vector<bool> seen(expectedWebErrors_.size(), false);
+    std::istringstream log(web.errorLog());
+    for (std::string line; std::getline(log, line);) {
+        if (std::none_of(errorLevels.begin(), errorLevels.end(),
+                         [&](const char* level) { return contains(line, level); })) {
+            continue;
+        }
+        bool announced = false;
+        for (std::size_t i = 0; i < seen.size(); ++i) {
+            if (contains(line, expectedWebErrors_[i])) {
+                seen[i] = true;
+                announced = true;
+            }
+        }
+        EXPECT_TRUE(announced) << "unexpected error line: " << line;
+    }
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedWebErrors_[i];
+    }
+}
+
+void WebTest::checkSecrets(const std::string& log) const {
+    for (const Account& account : {administrator, operatorAccount, reader, expired}) {
+        EXPECT_FALSE(contains(log, account.password)) << "The log tells a password.";
+        EXPECT_FALSE(contains(log, encodedCredentials(account))) << "The log tells credentials.";
+    }
+    EXPECT_FALSE(containsToken(log)) << "The log tells a token.";
+}
+
+}  // namespace bench

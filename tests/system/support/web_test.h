@@ -1,0 +1,51 @@
+// The fixture of all tests that reach the session service through the web front end.
+//
+// The rate of logins is out of the way. The end of a test, besides what SystemTest looks
+// at, fails the test when requests are left over in the store, when the front end has
+// ended or ends in a wrong way, when its error log holds a line of level error or above that
+// the test did not announce, or lacks one that it did, and when one of its logs tells a
+// password or a token. A failed test prints the logs.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "controller/http_client.h"
+#include "controller/web_front_end.h"
+#include "support/system_test.h"
+
+namespace bench {
+
+class WebTest : public SystemTest {
+  protected:
+    explicit WebTest(const ControllerOptions& options = {});
+    // Starts the store, the daemon and the front end.
+    void SetUp() override;
+    void TearDown() override;
+
+    // Gives a value to a line of the front end's settings, as Lua text; for its next start.
+    void setting(const std::string& name, const std::string& value);
+    // Replaces a text of the front end's limits, which has to be there; for its next start.
+    void limit(const std::string& text, const std::string& replacement);
+
+    // A line of the error log that contains the text has to be there, any number of times.
+    void expectWebErrorLine(const std::string& text) { expectedWebErrors_.push_back(text); }
+
+    // The test's own client, made at first use.
+    HttpClient& client();
+    // Another one. Address and certificate are the front end's unless they are given.
+    HttpClient newClient(HttpOptions options = {}) const;
+
+    WebFrontEnd web{controller};
+
+  private:
+    void checkLeftovers();
+    void checkErrorLog();
+    void checkSecrets(const std::string& log) const;
+
+    std::optional<HttpClient> client_;
+    std::vector<std::string> expectedWebErrors_;
+};
+
+}  // namespace bench
