@@ -2,8 +2,11 @@
 // Exit status 0: everything was as it must be.
 #include <signal.h>
 
+#include <array>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
@@ -12,6 +15,7 @@
 
 #include "controller/accounts.h"
 #include "controller/bench_controller.h"
+#include "controller/web_front_end.h"
 
 namespace {
 
@@ -63,6 +67,46 @@ std::string unquoted(const std::string& json) {
     return json.size() > 1 && json.front() == '"' ? json.substr(1, json.size() - 2) : json;
 }
 
+struct ClosePipe {
+    void operator()(FILE* pipe) const noexcept { pclose(pipe); }
+};
+
+// Runs a shell command; returns what it wrote.
+std::string outputOf(const std::string& command) {
+    const std::unique_ptr<FILE, ClosePipe> pipe(popen(command.c_str(), "re"));
+    if (!pipe) {
+        throw bench::Failure("A command cannot be started.");
+    }
+    std::string output;
+    std::array<char, 4096> piece{};
+    for (std::size_t count = 0; (count = fread(piece.data(), 1, piece.size(), pipe.get())) > 0;) {
+        output.append(piece.data(), count);
+    }
+    return output;
+}
+
+std::string loginBody(const Account& account, const std::string& password) {
+    return std::string(R"({"UserName":")") + account.name + R"(","Password":")" + password +
+           R"("})";
+}
+
+// What an HTTPS client got: the status, and the header lines with the body as they came.
+struct WebAnswer {
+    std::string status;
+    std::string text;
+
+    // A header's value; empty when it is not there.
+    std::string header(const std::string& name) const {
+        const std::size_t at = text.find("\n" + name + ": ");
+        if (at == std::string::npos) {
+            return {};
+        }
+        const std::size_t begin = at + name.size() + 3;
+        return text.substr(begin, text.find_first_of("\r\n", begin) - begin);
+    }
+    bool holds(const std::string& part) const { return text.find(part) != std::string::npos; }
+};
+
 void chapter(const std::string& title) {
     std::cout << "\n== " << title << "\n";
 }
@@ -90,6 +134,7 @@ class Demo {
     void showExpiry();
     void showLogout();
     void showLimit();
+    void showWeb();
     void showTrail();
 
     // Logs in without output, and notes what a success has to leave in the trail.
@@ -98,12 +143,17 @@ class Demo {
     void expectLogout(const std::string& sessionUri, const Account& account);
     void expectEvents(const std::string& action, const std::string& sessionUri);
     void showReply(const Reply& reply);
+    // Shows a curl command and what it got, and runs it: `arguments` is all but the options that
+    // every command has, and the address.
+    WebAnswer curl(const std::string& arguments, const std::string& path);
+    std::string curlCommand() const;
     void check(bool right, const std::string& statement);
 
     std::vector<Event> events();
     std::vector<AuditEntry> auditEntries();
 
     bench::BenchController controller_;
+    bench::WebFrontEnd web_{controller_};
     std::optional<bench::FrontEnd> frontEnd_;
     std::optional<bench::StoreClient> store_;
     std::string firstSession_;
@@ -338,6 +388,75 @@ void Demo::showLimit() {
           "nothing is left of any session");
 }
 
+std::string Demo::curlCommand() const {
+    return "curl -sS -i --cacert " + web_.certificatePath();
+}
+
+WebAnswer Demo::curl(const std::string& arguments, const std::string& path) {
+    const std::string rest = arguments + (arguments.empty() ? "" : " ") + web_.url() + path;
+    std::cout << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
+    WebAnswer answer{.status = {}, .text = outputOf(curlCommand() + " " + rest)};
+    answer.status = answer.text.substr(0, answer.text.find('\r'));
+    std::cout << "      " << answer.status << "\n";
+    for (const char* header : {"Location", "X-Auth-Token", "ETag", "Retry-After"}) {
+        if (const std::string value = answer.header(header); !value.empty()) {
+            std::cout << "      " << header << ": " << withShortTokens(value) << "\n";
+        }
+    }
+    const std::size_t body = answer.text.find("\r\n\r\n");
+    if (body != std::string::npos && body + 4 < answer.text.size()) {
+        std::cout << "      " << answer.text.substr(body + 4) << "\n";
+    }
+    return answer;
+}
+
+void Demo::showWeb() {
+    chapter("The same with curl, through the web front end");
+    const std::string service = bench::serviceUri;
+    const std::string sessions = bench::sessionsUri;
+    const std::string json = "-H 'Content-Type: application/json' ";
+    web_.start();
+    std::cout << "   It listens on " << web_.url() << ".\n";
+    check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
+          "without a token nothing can be read");
+    check(curl(json + "-d '" + loginBody(bench::administrator, "not the password") + "'", sessions)
+              .holds("401 Unauthorized"),
+          "a wrong password is refused");
+
+    const WebAnswer created =
+        curl(json + "-d '" + loginBody(bench::administrator, bench::administrator.password) + "'",
+             sessions);
+    const std::string session = created.header("Location");
+    check(created.holds("201 Created") && store_->exists(session), "the session is created");
+    expectEvents("add", session);
+    expectedAuditEntries_.push_back(
+        {"AuditEvent.1.1.UserLogin", bench::administrator.name, session});
+
+    // The commands name the token as a variable: nobody needs the whole of it on the screen.
+    setenv("TOKEN", created.header("X-Auth-Token").c_str(), 1);
+    std::cout << "   $ TOKEN=... (the X-Auth-Token above)\n";
+    const std::string token = "-H \"X-Auth-Token: $TOKEN\"";
+    check(curl(token, session).holds(R"("UserName":"admin")"), "the token reads its session");
+
+    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
+              .holds(R"("SessionTimeout":900)"),
+          "the session timeout is changed");
+    expectedEvents_.push_back(
+        {"change", bench::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    bench::waitUntil("the change is announced",
+                     [this] { return events().size() >= expectedEvents_.size(); });
+    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
+              .holds("400 Bad Request"),
+          "a timeout below 30 seconds is refused");
+
+    check(curl(token + " -X DELETE", session).holds("204 No Content") && !store_->exists(session),
+          "the session is removed");
+    expectLogout(session, bench::administrator);
+    check(curl(token, service).holds("401 Unauthorized"), "the token is worth nothing any more");
+    unsetenv("TOKEN");
+    check(store_->keys("&&/frontend/*").empty(), "the front end has left nothing in the store");
+}
+
 void Demo::showTrail() {
     chapter("The trail of all this");
     const std::vector<Event> foundEvents = events();
@@ -367,6 +486,7 @@ bool Demo::run() {
     showExpiry();
     showLogout();
     showLimit();
+    showWeb();
     showTrail();
     std::cout << "\n"
               << (allRight_ ? "Everything was as it must be." : "Something was WRONG: see above.")
@@ -375,10 +495,26 @@ bool Demo::run() {
 }
 
 void Demo::keep() {
-    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). Its store:\n"
-              << "   REDISCLI_AUTH='" << controller_.storePassword() << "' redis-cli -s "
-              << controller_.socketPath() << "\nThe log of the service:\n   "
-              << controller_.path(bench::logFile) << "\nIts accounts:\n";
+    const std::string user = bench::administrator.name;
+    const std::string password = bench::administrator.password;
+    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves Redfish on\n"
+              << "   " << web_.url() << "\nTo read and to log in:\n"
+              << "   " << curlCommand() << " -u " << user << ":" << password << " " << web_.url()
+              << bench::serviceUri << "\n"
+              << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
+              << loginBody(bench::administrator, password) << "' " << web_.url()
+              << bench::sessionsUri << "\nWith redfishtool (package redfishtool):\n"
+              << "   redfishtool -r " << web_.address() << ":8443 -u " << user << " -p " << password
+              << " -A Session -S Always SessionService\n"
+              << "With Python (package python3-sushy):\n"
+              << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web_.url()
+              << "/redfish/v1', '" << user << "', '" << password << "', verify='"
+              << web_.certificatePath() << "').get_session_service().session_timeout)\"\n"
+              << "Its store:\n   REDISCLI_AUTH='" << controller_.storePassword()
+              << "' redis-cli -s " << controller_.socketPath()
+              << "\nThe logs of the service and of the front end:\n   "
+              << controller_.path(bench::logFile) << "\n   "
+              << controller_.path(bench::webErrorLogFile) << "\nIts accounts:\n";
     for (const Account& account :
          {bench::administrator, bench::operatorAccount, bench::reader, bench::expired}) {
         std::cout << "   " << std::left << std::setw(10) << account.name << account.password
