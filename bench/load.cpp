@@ -1,0 +1,320 @@
+// Logins, reads and logouts from many connections at once; prints how front end, daemon and
+// store did. Exit status 0: nothing was lost or left, and no memory was lost.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "controller/accounts.h"
+#include "controller/bench_controller.h"
+#include "controller/http_client.h"
+#include "controller/web_front_end.h"
+
+namespace {
+
+using bench::Failure;
+using bench::HttpResponse;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t connections = 6;  // the service admits eight sessions
+constexpr int readsPerLogin = 20;
+constexpr long allowedGrowth = 2048;  // KiB
+
+enum Kind : std::size_t { login, read, change, logout };
+constexpr std::array kindNames{"login", "read", "change", "logout"};
+
+// What one connection did.
+struct Work {
+    std::array<std::vector<double>, kindNames.size()> milliseconds;
+    std::string failure;
+};
+
+// What the programs have used so far.
+struct Usage {
+    double nginxSeconds = 0;
+    double daemonSeconds = 0;
+    double storeSeconds = 0;
+    double clientSeconds = 0;
+    long nginxKib = 0;
+    long daemonKib = 0;
+    long storeKib = 0;
+};
+
+std::string procFile(pid_t pid, const std::string& name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+// The front end's first process accepts connections before it has a worker.
+pid_t waitForWorker(pid_t first) {
+    pid_t worker = -1;
+    bench::waitUntil("the web front end has a worker", [&] {
+        std::ifstream children(procFile(first, "task/" + std::to_string(first) + "/children"));
+        return static_cast<bool>(children >> worker);
+    });
+    return worker;
+}
+
+// Of the program and the children that it has waited for.
+double processorSeconds(pid_t pid) {
+    std::ifstream file(procFile(pid, "stat"));
+    std::string text;
+    std::getline(file, text);
+    // The name may hold blanks; eleven fields stand between it and the times.
+    std::istringstream fields(text.substr(text.rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i) {
+        fields >> skipped;
+    }
+    std::array<long, 4> ticks{};
+    for (long& each : ticks) {
+        fields >> each;
+    }
+    return static_cast<double>(ticks[0] + ticks[1] + ticks[2] + ticks[3]) /
+           static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+long residentKib(pid_t pid) {
+    std::ifstream file(procFile(pid, "status"));
+    for (std::string name; file >> name;) {
+        if (name == "VmRSS:") {
+            long kib = 0;
+            file >> kib;
+            return kib;
+        }
+    }
+    throw Failure("Process " + std::to_string(pid) + " has ended.");
+}
+
+double ownSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// A number that the store tells of itself.
+double storeFigure(bench::StoreClient& store, const std::string& section, const std::string& name) {
+    const std::string text = store.run({"INFO", section}).text;
+    const std::size_t at = text.find("\n" + name + ":");
+    if (at == std::string::npos) {
+        throw Failure("The store does not tell " + name + ".");
+    }
+    return std::stod(text.substr(at + name.size() + 2));
+}
+
+void checkAnswer(Kind kind, const HttpResponse& response, long expected,
+                 const std::string& content) {
+    if (response.status != expected || response.body.find(content) == std::string::npos) {
+        throw Failure("A " + std::string(kindNames.at(kind)) + " was answered " +
+                      std::to_string(response.status) + ": " + response.body);
+    }
+}
+
+// Runs a request and notes how long it took.
+template <typename Request>
+HttpResponse timed(Work& work, Kind kind, const Request& request) {
+    const auto begin = Clock::now();
+    HttpResponse response = request();
+    work.milliseconds.at(kind).push_back(
+        std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
+    return response;
+}
+
+// Whole rounds up to the first that ends after `end`.
+void work(bench::HttpClient& client, bool changes, Clock::time_point end, Work& done) {
+    const bench::Account& account = bench::administrator;
+    for (int round = 0; Clock::now() < end; ++round) {
+        const HttpResponse session =
+            timed(done, login, [&] { return client.login(account.name, account.password); });
+        const std::string location = session.location();
+        checkAnswer(login, session, 201, location);
+        for (int i = 0; i < readsPerLogin; ++i) {
+            checkAnswer(read, timed(done, read, [&] { return client.get(location); }), 200,
+                        location);
+        }
+        if (changes) {
+            const std::string body =
+                R"({"SessionTimeout": )" + std::to_string(300 + round % 100) + "}";
+            const HttpResponse changed =
+                timed(done, change, [&] { return client.patch(bench::serviceUri, body); });
+            checkAnswer(change, changed, changed.status == 204 ? 204 : 200, "");
+        }
+        checkAnswer(logout, timed(done, logout, [&] { return client.remove(location); }), 204, "");
+        client.useToken("");
+    }
+}
+
+class Load {
+  public:
+    // Returns whether everything was right.
+    bool run(std::chrono::seconds duration);
+
+  private:
+    void liftLoginLimit();
+    Usage usage();
+    void printRequests(const std::vector<Work>& works, double seconds) const;
+    static void printUsage(const Usage& start, const Usage& tenth, const Usage& end,
+                           double seconds);
+    bool check(const std::vector<Work>& works, const Usage& tenth, const Usage& end);
+
+    bench::BenchController controller_;
+    bench::WebFrontEnd web_{controller_};
+    std::optional<bench::StoreClient> store_;
+    pid_t nginxWorker_ = -1;
+};
+
+void Load::liftLoginLimit() {
+    std::string limits = controller_.readFile(bench::webLimitsFile);
+    const std::string limit = "limit_req zone=";
+    const std::size_t at = limits.find(limit);
+    if (at == std::string::npos) {
+        throw Failure("There is no limit on logins to be lifted.");
+    }
+    controller_.writeFile(bench::webLimitsFile, limits.insert(at, "# "));
+}
+
+Usage Load::usage() {
+    return {
+        .nginxSeconds = processorSeconds(nginxWorker_),
+        .daemonSeconds = processorSeconds(controller_.daemon().pid()),
+        .storeSeconds = storeFigure(*store_, "cpu", "used_cpu_user") +
+                        storeFigure(*store_, "cpu", "used_cpu_sys"),
+        .clientSeconds = ownSeconds(),
+        .nginxKib = residentKib(nginxWorker_),
+        .daemonKib = residentKib(controller_.daemon().pid()),
+        .storeKib = static_cast<long>(storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
+}
+
+// `sorted` is in ascending order and not empty.
+double percentile(const std::vector<double>& sorted, std::size_t percent) {
+    return sorted[(sorted.size() - 1) * percent / 100];
+}
+
+void Load::printRequests(const std::vector<Work>& works, double seconds) const {
+    std::cout << "\n              number   per second   50th pct.   99th pct.     longest\n";
+    std::size_t total = 0;
+    for (std::size_t kind = 0; kind < kindNames.size(); ++kind) {
+        std::vector<double> all;
+        for (const Work& work : works) {
+            const std::vector<double>& some = work.milliseconds.at(kind);
+            all.insert(all.end(), some.begin(), some.end());
+        }
+        if (all.empty()) {
+            continue;
+        }
+        std::sort(all.begin(), all.end());
+        total += all.size();
+        std::cout << "   " << std::left << std::setw(8) << kindNames.at(kind) << std::right
+                  << std::setw(9) << all.size() << std::setw(13)
+                  << static_cast<double>(all.size()) / seconds << std::setw(9)
+                  << percentile(all, 50) << " ms" << std::setw(9) << percentile(all, 99) << " ms"
+                  << std::setw(9) << all.back() << " ms\n";
+    }
+    std::cout << "   all     " << std::setw(9) << total << std::setw(13)
+              << static_cast<double>(total) / seconds << "\n";
+}
+
+void Load::printUsage(const Usage& start, const Usage& tenth, const Usage& end, double seconds) {
+    const auto line = [&](const char* name, double before, double after) {
+        std::cout << "   " << std::left << std::setw(13) << name << std::right << std::setw(9)
+                  << after - before << " s" << std::setw(9) << 100 * (after - before) / seconds
+                  << " %";
+    };
+    const auto memory = [](long early, long late) {
+        std::cout << std::setw(12) << early << " KiB" << std::setw(9) << late << " KiB\n";
+    };
+    std::cout << "\n               processor    of one   memory, early     at the end\n";
+    line("nginx worker", start.nginxSeconds, end.nginxSeconds);
+    memory(tenth.nginxKib, end.nginxKib);
+    line("daemon", start.daemonSeconds, end.daemonSeconds);
+    memory(tenth.daemonKib, end.daemonKib);
+    line("store", start.storeSeconds, end.storeSeconds);
+    memory(tenth.storeKib, end.storeKib);
+    line("clients", start.clientSeconds, end.clientSeconds);
+    std::cout << "\n\n";
+}
+
+bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage& end) {
+    bool allRight = true;
+    const auto say = [&](bool right, const std::string& statement) {
+        std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
+        allRight = allRight && right;
+    };
+    bool answered = true;
+    for (const Work& work : works) {
+        if (!work.failure.empty()) {
+            std::cout << "   " << work.failure << "\n";
+            answered = false;
+        }
+    }
+    say(answered, "each request was answered as it has to be");
+    say(store_->llen(bench::membersKey) == 0 && store_->keys(bench::tokenKey("*")).empty() &&
+            store_->keys(std::string(bench::sessionsUri) + "/*").empty(),
+        "no session is left");
+    say(store_->keys("&&/frontend/*").empty(), "no request is left in the store");
+    const std::string bound = "by more than " + std::to_string(allowedGrowth) + " KiB";
+    say(end.nginxKib - tenth.nginxKib <= allowedGrowth, "nginx has not grown " + bound);
+    say(end.daemonKib - tenth.daemonKib <= allowedGrowth, "the daemon has not grown " + bound);
+    return allRight;
+}
+
+bool Load::run(std::chrono::seconds duration) {
+    liftLoginLimit();
+    controller_.start();
+    web_.start();
+    store_.emplace(controller_.connect());
+    nginxWorker_ = waitForWorker(web_.process().pid());
+    std::cout << connections << " connections for " << duration.count() << " s on "
+              << std::thread::hardware_concurrency() << " processors\n"
+              << std::fixed << std::setprecision(1);
+
+    const Usage atStart = usage();
+    const auto start = Clock::now();
+    std::vector<Work> works(connections);
+    std::vector<std::jthread> threads;
+    for (std::size_t i = 0; i < connections; ++i) {
+        threads.emplace_back([&, i] {
+            try {
+                bench::HttpClient client(
+                    {.url = web_.url(), .certificatePath = web_.certificatePath()});
+                work(client, i == 0, start + duration, works[i]);
+            } catch (const std::exception& failure) {
+                works[i].failure = failure.what();
+            }
+        });
+    }
+    std::this_thread::sleep_until(start + duration / 10.0);
+    const Usage atTenth = usage();
+    threads.clear();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const Usage atEnd = usage();
+
+    printRequests(works, seconds);
+    printUsage(atStart, atTenth, atEnd, seconds);
+    return check(works, atTenth, atEnd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int seconds = argc == 2 ? std::atoi(argv[1]) : 0;
+    if (seconds <= 0) {
+        std::cerr << "usage: load SECONDS\n";
+        return 2;
+    }
+    try {
+        return Load().run(std::chrono::seconds(seconds)) ? 0 : 1;
+    } catch (const std::exception& failure) {
+        std::cerr << "\nThe load cannot go on: " << failure.what() << "\n";
+        return 1;
+    }
+}
