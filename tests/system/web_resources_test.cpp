@@ -453,8 +453,8 @@ TEST_F(WebResources, LeaveNoSessionOfABodyThatIsTooLarge) {
 }
 
 TEST_F(WebResources, AreNotWaitedForByASlowClient) {
-    limit("client_header_timeout 10s", "client_header_timeout 200ms");
-    limit("client_body_timeout 10s", "client_body_timeout 200ms");
+    limit("client_header_timeout 10s", "client_header_timeout 2s");
+    limit("client_body_timeout 10s", "client_body_timeout 2s");
     web.restart();
     exchangeBytes("GET /redfish HTTP/1.1\r\nHost:");
     expectServing();

@@ -65,6 +65,7 @@ void WebTest::TearDown() {
     checkErrorLog();
     checkSecrets(web.accessLog());
     checkSecrets(web.errorLog());
+    settleDaemon();
     SystemTest::TearDown();
     if (HasFailure()) {
         std::cerr << "--- access log of the web front end\n"
@@ -72,6 +73,21 @@ void WebTest::TearDown() {
                   << web.errorLog() << "--- its standard error\n"
                   << controller.errorsOf("nginx") << "---\n";
     }
+}
+
+// The daemon answers before it raises events and makes audit entries: the store must not stop
+// meanwhile. Each thread serves one request after another, and refuses these at once.
+void WebTest::settleDaemon() {
+    if (!controller.storeStarted() || !controller.daemonStarted() || controller.daemon().ending()) {
+        return;
+    }
+    releasePam();
+    controller.writeFile(keyFile, std::string(64, '0'));
+    store().del(serviceUri);
+    store().hset(serviceUri, {{"ServiceEnabled", "false"}});
+    frontEnd().login("nobody", "");
+    frontEnd().remove(sessionsUri + std::string("/none"));
+    frontEnd().patch({{"Unknown", "1"}});
 }
 
 void WebTest::setting(const std::string& name, const std::string& value) {

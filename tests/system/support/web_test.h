@@ -41,6 +41,7 @@ class WebTest : public SystemTest {
 
   private:
     void checkLeftovers();
+    void settleDaemon();
     void checkErrorLog();
     void checkSecrets(const std::string& log) const;
 
