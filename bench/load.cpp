@@ -131,10 +131,10 @@ HttpResponse timed(Work& work, Kind kind, const Request& request) {
 
 // Whole rounds up to the first that ends after `end`.
 void work(bench::HttpClient& client, bool changes, Clock::time_point end, Work& done) {
-    const bench::Account& account = bench::administrator;
     for (int round = 0; Clock::now() < end; ++round) {
-        const HttpResponse session =
-            timed(done, login, [&] { return client.login(account.name, account.password); });
+        const HttpResponse session = timed(done, login, [&] {
+            return client.login(bench::administrator.name, bench::administrator.password);
+        });
         const std::string location = session.location();
         checkAnswer(login, session, 201, location);
         for (int i = 0; i < readsPerLogin; ++i) {
@@ -306,7 +306,7 @@ bool Load::run(std::chrono::seconds duration) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int seconds = argc == 2 ? std::atoi(argv[1]) : 0;
+    const long seconds = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 0;
     if (seconds <= 0) {
         std::cerr << "usage: load SECONDS\n";
         return 2;
