@@ -140,6 +140,10 @@ class Demo {
 
     // Logs in without output, and notes what a success has to leave in the trail.
     Reply login(const Account& account);
+    // Logs the reader in until there are as many sessions as there can be; returns the new ones.
+    Words fillUp(std::size_t present);
+    // Logs these out again; returns whether all were.
+    bool removeAll(const Words& sessions);
     // Notes what the end of a session has to leave in the trail.
     void expectLogout(const std::string& sessionUri, const Account& account);
     void expectEvents(const std::string& action, const std::string& sessionUri);
@@ -359,17 +363,31 @@ void Demo::showLogout() {
           "the collection is empty");
 }
 
-void Demo::showLimit() {
-    chapter("As many sessions as there can be");
+Words Demo::fillUp(std::size_t present) {
     Words sessions;
-    while (sessions.size() < sessionLimit) {
+    while (present + sessions.size() < sessionLimit) {
         const Reply reply = login(bench::reader);
         if (reply.status() != "OK") {
             check(false, "a login below the limit answered " + reply.status());
-            return;
+            break;
         }
         sessions.push_back(reply.location());
     }
+    return sessions;
+}
+
+bool Demo::removeAll(const Words& sessions) {
+    bool allRemoved = true;
+    for (const std::string& session : sessions) {
+        allRemoved = frontEnd_->remove(session).status() == "OK_EMPTY" && allRemoved;
+        expectLogout(session, bench::reader);
+    }
+    return allRemoved;
+}
+
+void Demo::showLimit() {
+    chapter("As many sessions as there can be");
+    const Words sessions = fillUp(0);
     check(store_->hget(bench::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
           "the reader has logged in eight times");
     const Reply ninth = login(bench::reader);
@@ -378,12 +396,7 @@ void Demo::showLimit() {
               ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
           "the ninth login is refused");
 
-    bool allRemoved = true;
-    for (const std::string& session : sessions) {
-        allRemoved = frontEnd_->remove(session).status() == "OK_EMPTY" && allRemoved;
-        expectLogout(session, bench::reader);
-    }
-    check(allRemoved, "all eight have logged out");
+    check(removeAll(sessions), "all eight have logged out");
     check(store_->llen(bench::membersKey) == 0 && store_->keys("&&X-AUTH-TOKEN-*").empty() &&
               store_->keys("*" + std::string(bench::sessionsUri) + "/????????").empty(),
           "nothing is left of any session");
@@ -449,6 +462,26 @@ void Demo::showWeb() {
     check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
               .holds("400 Bad Request"),
           "a timeout below 30 seconds is refused");
+
+    const WebAnswer second = curl(
+        json + "-d '" + loginBody(bench::operatorAccount, bench::operatorAccount.password) + "'",
+        sessions);
+    const std::string expiring = second.header("Location");
+    expectEvents("add", expiring);
+    expectedAuditEntries_.push_back(
+        {"AuditEvent.1.1.UserLogin", bench::operatorAccount.name, expiring});
+    std::cout << "   This one gets one second.\n";
+    store_->hset(bench::tokenKey(second.header("X-Auth-Token")), {{"Timeout", "1"}});
+    expectLogout(expiring, bench::operatorAccount);
+    bench::waitUntil("the expiry is in the audit log",
+                     [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+    check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
+
+    const Words others = fillUp(1);
+    check(curl(json + "-d '" + loginBody(bench::reader, bench::reader.password) + "'", sessions)
+              .holds("503 Service"),
+          "with eight sessions a ninth login is refused for now");
+    check(removeAll(others), "the others have logged out");
 
     check(curl(token + " -X DELETE", session).holds("204 No Content") && !store_->exists(session),
           "the session is removed");
