@@ -59,7 +59,7 @@ TEST_F(WebLogin, AnswersWithTheSessionItsLocationAndItsToken) {
     EXPECT_EQ(answer.status, 201);
     EXPECT_EQ(store().hget(answer.location(), "UserName"), jsonQuoted(administrator.name));
     EXPECT_EQ(store().hget(tokenKey(answer.token()), "SessionID"), answer.location());
-    const nlohmann::json session = answer.json();
+    nlohmann::json session = answer.json();
     EXPECT_EQ(session["@odata.id"], answer.location());
     EXPECT_EQ(session["@odata.type"], "#Session.v1_3_0.Session");
     EXPECT_EQ(session["UserName"], administrator.name);
@@ -279,10 +279,10 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedTellsWhere) {
     const HttpResponse answer = login(expired);
     EXPECT_EQ(answer.status, 201);
     EXPECT_NE(answer.token(), "");
-    const nlohmann::json session = answer.json();
+    nlohmann::json session = answer.json();
     EXPECT_EQ(session["@odata.id"], answer.location());
     ASSERT_EQ(session[extendedInfo].size(), 1U);
-    const nlohmann::json& message = session[extendedInfo][0];
+    nlohmann::json message = session.at(extendedInfo).at(0);
     EXPECT_EQ(message["MessageId"], "Base.1.12.PasswordChangeRequired");
     EXPECT_EQ(message["MessageArgs"], nlohmann::json{expired.uri});
     EXPECT_THAT(message["Message"].get<std::string>(), HasSubstr(expired.uri));
@@ -491,9 +491,9 @@ TEST_F(WebLogin, NamesEachPropertyThatIsWrong) {
         EXPECT_EQ(answer.status, 400);
         EXPECT_THAT(answer.body, Not(HasSubstr("secret")));
         EXPECT_THAT(answer.body, Not(HasSubstr("81192")));
-        const nlohmann::json body = answer.json();
+        nlohmann::json body = answer.json();
         std::map<std::string, std::string> faults;
-        for (const nlohmann::json& message : body["error"][extendedInfo]) {
+        for (nlohmann::json& message : body.at("error").at(extendedInfo)) {
             faults[message["RelatedProperties"][0]] = message["MessageId"];
         }
         EXPECT_EQ(faults, row.faults);
