@@ -2,25 +2,17 @@
 -- ciphertext and tag, AES-256-GCM.
 local cipher = require "openssl.cipher"
 local rand = require "openssl.rand"
+local files = require "files"
+local hex = require "hex"
 local settings = require "settings"
 
 local nonceLength = 12
 local tagLength = 16
 
-local function hex(bytes)
-    return (bytes:gsub(".", function(byte)
-        return string.format("%02x", byte:byte())
-    end))
-end
-
 -- Returns the key's 32 bytes, nil when its file is missing or malformed. It is read each time, as
 -- the session service does.
 local function key()
-    local file = io.open(settings.keyFile, "rb")
-    local digits = file and file:read("*a"):match("^(%x+)\n?$")
-    if file then
-        file:close()
-    end
+    local digits = (files.read(settings.keyFile) or ""):match("^(%x+)\n?$")
     if not digits or #digits ~= 64 then
         return nil
     end

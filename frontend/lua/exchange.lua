@@ -6,17 +6,12 @@
 local semaphore = require "ngx.semaphore"
 local rand = require "openssl.rand"
 local contract = require "contract"
+local hex = require "hex"
 local messages = require "messages"
 local settings = require "settings"
 local store = require "store"
 
 local exchange = {}
-
-local function identifier()
-    return (rand.bytes(16):gsub(".", function(byte)
-        return string.format("%02x", byte:byte())
-    end))
-end
 
 local function write(connection, key, fields)
     local words = {}
@@ -110,7 +105,7 @@ local function run(premature, waiter, kind, record, body, checklist)
     local connection = not premature and store.connect()
     local subscription = connection and store.connect()
     if subscription then
-        local prefix = contract.requests .. identifier()
+        local prefix = contract.requests .. hex(rand.bytes(16))
         local keys = {
             request = prefix .. "/request",
             body = prefix .. "/body",

@@ -1,6 +1,7 @@
 -- One HTTP request: from its line to its answer.
 local authentication = require "authentication"
 local contract = require "contract"
+local files = require "files"
 local json = require "json"
 local messages = require "messages"
 local privileges = require "privileges"
@@ -55,12 +56,7 @@ end
 local function bodyText()
     local text = ngx.req.get_body_data()
     local file = not text and ngx.req.get_body_file()
-    if file then
-        local opened = assert(io.open(file, "rb"))
-        text = opened:read("*a")
-        opened:close()
-    end
-    return text or ""
+    return text or file and files.read(file) or ""
 end
 
 -- Returns the object that is the request's body, which has been received.
@@ -101,7 +97,7 @@ end
 local function represent(connection, resource)
     local headers = {
         Allow = resource.allowText,
-        ETag = resource.etag and json.encode(resource.etag),
+        ETag = resource.etagHeader,
     }
     local known = ngx.var.http_if_none_match
     if known and resource.etag and names(known, resource.etag) then
@@ -148,9 +144,7 @@ end
 
 local function metadata()
     checkAccept("application/xml")
-    local file = assert(io.open(metadataFile, "rb"))
-    local text = file:read("*a")
-    file:close()
+    local text = assert(files.read(metadataFile), "the metadata file cannot be read")
     return { status = 200, headers = { ["Content-Type"] = "application/xml" }, body = text }
 end
 

@@ -70,7 +70,8 @@ local function stringOf(text)
 end
 
 -- Returns the resource at an address, nil when there is none:
---   uri, fields (as stored), type, etag, allow (a set of methods; a list in allowText)
+--   uri, fields (as stored), type, etag (in quotes in etagHeader), allow (a set of methods; a
+--   list in allowText)
 function resources.read(connection, uri)
     local fields = store.hash(connection, uri)
     if not fields or stringOf(fields["@odata.id"]) ~= uri then
@@ -84,6 +85,7 @@ function resources.read(connection, uri)
         allowText = fields["&&AllowMethod"] or "GET,HEAD",
         allow = {},
     }
+    resource.etagHeader = resource.etag and json.encode(resource.etag)
     for method in resource.allowText:gmatch("%a+") do
         resource.allow[method] = true
     end

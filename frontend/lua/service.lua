@@ -124,7 +124,7 @@ function service.patch(body, resource)
     end)
     return {
         status = 200,
-        headers = { ETag = changed.etag and json.encode(changed.etag) },
+        headers = { ETag = changed.etagHeader },
         type = changed.type,
         body = text,
     }

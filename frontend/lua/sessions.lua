@@ -1,7 +1,6 @@
 -- Logging in and out.
 local authentication = require "authentication"
 local exchange = require "exchange"
-local json = require "json"
 local messages = require "messages"
 local resources = require "resources"
 local store = require "store"
@@ -70,7 +69,7 @@ function sessions.create(body)
         headers = {
             ["Location"] = reply.location,
             ["X-Auth-Token"] = reply.token,
-            ["ETag"] = session.etag and json.encode(session.etag),
+            ["ETag"] = session.etagHeader,
         },
         type = session.type,
         body = text,

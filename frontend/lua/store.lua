@@ -1,5 +1,6 @@
 -- Connections to the store. Each belongs to one request or timer at a time.
 local redis = require "nginx.redis"
+local files = require "files"
 local settings = require "settings"
 
 local store = {}
@@ -10,12 +11,7 @@ local keptMilliseconds = 60000
 local keptConnections = 32
 
 local function password()
-    local file = io.open(settings.storePasswordFile, "rb")
-    local text = file and file:read("*a") or ""
-    if file then
-        file:close()
-    end
-    return (text:gsub("\n$", ""))
+    return ((files.read(settings.storePasswordFile) or ""):gsub("\n$", ""))
 end
 
 -- Returns an open connection, or nil when the store cannot be reached.
