@@ -1,7 +1,6 @@
 // Logins, reads and logouts from many connections at once; prints how front end, daemon and
 // store did. Exit status 0: nothing was lost or left, and no memory was lost.
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,9 +10,9 @@
 #include <iomanip>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <thread>
 
+#include "bench/figures.h"
 #include "controller/accounts.h"
 #include "controller/bench_controller.h"
 #include "controller/http_client.h"
@@ -49,49 +48,15 @@ struct Usage {
     long storeKib = 0;
 };
 
-std::string procFile(pid_t pid, const std::string& name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
-
 // The front end's first process accepts connections before it has a worker.
 pid_t waitForWorker(pid_t first) {
     pid_t worker = -1;
     bench::waitUntil("the web front end has a worker", [&] {
-        std::ifstream children(procFile(first, "task/" + std::to_string(first) + "/children"));
+        std::ifstream children(
+            bench::procFile(first, "task/" + std::to_string(first) + "/children"));
         return static_cast<bool>(children >> worker);
     });
     return worker;
-}
-
-// Of the program and the children that it has waited for.
-double processorSeconds(pid_t pid) {
-    std::ifstream file(procFile(pid, "stat"));
-    std::string text;
-    std::getline(file, text);
-    // The name may hold blanks; eleven fields stand between it and the times.
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) {
-        fields >> skipped;
-    }
-    std::array<long, 4> ticks{};
-    for (long& each : ticks) {
-        fields >> each;
-    }
-    return static_cast<double>(ticks[0] + ticks[1] + ticks[2] + ticks[3]) /
-           static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-long residentKib(pid_t pid) {
-    std::ifstream file(procFile(pid, "status"));
-    for (std::string name; file >> name;) {
-        if (name == "VmRSS:") {
-            long kib = 0;
-            file >> kib;
-            return kib;
-        }
-    }
-    throw Failure("Process " + std::to_string(pid) + " has ended.");
 }
 
 double ownSeconds() {
@@ -99,16 +64,6 @@ double ownSeconds() {
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
-// A number that the store tells of itself.
-double storeFigure(bench::StoreClient& store, const std::string& section, const std::string& name) {
-    const std::string text = store.run({"INFO", section}).text;
-    const std::size_t at = text.find("\n" + name + ":");
-    if (at == std::string::npos) {
-        throw Failure("The store does not tell " + name + ".");
-    }
-    return std::stod(text.substr(at + name.size() + 2));
 }
 
 void checkAnswer(Kind kind, const HttpResponse& response, long expected,
@@ -183,15 +138,15 @@ void Load::liftLoginLimit() {
 }
 
 Usage Load::usage() {
-    return {
-        .nginxSeconds = processorSeconds(nginxWorker_),
-        .daemonSeconds = processorSeconds(controller_.daemon().pid()),
-        .storeSeconds = storeFigure(*store_, "cpu", "used_cpu_user") +
-                        storeFigure(*store_, "cpu", "used_cpu_sys"),
-        .clientSeconds = ownSeconds(),
-        .nginxKib = residentKib(nginxWorker_),
-        .daemonKib = residentKib(controller_.daemon().pid()),
-        .storeKib = static_cast<long>(storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
+    return {.nginxSeconds = bench::processorSeconds(nginxWorker_),
+            .daemonSeconds = bench::processorSeconds(controller_.daemon().pid()),
+            .storeSeconds = bench::storeFigure(*store_, "cpu", "used_cpu_user") +
+                            bench::storeFigure(*store_, "cpu", "used_cpu_sys"),
+            .clientSeconds = ownSeconds(),
+            .nginxKib = bench::statusFigure(nginxWorker_, "VmRSS"),
+            .daemonKib = bench::statusFigure(controller_.daemon().pid(), "VmRSS"),
+            .storeKib =
+                static_cast<long>(bench::storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
 }
 
 // `sorted` is in ascending order and not empty.

@@ -75,7 +75,8 @@ bool connects(int descriptor, const std::string& path) {
     return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-// The next whole command among the bytes that the reader was fed; empty when there is none.
+// The command among the bytes that the reader was fed; empty while a part of it is missing.
+// The daemon sends one only after the reply to the one before.
 Words nextCommand(redisReader& reader) {
     void* raw = nullptr;
     redisReaderGetReply(&reader, &raw);
@@ -153,6 +154,8 @@ void StoreRelay::serve(int client) {
         return;
     }
     const std::unique_ptr<redisReader, FreeReader> reader(redisReaderCreate());
+    Verdict verdict;
+    std::string command;  // what has arrived of it
     for (std::string bytes;;) {
         std::array<pollfd, 3> ready{{{stop_, POLLIN, 0},
                                      {daemon.descriptor(), POLLIN, 0},
@@ -165,19 +168,31 @@ void StoreRelay::serve(int client) {
             if (!daemon.read(bytes)) {
                 return;
             }
+            command += bytes;
             redisReaderFeed(reader.get(), bytes.data(), bytes.size());
-            for (Words command = nextCommand(*reader); !command.empty();
-                 command = nextCommand(*reader)) {
-                if (ask(command) == Verdict::cut) {
-                    return;
-                }
+            const Words words = nextCommand(*reader);
+            if (words.empty()) {
+                continue;
             }
-            if (!store.write(bytes)) {
+            verdict = ask(words);
+            if (verdict.fate == Verdict::Fate::cut ||
+                !(verdict.fate == Verdict::Fate::answered ? daemon.write(verdict.reply)
+                                                          : store.write(command))) {
                 return;
             }
+            command.clear();
         }
-        if (ready[2].revents != 0 && (!store.read(bytes) || !daemon.write(bytes))) {
-            return;
+        if (ready[2].revents != 0) {
+            if (!store.read(bytes) || verdict.fate == Verdict::Fate::cutAfter) {
+                return;
+            }
+            if (verdict.fate == Verdict::Fate::truncated) {
+                daemon.write(bytes.substr(0, bytes.size() / 2));
+                return;
+            }
+            if (!daemon.write(bytes)) {
+                return;
+            }
         }
     }
 }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "controller/bench_controller.h"
 
@@ -15,10 +16,27 @@ namespace bench {
 
 class StoreRelay {
   public:
-    enum class Verdict { pass, cut };
-    // Decides on a command of the daemon's before the store sees it: passes it on or ends
-    // the connection. May block, which holds the command. Called by one thread for each
-    // connection, so several may be inside at once.
+    // What becomes of a command.
+    struct Verdict {
+        enum class Fate {
+            passed,     // to the store, and its reply back
+            cut,        // the connection ends, the store sees nothing
+            cutAfter,   // the store executes it, the connection ends in place of the reply
+            truncated,  // the store executes it, the connection ends inside the reply
+            answered    // with `reply`, the store sees nothing
+        };
+        Fate fate = Fate::passed;
+        std::string reply;  // as it goes over the wire
+
+        static const Verdict pass;
+        static const Verdict cut;
+        static const Verdict cutAfter;
+        static const Verdict truncate;
+        static Verdict answer(std::string reply) { return {Fate::answered, std::move(reply)}; }
+    };
+    // Decides on a command of the daemon's before the store sees it. May block, which holds
+    // the command. Called by one thread for each connection, so several may be inside at
+    // once.
     using Judge = std::function<Verdict(const Words& command)>;
 
     // Leads the daemon, which has not been started yet, to the relay. The controller has to
@@ -50,5 +68,10 @@ class StoreRelay {
     std::list<std::thread> servers_;
     std::thread acceptor_;
 };
+
+inline const StoreRelay::Verdict StoreRelay::Verdict::pass{Fate::passed, {}};
+inline const StoreRelay::Verdict StoreRelay::Verdict::cut{Fate::cut, {}};
+inline const StoreRelay::Verdict StoreRelay::Verdict::cutAfter{Fate::cutAfter, {}};
+inline const StoreRelay::Verdict StoreRelay::Verdict::truncate{Fate::truncated, {}};
 
 }  // namespace bench

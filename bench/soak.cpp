@@ -1,0 +1,324 @@
+// Logins, reads, logouts, changes and expiries without a pause; watches what the daemon and
+// the store hold meanwhile. Exit status 0: every answer was right, and nothing grows.
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "bench/figures.h"
+#include "controller/accounts.h"
+#include "controller/bench_controller.h"
+#include "controller/http_client.h"
+#include "controller/web_front_end.h"
+
+namespace {
+
+using bench::Failure;
+using bench::Reply;
+using bench::Words;
+using Clock = std::chrono::steady_clock;
+
+constexpr int loginWorkers = 2;
+constexpr int expiringSessions = 3;  // with the others' fewer than the eight that are admitted
+constexpr int readsPerLogin = 1000;
+constexpr int loginsPerRefusal = 5000;  // a refusal takes PAM two seconds
+constexpr long mostRows = 30;
+constexpr long allowedGrowth = 512;        // KiB, of the daemon
+constexpr long allowedStoreGrowth = 1024;  // KiB
+constexpr char keptEntries[] = "100";
+
+// What the log service and the event service of a controller do: they take away what is old.
+constexpr char housekeeping[] = R"(
+    redis.call('XTRIM', KEYS[1], 'MAXLEN', ARGV[1])
+    while redis.call('LLEN', KEYS[2]) > tonumber(ARGV[1]) do
+        redis.call('DEL', redis.call('RPOP', KEYS[2]):sub(#'&&ObjectRef ' + 1))
+        redis.call('HINCRBY', KEYS[3], 'Members@odata.count', -1)
+    end)";
+constexpr char eventStream[] = "&&EventStream";
+constexpr char auditMembers[] = "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
+constexpr char auditEntries[] = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
+
+enum Kind : std::size_t { login, refusal, read, change, logout, expiry };
+constexpr std::array kindNames{"logins", "refusals", "reads", "changes", "logouts", "expiries"};
+
+// What is held at one moment.
+struct Holdings {
+    long daemonKib = 0;
+    long descriptors = 0;
+    long threads = 0;
+    long keys = 0;
+    long storeKib = 0;
+
+    void raiseTo(const Holdings& other) {
+        daemonKib = std::max(daemonKib, other.daemonKib);
+        descriptors = std::max(descriptors, other.descriptors);
+        threads = std::max(threads, other.threads);
+        keys = std::max(keys, other.keys);
+        storeKib = std::max(storeKib, other.storeKib);
+    }
+};
+
+class Soak {
+  public:
+    // Returns whether everything was right.
+    bool run(std::chrono::seconds duration);
+
+  private:
+    // Repeats the round until the soak ends; keeps the first failure of all workers.
+    void work(const std::function<void()>& round);
+    Reply ask(bench::StoreClient& store, bench::Request request, Kind kind,
+              const std::string& status);
+    void loginRounds(bool refusals);
+    void changeRounds();
+    void expiryRounds();
+    void readRounds();
+
+    void keepHouse(const std::string& kept);
+    Holdings holdings();
+    // Everything has come to its end: what is left, and what it holds.
+    Words quiet();
+    void printRow(const std::string& time, const Holdings& holdings) const;
+    bool check(const Words& keysBefore, const Words& keysAfter, const Holdings& before,
+               const Holdings& most, const Holdings& after);
+
+    bench::BenchController controller_;
+    bench::WebFrontEnd web_{controller_};
+    std::optional<bench::StoreClient> store_;
+    std::array<std::atomic<long>, kindNames.size()> done_{};
+    std::atomic<bool> ending_ = false;
+    std::mutex mutex_;  // guards failure_
+    std::string failure_;
+};
+
+void Soak::work(const std::function<void()>& round) {
+    try {
+        do {
+            round();
+        } while (!ending_);
+    } catch (const std::exception& failure) {
+        const std::lock_guard lock(mutex_);
+        if (failure_.empty()) {
+            failure_ = failure.what();
+        }
+        ending_ = true;
+    }
+}
+
+// As a front end does it: it takes away what it stored itself.
+Reply Soak::ask(bench::StoreClient& store, bench::Request request, Kind kind,
+                const std::string& status) {
+    request.send();
+    Reply reply = request.reply();
+    store.run({"DEL", request.requestKey(), request.requestKey() + "/Checklist", request.bodyKey(),
+               request.replyKey(), request.returnChannel()});
+    if (reply.status() != status) {
+        throw Failure("One of the " + std::string(kindNames.at(kind)) + " was answered " +
+                      reply.status() + " in place of " + status + ".");
+    }
+    ++done_.at(kind);
+    return reply;
+}
+
+void Soak::loginRounds(bool refusals) {
+    bench::FrontEnd frontEnd = controller_.frontEnd();
+    bench::StoreClient store = controller_.connect();
+    const bench::Account& account = bench::administrator;
+    int count = 0;
+    work([&] {
+        const Reply session =
+            ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
+        ask(store, frontEnd.prepareRemove(session.location()), logout, "OK_EMPTY");
+        if (refusals && ++count % loginsPerRefusal == 1) {
+            ask(store, frontEnd.prepareLogin(account.name, bench::reader.password), refusal,
+                "AUTH_FAILED");
+        }
+    });
+}
+
+void Soak::changeRounds() {
+    bench::FrontEnd frontEnd = controller_.frontEnd();
+    bench::StoreClient store = controller_.connect();
+    int count = 0;
+    work([&] {
+        ask(store, frontEnd.preparePatch({{"SessionTimeout", std::to_string(300 + ++count % 100)}}),
+            change, "OK");
+    });
+}
+
+// Sessions of clients that went away.
+void Soak::expiryRounds() {
+    bench::FrontEnd frontEnd = controller_.frontEnd();
+    bench::StoreClient store = controller_.connect();
+    const bench::Account& account = bench::operatorAccount;
+    work([&] {
+        Words sessions;
+        for (int i = 0; i < expiringSessions; ++i) {
+            const Reply session =
+                ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
+            store.hset(bench::tokenKey(session.token()),
+                       {{"LastAccessed", std::to_string(bench::uptime() - 1000)}});
+            sessions.push_back(session.location());
+        }
+        for (const std::string& session : sessions) {
+            bench::waitUntil("a session has expired", [&] { return !store.exists(session); });
+            ++done_.at(expiry);
+        }
+    });
+}
+
+void Soak::readRounds() {
+    bench::HttpClient client({.url = web_.url(), .certificatePath = web_.certificatePath()});
+    const auto expect = [&](const bench::HttpResponse& response, long status, Kind kind) {
+        if (response.status != status) {
+            throw Failure("One of the " + std::string(kindNames.at(kind)) + " was answered " +
+                          std::to_string(response.status) + ": " + response.body);
+        }
+        ++done_.at(kind);
+    };
+    work([&] {
+        const bench::HttpResponse session =
+            client.login(bench::reader.name, bench::reader.password);
+        expect(session, 201, login);
+        for (int i = 0; i < readsPerLogin && !ending_; ++i) {
+            expect(client.get(session.location()), 200, read);
+        }
+        expect(client.remove(session.location()), 204, logout);
+        client.useToken("");
+    });
+}
+
+void Soak::keepHouse(const std::string& kept) {
+    store_->run({"EVAL", housekeeping, "3", eventStream, auditMembers, auditEntries, kept});
+}
+
+Holdings Soak::holdings() {
+    const pid_t daemon = controller_.daemon().pid();
+    return {
+        .daemonKib = bench::statusFigure(daemon, "VmRSS"),
+        .descriptors = bench::openDescriptors(daemon),
+        .threads = bench::statusFigure(daemon, "Threads"),
+        .keys = static_cast<long>(store_->run({"DBSIZE"}).integer),
+        .storeKib = static_cast<long>(bench::storeFigure(*store_, "memory", "used_memory") / 1024)};
+}
+
+Words Soak::quiet() {
+    bench::waitUntil("the replies and their messages have expired", [&] {
+        return store_->run({"INFO", "keyspace"}).text.find("expires=0") != std::string::npos;
+    });
+    keepHouse("0");
+    return store_->keys("*");
+}
+
+void Soak::printRow(const std::string& time, const Holdings& holdings) const {
+    std::cout << std::setw(8) << time << std::setw(9) << holdings.daemonKib << " KiB"
+              << std::setw(9) << holdings.descriptors << std::setw(9) << holdings.threads
+              << std::setw(9) << holdings.keys << std::setw(9) << holdings.storeKib << " KiB";
+    for (const std::atomic<long>& each : done_) {
+        std::cout << std::setw(10) << each;
+    }
+    std::cout << std::endl;
+}
+
+bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Holdings& before,
+                 const Holdings& most, const Holdings& after) {
+    bool allRight = true;
+    const auto say = [&](bool right, const std::string& statement) {
+        std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
+        allRight = allRight && right;
+    };
+    const auto bound = [](long kib) { return " by more than " + std::to_string(kib) + " KiB"; };
+    std::cout << "\n";
+    say(failure_.empty(), "each request was answered as it has to be" +
+                              (failure_.empty() ? failure_ : ", but: " + failure_));
+    // While it works, its memory goes up and down with the modules that PAM loads.
+    say(after.daemonKib - before.daemonKib <= allowedGrowth,
+        "the daemon has not grown" + bound(allowedGrowth));
+    say(most.threads == before.threads, "the daemon has started no thread");
+    say(after.descriptors == before.descriptors, "the daemon has no descriptor more than before");
+    say(keysAfter == keysBefore, "the store holds the keys that it held before");
+    for (const std::string& key : keysAfter) {
+        if (!std::binary_search(keysBefore.begin(), keysBefore.end(), key)) {
+            std::cout << "           " << key << "\n";
+        }
+    }
+    say(after.storeKib - before.storeKib <= allowedStoreGrowth,
+        "the store has not grown" + bound(allowedStoreGrowth));
+    return allRight;
+}
+
+bool Soak::run(std::chrono::seconds duration) {
+    controller_.start();
+    web_.start();
+    store_.emplace(controller_.connect());
+    const auto allWorkers = [this] {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < loginWorkers; ++i) {
+            threads.emplace_back([this, i] { loginRounds(i == 0); });
+        }
+        threads.emplace_back([this] { changeRounds(); });
+        threads.emplace_back([this] { expiryRounds(); });
+        threads.emplace_back([this] { readRounds(); });
+        return threads;
+    };
+
+    // One round of each: what is loaded or made at first use is there from then on.
+    ending_ = true;
+    allWorkers().clear();
+    const Words keysBefore = quiet();
+    const Holdings before = holdings();
+    for (std::atomic<long>& each : done_) {
+        each = 0;
+    }
+
+    std::cout << "    time       daemon    files  threads     keys        store";
+    for (const char* name : kindNames) {
+        std::cout << std::setw(10) << name;
+    }
+    std::cout << "\n";
+    printRow("before", before);
+    ending_ = !failure_.empty();
+    std::vector<std::jthread> threads = allWorkers();
+    const auto start = Clock::now();
+    const long rows = std::min(mostRows, static_cast<long>(duration.count()));
+    Holdings most;
+    for (long row = 1; row <= rows && !ending_; ++row) {
+        Holdings ofRow = holdings();
+        while (!ending_ && Clock::now() < start + duration * row / rows) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            keepHouse(keptEntries);
+            ofRow.raiseTo(holdings());
+        }
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+        printRow(std::to_string(elapsed.count()) + " s", ofRow);
+        most.raiseTo(ofRow);
+    }
+    ending_ = true;
+    threads.clear();
+    const Words keysAfter = quiet();
+    const Holdings after = holdings();
+    printRow("after", after);
+    return check(keysBefore, keysAfter, before, most, after);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const long seconds = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 0;
+    if (seconds <= 0) {
+        std::cerr << "usage: soak SECONDS\n";
+        return 2;
+    }
+    try {
+        return Soak().run(std::chrono::seconds(seconds)) ? 0 : 1;
+    } catch (const std::exception& failure) {
+        std::cerr << "\nThe soak cannot go on: " << failure.what() << "\n";
+        return 1;
+    }
+}
