@@ -1,7 +1,6 @@
 #include "auth/group_settings.h"
 
 #include <cstdlib>
-#include <string_view>
 
 #include "platform/text_file.h"
 
@@ -17,6 +16,20 @@ constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";
 
 bool contains(const std::string& line, std::string_view text) {
     return line.find(text) != std::string::npos;
+}
+
+template <typename HasGroup>
+std::optional<std::int32_t> firstRoleWith(HasGroup hasGroup) {
+    if (hasGroup(groupSettings.administrator)) {
+        return rolePrivileges.administrator;
+    }
+    if (hasGroup(groupSettings.operatorGroup)) {
+        return rolePrivileges.operatorRole;
+    }
+    if (hasGroup(groupSettings.user)) {
+        return rolePrivileges.user;
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -64,6 +77,16 @@ void loadGroupPrivileges() {
         }
         return true;
     });
+}
+
+std::optional<std::int32_t> privilegeAmongAttributes(std::string_view attributes) {
+    return firstRoleWith([&](const std::string& group) {
+        return attributes.find(groupSettings.attribute + ": " + group) != std::string_view::npos;
+    });
+}
+
+std::optional<std::int32_t> privilegeOfAttribute(std::string_view value) {
+    return firstRoleWith([&](const std::string& group) { return value.starts_with(group); });
 }
 
 }  // namespace session_service

@@ -7,7 +7,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace session_service {
 
@@ -40,5 +42,12 @@ bool isKrbAttrGroupingEnabled();
 // Reads /etc/pam.d/groups2privs.conf into rolePrivileges. Numbers stand at fixed places
 // from the start of the line and may be decimal, octal (0) or hexadecimal (0x).
 void loadGroupPrivileges();
+
+// The privilege value of the first role, from administrator down to user, whose group
+// stands as "ATTRIBUTE: GROUP" anywhere in a list of attributes. Empty when none does.
+std::optional<std::int32_t> privilegeAmongAttributes(std::string_view attributes);
+
+// The same for the group attribute's own value, which has to begin with the group.
+std::optional<std::int32_t> privilegeOfAttribute(std::string_view value);
 
 }  // namespace session_service

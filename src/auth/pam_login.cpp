@@ -13,6 +13,7 @@
 #include "auth/kerberos_groups.h"
 #include "auth/pam_conversation.h"
 #include "frame/logger.h"
+#include "platform/process_state.h"
 #include "platform/secret.h"
 
 namespace session_service {
@@ -20,9 +21,14 @@ namespace {
 
 constexpr const char* pamService = "q73";
 
-// Ends a PAM transaction; an end that fails is logged.
+// Ends a PAM transaction; an end that fails is logged. Modules run inside this process:
+// their signal handlers must be gone before they are, and pam_end has them clean up.
 void endTransaction(pam_handle_t* handle, int status) {
-    if (pam_end(handle, status) != PAM_SUCCESS) {
+    restoreProcessState();
+    const bool ended = pam_end(handle, status) == PAM_SUCCESS;
+    restoreProcessState();
+    reapChildren();
+    if (!ended) {
         logger->error("PAM: pam_end() failed.");
     }
 }
@@ -43,28 +49,9 @@ bool refreshSettings() {
     return groupingEnabled;
 }
 
-// The privilege value of the first role, from administrator down to user, whose group
-// the test finds.
-template <typename HasGroup>
-std::optional<std::string> roleWith(HasGroup hasGroup) {
-    if (hasGroup(groupSettings.administrator)) {
-        return std::to_string(rolePrivileges.administrator);
-    }
-    if (hasGroup(groupSettings.operatorGroup)) {
-        return std::to_string(rolePrivileges.operatorRole);
-    }
-    if (hasGroup(groupSettings.user)) {
-        return std::to_string(rolePrivileges.user);
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> privilegeFromKerberos(const char* userName, const char* password) {
+std::optional<std::int32_t> privilegeFromKerberos(const char* userName, const char* password) {
     const SecretText command{composeKadminCommand(userName, password)};
-    const std::string attributes = executeCommand(command.text);
-    return roleWith([&](const std::string& group) {
-        return attributes.find(groupSettings.attribute + ": " + group) != std::string::npos;
-    });
+    return privilegeAmongAttributes(executeCommand(command.text));
 }
 
 // The PAM variable named by the group attribute, as it stands or in capitals.
@@ -79,25 +66,20 @@ const char* groupVariable(pam_handle_t* handle) {
     return pam_getenv(handle, capitals.c_str());
 }
 
-std::optional<std::string> privilegeFromGroups(pam_handle_t* handle, const char* userName,
-                                               const char* password, bool groupingEnabled) {
+std::optional<std::int32_t> privilegeFromGroups(pam_handle_t* handle, const char* userName,
+                                                const char* password, bool groupingEnabled) {
     if (const char* module = pam_getenv(handle, "pam_module")) {
         constexpr std::string_view kerberos = "kerberos";
         if (std::strncmp(module, kerberos.data(), kerberos.size()) != 0) {
             return std::nullopt;
         }
         if (!groupingEnabled) {
-            return std::to_string(rolePrivileges.administrator);
+            return rolePrivileges.administrator;
         }
         return privilegeFromKerberos(userName, password);
     }
     const char* value = groupVariable(handle);
-    if (!value) {
-        return std::nullopt;
-    }
-    return roleWith([&](const std::string& group) {
-        return std::strncmp(value, group.c_str(), group.size()) == 0;
-    });
+    return value ? privilegeOfAttribute(value) : std::nullopt;
 }
 
 void copyPrivilege(const std::string& privilege, char* privilegeOut, int privilegeOutSize) {
@@ -148,15 +130,11 @@ int authenticateUser(const char* userName, const char* password, const char* rem
     if (result == loginRefused) {
         return result;
     }
-    std::optional<std::string> privilege =
-        privilegeFromGroups(handle.get(), userName, password, groupingEnabled);
-    if (!privilege) {
-        if (const char* value = pam_getenv(handle.get(), "PRIVILEGES")) {
-            privilege = value;
-        }
-    }
-    if (privilege) {
-        copyPrivilege(*privilege, privilegeOut, privilegeOutSize);
+    if (const auto privilege =
+            privilegeFromGroups(handle.get(), userName, password, groupingEnabled)) {
+        copyPrivilege(std::to_string(*privilege), privilegeOut, privilegeOutSize);
+    } else if (const char* value = pam_getenv(handle.get(), "PRIVILEGES")) {
+        copyPrivilege(value, privilegeOut, privilegeOutSize);
     }
     return result;
 }

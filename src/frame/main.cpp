@@ -1,6 +1,5 @@
 // Start-up of the daemon: the store is brought up, then the worker threads serve until
 // their connections end.
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -18,6 +17,7 @@
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "frame/worker_context.h"
+#include "platform/process_state.h"
 #include "service/persistent_properties.h"
 #include "service/session_service.h"
 #include "sessions/collection.h"
@@ -46,11 +46,7 @@ void prepareProcess() {
     // hiredis sends without MSG_NOSIGNAL: a lost store must be seen as "no reply".
     signal(SIGPIPE, SIG_IGN);
     // A store connection must not become what diagnostics are printed on.
-    int descriptor = open("/dev/null", O_RDWR);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-        descriptor = open("/dev/null", O_RDWR);
-    }
-    close(descriptor);
+    occupyStandardStreams();
     // Passwords pass through this process. A limit of 0 stops core files; a kernel that
     // pipes cores to a handler heeds only the dumpable flag.
     const rlimit noCore{0, 0};
@@ -58,6 +54,7 @@ void prepareProcess() {
     prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
     // A log collector sees each diagnostic as it is made.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    noteProcessState();
 }
 
 void destroyLogger() {

@@ -15,9 +15,37 @@ using nlohmann::json;
 namespace store = session_service::store;
 
 constexpr int mostLevels = 32;
+// A few dozen hashes that each name the next one twice ask for billions of reads, and a
+// text that many lists name for all memory. No real document comes near these bounds.
+constexpr int mostResources = 1024;
+constexpr std::size_t mostBytes = std::size_t{4} * 1024 * 1024;
 
 [[noreturn]] void failTooDeep() {
     throw std::runtime_error("nested too deeply");
+}
+
+// One conversion: where it reads, and how much more.
+struct Conversion {
+    redisContext* connection;
+    int resourcesLeft = mostResources;
+    std::size_t bytesLeft = mostBytes;
+};
+
+void enterResource(Conversion& conversion, int level) {
+    if (level > mostLevels) {
+        failTooDeep();
+    }
+    if (conversion.resourcesLeft == 0) {
+        throw std::runtime_error("too many resources");
+    }
+    --conversion.resourcesLeft;
+}
+
+void takeText(Conversion& conversion, const std::string& text) {
+    if (text.size() > conversion.bytesLeft) {
+        throw std::runtime_error("too much text");
+    }
+    conversion.bytesLeft -= text.size();
 }
 
 // A value as JSON where it parses as JSON, as a JSON string otherwise. `level` is that of
@@ -39,8 +67,8 @@ json parseValue(const std::string& text, int level) {
     return value.is_discarded() ? json(text) : value;
 }
 
-json objectOf(redisContext* connection, const std::string& key, int level);
-json arrayOf(redisContext* connection, const std::string& key, int level);
+json objectOf(Conversion& conversion, const std::string& key, int level);
+json arrayOf(Conversion& conversion, const std::string& key, int level);
 
 json objectRefOf(const std::string& uri, int level) {
     if (level > mostLevels) {
@@ -50,12 +78,12 @@ json objectRefOf(const std::string& uri, int level) {
 }
 
 // Converts what a token names. False when it is no token.
-bool convertToken(redisContext* connection, const std::string& token, const std::string& source,
+bool convertToken(Conversion& conversion, const std::string& token, const std::string& source,
                   int level, json& value) {
     if (token == "&&Object") {
-        value = objectOf(connection, source, level);
+        value = objectOf(conversion, source, level);
     } else if (token == "&&Array") {
-        value = arrayOf(connection, source, level);
+        value = arrayOf(conversion, source, level);
     } else if (token == "&&ObjectRef") {
         value = objectRefOf(source, level);
     } else {
@@ -74,27 +102,29 @@ std::pair<std::string, std::string> splitAtBlank(const std::string& text) {
 }
 
 // Adds a field whose name is "TOKEN NAME SOURCE"; any other one is internal.
-void addTokenField(redisContext* connection, const std::string& field, int level, json& object) {
+void addTokenField(Conversion& conversion, const std::string& field, int level, json& object) {
     const auto [token, rest] = splitAtBlank(field);
     const auto [name, source] = splitAtBlank(rest);
     json value;
-    if (!name.empty() && !source.empty() && convertToken(connection, token, source, level, value)) {
+    if (!name.empty() && !source.empty() && convertToken(conversion, token, source, level, value)) {
         object[name] = std::move(value);
     }
 }
 
-json objectOf(redisContext* connection, const std::string& key, int level) {
-    if (level > mostLevels) {
-        failTooDeep();
-    }
+json objectOf(Conversion& conversion, const std::string& key, int level) {
+    enterResource(conversion, level);
     session_service::FieldMap fields;
-    if (!store::hgetall(connection, key, fields) || fields.empty()) {
+    if (!store::hgetall(conversion.connection, key, fields) || fields.empty()) {
         throw std::runtime_error("no such hash");
+    }
+    for (const auto& [field, text] : fields) {
+        takeText(conversion, field);
+        takeText(conversion, text);
     }
     json object = json::object();
     for (const auto& [field, text] : fields) {
         if (field.rfind("&&", 0) == 0) {
-            addTokenField(connection, field, level + 1, object);
+            addTokenField(conversion, field, level + 1, object);
         } else {
             object[field] = parseValue(text, level);
         }
@@ -102,19 +132,20 @@ json objectOf(redisContext* connection, const std::string& key, int level) {
     return object;
 }
 
-json arrayOf(redisContext* connection, const std::string& key, int level) {
-    if (level > mostLevels) {
-        failTooDeep();
-    }
+json arrayOf(Conversion& conversion, const std::string& key, int level) {
+    enterResource(conversion, level);
     std::vector<std::string> elements;
-    if (!store::lrange(connection, key, elements)) {
+    if (!store::lrange(conversion.connection, key, elements)) {
         throw std::runtime_error("no reply");
+    }
+    for (const std::string& element : elements) {
+        takeText(conversion, element);
     }
     json array = json::array();
     for (const std::string& element : elements) {
         const auto [token, source] = splitAtBlank(element);
         json value;
-        if (source.empty() || !convertToken(connection, token, source, level + 1, value)) {
+        if (source.empty() || !convertToken(conversion, token, source, level + 1, value)) {
             value = parseValue(element, level);
         }
         array.push_back(std::move(value));
@@ -142,12 +173,16 @@ char* convertRedisDataToJsonString(const char* source) {
         if (!connection) {
             throw std::runtime_error("no connection");
         }
-        return objectOf(connection.get(), source, 1);
+        Conversion conversion{connection.get()};
+        return objectOf(conversion, source, 1);
     });
 }
 
 char* convertArrayDataToJsonString(redisContext* connection, const char* source) {
-    return generate([=] { return arrayOf(connection, source, 1); });
+    return generate([=] {
+        Conversion conversion{connection};
+        return arrayOf(conversion, source, 1);
+    });
 }
 
 char* convertObjectRefDataToJsonString(redisContext* /*connection*/, const char* source) {

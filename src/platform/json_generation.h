@@ -3,8 +3,9 @@
 //
 // It turns stored resources into JSON text. Each function returns a zero-terminated
 // text from the C heap, to be released with free, or null on failure. Data nested
-// deeper than 32 levels, or circular data, is a failure. Safe to call from several
-// threads, each with a connection of its own.
+// deeper than 32 levels, or circular data, is a failure; so is a conversion that reads
+// more than 1024 hashes and lists, a repeated one counted each time, or more than 4 MiB
+// of text from them. Safe to call from several threads, each with a connection of its own.
 #pragma once
 
 struct redisContext;

@@ -30,7 +30,7 @@ ReadOutcome readLines(const char* path, const std::function<bool(const std::stri
     ssize_t length = 0;
     while ((length = getline(&buffer.text, &buffer.size, file.get())) >= 0) {
         std::string line(buffer.text, static_cast<std::size_t>(length));
-        if (!line.empty() && line.back() == '\n') {
+        if (line.ends_with('\n')) {
             line.pop_back();
         }
         if (!handle(line)) {

@@ -15,7 +15,7 @@ namespace {
 constexpr const char* propertyFile = "/var/nginx/SessionPersistentProp.conf";
 
 void loadLine(redisContext* store, const std::string& text) {
-    const std::string line = text.c_str();
+    const std::string line = text.substr(0, text.find('\0'));
     const std::size_t separator = line.find('=');
     if (line.empty() || line.front() == '#' || separator == std::string::npos ||
         separator + 1 == line.size()) {

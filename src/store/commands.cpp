@@ -13,7 +13,7 @@ namespace {
 
 // A reply element's text, which building a text from must find there.
 const char* requireText(const redisReply* element) {
-    if (!element || !element->str) {
+    if (!element->str) {
         throw std::logic_error("basic_string::_M_construct null not valid");
     }
     return element->str;

@@ -31,7 +31,7 @@ inline bool isInteger(const ReplyPtr& reply) {
 
 // The reply's text up to its first zero byte; empty when it holds none.
 inline std::string textOf(const redisReply* reply) {
-    return reply && reply->str ? std::string(reply->str) : std::string();
+    return reply->str ? std::string(reply->str) : std::string();
 }
 
 }  // namespace session_service::store

@@ -176,6 +176,14 @@ TEST_F(Conversation, FailsWholeWhereverItFails) {
     EXPECT_EQ(converse({passwordPrompt, passwordPrompt, other}), PAM_CONV_ERR);
 }
 
+TEST_F(Conversation, FailsWhereAMessageIsMissing) {
+    const pam_message* messages[] = {&passwordPrompt, nullptr};
+    pam_response nobody{};
+    pam_response* responses = &nobody;
+    EXPECT_EQ(pamConversation(2, messages, &responses, password.data()), PAM_CONV_ERR);
+    EXPECT_EQ(responses, nullptr);
+}
+
 TEST_F(Conversation, TakesUpTo32Messages) {
     EXPECT_EQ(converse(std::vector<pam_message>(32, passwordPrompt)), PAM_SUCCESS);
     EXPECT_EQ(answers, Answers(32, "correct horse"));

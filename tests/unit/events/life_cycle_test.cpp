@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/resp_peer.h"
+
 namespace session_service {
 namespace {
 
@@ -12,6 +14,20 @@ TEST(EventListOf, ARequestGrowsInGroupsOfFive) {
     EXPECT_EQ(events,
               (EventList{"delete", "/redfish/v1/A b", "Session", "EventGroupId", "17", "change",
                          "/redfish/v1/A", "SessionCollection", "EventGroupId", "17"}));
+}
+
+TEST(EventListOf, LessThanTwoItemsIsNotSent) {
+    const RespPeer peer;
+    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {}), 0);
+    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {"add"}), 0);
+    EXPECT_EQ(peer.commands(), Commands{});
+}
+
+TEST(EventListOf, TwoItemsIsSentAsItIs) {
+    const RespPeer peer({resp::bulk("d1"), resp::integer(1)});
+    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {"add", "/redfish/v1/A"}), 1);
+    EXPECT_EQ(peer.commands(), (Commands{{"HGET", "redisSHAScripts", "resourceChange"},
+                                         {"EVALSHA", "d1", "2", "add", "/redfish/v1/A"}}));
 }
 
 }  // namespace

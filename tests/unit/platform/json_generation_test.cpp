@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "support/no_descriptors.h"
 #include "support/resp_peer.h"
 
 namespace session_service {
@@ -93,6 +94,37 @@ TEST(JsonArray, FailsForAListThatHoldsItself) {
     EXPECT_EQ(peer.commands().size(), 32U);
 }
 
+// What a list that names so many others converts to; `other` is what each of them holds.
+std::string arrayThatNames(std::size_t lists, const std::vector<std::string>& other) {
+    std::vector<std::string> replies{
+        resp::bulkArray(std::vector<std::string>(lists, "&&Array other"))};
+    replies.insert(replies.end(), lists, resp::bulkArray(other));
+    const RespPeer peer(replies);
+    return textOf(convertArrayDataToJsonString(peer.store(), "list"));
+}
+
+TEST(JsonArray, IsMadeOfNoMoreThanAThousandAndTwentyFourResources) {
+    std::string expected = "[[]";
+    for (int i = 1; i < 1023; ++i) {
+        expected += ",[]";
+    }
+    EXPECT_EQ(arrayThatNames(1023, {}), expected + "]");
+    EXPECT_EQ(arrayThatNames(1024, {}), "(null)");
+}
+
+TEST(JsonArray, IsMadeOfNoMoreThanFourMebibytes) {
+    const std::string text(1024 * 1024, 't');
+    const std::string json = "[\"" + text + "\"]";
+    EXPECT_EQ(arrayThatNames(3, {text}), "[" + json + "," + json + "," + json + "]");
+    EXPECT_EQ(arrayThatNames(4, {text}), "(null)");
+}
+
+TEST(JsonArray, CountsTheTextOfAHashItsFieldsIncluded) {
+    const std::string text(2 * 1024 * 1024, 't');
+    const RespPeer peer({resp::bulkArray({"&&Object hash"}), resp::bulkArray({text, text})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+}
+
 TEST(JsonArray, CountsTheLevelsInsideAnElement) {
     EXPECT_EQ(arrayOf({nestedText(31)}), nestedText(32));
     EXPECT_EQ(arrayOf({nestedText(32)}), "(null)");
@@ -101,6 +133,11 @@ TEST(JsonArray, CountsTheLevelsInsideAnElement) {
 
 TEST(JsonArray, ReplacesBytesThatAreNoText) {
     EXPECT_EQ(arrayOf({"caf\xe9"}), "[\"caf\xef\xbf\xbd\"]");
+}
+
+TEST(JsonObject, NeedsAConnectionOfItsOwn) {
+    const NoDescriptors none;
+    EXPECT_EQ(textOf(convertRedisDataToJsonString("some hash")), "(null)");
 }
 
 TEST(JsonObjectRef, NeedsNoConnection) {

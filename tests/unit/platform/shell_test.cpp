@@ -7,12 +7,42 @@
 
 #include "platform/file_descriptor.h"
 #include "support/captured_output.h"
+#include "support/no_descriptors.h"
 
 namespace session_service {
 namespace {
 
 // Longer than an argument of a program may be: such a command cannot be started.
 const std::string impossibleCommand = "true " + std::string(1 << 20, 'x');
+
+// What the process does with a signal while this lives.
+class Disposition {
+  public:
+    Disposition(int number, void (*handler)(int)) : signal(number) {
+        // Without SA_RESTART: the signal interrupts whoever waits.
+        struct sigaction action {};
+        action.sa_handler = handler;
+        EXPECT_EQ(sigaction(signal, &action, &before), 0);
+    }
+    Disposition(const Disposition&) = delete;
+    Disposition& operator=(const Disposition&) = delete;
+    ~Disposition() { sigaction(signal, &before, nullptr); }
+
+  private:
+    int signal;
+    struct sigaction before {};
+};
+
+volatile sig_atomic_t interruptions = 0;
+
+void countInterruption(int /*signal*/) {
+    interruptions = interruptions + 1;
+}
+
+// Interrupts this process once it waits, and then goes on with the command.
+std::string interruptingCommand(const std::string& command) {
+    return "until grep -q '^State:.S' /proc/$PPID/status; do :; done; kill -USR1 $PPID; " + command;
+}
 
 std::string outputOf(const std::string& command) {
     std::string output;
@@ -45,6 +75,20 @@ TEST(RunCommand, FailsWhenItCannotBeStarted) {
     EXPECT_EQ(runCommand(impossibleCommand.c_str()), -1);
 }
 
+TEST(RunCommand, WaitsOnWhenASignalInterruptsIt) {
+    const Disposition interrupted(SIGUSR1, countInterruption);
+    interruptions = 0;
+    const int status = runCommand(interruptingCommand("exit 3").c_str());
+    EXPECT_EQ(interruptions, 1);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+}
+
+TEST(RunCommand, TellsNoStatusWhereEndedChildrenAreForgotten) {
+    const Disposition forgotten(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(runCommand("true"), -1);
+}
+
 TEST(ReadCommand, HandsOverTheOutput) {
     EXPECT_EQ(outputOf("echo one; echo two"), "one\ntwo\n");
     EXPECT_EQ(outputOf("printf 'a\\0b'"), std::string("a\0b", 3));
@@ -73,6 +117,18 @@ TEST(ReadCommand, LeavesStandardErrorAlone) {
     std::string output;
     EXPECT_EQ(standardErrorOf([&] { output = outputOf("echo err >&2; echo out"); }), "err\n");
     EXPECT_EQ(output, "out\n");
+}
+
+TEST(ReadCommand, ReadsOnWhenASignalInterruptsIt) {
+    const Disposition interrupted(SIGUSR1, countInterruption);
+    interruptions = 0;
+    EXPECT_EQ(outputOf(interruptingCommand("echo out")), "out\n");
+    EXPECT_EQ(interruptions, 1);
+}
+
+TEST(ReadCommand, FailsWithoutAFreeDescriptor) {
+    const NoDescriptors none;
+    EXPECT_FALSE(readCommand("true", [](std::string_view) { return true; }));
 }
 
 TEST(ReadCommand, FailsWhenItCannotBeStarted) {

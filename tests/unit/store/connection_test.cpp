@@ -12,6 +12,7 @@
 #include "platform/file_descriptor.h"
 #include "store/commands.h"
 #include "support/captured_output.h"
+#include "support/no_descriptors.h"
 #include "support/resp_peer.h"
 #include "support/temporary_folder.h"
 
@@ -69,6 +70,16 @@ TEST(OneValueFile, IsNotLookedForUnderNamesThatAreTooLong) {
         << "one character less is tried";
 }
 
+TEST(OneValueFile, IsNotLookedForWithoutAFolder) {
+    EXPECT_EQ(standardErrorOf([] { EXPECT_EQ(getRedisConfiguration("port", nullptr), nullptr); }),
+              "");
+}
+
+TEST(Discovery, FailsWhereNoCommandCanBeStarted) {
+    const NoDescriptors none;
+    EXPECT_EQ(getRedisConnectionInfo(), nullptr);
+}
+
 // A server that takes connections and never answers.
 class ListeningSocket {
   public:
@@ -114,6 +125,16 @@ TEST(Connection, ByTcpGoesToThisMachineByDefault) {
     info.port = 1;  // Nobody listens there.
     EXPECT_EQ(connectToRedis(&info), nullptr);
     EXPECT_STREQ(info.host, "127.0.0.1");
+}
+
+TEST(Connection, ByTcpGoesToTheHostThatIsGiven) {
+    const char* host = "127.0.0.2";
+    ConnectionInfo info{};
+    info.connectionKind = CONNECTION_KIND_TCP;
+    info.port = 1;
+    info.host = host;
+    EXPECT_EQ(connectToRedis(&info), nullptr);
+    EXPECT_EQ(info.host, host);
 }
 
 TEST(Connection, NeedsAKnownKind) {

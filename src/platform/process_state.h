@@ -1,0 +1,24 @@
+// What a process has only one of, and what others leave changed in it: PAM modules run
+// inside this one.
+#pragma once
+
+namespace session_service {
+
+// Puts /dev/null in the place of each standard stream that is closed: what is opened next
+// must not become what diagnostics are printed on.
+void occupyStandardStreams();
+
+// Notes what restoreProcessState brings back. To be called once, while there is one thread.
+void noteProcessState();
+
+// Brings back, on the thread that calls the modules, what was noted: what signals do and
+// which of them are blocked, the mask of new files, the working folder and the variables of
+// the process; and the standard streams. The system's log no longer knows a name that a
+// module gave it. Does nothing when nothing was noted. Logs nothing.
+void restoreProcessState();
+
+// Waits for the children that have ended; for none that still runs. To be called on the only
+// thread that starts any, when it waits for none.
+void reapChildren();
+
+}  // namespace session_service
