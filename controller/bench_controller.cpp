@@ -78,6 +78,13 @@ std::map<std::string, std::string> sanitizerOptions() {
         {"TSAN_OPTIONS", "second_deadlock_stack=1"}};
 }
 
+// What the kernel calls a program that valgrind runs.
+#ifdef __aarch64__
+constexpr char memcheckName[] = "memcheck-arm64-linux";
+#else
+constexpr char memcheckName[] = "memcheck-amd64-linux";
+#endif
+
 }  // namespace
 
 BenchController::BenchController(const ControllerOptions& options)
@@ -93,6 +100,10 @@ BenchController::BenchController(const ControllerOptions& options)
     }
     install(BENCH_SESSION_ROLE_MODULE, "/usr/local/lib/security/pam_session_role.so");
     sandbox_.bind({BENCH_DAEMON, daemonPath, Bind::Kind::readOnly});
+    if (const std::string profiles = BENCH_PROFILES; !profiles.empty()) {
+        // Where programs that count their coverage keep it.
+        sandbox_.bind({profiles, profiles, Bind::Kind::writable});
+    }
 
     writeFile(keyFile, randomDigits(64) + "\n");
     std::string storeConfiguration = readFile("/etc/redis/redis.conf");
@@ -186,6 +197,17 @@ void BenchController::startDaemon(const DaemonOptions& options) {
                   .limits = options.limits,
                   .streams = {.input = options.input}};
     launch.environment.merge(sanitizerOptions());
+    if (underMemcheck()) {
+        // A forked child has lost what only the stacks of other threads lead to.
+        launch.runner = {"/usr/bin/valgrind",
+                         "--quiet",
+                         "--leak-check=full",
+                         "--show-leak-kinds=definite",
+                         "--keep-debuginfo=yes",
+                         "--child-silent-after-fork=yes",
+                         "--vgdb=no"};
+        launch.name = memcheckName;
+    }
     daemon_ = startProgram(launch);
 }
 

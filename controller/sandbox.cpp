@@ -101,6 +101,7 @@ std::unique_ptr<Process> Sandbox::start(const Launch& launch) const {
         append(arguments, launch.limits);
         arguments.emplace_back("--");
     }
+    append(arguments, launch.runner);
     append(arguments, launch.command);
     const std::string name =
         launch.name.empty() ? fs::path(launch.command.front()).filename().string() : launch.name;

@@ -33,6 +33,8 @@ struct Launch {
     std::vector<Bind> binds{};
     // Limits as prlimit takes them, such as "--nofile=64".
     std::vector<std::string> limits{};
+    // A program that runs the command, with its arguments, such as valgrind.
+    std::vector<std::string> runner{};
     // What the kernel will call the program in the end; empty: the last part of the
     // command's first word.
     std::string name{};

@@ -1,18 +1,26 @@
 #include "controller/wait.h"
 
+#include <cstdlib>
 #include <thread>
 
 namespace bench {
 
 namespace {
 
-constexpr std::chrono::seconds patienceLength{BENCH_SANITIZED ? 180 : 60};
+constexpr std::chrono::seconds shortPatience{60};
+constexpr std::chrono::seconds longPatience{180};
 constexpr std::chrono::milliseconds pause{2};
 
 }  // namespace
 
+bool underMemcheck() {
+    static const bool asked = std::getenv("BENCH_VALGRIND") != nullptr;
+    return asked;
+}
+
 Deadline patience() {
-    return std::chrono::steady_clock::now() + patienceLength;
+    const bool slow = BENCH_SANITIZED || underMemcheck();
+    return std::chrono::steady_clock::now() + (slow ? longPatience : shortPatience);
 }
 
 void waitUntil(const std::string& what, const std::function<bool()>& condition) {

@@ -1,5 +1,5 @@
 // Waiting on conditions. The deadline only ends a run that has gone wrong; it is
-// generous enough for a sanitizer build on a busy machine.
+// generous enough for a sanitizer build, or a daemon under valgrind, on a busy machine.
 #pragma once
 
 #include <chrono>
@@ -15,6 +15,9 @@ struct Failure : std::runtime_error {
 };
 
 using Deadline = std::chrono::steady_clock::time_point;
+
+// Whether the environment asks, with BENCH_VALGRIND, for the daemon to run under valgrind.
+bool underMemcheck();
 
 // The end of the patience with anything that is waited for from now on.
 Deadline patience();

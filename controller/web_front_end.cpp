@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <utility>
 
 namespace bench {
@@ -28,6 +29,13 @@ std::string ownAddress() {
     const pid_t number = getpid();
     return "127." + std::to_string(1 + number / hosts / networks) + "." +
            std::to_string(number / hosts % networks) + "." + std::to_string(1 + number % hosts);
+}
+
+bool hasChild(pid_t process) {
+    const std::string number = std::to_string(process);
+    std::ifstream children("/proc/" + number + "/task/" + number + "/children");
+    pid_t child = 0;
+    return static_cast<bool>(children >> child);
 }
 
 }  // namespace
@@ -69,7 +77,7 @@ void WebFrontEnd::makeCertificate() {
 }
 
 void WebFrontEnd::start() {
-    // Written when all sockets listen and signals are handled; a kill leaves it behind.
+    // Written when all sockets listen; a kill leaves it behind.
     controller_.removeFile(pidFile);
     auto started = controller_.startProgram(
         {.command = {nginx, "-c", webConfigurationFile}, .user = webUser, .machineNetwork = true});
@@ -78,7 +86,8 @@ void WebFrontEnd::start() {
             throw Failure("The web front end ended with " + toText(*ended) + ": " +
                           controller_.errorsOf("nginx") + errorLog());
         }
-        return !controller_.readFile(pidFile).empty();
+        // Until it turns to its workers the server forgets a signal that asks it to end.
+        return !controller_.readFile(pidFile).empty() && hasChild(started->pid());
     });
     nginx_ = std::move(started);
 }

@@ -181,6 +181,31 @@ class Concurrency : public RunningSystemTest {
                   std::to_string(groups.size()));
     }
 
+    // Several clients at work, each on a thread; however this ends, they are told to stop.
+    class Clients {
+      public:
+        explicit Clients(std::atomic<bool>& stopFlag) : stop_(stopFlag) {}
+        ~Clients() { stop_ = true; }  // the threads are waited for after that
+        Clients(const Clients&) = delete;
+        Clients& operator=(const Clients&) = delete;
+
+        template <typename Act>
+        void start(Act act) {
+            clients_.push_back(std::async(std::launch::async, act));
+        }
+        // Throws what the first failing client threw.
+        void stop() {
+            stop_ = true;
+            for (std::future<void>& client : clients_) {
+                client.get();
+            }
+        }
+
+      private:
+        std::atomic<bool>& stop_;
+        std::vector<std::future<void>> clients_;
+    };
+
     std::atomic<bool> stop = false;
     Tally tally;
     Handover handover;
@@ -193,23 +218,19 @@ TEST_F(Concurrency, OfLoginsLogoutsSettingsAndExpiryLeavesNothingOverAndLosesNot
     std::set<std::string> residents{logIn(), logIn()};
     setTimeout("1");
 
-    std::vector<std::future<void>> clients;
+    Clients clients(stop);
     for (unsigned seed = 1; seed <= 6; ++seed) {
-        clients.push_back(std::async(std::launch::async, [this, seed] { actAsUser(seed); }));
+        clients.start([this, seed] { actAsUser(seed); });
     }
     for (unsigned seed = 1; seed <= 2; ++seed) {
-        clients.push_back(
-            std::async(std::launch::async, [this, seed] { actAsAdministrator(seed); }));
+        clients.start([this, seed] { actAsAdministrator(seed); });
     }
     // More sessions are abandoned than fit in at once, so that some have to expire.
     waitUntil("everything has happened often", [this] {
         return tally.logins > 60 && tally.refusedLogins > 20 && tally.logouts > 60 &&
                tally.patches > 100 && tally.abandoned > 8;
     });
-    stop = true;
-    for (std::future<void>& client : clients) {
-        client.get();
-    }
+    clients.stop();
 
     setTimeout("300");
     waitUntil("all short sessions have expired", [&] { return members() == residents; });

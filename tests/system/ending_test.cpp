@@ -502,7 +502,7 @@ class CutRequests : public StoppedStore {
         // Standard streams, and one connection of each worker.
         constexpr std::ptrdiff_t idleDescriptors = 3 + 4;
         waitUntil("no descriptor is left over",
-                  [&] { return entriesOf(processFolder() + "/fd") == idleDescriptors; });
+                  [&] { return openDescriptors() == idleDescriptors; });
         EXPECT_EQ(endedThreads(), 0);
     }
 

@@ -229,6 +229,17 @@ TEST_F(JsonGeneration, OfCircularDataFails) {
               (Words{failure, failure, failure, failure}));
 }
 
+TEST_F(JsonGeneration, OfDataThatBranchesAtEachLevelFails) {
+    for (int i = 1; i < mostLevels; ++i) {
+        const std::string next = std::to_string(i + 1);
+        store().hset("hash" + std::to_string(i),
+                     {{"&&Object a hash" + next, ""}, {"&&Object b hash" + next, ""}});
+        push("list" + std::to_string(i), {"&&Array list" + next, "&&Array list" + next});
+    }
+    store().hset("hash" + std::to_string(mostLevels), {{"A", "1"}});
+    EXPECT_EQ(convert({"object", "hash1", "array", "list1"}), (Words{failure, failure}));
+}
+
 // The same through the daemon: a structured property of a PATCH body.
 class BodyConversion : public RunningSystemTest {
   protected:
@@ -343,6 +354,17 @@ TEST_F(BodyConversion, GoesOnWithTheOtherFieldsWhenOneIsDropped) {
 TEST_F(BodyConversion, SurvivesCircularData) {
     store().hset("self", {{"&&Object a self", ""}});
     EXPECT_EQ(patched({{"&&Object SessionTimeout self", ""}}), "300");
+    EXPECT_EQ(patched({{"SessionTimeout", "600"}}), "600");
+}
+
+TEST_F(BodyConversion, SurvivesDataThatBranchesAtEachLevel) {
+    for (int i = 1; i < mostLevels; ++i) {
+        const std::string next = std::to_string(i + 1);
+        store().hset("hash" + std::to_string(i),
+                     {{"&&Object a hash" + next, ""}, {"&&Object b hash" + next, ""}});
+    }
+    store().hset("hash" + std::to_string(mostLevels), {{"A", "1"}});
+    EXPECT_EQ(patched({{"&&Object SessionTimeout hash1", ""}}), "300");
     EXPECT_EQ(patched({{"SessionTimeout", "600"}}), "600");
 }
 

@@ -97,6 +97,10 @@ TEST_F(HostileLogout, OfTheServicesOwnResourcesTouchesNoneOfThem) {
     expectNothingGone(sessionsUri, "Sessions");
     expectNothingGone("/redfish/v1/AccountService/Accounts/1", "1");
     expectNothingGone("webDefaultValue", "webDefaultValue");
+    // Lists that lie where the tokens of sessions with such identifiers would be named.
+    for (const char* list : {"Members", "POSTCREATEQ", "DELETEQ"}) {
+        expectNothingGone(uriOf(list), list);
+    }
 }
 
 TEST_F(HostileLogout, RemovesASessionWhoseIdentifierIsKilobytesLong) {

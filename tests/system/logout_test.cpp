@@ -517,6 +517,24 @@ TEST_F(Logout, WithoutAReplyKeyAndWithoutACountIsLoggedAndAnswersNothing) {
 
 class LogoutOverARelay : public Logout {
   protected:
+    // Has a session expire and holds the expiry half-way.
+    PlantedSession holdAnExpiry() {
+        relay.judge([this](const Words& command) {
+            if (command.front() == "UNLINK" && held) {
+                reached = true;
+                held.wait(true);
+            }
+            return StoreRelay::Verdict::pass;
+        });
+        PlantedSession expiring = frontEnd().plantSession({.timeout = "1", .lastAccessed = "0"});
+        waitUntil("the expiry is held", [this] { return reached.load(); });
+        return expiring;
+    }
+    void releaseTheExpiry() {
+        held = false;
+        held.notify_all();
+        waitUntilExpired(1);
+    }
     void TearDown() override {
         relay.judge({});
         held = false;
@@ -543,16 +561,7 @@ class LogoutOverARelay : public Logout {
 };
 
 TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
-    relay.judge([this](const Words& command) {
-        if (command.front() == "UNLINK" && held) {
-            reached = true;
-            held.wait(true);
-        }
-        return StoreRelay::Verdict::pass;
-    });
-    const PlantedSession expiring = frontEnd().plantSession({.timeout = "1", .lastAccessed = "0"});
-    waitUntil("the expiry is held", [this] { return reached.load(); });
-
+    const PlantedSession expiring = holdAnExpiry();
     const PlantedSession session = frontEnd().plantSession();
     const Snapshot before = snapshot();
     Request request = frontEnd().prepareRemove(session.uri);
@@ -566,11 +575,22 @@ TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
               (std::vector<Message>{{"Base.1.12.ServiceTemporarilyUnavailable", {"\"1\""}}}));
     EXPECT_EQ(changedSince(before), Words{});
 
-    held = false;
-    held.notify_all();
-    waitUntilExpired(1);
+    releaseTheExpiry();
     EXPECT_EQ(frontEnd().remove(session.uri).status(), "OK_EMPTY");
     EXPECT_EQ(thereOf(keysOf(expiring)), Words{});
+}
+
+TEST_F(LogoutOverARelay, WithoutAReplyKeyIsNotAnsweredWhileAnExpiryTakesMoreThanTwoSeconds) {
+    holdAnExpiry();
+    const PlantedSession session = frontEnd().plantSession();
+    const Snapshot before = snapshot();
+    Request request = frontEnd().prepareRemove(session.uri);
+    request.send(request.requestKey() + " ");
+    // Served after the one without a reply key.
+    EXPECT_EQ(frontEnd().remove(session.uri).status(), "UNAVAILABLE");
+    EXPECT_FALSE(request.publishedAlready());
+    EXPECT_EQ(changedSince(before), Words{});
+    releaseTheExpiry();
 }
 
 TEST_F(LogoutOverARelay, WithoutAConnectionOfItsOwnIsNotServed) {

@@ -1,4 +1,7 @@
-// The PAM module pam_session_role, seen through logins.
+// The PAM module pam_session_role, seen through logins, and through a program that asks for
+// more than a login does.
+#include <security/pam_appl.h>
+
 #include "support/system_test.h"
 
 namespace bench {
@@ -20,6 +23,14 @@ class SessionRole : public RunningSystemTest {
         }
         const std::string privilege = store().hget(tokenKey(reply.token()), "Privilege");
         return privilege.empty() ? "none" : privilege;
+    }
+    // What the operation gives a program that names the user, or nobody.
+    std::string statusOf(const std::string& user, const std::string& operation) {
+        constexpr char probe[] = "/usr/local/bin/pam_probe";
+        controller.install(BENCH_PAM_PROBE, probe);
+        const auto program = controller.startProgram({.command = {probe, "q73", user, operation}});
+        EXPECT_EQ(toText(program->wait()), toText(Ending{}));
+        return controller.outputOf("pam_probe");
     }
     // Logins without a privilege leave this line.
     void expectNoPrivilege() { expectErrorLine("Privilege value type error"); }
@@ -94,6 +105,16 @@ TEST_F(SessionRole, WorksInTheAccountStackToo) {
     usePamLines("auth required pam_permit.so\naccount required pam_permit.so\naccount required " +
                 module + " role=readers:aciuser;\n");
     EXPECT_EQ(privilegeOf(reader.name), "9");
+}
+
+TEST_F(SessionRole, FailsWhereNobodyNamesTheUser) {
+    usePamLines("auth required " + module + " set=PRIVILEGES=511\n");
+    EXPECT_EQ(statusOf("", "authenticate"), std::to_string(PAM_CONV_ERR) + "\n");
+}
+
+TEST_F(SessionRole, LeavesTheCredentialsToTheOtherModules) {
+    useRoleModule("role=readers:aciuser;");
+    EXPECT_EQ(statusOf(reader.name, "credentials"), std::to_string(PAM_SUCCESS) + "\n");
 }
 
 TEST_F(SessionRole, RefusesTheLoginWhenAnArgumentMakesNoSense) {

@@ -392,7 +392,6 @@ TEST_F(UnpublishablePatch, IsAnExceptionAndRaisesItsEvent) {
         frontEnd().preparePatch({{"SessionTimeout", "600"}}, {.returnChannel = "forbidden"});
     Request unchanged =
         frontEnd().preparePatch({{"SessionTimeout", "600"}}, {.returnChannel = "forbidden"});
-    Monitor monitor = controller.monitor();
     store().run({"ACL", "SETUSER", "default", "resetchannels",
                  std::string("&&&/redfish/v1/SessionService/*"), "&&&EventStream/*"});
     store().publish(patchChannel, request.requestKey() + " " + request.replyKey());

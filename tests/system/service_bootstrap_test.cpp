@@ -89,6 +89,52 @@ INSTANTIATE_TEST_SUITE_P(
         StoredTimeout{"PercentSigns", "%s%n", typeError}),
     [](const auto& instance) { return instance.param.name; });
 
+struct Settings {
+    const char* name;
+    Fields stored;
+    const char* read;
+
+    friend void PrintTo(const Settings& value, std::ostream* out) { *out << value.name; }
+};
+
+class ServiceSettings : public ServiceBootstrap, public testing::WithParamInterface<Settings> {};
+
+TEST_P(ServiceSettings, AreThoseOfTheStoreAtTheStart) {
+    constexpr char probe[] = "/usr/local/bin/service_probe";
+    controller.install(BENCH_SERVICE_PROBE, probe);
+    store().del(serviceUri);
+    store().hset(serviceUri, GetParam().stored);
+    const auto program = controller.startProgram({.command = {probe}});
+    waitUntil("the settings have been read", [this] {
+        return store().run({"PUBSUB", "NUMSUB", patchChannel}).elements.at(1).integer > 0;
+    });
+    store().hset(serviceUri, {{"ServiceEnabled", "true"}, {"SessionTimeout", "77"}});
+    controller.stopStore();
+    EXPECT_EQ(toText(program->wait()), toText(Ending{}));
+    EXPECT_EQ(controller.outputOf("service_probe"), GetParam().read);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, ServiceSettings,
+    testing::Values(Settings{"AService",
+                             {{"ServiceEnabled", "true"}, {"SessionTimeout", "600"}},
+                             "enabled 1 timeout 600\n"},
+                    Settings{"ADisabledService",
+                             {{"ServiceEnabled", "false"}, {"SessionTimeout", " -30s"}},
+                             "enabled 0 timeout -30\n"},
+                    Settings{"AServiceThatIsEnabledInOtherWords",
+                             {{"ServiceEnabled", "True"}, {"SessionTimeout", "2147483647"}},
+                             "enabled 0 timeout 2147483647\n"},
+                    Settings{"AServiceWhoseTimeoutIsNoNumber",
+                             {{"ServiceEnabled", "\"true\""}, {"SessionTimeout", "abc"}},
+                             "enabled 0 timeout 0\n"},
+                    Settings{"AServiceWhoseTimeoutIsTooLarge",
+                             {{"ServiceEnabled", ""}, {"SessionTimeout", "2147483648"}},
+                             "enabled 0 timeout 0\n"},
+                    Settings{
+                        "AServiceWithoutSettings", {{"Name", "\"x\""}}, "enabled 0 timeout 0\n"}),
+    [](const auto& instance) { return instance.param.name; });
+
 TEST_F(ServiceBootstrap, OfAServiceWithoutATimeoutStarts) {
     controller.removeFile(persistentFile);
     store().run({"HDEL", serviceUri, "SessionTimeout"});

@@ -130,6 +130,14 @@ TEST_F(Discovery, EndsWithAnEmptyPortFile) {
     expectNoConnection();
 }
 
+TEST_F(Discovery, EndsWithAPortFileThatBeginsWithAZeroByte) {
+    controller.writeFile(portFile, std::string("\0"
+                                               "0",
+                                               2));
+    startStore();
+    expectNoConnection();
+}
+
 struct OddPortText {
     const char* name;
     const char* text;

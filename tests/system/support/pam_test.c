@@ -213,7 +213,11 @@ PAM_EXTERN int pam_sm_authenticate(pam_handle_t* handle, int flags, int argc, co
         status = PAM_AUTH_ERR;
     }
     for (int i = 0; i < asked.count; ++i) {
-        free(asked.answers[i].resp);
+        char* answer = asked.answers[i].resp;
+        if (answer != NULL) {
+            explicit_bzero(answer, strlen(answer));
+        }
+        free(answer);
     }
     free(asked.answers);
     return status;

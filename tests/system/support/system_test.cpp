@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <iostream>
+#include <regex>
 #include <sstream>
 
 namespace bench {
@@ -12,6 +14,7 @@ namespace {
 constexpr char pamModule[] = "/usr/local/lib/security/pam_test.so";
 constexpr char pamRecordFile[] = "/tmp/pam.records";
 constexpr char pamBlockFile[] = "/tmp/pam.block";
+constexpr int leastDescriptorOfValgrind = 1000;
 constexpr char kadminArguments[] = "/tmp/kadmin.arguments";
 
 constexpr std::array sanitizerReports{"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
@@ -20,6 +23,12 @@ constexpr std::array sanitizerReports{"ERROR: AddressSanitizer", "ERROR: LeakSan
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
+}
+
+void expectNoPassword(const std::string& text, const std::string& place) {
+    for (const Account& account : {administrator, operatorAccount, reader, expired}) {
+        EXPECT_FALSE(contains(text, account.password)) << place << ": " << text;
+    }
 }
 
 // "Nov 21 01:39:00 1700000000 [Error]: message"
@@ -60,6 +69,12 @@ void SystemTest::checkDaemon() {
     for (const char* report : sanitizerReports) {
         EXPECT_FALSE(contains(errors, report)) << errors;
     }
+    if (underMemcheck()) {
+        EXPECT_FALSE(std::regex_search(errors, std::regex("==[0-9]+== "))) << errors;
+    }
+    expectNoPassword(errors, "standard error");
+    expectNoPassword(controller.daemonOutput(), "standard output");
+    expectNoPassword(earlierLog_ + controller.readFile(logFile), "log");
     std::vector<bool> seen(expectedErrors_.size(), false);
     for (const LogLine& line : logLines()) {
         if (line.tag != "[Error]") {
@@ -88,6 +103,22 @@ void SystemTest::startStore() {
     controller.startStore();
     controller.loadScripts();
     controller.seedStore();
+    StoreClient store = controller.connect();
+    store.run({"CONFIG", "SET", "slowlog-log-slower-than", "0"});
+    store.run({"CONFIG", "SET", "slowlog-max-len", "10000"});
+}
+
+// Of the last commands, as the store keeps them: up to 32 words of up to 128 bytes.
+void SystemTest::checkCommands() {
+    try {
+        for (const Value& entry : controller.connect().run({"SLOWLOG", "GET", "-1"}).elements) {
+            for (const Value& word : entry.elements.at(3).elements) {
+                expectNoPassword(word.text, "command");
+            }
+        }
+    } catch (const Failure&) {
+        // A store that is gone, or full, does not tell.
+    }
 }
 
 void SystemTest::startDaemon(const DaemonOptions& options) {
@@ -104,6 +135,7 @@ Ending SystemTest::runDaemon(const DaemonOptions& options) {
 
 void SystemTest::endDaemon() {
     releasePam();
+    checkCommands();
     controller.stopStore();
     store_.reset();
     frontEnd_.reset();
@@ -113,6 +145,14 @@ void SystemTest::endDaemon() {
         ADD_FAILURE() << failure.what();
         controller.daemon().kill();
     }
+}
+
+std::ptrdiff_t SystemTest::openDescriptors() {
+    const std::filesystem::directory_iterator folder(
+        "/proc/" + std::to_string(controller.daemon().pid()) + "/fd");
+    return std::count_if(begin(folder), end(folder), [](const auto& descriptor) {
+        return std::stoi(descriptor.path().filename()) < leastDescriptorOfValgrind;
+    });
 }
 
 // The daemon begins its log anew with each start.

@@ -2,8 +2,10 @@
 //
 // The end of a test ends the daemon in order, by stopping the store, and fails the test
 // when the daemon ends by a signal or with an exit status that the test did not expect,
-// when a sanitizer reported something, and when the log holds an error line that the
-// test did not announce, or lacks one that it did. A failed test prints the log.
+// when a sanitizer or valgrind reported something, when the log holds an error line that the
+// test did not announce, or lacks one that it did, and when a password of the controller's
+// accounts stands in the log, in what the daemon printed or in a command that the store got. A
+// failed test prints the log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -53,6 +55,10 @@ class SystemTest : public testing::Test {
     // An error line whose message contains the text has to be there, any number of times.
     void expectErrorLine(const std::string& text) { expectedErrors_.push_back(text); }
 
+    // How many descriptors the daemon has open; those that valgrind keeps beside them do not
+    // count.
+    std::ptrdiff_t openDescriptors();
+
     // The log as it stands, the lines of earlier daemons of this test included.
     std::vector<LogLine> logLines() const;
     // How many lines have exactly this message.
@@ -85,6 +91,7 @@ class SystemTest : public testing::Test {
 
   private:
     void checkDaemon();
+    void checkCommands();
     void keepLog();
 
     std::optional<StoreClient> store_;

@@ -1,0 +1,74 @@
+// Requests of a front end that means harm.
+//
+// They are drawn from a seed: the same seed and the same names of others give the same
+// requests. Most are valid but for a few things, so that they get far. Request and body keys
+// are used again and again, so that hashes change while they are read.
+#pragma once
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "controller/store_client.h"
+
+namespace bench {
+
+struct HostileRequest {
+    // Commands for the store, in order, each with its key as the second word. Some of them
+    // fail on the kind of key that is there.
+    std::vector<Words> preparation;
+    std::string channel;
+    std::string notice;
+};
+
+// As it would be repeated by hand, a command a line; long texts are shortened.
+std::string toText(const HostileRequest& request);
+
+// What requests name besides what is their own.
+struct NamesOfOthers {
+    Words keys;
+    // Resources of sessions that no deletion may name: it would rightly delete them.
+    Words sessions;
+    Words passwords;  // as they travel, the administrator's in front
+};
+
+class HostileRequests {
+  public:
+    HostileRequests(unsigned seed, NamesOfOthers others);
+
+    HostileRequest next();
+
+    // Makes the sessions that requests delete and spoil.
+    static std::vector<Words> plantVictims();
+
+  private:
+    unsigned below(unsigned end) { return static_cast<unsigned>(random_() % end); }
+    bool oneIn(unsigned chances) { return below(chances) == 0; }
+    const std::string& pick(const Words& words);
+
+    std::string text();
+    std::string largeText();
+    std::string randomBytes();
+    std::string anything();
+    std::string ownKey(const char* purpose);
+    std::string tokenField();
+    std::string replyKey();
+    std::string notice(const std::string& requestKey);
+
+    Fields body();
+    Fields record();
+    void mutate(Fields& fields);
+    bool namesProtectedSession(const std::string& target) const;
+
+    void writeHash(std::vector<Words>& commands, const std::string& key, Fields fields);
+    void writeOtherKind(std::vector<Words>& commands, const std::string& key);
+    void writeList(std::vector<Words>& commands, const std::string& key);
+    void spoilService(std::vector<Words>& commands);
+    HostileRequest echo();
+
+    std::mt19937 random_;
+    NamesOfOthers others_;
+    unsigned long replies_ = 0;
+};
+
+}  // namespace bench
