@@ -1,0 +1,137 @@
+// What arrives on the request channels, as bytes from the store and as payloads. Every worker
+// hands on exactly the notices that there are, and no key becomes more than one argument.
+#include "protocol/request_channels.h"
+
+#include <optional>
+
+#include "frame/resource_names.h"
+#include "service/patch.h"
+#include "support/captured_stream.h"
+#include "support/input.h"
+#include "support/property.h"
+#include "support/store_stand_in.h"
+
+namespace session_service {
+namespace {
+
+using Announcements = std::vector<store::Announcement>;
+
+std::vector<Notice> handled;
+
+void recordNotice(const std::string& requestKey, const std::string& replyKey,
+                  WorkerContext& /*context*/) {
+    handled.push_back({requestKey, replyKey});
+}
+
+// What arrives after the confirmation of the subscription; empty when there is none.
+std::optional<Announcements> announcementsIn(const std::string& bytes) {
+    const StandInStore connection({bytes});
+    if (!store::subscribe(connection.store(), "channel")) {
+        return std::nullopt;
+    }
+    Announcements announcements;
+    while (const auto announcement = store::readAnnouncement(connection.store())) {
+        announcements.push_back(*announcement);
+    }
+    return announcements;
+}
+
+void trySplit(const std::string& payload) {
+    const Notice notice = splitNotice(payload);
+    if (payload.find(' ') == std::string::npos) {
+        require(notice.requestKey == payload && notice.replyKey == payload,
+                "without a blank both keys are the payload");
+    } else {
+        require(notice.requestKey.find(' ') == std::string::npos, "a request key has no blank");
+        require(notice.requestKey + ' ' + notice.replyKey == payload, "the keys are the payload");
+    }
+}
+
+void tryRequestThread(const std::string& bytes, const Announcements& announcements) {
+    std::vector<std::string> expected;
+    for (const store::Announcement& announcement : announcements) {
+        const std::string payload = announcement.text.value_or("");
+        if (payload == "&&EXIT") {
+            break;
+        }
+        if (!payload.empty()) {
+            expected.push_back(payload);
+        }
+    }
+
+    handled.clear();
+    WorkerContext context{};
+    StandInServer server({{bytes}});
+    const CapturedStream log(stderr);
+    serveRequests(createChannel, context, recordNotice);
+    require(handled.size() == expected.size(), "every notice up to the exit notice is handled");
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const Notice notice = splitNotice(expected[i]);
+        require(
+            handled[i].requestKey == notice.requestKey && handled[i].replyKey == notice.replyKey,
+            "a handler gets the keys of its notice");
+    }
+    require(log.written().empty(), "notices log nothing");
+    require(server.connections()[0].takeCommands() == Commands{{"SUBSCRIBE", createChannel}},
+            "a subscribed connection only reads");
+}
+
+// Requests are not found here: each is answered without a reply.
+void tryPatchThread(const std::string& bytes, const Announcements& announcements,
+                    std::string expectedLog) {
+    std::vector<std::string> expected;
+    for (const store::Announcement& announcement : announcements) {
+        if (announcement.elements != 3 || !announcement.text) {
+            continue;
+        }
+        if (announcement.text->find(' ') == std::string::npos) {
+            expectedLog += debugLine("Request data format is incorrect.");
+        } else {
+            expected.push_back(*announcement.text);
+        }
+    }
+
+    std::vector<Replies> connections(expected.size() + 2, Replies(4, resp::integer(1)));
+    connections[0] = {bytes};
+    StandInServer server(connections);
+    const CapturedStream log(stderr);
+    patchThread(nullptr);
+    require(log.written() == expectedLog, "only a payload without a blank is logged");
+    require(server.connections().size() == expected.size() + 1,
+            "every request has a connection of its own");
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const auto [requestKey, replyKey] = splitNotice(expected[i]);
+        require(server.connections()[i + 1].takeCommands() ==
+                    Commands{{"HGET", requestKey, requestMethodField},
+                             {"HGET", requestKey, targetUriField},
+                             {"HGET", requestKey, returnChannelField},
+                             {"PUBLISH", "", replyKey}},
+                "the keys of a notice are one argument each");
+    }
+}
+
+void tryChannel(const std::string& bytes) {
+    const std::optional<Announcements> announcements = announcementsIn(bytes);
+    tryRequestThread(bytes, announcements.value_or(Announcements()));
+    tryPatchThread(bytes, announcements.value_or(Announcements()),
+                   announcements ? std::string()
+                                 : errorLine("Failed to subscribe channel " + patchChannel + '.'));
+}
+
+}  // namespace
+}  // namespace session_service
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace session_service;
+    openLog();
+    const std::string input(textOf(data, size));
+    tryChannel(input);
+
+    std::string messages = resp::array({resp::bulk("subscribe"), resp::bulk(""), resp::integer(1)});
+    for (const std::string& payload : linesOf(input)) {
+        trySplit(payload);
+        messages += resp::bulkArray({"message", "channel", payload});
+    }
+    tryChannel(messages);
+    return 0;
+}
