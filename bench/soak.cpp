@@ -259,6 +259,7 @@ bool Soak::run(std::chrono::seconds duration) {
     store_.emplace(controller_.connect());
     const auto allWorkers = [this] {
         std::vector<std::jthread> threads;
+        threads.reserve(loginWorkers + 3);
         for (int i = 0; i < loginWorkers; ++i) {
             threads.emplace_back([this, i] { loginRounds(i == 0); });
         }

@@ -69,6 +69,16 @@ SessionService::SessionService() {
     runPatchThread();
 }
 
+SessionService::~SessionService() = default;
+
+bool SessionService::isEnabled() const noexcept {
+    return enabled;
+}
+
+std::int32_t SessionService::sessionTimeout() const noexcept {
+    return timeout;
+}
+
 void SessionService::readSettings(redisContext* store) {
     const std::string stored = store::hget(store, serviceUri, "SessionTimeout");
     constexpr NumberFaults faults{"SessionTimeout value type error",

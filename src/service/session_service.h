@@ -16,11 +16,11 @@ class SessionService {
     SessionService();
     SessionService(const SessionService&) = delete;
     SessionService& operator=(const SessionService&) = delete;
-    virtual ~SessionService() = default;
+    virtual ~SessionService();
 
     // The settings as they were when the object was constructed.
-    [[nodiscard]] bool isEnabled() const noexcept { return enabled; }
-    [[nodiscard]] std::int32_t sessionTimeout() const noexcept { return timeout; }
+    [[nodiscard]] bool isEnabled() const noexcept;
+    [[nodiscard]] std::int32_t sessionTimeout() const noexcept;
 
   private:
     void readSettings(redisContext* store);

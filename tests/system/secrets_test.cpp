@@ -96,8 +96,13 @@ class Secrets : public WelcomingTest {
         controller.install(BENCH_COMMAND_LINES, library);
         startStore();
         monitor_.emplace(controller.monitor());
-        startDaemon({.environment = {{"LD_PRELOAD", library}, {"COMMAND_LINES", commandLinesFile}},
-                     .binds = randomDevice()});
+        // An arena for each thread and large stacks would make a core image of 300 MB, most of
+        // them never used.
+        startDaemon({.environment = {{"LD_PRELOAD", library},
+                                     {"COMMAND_LINES", commandLinesFile},
+                                     {"MALLOC_ARENA_MAX", "1"}},
+                     .binds = randomDevice(),
+                     .limits = {"--stack=1048576"}});
 
         const std::string key = controller.readFile(keyFile).substr(0, 64);
         passwords_.add("the key", key);

@@ -39,9 +39,13 @@ void countInterruption(int /*signal*/) {
     interruptions = interruptions + 1;
 }
 
-// Interrupts this process once it waits, and then goes on with the command.
+// Interrupts this process each time it waits, and then goes on with the command. The first
+// time it may wait for the start of the shell.
 std::string interruptingCommand(const std::string& command) {
-    return "until grep -q '^State:.S' /proc/$PPID/status; do :; done; kill -USR1 $PPID; " + command;
+    return "for i in 1 2 3 4 5; do"
+           "  until grep -q '^State:.S' /proc/$PPID/status; do :; done; kill -USR1 $PPID; "
+           "done; " +
+           command;
 }
 
 std::string outputOf(const std::string& command) {
@@ -79,7 +83,7 @@ TEST(RunCommand, WaitsOnWhenASignalInterruptsIt) {
     const Disposition interrupted(SIGUSR1, countInterruption);
     interruptions = 0;
     const int status = runCommand(interruptingCommand("exit 3").c_str());
-    EXPECT_EQ(interruptions, 1);
+    EXPECT_GT(interruptions, 0);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 3);
 }
@@ -123,7 +127,7 @@ TEST(ReadCommand, ReadsOnWhenASignalInterruptsIt) {
     const Disposition interrupted(SIGUSR1, countInterruption);
     interruptions = 0;
     EXPECT_EQ(outputOf(interruptingCommand("echo out")), "out\n");
-    EXPECT_EQ(interruptions, 1);
+    EXPECT_GT(interruptions, 0);
 }
 
 TEST(ReadCommand, FailsWithoutAFreeDescriptor) {
