@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr char daemonPath[] = "/usr/local/sbin/session-service";
 constexpr char seedFile[] = BENCH_FILES "/seed/resources.txt";
+constexpr char suppressionFile[] = "/usr/local/share/memcheck.supp";
 constexpr std::array scripts{"resourceChange", "logGeneratorHelper"};
 constexpr std::array channels{
     "&&/redfish/v1/SessionService/Sessions/CreateNewSession",
@@ -187,9 +188,11 @@ void BenchController::startDaemon(const DaemonOptions& options) {
     subscriptionsBefore_ = 0;
     connectionsBefore_ = 0;
     if (store_) {
+        install(BENCH_FILES "/memcheck.supp", suppressionFile);
         StoreClient store = connect();
         subscriptionsBefore_ = calls(store, "subscribe");
         connectionsBefore_ = calls(store, "auth");
+                         "--suppressions=" + std::string(suppressionFile),
     }
     Launch launch{.command = {daemonPath},
                   .environment = options.environment,

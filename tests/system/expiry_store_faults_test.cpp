@@ -68,18 +68,9 @@ const Road ofAnExpiredSession{
      .lost = noAuditLog,
      .answered = withReason("[Error] Failed to generate life cycle event. ",
                             "[Error] Failed to generate life cycle event. (Unknown error)")},
-    {.command = {"EXISTS"},
-     .lost = noAuditLog,
-     .answered = always(noAuditLog),
-     .without = {"writes the audit entry"}},
-    {.command = {"HGET", "logGeneratorHelper"},
-     .lost = noAuditScript,
-     .answered = always(noAuditScript),
-     .without = {"writes the audit entry"}},
-    {.command = {"EVALSHA", "CREATE"},
-     .does = {"writes the audit entry"},
-     .answered = withReason("[Error] Failed to generate LogEntry. ",
-                            "[Error] Failed to generate LogEntry(unknown error).")},
+    lookForTheAuditLog,
+    lookForTheAuditScript,
+    auditEntry,
 };
 
 // What cannot be read counts as 0, and a session without a token has been idle for ever.

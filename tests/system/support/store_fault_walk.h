@@ -83,6 +83,21 @@ inline const Lines noAuditLog{
     "[Debug] LogEntry collection doesn't exist, Session Service will not generate audit log."};
 inline const Lines noAuditScript{"[Error] Cannot get SHA script logGeneratorHelper."};
 
+// The audit entry with which each deletion ends.
+inline const Step lookForTheAuditLog{.command = {"EXISTS"},
+                                     .lost = noAuditLog,
+                                     .answered = always(noAuditLog),
+                                     .without = {"writes the audit entry"}};
+inline const Step lookForTheAuditScript{.command = {"HGET", "logGeneratorHelper"},
+                                        .lost = noAuditScript,
+                                        .answered = always(noAuditScript),
+                                        .without = {"writes the audit entry"}};
+inline const Step auditEntry{
+    .command = {"EVALSHA", "CREATE"},
+    .does = {"writes the audit entry"},
+    .answered = withReason("[Error] Failed to generate LogEntry. ",
+                           "[Error] Failed to generate LogEntry(unknown error).")};
+
 // Sends requests of one kind, and a fault befalls one of their commands after the other. The
 // expiry has ended. The counter of event groups stands at 41 before each request.
 class RequestsOnAFaultyStore : public WelcomingTest, public testing::WithParamInterface<Fault> {
