@@ -65,20 +65,6 @@ long long calls(StoreClient& store, const std::string& name) {
     return at == std::string::npos ? 0 : std::stoll(statistics.substr(at + label.size()));
 }
 
-// The sanitizers' own settings, so that every finding ends the daemon with a report.
-std::map<std::string, std::string> sanitizerOptions() {
-    if (!BENCH_SANITIZED) {
-        return {};
-    }
-    // The sanitizers look up the real crypt at the start of a program, where it would be
-    // missing, because only a PAM module brings it in; hence the preload.
-    return {
-        {"LD_PRELOAD", "libcrypt.so.1"},
-        {"ASAN_OPTIONS", "detect_leaks=1:detect_stack_use_after_return=1:verify_asan_link_order=0"},
-        {"UBSAN_OPTIONS", "print_stacktrace=1"},
-        {"TSAN_OPTIONS", "second_deadlock_stack=1"}};
-}
-
 // What the kernel calls a program that valgrind runs.
 #ifdef __aarch64__
 constexpr char memcheckName[] = "memcheck-arm64-linux";
@@ -188,22 +174,25 @@ void BenchController::startDaemon(const DaemonOptions& options) {
     subscriptionsBefore_ = 0;
     connectionsBefore_ = 0;
     if (store_) {
-        install(BENCH_FILES "/memcheck.supp", suppressionFile);
         StoreClient store = connect();
         subscriptionsBefore_ = calls(store, "subscribe");
         connectionsBefore_ = calls(store, "auth");
-                         "--suppressions=" + std::string(suppressionFile),
     }
     Launch launch{.command = {daemonPath},
                   .environment = options.environment,
                   .binds = options.binds,
                   .limits = options.limits,
+                  .runner = options.runner,
+                  .confinement = options.confinement,
+                  .ofThisBuild = true,
                   .streams = {.input = options.input}};
     launch.environment.merge(sanitizerOptions());
     if (underMemcheck()) {
+        install(BENCH_FILES "/memcheck.supp", suppressionFile);
         // A forked child has lost what only the stacks of other threads lead to.
         launch.runner = {"/usr/bin/valgrind",
                          "--quiet",
+                         "--suppressions=" + std::string(suppressionFile),
                          "--leak-check=full",
                          "--show-leak-kinds=definite",
                          "--keep-debuginfo=yes",
@@ -263,7 +252,24 @@ std::unique_ptr<Process> BenchController::startProgram(const Launch& launch) {
         folder_.path() + "/" + fs::path(launch.command.front()).filename().string();
     complete.streams.output = program + ".out";
     complete.streams.errors = program + ".err";
+    if (BENCH_EMULATED && launch.ofThisBuild) {
+        complete.runner = {BENCH_EMULATOR};
+        complete.name = fs::path(BENCH_EMULATOR).filename().string();
+    }
     return sandbox_.start(complete);
+}
+
+std::map<std::string, std::string> BenchController::sanitizerOptions() {
+    if (!BENCH_SANITIZED) {
+        return {};
+    }
+    // The sanitizers look up the real crypt at the start of a program, where it would be
+    // missing, because only a PAM module brings it in; hence the preload.
+    return {
+        {"LD_PRELOAD", "libcrypt.so.1"},
+        {"ASAN_OPTIONS", "detect_leaks=1:detect_stack_use_after_return=1:verify_asan_link_order=0"},
+        {"UBSAN_OPTIONS", "print_stacktrace=1"},
+        {"TSAN_OPTIONS", "second_deadlock_stack=1"}};
 }
 
 std::string BenchController::outputOf(const std::string& program) const {

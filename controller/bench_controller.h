@@ -39,6 +39,8 @@ struct DaemonOptions {
     std::map<std::string, std::string> environment{};
     std::vector<Bind> binds{};
     std::vector<std::string> limits{};
+    std::vector<std::string> runner{};
+    std::vector<std::string> confinement{};
     std::string input = "/dev/null";
 };
 
@@ -74,6 +76,9 @@ class BenchController {
     // What all runs of a program wrote to its standard streams.
     std::string outputOf(const std::string& program) const;
     std::string errorsOf(const std::string& program) const;
+    // What programs that are built with sanitizers need in their environment, so that every
+    // finding ends them with a report; startDaemon sees to that itself.
+    static std::map<std::string, std::string> sanitizerOptions();
     // Adds to what every program started from now on sees.
     void bind(Bind bind) { sandbox_.bind(std::move(bind)); }
 

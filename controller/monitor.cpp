@@ -33,6 +33,9 @@ std::string readWord(const std::string& line, std::size_t& at) {
 // A line looks like: 1700000000.123456 [0 127.0.0.1:4711] "HGET" "key" "field"
 MonitoredCommand toCommand(const std::string& line) {
     MonitoredCommand command;
+    const std::size_t point = line.find('.');
+    command.at = std::chrono::seconds(std::stoll(line)) +
+                 std::chrono::microseconds(std::stoll(line.substr(point + 1)));
     const std::size_t client = line.find(' ', line.find('[')) + 1;
     const std::size_t end = line.find("] ", client);
     command.client = line.substr(client, end - client);

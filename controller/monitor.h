@@ -1,6 +1,7 @@
 // Watches the commands that the store carries out.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 namespace bench {
 
 struct MonitoredCommand {
+    std::chrono::microseconds at{};  // by the server's clock
     // The address of who sent it: "127.0.0.1:PORT", "unix:PATH" for everybody on the
     // Unix socket, "lua" for a script.
     std::string client;

@@ -188,7 +188,9 @@ void Process::kill() noexcept {
     ending_ = toEnding(status);
 }
 
-TemporaryFolder::TemporaryFolder() : path_("/tmp/bench-XXXXXX") {
+TemporaryFolder::TemporaryFolder() {
+    const char* parent = std::getenv("TMPDIR");
+    path_ = std::string(parent == nullptr ? "/tmp" : parent) + "/bench-XXXXXX";
     if (mkdtemp(path_.data()) == nullptr) {
         throw Failure("No temporary folder: " + std::string(std::strerror(errno)));
     }

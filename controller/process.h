@@ -65,9 +65,10 @@ class Process {
     std::optional<Ending> ending_;
 };
 
-// A fresh folder with a short name, removed with all that it holds when the object is
-// gone, and also when this process ends in any other way, a deadly signal included.
-// With BENCH_KEEP set in the environment it stays, and its name goes to standard error.
+// A fresh folder with a short name in /tmp, or in TMPDIR where the environment sets that.
+// It is removed with all that it holds when the object is gone, and also when this process
+// ends in any other way, a deadly signal included. With BENCH_KEEP set in the environment
+// it stays, and its name goes to standard error.
 class TemporaryFolder {
   public:
     TemporaryFolder();

@@ -86,6 +86,7 @@ std::unique_ptr<Process> Sandbox::start(const Launch& launch) const {
             append(arguments, {bindOption(bind.kind), bind.outside, bind.inside});
         }
     }
+    append(arguments, launch.confinement);
 
     append(arguments, {"--chdir", "/", "--clearenv"});
     std::map<std::string, std::string> environment = launch.environment;

@@ -35,6 +35,11 @@ struct Launch {
     std::vector<std::string> limits{};
     // A program that runs the command, with its arguments, such as valgrind.
     std::vector<std::string> runner{};
+    // Further options for bubblewrap, behind all others.
+    std::vector<std::string> confinement{};
+    // Whether the command is of the same build as the bench. The bench controller has an
+    // emulator run it when that build is for another machine.
+    bool ofThisBuild = false;
     // What the kernel will call the program in the end; empty: the last part of the
     // command's first word.
     std::string name{};

@@ -19,7 +19,7 @@ bool underMemcheck() {
 }
 
 Deadline patience() {
-    const bool slow = BENCH_SANITIZED || underMemcheck();
+    const bool slow = BENCH_SANITIZED || BENCH_EMULATED || underMemcheck();
     return std::chrono::steady_clock::now() + (slow ? longPatience : shortPatience);
 }
 

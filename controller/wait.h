@@ -1,5 +1,6 @@
 // Waiting on conditions. The deadline only ends a run that has gone wrong; it is
-// generous enough for a sanitizer build, or a daemon under valgrind, on a busy machine.
+// generous enough for a sanitizer build, an emulator, or a daemon under valgrind, on a busy
+// machine.
 #pragma once
 
 #include <chrono>

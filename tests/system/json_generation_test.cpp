@@ -26,7 +26,7 @@ class JsonGeneration : public SystemTest {
 
     // What the library makes of the sources: "failure" or JSON text.
     Words convert(const Words& operationsAndSources) {
-        Launch launch{.command = {"/usr/local/bin/json_probe", "/tmp/json"}};
+        Launch launch{.command = {"/usr/local/bin/json_probe", "/tmp/json"}, .ofThisBuild = true};
         launch.command.insert(launch.command.end(), operationsAndSources.begin(),
                               operationsAndSources.end());
         EXPECT_EQ(controller.startProgram(launch)->wait(), Ending{});

@@ -42,7 +42,8 @@ class TokenRecord : public WelcomingTest {
     std::optional<std::string> writtenTimeout() {
         Monitor monitor = controller.monitor();
         const std::string key = tokenKey(login().token());
-        for (const auto& [client, words] : monitor.soFar()) {
+        for (const MonitoredCommand& command : monitor.soFar()) {
+            const Words& words = command.words;
             const auto timeout = std::find(words.begin(), words.end(), "Timeout");
             if (words.size() > 2 && words[0] == "HSET" && words[1] == key &&
                 timeout != words.end()) {

@@ -28,7 +28,8 @@ class SessionRole : public RunningSystemTest {
     std::string statusOf(const std::string& user, const std::string& operation) {
         constexpr char probe[] = "/usr/local/bin/pam_probe";
         controller.install(BENCH_PAM_PROBE, probe);
-        const auto program = controller.startProgram({.command = {probe, "q73", user, operation}});
+        const auto program = controller.startProgram(
+            {.command = {probe, "q73", user, operation}, .ofThisBuild = true});
         EXPECT_EQ(toText(program->wait()), toText(Ending{}));
         return controller.outputOf("pam_probe");
     }

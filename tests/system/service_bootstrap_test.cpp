@@ -104,7 +104,7 @@ TEST_P(ServiceSettings, AreThoseOfTheStoreAtTheStart) {
     controller.install(BENCH_SERVICE_PROBE, probe);
     store().del(serviceUri);
     store().hset(serviceUri, GetParam().stored);
-    const auto program = controller.startProgram({.command = {probe}});
+    const auto program = controller.startProgram({.command = {probe}, .ofThisBuild = true});
     waitUntil("the settings have been read", [this] {
         return store().run({"PUBSUB", "NUMSUB", patchChannel}).elements.at(1).integer > 0;
     });

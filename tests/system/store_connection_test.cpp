@@ -37,7 +37,7 @@ class Discovery : public SystemTest {
     Words call(Words operations) {
         controller.install(BENCH_STORE_PROBE, probe);
         operations.insert(operations.begin(), probe);
-        const auto program = controller.startProgram({.command = operations});
+        const auto program = controller.startProgram({.command = operations, .ofThisBuild = true});
         EXPECT_EQ(toText(program->wait()), toText(Ending{}));
         return splitAtZeroBytes(controller.outputOf("store_probe"));
     }
