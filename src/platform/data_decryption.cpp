@@ -43,6 +43,22 @@ struct FreeCipher {
 };
 using CipherPtr = std::unique_ptr<EVP_CIPHER_CTX, FreeCipher>;
 
+struct FreeAlgorithm {
+    void operator()(EVP_CIPHER* algorithm) const noexcept { EVP_CIPHER_free(algorithm); }
+};
+
+// Looked up once: the search among the providers takes longer than a password's deciphering.
+const EVP_CIPHER* algorithm() {
+    static const std::unique_ptr<EVP_CIPHER, FreeAlgorithm> found = [] {
+        // Nothing here tells errors apart, and their texts take half a megabyte.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS, nullptr);
+        return std::unique_ptr<EVP_CIPHER, FreeAlgorithm>(
+            EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr));
+    }();
+    // Without memory for it at the first password, later ones must still be deciphered.
+    return found ? found.get() : EVP_aes_256_gcm();
+}
+
 int digitValue(char digit) {
     if (digit >= '0' && digit <= '9') {
         return digit - '0';
@@ -112,8 +128,7 @@ bool decipher(const Key& key, const unsigned char* nonce, const unsigned char* c
     auto* output = reinterpret_cast<unsigned char*>(plain.data());
     int length = 0;
     return cipher &&
-           EVP_DecryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, key.bytes.data(), nonce) ==
-               1 &&
+           EVP_DecryptInit_ex2(cipher.get(), algorithm(), key.bytes.data(), nonce, nullptr) == 1 &&
            EVP_DecryptUpdate(cipher.get(), output, &length, ciphertext,
                              static_cast<int>(plain.size())) == 1 &&
            EVP_CIPHER_CTX_ctrl(cipher.get(), EVP_CTRL_GCM_SET_TAG, tagSize, tag) == 1 &&
@@ -126,8 +141,8 @@ bool encipher(const Key& key, const std::string& plain, Bytes& message) {
     unsigned char* output = message.data() + nonceSize;
     int length = 0;
     return cipher &&
-           EVP_EncryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, key.bytes.data(),
-                              message.data()) == 1 &&
+           EVP_EncryptInit_ex2(cipher.get(), algorithm(), key.bytes.data(), message.data(),
+                               nullptr) == 1 &&
            EVP_EncryptUpdate(cipher.get(), output, &length,
                              reinterpret_cast<const unsigned char*>(plain.data()),
                              static_cast<int>(plain.size())) == 1 &&

@@ -1,7 +1,6 @@
 #include "store/commands.h"
 
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -45,49 +44,42 @@ ReplyPtr setFields(redisContext* store, const std::string& key, const FieldMap& 
 
 }  // namespace
 
-ReplyPtr sendFormatted(redisContext* store, const char* format, ...) {
+ReplyPtr sendCommand(redisContext* store, std::span<const char*> words,
+                     const std::size_t* lengths) {
     // Commands sent after the loss would pile up in the output buffer.
     if (store->err != 0) {
         return nullptr;
     }
-    va_list arguments;
-    va_start(arguments, format);
-    ReplyPtr reply(static_cast<redisReply*>(redisvCommand(store, format, arguments)));
-    va_end(arguments);
-    return reply;
+    return ReplyPtr(static_cast<redisReply*>(
+        redisCommandArgv(store, static_cast<int>(words.size()), words.data(), lengths)));
 }
 
 ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments) {
-    if (store->err != 0) {
-        return nullptr;
-    }
-    std::vector<const char*> pointers;
+    std::vector<const char*> starts;
     std::vector<std::size_t> lengths;
-    pointers.reserve(arguments.size());
+    starts.reserve(arguments.size());
     lengths.reserve(arguments.size());
     for (const std::string_view argument : arguments) {
-        pointers.push_back(argument.data());
+        starts.push_back(argument.data());
         lengths.push_back(argument.size());
     }
-    return ReplyPtr(static_cast<redisReply*>(redisCommandArgv(
-        store, static_cast<int>(pointers.size()), pointers.data(), lengths.data())));
+    return sendCommand(store, starts, lengths.data());
 }
 
 std::string hget(redisContext* store, const std::string& key, const std::string& field) {
-    const ReplyPtr reply = sendFormatted(store, "HGET %s %s", key.c_str(), field.c_str());
+    const ReplyPtr reply = sendWords(store, "HGET", key, field);
     return reply && reply->type == REDIS_REPLY_STRING ? textOf(reply.get()) : std::string();
 }
 
 bool hset(redisContext* store, const std::string& key, const std::string& field,
           const std::string& value) {
-    const ReplyPtr reply =
-        sendFormatted(store, "HSET %s %s %s", key.c_str(), field.c_str(), value.c_str());
+    const ReplyPtr reply = sendWords(store, "HSET", key, field, value);
     return isInteger(reply) && static_cast<unsigned long long>(reply->integer) <= 1;
 }
 
 bool lpush(redisContext* store, const std::string& key, const std::string& value,
            std::int32_t& newLength) {
-    const ReplyPtr reply = sendFormatted(store, "LPUSH %s %s", key.c_str(), value.c_str());
+    const ReplyPtr reply = sendWords(store, "LPUSH", key, value);
     if (!isInteger(reply)) {
         return false;
     }
@@ -101,7 +93,7 @@ bool lpush(redisContext* store, const std::string& key, const std::string& value
 }
 
 std::int32_t llen(redisContext* store, const std::string& key) {
-    const ReplyPtr reply = sendFormatted(store, "LLEN %s", key.c_str());
+    const ReplyPtr reply = sendWords(store, "LLEN", key);
     if (!reply) {
         std::printf(">>> Failed to get list length on %s.\n", key.c_str());
     }
@@ -109,25 +101,25 @@ std::int32_t llen(redisContext* store, const std::string& key) {
 }
 
 bool publish(redisContext* store, const std::string& channel, const std::string& message) {
-    const ReplyPtr reply = sendFormatted(store, "PUBLISH %s %s", channel.c_str(), message.c_str());
+    const ReplyPtr reply = sendWords(store, "PUBLISH", channel, message);
     return isInteger(reply) && reply->integer > 0;
 }
 
 bool publishAny(redisContext* store, const std::string& channel, const std::string& message) {
-    return isInteger(sendFormatted(store, "PUBLISH %s %s", channel.c_str(), message.c_str()));
+    return isInteger(sendWords(store, "PUBLISH", channel, message));
 }
 
 bool del(redisContext* store, const std::string& key) {
-    return isOne(sendFormatted(store, "DEL %s", key.c_str()));
+    return isOne(sendWords(store, "DEL", key));
 }
 
 bool expire(redisContext* store, const std::string& key, int seconds) {
-    return isOne(sendFormatted(store, "EXPIRE %s %d", key.c_str(), seconds));
+    return isOne(sendWords(store, "EXPIRE", key, std::to_string(seconds)));
 }
 
 std::int32_t lrem(redisContext* store, const std::string& key, int count,
                   const std::string& value) {
-    const ReplyPtr reply = sendFormatted(store, "LREM %s %d %s", key.c_str(), count, value.c_str());
+    const ReplyPtr reply = sendWords(store, "LREM", key, std::to_string(count), value);
     if (!reply) {
         std::printf(">>> Failed to remove %s element in %s.\n", value.c_str(), key.c_str());
     }
@@ -135,13 +127,12 @@ std::int32_t lrem(redisContext* store, const std::string& key, int count,
 }
 
 bool hexists(redisContext* store, const std::string& key, const std::string& field) {
-    return isOne(sendFormatted(store, "HEXISTS %s %s", key.c_str(), field.c_str()));
+    return isOne(sendWords(store, "HEXISTS", key, field));
 }
 
 bool hincrby(redisContext* store, const std::string& key, const std::string& field, int step,
              std::int32_t& newValue) {
-    const ReplyPtr reply =
-        sendFormatted(store, "HINCRBY %s %s %d", key.c_str(), field.c_str(), step);
+    const ReplyPtr reply = sendWords(store, "HINCRBY", key, field, std::to_string(step));
     if (isInteger(reply)) {
         newValue = static_cast<std::int32_t>(reply->integer);
     }
@@ -149,15 +140,15 @@ bool hincrby(redisContext* store, const std::string& key, const std::string& fie
 }
 
 bool hdel(redisContext* store, const std::string& key, const std::string& field) {
-    return isOne(sendFormatted(store, "HDEL %s %s", key.c_str(), field.c_str()));
+    return isOne(sendWords(store, "HDEL", key, field));
 }
 
 bool exists(redisContext* store, const std::string& key) {
-    return isOne(sendFormatted(store, "EXISTS %s", key.c_str()));
+    return isOne(sendWords(store, "EXISTS", key));
 }
 
 bool hgetall(redisContext* store, const std::string& key, FieldMap& fields) {
-    const ReplyPtr reply = sendFormatted(store, "HGETALL %s", key.c_str());
+    const ReplyPtr reply = sendWords(store, "HGETALL", key);
     if (!reply) {
         return false;
     }
@@ -169,7 +160,7 @@ bool hgetall(redisContext* store, const std::string& key, FieldMap& fields) {
 }
 
 bool lrange(redisContext* store, const std::string& key, std::vector<std::string>& list) {
-    const ReplyPtr reply = sendFormatted(store, "LRANGE %s 0 -1", key.c_str());
+    const ReplyPtr reply = sendWords(store, "LRANGE", key, "0", "-1");
     if (!reply) {
         return false;
     }
@@ -215,7 +206,7 @@ void appendWords(std::vector<std::string>& arguments, const std::string& text) {
 
 std::optional<std::string> hgetReply(redisContext* store, const std::string& key,
                                      const std::string& field, const char* otherwise) {
-    const ReplyPtr reply = sendFormatted(store, "HGET %s %s", key.c_str(), field.c_str());
+    const ReplyPtr reply = sendWords(store, "HGET", key, field);
     if (!reply) {
         return std::nullopt;
     }
@@ -223,13 +214,13 @@ std::optional<std::string> hgetReply(redisContext* store, const std::string& key
 }
 
 std::optional<long long> llenReply(redisContext* store, const std::string& key) {
-    const ReplyPtr reply = sendFormatted(store, "LLEN %s", key.c_str());
+    const ReplyPtr reply = sendWords(store, "LLEN", key);
     return reply ? std::optional<long long>(reply->integer) : std::nullopt;
 }
 
 std::optional<ScanPage> scan(redisContext* store, std::int32_t cursor, const std::string& pattern) {
     const ReplyPtr reply =
-        sendFormatted(store, "SCAN %d MATCH %s COUNT 1000", cursor, pattern.c_str());
+        sendWords(store, "SCAN", std::to_string(cursor), "MATCH", pattern, "COUNT", "1000");
     if (!reply || elementCount(reply) < 2 || !reply->element[0]->str ||
         reply->element[1]->type != REDIS_REPLY_ARRAY) {
         return std::nullopt;
@@ -271,7 +262,7 @@ ScriptAnswer evalsha(redisContext* store, const std::string& digest,
 }
 
 bool subscribe(redisContext* store, const std::string& channel) {
-    return sendFormatted(store, "SUBSCRIBE %s", channel.c_str()) != nullptr;
+    return sendWords(store, "SUBSCRIBE", channel) != nullptr;
 }
 
 std::optional<Announcement> readAnnouncement(redisContext* store) {

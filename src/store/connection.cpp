@@ -178,7 +178,7 @@ int redisAuthentication(redisContext* context, const char* password) noexcept {
     if (!context || !password) {
         return 1;
     }
-    const auto reply = session_service::store::sendFormatted(context, "%s %s", "AUTH", password);
+    const auto reply = session_service::store::sendWords(context, "AUTH", password);
     const bool accepted =
         reply && reply->type == REDIS_REPLY_STATUS && std::strcmp(reply->str, "OK") == 0;
     return accepted ? 0 : 1;

@@ -4,6 +4,8 @@
 
 #include <hiredis/hiredis.h>
 
+#include <array>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -17,12 +19,26 @@ struct FreeReply {
 // The elements of an array reply are borrowed from it: never free them.
 using ReplyPtr = std::unique_ptr<redisReply, FreeReply>;
 
-// Sends one command whose format holds the command word, and %s or %d for each
-// argument, and waits for its reply. Null: the connection is lost.
-ReplyPtr sendFormatted(redisContext* store, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+// Sends one command, given as its words and their lengths, and waits for its reply. Null: the
+// connection is lost.
+ReplyPtr sendCommand(redisContext* store, std::span<const char*> words, const std::size_t* lengths);
 
-// The same for a command given as its arguments, which may hold any bytes.
+inline const char* startOf(const char* text) {
+    return text;
+}
+inline const char* startOf(const std::string& text) {
+    return text.c_str();
+}
+
+// The same for words that end at their first zero byte.
+template <typename... Words>
+ReplyPtr sendWords(redisContext* store, const Words&... words) {
+    std::array<const char*, sizeof...(words)> starts{startOf(words)...};
+    const std::array<std::size_t, sizeof...(words)> lengths{std::strlen(startOf(words))...};
+    return sendCommand(store, starts, lengths.data());
+}
+
+// The same for words that may hold any bytes.
 ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments);
 
 inline bool isInteger(const ReplyPtr& reply) {
