@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "frame/file_names.h"
 #include "platform/text_file.h"
 
 namespace session_service {
@@ -10,9 +11,6 @@ GroupSettings groupSettings;
 RolePrivileges rolePrivileges;
 
 namespace {
-
-constexpr const char* groupFile = "/etc/pam.d/q73.conf";
-constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";
 
 bool contains(const std::string& line, std::string_view text) {
     return line.find(text) != std::string::npos;
@@ -35,7 +33,7 @@ std::optional<std::int32_t> firstRoleWith(HasGroup hasGroup) {
 }  // namespace
 
 void readGroupSetting(const std::string& key, std::string& value) {
-    const std::size_t keptSemicolon = key == "Attribute" ? 0 : 1;
+    const std::size_t keptSemicolon = key == attributeKey ? 0 : 1;
     readLines(groupFile, [&](const std::string& line) {
         const std::size_t separator = line.find('=');
         const std::size_t end =
@@ -50,7 +48,7 @@ void readGroupSetting(const std::string& key, std::string& value) {
 bool isKrbAttrGroupingEnabled() {
     bool enabled = false;
     readLines(groupFile, [&](const std::string& line) {
-        enabled = contains(line, "KrbAttrGrouping=1;");
+        enabled = contains(line, groupingEnabledText);
         return !enabled;
     });
     return enabled;
@@ -62,16 +60,16 @@ void loadGroupPrivileges() {
         std::int32_t& privilege;
     };
     const Role roles[] = {
-        {"administrator=", rolePrivileges.administrator},
-        {"operator=", rolePrivileges.operatorRole},
-        {"user=", rolePrivileges.user},
+        {administratorPrivilegeKey, rolePrivileges.administrator},
+        {operatorPrivilegeKey, rolePrivileges.operatorRole},
+        {userPrivilegeKey, rolePrivileges.user},
     };
     readLines(privilegeFile, [&](const std::string& line) {
         for (const Role& role : roles) {
             if (contains(line, role.key)) {
                 // The key is expected at the start of the line, wherever it was found.
                 role.privilege = static_cast<std::int32_t>(
-                    std::strtol(line.c_str() + role.key.size(), nullptr, 0));
+                    std::strtoll(line.c_str() + role.key.size(), nullptr, 0));
                 break;
             }
         }

@@ -13,6 +13,18 @@
 
 namespace session_service {
 
+// The keys of the groups' file, and the text that switches Kerberos groups on.
+inline constexpr const char* attributeKey = "Attribute";
+inline constexpr const char* administratorKey = "Administrator";
+inline constexpr const char* operatorKey = "Operator";
+inline constexpr const char* userKey = "User";
+inline constexpr const char* groupingEnabledText = "KrbAttrGrouping=1;";
+
+// What stands in front of a privilege value.
+inline constexpr std::string_view administratorPrivilegeKey = "administrator=";
+inline constexpr std::string_view operatorPrivilegeKey = "operator=";
+inline constexpr std::string_view userPrivilegeKey = "user=";
+
 // The groups keep their trailing semicolon, which ends the group's name where it is
 // searched for.
 struct GroupSettings {

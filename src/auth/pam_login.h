@@ -8,6 +8,22 @@ inline constexpr int loginRefused = -1;
 inline constexpr int loginNeedsNewPassword = 0;
 inline constexpr int loginAccepted = 1;
 
+// Where a privilege value came from.
+enum class PrivilegeSource {
+    none,
+    groupVariable,       // the PAM variable of the group attribute
+    kerberosGroup,       // the group that the Kerberos administration tool told
+    kerberosAlone,       // a Kerberos login, with groups switched off
+    privilegesVariable,  // the PAM variable PRIVILEGES
+};
+
+// What a login attempt met with, for whoever tries a set-up.
+struct LoginFindings {
+    const char* refusedBy = "";  // the PAM call that failed; empty when none did
+    const char* reason = "";     // what its status means
+    PrivilegeSource source = PrivilegeSource::none;
+};
+
 // Checks the user's password and account with the PAM service "q73" and finds the
 // user's privilege value.
 //
@@ -22,5 +38,9 @@ inline constexpr int loginAccepted = 1;
 // process-wide.
 int authenticateUser(const char* userName, const char* password, const char* remoteHost,
                      char* privilegeOut, int privilegeOutSize);
+
+// The same; `findings` tells how it came to that.
+int authenticateUser(const char* userName, const char* password, const char* remoteHost,
+                     char* privilegeOut, int privilegeOutSize, LoginFindings& findings);
 
 }  // namespace session_service

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <ctime>
 
+#include "frame/file_names.h"
 #include "frame/local_time.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
@@ -12,11 +13,9 @@
 namespace session_service {
 namespace {
 
-constexpr std::size_t settingSize = 128;
-
 const std::string& logEntryCollection() {
     static const std::string collection =
-        getConfigValue(configurationFile, "LogEntryCollection", settingSize);
+        getConfigValue(configurationFile, auditSetting, settingSize);
     return collection;
 }
 
@@ -67,7 +66,7 @@ void generateAuditLogEntry(redisContext* store, const std::string& messageArg,
             "LogEntry collection doesn't exist, Session Service will not generate audit log.");
         return;
     }
-    const std::string digest = store::hget(store, scriptDigestsKey, "logGeneratorHelper");
+    const std::string digest = store::hget(store, scriptDigestsKey, auditScript);
     if (digest.empty()) {
         logger->error("Cannot get SHA script logGeneratorHelper.");
         return;

@@ -7,6 +7,10 @@
 
 namespace session_service {
 
+// The script that makes entries, and the setting that names their collection.
+inline constexpr const char* auditScript = "logGeneratorHelper";
+inline constexpr const char* auditSetting = "LogEntryCollection";
+
 // Has the log service's script in the store make an entry in the collection that the
 // setting LogEntryCollection (read once per process) names. `messageArg` is the message's
 // one argument (the user name); it splits at blanks and vanishes when empty. `origin` is

@@ -31,7 +31,7 @@ std::int32_t maxEventGroupId(redisContext* store) {
     if (kept != noMaximum) {
         return kept;
     }
-    const std::string setting = store::hget(store, defaultValuesKey, "MAX_EVENT_GROUP_ID");
+    const std::string setting = store::hget(store, defaultValuesKey, largestEventGroupField);
     if (setting.find('.') != std::string::npos) {
         return noMaximum;
     }

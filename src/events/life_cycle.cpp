@@ -1,5 +1,6 @@
 #include "events/life_cycle.h"
 
+#include "frame/file_names.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "platform/config_file.h"
@@ -7,11 +8,8 @@
 namespace session_service {
 namespace {
 
-constexpr std::size_t settingSize = 128;
-
 bool readSetting() {
-    const bool generate =
-        getConfigValue(configurationFile, "GenerateResourceEvent", settingSize) != "false";
+    const bool generate = getConfigValue(configurationFile, eventSetting, settingSize) != "false";
     logger->debug("SessionService will %sgenerate events when resource is created/updated/removed.",
                   generate ? "" : "not ");
     return generate;
@@ -36,7 +34,7 @@ int generateLifeCycleEvents(redisContext* store, const EventList& events) {
     if (events.size() < 2) {
         return 0;
     }
-    const std::string digest = store::hget(store, scriptDigestsKey, "resourceChange");
+    const std::string digest = store::hget(store, scriptDigestsKey, eventScript);
     if (digest.empty()) {
         logger->error("Cannot get SHA script resourceChange.");
         return 0;

@@ -8,6 +8,10 @@
 
 namespace session_service {
 
+// The script that takes events, and the setting that switches them.
+inline constexpr const char* eventScript = "resourceChange";
+inline constexpr const char* eventSetting = "GenerateResourceEvent";
+
 // A flat list in groups of five: action, resource URI, resource type, "EventGroupId",
 // decimal group identifier.
 using EventList = std::vector<std::string>;

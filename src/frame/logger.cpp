@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "frame/file_names.h"
 #include "frame/local_time.h"
 #include "platform/config_file.h"
 #include "platform/file_descriptor.h"
@@ -24,7 +25,7 @@ namespace {
 constexpr std::array<const char*, 2> tags = {"[Error]", "[Debug]"};
 constexpr mode_t logFileMode = 0666;
 
-using SettingBuffer = std::array<char, 128>;
+using SettingBuffer = std::array<char, settingSize>;
 
 bool readSetting(const char* configPath, const char* key, SettingBuffer& value) {
     value.fill('\0');
@@ -98,7 +99,7 @@ void Logger::init(const char* configPath) {
     SettingBuffer value;
     logFile.clear();
 
-    if (readSetting(configPath, "LOG_SYSTEM", value)) {
+    if (readSetting(configPath, logSystemSetting, value)) {
         const std::string command = std::string("pidof ") + value.data();
         if (runCommand(command.c_str()) == 0) {
             std::fprintf(stderr, "%s is found. Messages will be written to stderr.\n",
@@ -106,14 +107,14 @@ void Logger::init(const char* configPath) {
             return;
         }
     }
-    if (readSetting(configPath, "LOG_FILE", value)) {
+    if (readSetting(configPath, logFileSetting, value)) {
         logFile = value.data();
     }
     std::string backup;
-    if (readSetting(configPath, "LOG_FILE_BAK", value)) {
+    if (readSetting(configPath, logBackupSetting, value)) {
         backup = value.data();
     }
-    if (readSetting(configPath, "LOG_FILE_SIZE", value) && value[0] != '\0') {
+    if (readSetting(configPath, logSizeSetting, value) && value[0] != '\0') {
         try {
             maximumSize = std::stoi(value.data());
         } catch (const std::exception& failure) {
@@ -124,7 +125,8 @@ void Logger::init(const char* configPath) {
             maximumSize = 0;
         }
     }
-    if (readSetting(configPath, "LOG_LEVEL", value) && std::string_view(value.data()) == "error") {
+    if (readSetting(configPath, logLevelSetting, value) &&
+        std::string_view(value.data()) == "error") {
         level = 0;
     }
 

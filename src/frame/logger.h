@@ -9,14 +9,21 @@
 
 namespace session_service {
 
+// The settings.
+inline constexpr const char* logSystemSetting = "LOG_SYSTEM";
+inline constexpr const char* logFileSetting = "LOG_FILE";
+inline constexpr const char* logBackupSetting = "LOG_FILE_BAK";
+inline constexpr const char* logSizeSetting = "LOG_FILE_SIZE";
+inline constexpr const char* logLevelSetting = "LOG_LEVEL";
+
 // One instance exists for the process, created first and destroyed last. The settings
 // are written by init, before any other thread exists; every other operation may be
 // called from any thread at any time. No operation fails its caller: what cannot be
 // written to the file goes to standard error.
 class Logger {
   public:
-    // Reads LOG_SYSTEM, LOG_FILE, LOG_FILE_BAK, LOG_FILE_SIZE and LOG_LEVEL from the
-    // file, moves the previous log to its backup name and creates the log anew.
+    // Reads the settings from the file, moves the previous log to its backup name and creates the
+    // log anew.
     void init(const char* configPath);
 
     // True once the log file could be created at start.

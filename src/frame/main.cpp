@@ -1,9 +1,8 @@
 // Start-up of the daemon: the store is brought up, then the worker threads serve until
 // their connections end.
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "frame/file_names.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "frame/worker_context.h"
@@ -47,11 +47,9 @@ void prepareProcess() {
     signal(SIGPIPE, SIG_IGN);
     // A store connection must not become what diagnostics are printed on.
     occupyStandardStreams();
-    // Passwords pass through this process. A limit of 0 stops core files; a kernel that
-    // pipes cores to a handler heeds only the dumpable flag.
-    const rlimit noCore{0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    keepMemoryPrivate();
+    // The threads seldom work at the same time: one heap for all is smaller than one for each.
+    mallopt(M_ARENA_MAX, 1);
     // A log collector sees each diagnostic as it is made.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     noteProcessState();

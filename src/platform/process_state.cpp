@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -40,6 +42,14 @@ void occupyStandardStreams() {
         descriptor = open("/dev/null", O_RDWR);
     }
     close(descriptor);
+}
+
+void keepMemoryPrivate() {
+    // A limit of 0 stops core files; a kernel that pipes cores to a handler heeds only the
+    // dumpable flag.
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 }
 
 void noteProcessState() {

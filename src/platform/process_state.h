@@ -8,6 +8,10 @@ namespace session_service {
 // must not become what diagnostics are printed on.
 void occupyStandardStreams();
 
+// From now on the process leaves no core image behind, and other users cannot look into it:
+// passwords pass through.
+void keepMemoryPrivate();
+
 // Notes what restoreProcessState brings back. To be called once, while there is one thread.
 void noteProcessState();
 

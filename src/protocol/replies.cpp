@@ -15,13 +15,9 @@ namespace {
 constexpr std::size_t entryKeySize = 511;
 constexpr int defaultLifetime = 6;
 
-const std::string messageIdField = "&&MessageId";
-const std::string messageArgsField = "&&MessageArgs";
-
 // The seconds that messages are kept.
 int messageLifetime(redisContext* store) {
-    const std::string setting =
-        store::hget(store, defaultValuesKey, "REDIS_CONNECTION_DEFAULT_TIMEOUT");
+    const std::string setting = store::hget(store, defaultValuesKey, messageLifetimeField);
     if (setting.empty()) {
         return defaultLifetime;
     }

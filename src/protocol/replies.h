@@ -28,7 +28,18 @@ inline const std::string returnStatusField = "&&ReturnStatus";
 inline const std::string extendedInfoField = "&&ExtendedInfo";
 inline const std::string responseDataField = "&&ResponseData";
 
+// The status of a deletion that was carried out.
+inline constexpr const char* deletedStatus = "OK_EMPTY";
+
+// The fields of a message entry.
+inline constexpr const char* messageIdField = "&&MessageId";
+inline constexpr const char* messageArgsField = "&&MessageArgs";
+
 inline constexpr const char* databaseOperationError = "ExtendedError.1.2.DatabaseOperationError";
+inline constexpr const char* serviceDisabledMessage = "ExtendedError.1.2.ServiceDisabled";
+inline constexpr const char* unprocessableMessage = "ExtendedError.1.2.UnprocessableEntity";
+inline constexpr const char* temporarilyUnavailableMessage =
+    "Base.1.12.ServiceTemporarilyUnavailable";
 
 // The text in double quotes, with a backslash before every double quote and backslash
 // inside. It serves message arguments and the JSON strings of stored properties.

@@ -15,7 +15,7 @@
 namespace session_service {
 namespace {
 
-const std::string timeoutProperty = "SessionTimeout";
+const std::string timeoutProperty = sessionTimeoutField;
 
 // Tells the front end which of the properties that it waits for have been handled.
 void tickOffChecklist(redisContext* store, const std::string& requestKey,

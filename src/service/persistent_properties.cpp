@@ -5,14 +5,13 @@
 #include <cstring>
 #include <vector>
 
+#include "frame/file_names.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "platform/text_file.h"
 
 namespace session_service {
 namespace {
-
-constexpr const char* propertyFile = "/var/nginx/SessionPersistentProp.conf";
 
 void loadLine(redisContext* store, const std::string& text) {
     const std::string line = text.substr(0, text.find('\0'));

@@ -80,11 +80,11 @@ std::int32_t SessionService::sessionTimeout() const noexcept {
 }
 
 void SessionService::readSettings(redisContext* store) {
-    const std::string stored = store::hget(store, serviceUri, "SessionTimeout");
+    const std::string stored = store::hget(store, serviceUri, sessionTimeoutField);
     constexpr NumberFaults faults{"SessionTimeout value type error",
                                   "SessionTimeout value out of range"};
     timeout = parseNumber(stored, faults, FaultLevel::debug).value_or(timeout);
-    enabled = store::hget(store, serviceUri, "ServiceEnabled") == "true";
+    enabled = store::hget(store, serviceUri, serviceEnabledField) == "true";
 }
 
 }  // namespace session_service

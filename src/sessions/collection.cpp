@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "frame/resource_names.h"
+#include "sessions/records.h"
 
 namespace session_service {
 
@@ -26,7 +27,7 @@ int countRedfishSessions(redisContext* store) {
     store::lrange(store, membersKey, members);
     int count = 0;
     for (const std::string& member : members) {
-        if (store::hget(store, memberUri(member), "SessionType") == redfishSessionType) {
+        if (store::hget(store, memberUri(member), sessionTypeField) == redfishSessionType) {
             ++count;
         }
     }

@@ -9,6 +9,7 @@
 #include "events/audit_log.h"
 #include "events/event_group.h"
 #include "events/life_cycle.h"
+#include "frame/file_names.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "platform/data_decryption.h"
@@ -20,10 +21,6 @@
 
 namespace session_service {
 namespace {
-
-constexpr const char* keyFile = "/var/nginx/pkey.tmp";
-constexpr std::size_t longestPassword = 1024;
-constexpr int mostSessions = 8;
 
 const std::string tokenField = "&&X-Auth-Token";
 
@@ -94,7 +91,7 @@ bool authorize(redisContext* store, Reply& reply, const LoginRequest& request,
 bool completeSession(redisContext* store, Reply& reply, const NewSession& session) {
     updateEtag(store, sessionUriOf(session.id));
     writeTokenReference(store, session);
-    const std::string timeout = store::hget(store, serviceUri, "SessionTimeout");
+    const std::string timeout = store::hget(store, serviceUri, sessionTimeoutField);
     if (!writeMetaSessionRecord(store, session, timeout)) {
         logger->error("Failed to create meta session table.");
         refuse(store, reply, "FAILURE", databaseOperationError);
@@ -102,7 +99,7 @@ bool completeSession(redisContext* store, Reply& reply, const NewSession& sessio
     }
     if (!addSessionMember(store, session.id.c_str())) {
         logger->error("Failed to add session entry to Members.");
-        refuse(store, reply, "FAILURE", "ExtendedError.1.2.UnprocessableEntity");
+        refuse(store, reply, "FAILURE", unprocessableMessage);
         return false;
     }
     return true;
@@ -132,10 +129,9 @@ int createSession(redisContext* store, const LoginRequest& request, WorkerContex
     Reply reply;
     composeReplyKeys(request.replyKey, reply.fields, reply.message);
 
-    if (store::hget(store, serviceUri, "ServiceEnabled") == "false") {
+    if (store::hget(store, serviceUri, serviceEnabledField) == "false") {
         logger->debug("SessionService disabled.");
-        writeEarlyRefusal(store, request.replyKey, "UNAVAILABLE",
-                          "ExtendedError.1.2.ServiceDisabled");
+        writeEarlyRefusal(store, request.replyKey, "UNAVAILABLE", serviceDisabledMessage);
         return 0;
     }
     if (!admitSession(store, reply, context)) {
@@ -200,7 +196,7 @@ int handleCreateSessionRequest(const std::string& requestKey, const std::string&
         logger->error("Create session: &&RequestData not found.");
         return 0;
     }
-    const std::string userName = stripQuotes(store::hget(store.get(), requestData, "UserName"));
+    const std::string userName = stripQuotes(store::hget(store.get(), requestData, userNameField));
     const std::string cipher = stripQuotes(store::hget(store.get(), requestData, "Password"));
     const LoginRequest request{
         userName,

@@ -1,6 +1,7 @@
 // Logging in: the create-session thread and what it does with a request.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "frame/worker_context.h"
@@ -8,6 +9,9 @@
 #include "store/commands.h"
 
 namespace session_service {
+
+inline constexpr std::size_t longestPassword = 1024;
+inline constexpr int mostSessions = 8;
 
 // A login as the front end asked for it.
 struct LoginRequest {

@@ -82,8 +82,8 @@ void deleteUnderLock(redisContext* store, const std::string& sessionId,
         deleteSession(store, sessionId, fields, message, context);
     } else if (answered) {
         const std::string retryAfterSeconds = "1";
-        replyWithoutData(store, fields, message, "UNAVAILABLE",
-                         "Base.1.12.ServiceTemporarilyUnavailable", {retryAfterSeconds});
+        replyWithoutData(store, fields, message, "UNAVAILABLE", temporarilyUnavailableMessage,
+                         {retryAfterSeconds});
     }
     if (answered) {
         store::publish(store, returnChannel, replyKey);
@@ -100,7 +100,7 @@ int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields
         return 0;
     }
     std::optional<std::string> quotedToken =
-        store::hgetReply(store, tokenReferencePrefix + uri, "XAUTH", "(nil)");
+        store::hgetReply(store, tokenReferencePrefix + uri, tokenReferenceField, "(nil)");
     if (!quotedToken) {
         reportLostStore(store, fields, message, "Failed to delete session.");
         return 0;
@@ -110,7 +110,7 @@ int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields
     eraseFirst(tokenKey.text, '"');
     eraseFirst(tokenKey.text, '"');
 
-    const std::string userName = stripQuotes(store::hget(store, uri, "UserName"));
+    const std::string userName = stripQuotes(store::hget(store, uri, userNameField));
     removeKeys(store, tokenKey.text, uri);
 
     const std::string groupId = std::to_string(nextEventGroupId(store));
@@ -124,7 +124,7 @@ int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields
     }
     const bool removed = removeMember(store, uri);
     if (wantsReply(fields)) {
-        fields[returnStatusField] = "OK_EMPTY";
+        fields[returnStatusField] = deletedStatus;
         writeReply(store, fields, message);
     }
     appendEvent(events, "change", collectionUri, "SessionCollection", groupId);
@@ -153,18 +153,16 @@ void handleDeleteSessionRequest(const std::string& requestKey, const std::string
         logger->error("%s is not found.", targetUriField.c_str());
         return;
     }
-    const std::string sessionType = store::hget(store.get(), targetUri, "SessionType");
+    const std::string sessionType = store::hget(store.get(), targetUri, sessionTypeField);
     if (!sessionType.empty() && sessionType != redfishSessionType) {
         logger->error("Request SessionType is not Redfish.");
-        writeEarlyRefusal(store.get(), replyKey, "FAILURE",
-                          "ExtendedError.1.2.UnprocessableEntity");
+        writeEarlyRefusal(store.get(), replyKey, "FAILURE", unprocessableMessage);
         store::publish(store.get(), returnChannel, replyKey);
         return;
     }
-    if (store::hget(store.get(), serviceUri, "ServiceEnabled") == "false") {
+    if (store::hget(store.get(), serviceUri, serviceEnabledField) == "false") {
         logger->debug("Session Service disabled.");
-        writeEarlyRefusal(store.get(), replyKey, "UNAVAILABLE",
-                          "ExtendedError.1.2.ServiceDisabled");
+        writeEarlyRefusal(store.get(), replyKey, "UNAVAILABLE", serviceDisabledMessage);
         store::publish(store.get(), returnChannel, replyKey);
         return;
     }

@@ -6,14 +6,19 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstdio>
 
 #include "frame/resource_names.h"
 #include "platform/file_descriptor.h"
 #include "platform/secret.h"
+#include "sessions/records.h"
 
 namespace session_service {
+
+// A chunk of fewer bytes is to fill the low end of its number.
+static_assert(std::endian::native == std::endian::little);
 
 std::string generateRandomHex(unsigned byteCount) {
     std::string digits;
@@ -54,7 +59,7 @@ std::string drawToken(redisContext* store) {
     for (;;) {
         std::string token = generateRandomHex(tokenBytes);
         const SecretText recordKey{tokenRecordPrefix + token};
-        if (store::hget(store, recordKey.text, "UserName").empty()) {
+        if (store::hget(store, recordKey.text, userNameField).empty()) {
             return token;
         }
         wipe(token);

@@ -25,15 +25,15 @@ bool writeSessionRecord(redisContext* store, const NewSession& session) {
         {"Id", quoteArg(session.id)},
         {"Name", "\"User Session\""},
         {"Description", "\"This resource represents a session for a Redfish implementation.\""},
-        {"UserName", quoteArg(session.userName)},
+        {userNameField, quoteArg(session.userName)},
         {"Password", "null"},
         {"@odata.id", quoteArg(uri)},
         {"@odata.etag", "0"},
         {"&&OwnerName", session.userName},
         {"&&RemoteIP", session.remoteIp},
-        {"ClientOriginIPAddress", quoteArg(session.remoteIp)},
+        {clientAddressField, quoteArg(session.remoteIp)},
         {"&&AllowMethod", "GET,HEAD,DELETE"},
-        {"SessionType", redfishSessionType},
+        {sessionTypeField, redfishSessionType},
     };
     if (!session.origin.empty()) {
         fields[originField] = session.origin;
@@ -44,24 +44,24 @@ bool writeSessionRecord(redisContext* store, const NewSession& session) {
 void writeTokenReference(redisContext* store, const NewSession& session) {
     const std::string uri = sessionUriOf(session.id);
     const SecretText quotedToken{quoteArg(session.token.text)};
-    store::hset(store, tokenReferencePrefix + uri, "XAUTH", quotedToken.text);
+    store::hset(store, tokenReferencePrefix + uri, tokenReferenceField, quotedToken.text);
     store::hset(store, uri, "&&CRUDprefix", "&&/redfish/v1/SessionService/Sessions");
 }
 
 bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
                             const std::string& timeout) {
     FieldMap fields = {
-        {"UserName", session.userName},
-        {"Privilege", session.privilege},
+        {userNameField, session.userName},
+        {privilegeField, session.privilege},
         {"SessionID", sessionUriOf(session.id)},
-        {"LastAccessed", std::to_string(uptimeSeconds())},
-        {"Timeout", timeout},
+        {lastAccessedField, std::to_string(uptimeSeconds())},
+        {timeoutField, timeout},
     };
     if (!session.origin.empty()) {
         fields[originField] = session.origin;
     }
     if (session.mustChangePassword) {
-        fields["&&PasswordChangeRequired"] = "";
+        fields[passwordChangeField] = "";
     }
     const SecretText key{tokenRecordPrefix + session.token.text};
     return store::hsetMany(store, key.text, fields);

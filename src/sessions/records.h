@@ -12,6 +12,18 @@
 
 namespace session_service {
 
+// Fields of the session resource.
+inline constexpr const char* userNameField = "UserName";  // of the token record, too
+inline constexpr const char* clientAddressField = "ClientOriginIPAddress";
+inline constexpr const char* sessionTypeField = "SessionType";
+// The field of the token reference: the token as a JSON string.
+inline constexpr const char* tokenReferenceField = "XAUTH";
+// Fields of the token record.
+inline constexpr const char* privilegeField = "Privilege";
+inline constexpr const char* lastAccessedField = "LastAccessed";
+inline constexpr const char* timeoutField = "Timeout";
+inline constexpr const char* passwordChangeField = "&&PasswordChangeRequired";
+
 // What session creation knows of a login.
 struct NewSession {
     std::string id;    // 8 hexadecimal digits

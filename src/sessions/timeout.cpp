@@ -26,16 +26,17 @@ namespace {
 constexpr useconds_t passInterval = 1'000'000;
 
 std::int32_t parseSeconds(const std::string& text) {
-    return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+    return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
 }
 
 bool hasExpired(redisContext* store, const std::string& uri) {
-    const SecretText quotedToken{store::hget(store, tokenReferencePrefix + uri, "XAUTH")};
+    const SecretText quotedToken{
+        store::hget(store, tokenReferencePrefix + uri, tokenReferenceField)};
     const SecretText token{stripQuotes(quotedToken.text)};
     const SecretText recordKey{tokenRecordPrefix + token.text};
     const std::int32_t lastAccessed =
-        parseSeconds(store::hget(store, recordKey.text, "LastAccessed"));
-    const std::int32_t timeout = parseSeconds(store::hget(store, recordKey.text, "Timeout"));
+        parseSeconds(store::hget(store, recordKey.text, lastAccessedField));
+    const std::int32_t timeout = parseSeconds(store::hget(store, recordKey.text, timeoutField));
     return std::int64_t{uptimeSeconds()} - lastAccessed >= timeout;
 }
 
@@ -51,7 +52,7 @@ void expireIdleSessions(redisContext* store, WorkerContext& context) {
     store::lrange(store, membersKey, members);
     for (const std::string& member : members) {
         const std::string uri = memberUri(member);
-        if (store::hget(store, uri, "SessionType") == redfishSessionType &&
+        if (store::hget(store, uri, sessionTypeField) == redfishSessionType &&
             hasExpired(store, uri)) {
             expireSession(store, uri, context);
         }

@@ -2,8 +2,8 @@
 // prints its settings once its worker has ended: "enabled 1 timeout 300".
 #include <cstdio>
 
+#include "frame/file_names.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
 #include "service/session_service.h"
 
 int main() {

@@ -1,0 +1,276 @@
+#include "sessionctl/check_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "auth/group_settings.h"
+#include "events/audit_log.h"
+#include "events/life_cycle.h"
+#include "frame/file_names.h"
+#include "frame/logger.h"
+#include "frame/resource_names.h"
+#include "platform/config_file.h"
+#include "platform/file_descriptor.h"
+#include "platform/secret.h"
+#include "platform/text_file.h"
+#include "sessionctl/output.h"
+
+namespace session_service::console {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// The file's lines. Nothing, with the reason told as a warning or a failure, when it cannot
+// be read.
+std::optional<Lines> readFile(Report& report, const char* path, Result severity,
+                              const char* consequence) {
+    Lines lines;
+    errno = 0;
+    const ReadOutcome outcome = readLines(path, [&](const std::string& line) {
+        lines.push_back(line);
+        return true;
+    });
+    if (outcome.status == ReadStatus::complete) {
+        return lines;
+    }
+    const int error = outcome.status == ReadStatus::failed ? outcome.error : errno;
+    const std::string text = std::string(std::strerror(error)) + ": " + consequence;
+    if (severity == Result::warning) {
+        report.warn(path, text);
+    } else {
+        report.fail(path, text);
+    }
+    return std::nullopt;
+}
+
+bool contains(std::string_view line, std::string_view text) {
+    return line.find(text) != std::string_view::npos;
+}
+
+bool isComment(std::string_view line) {
+    return line.starts_with('#');
+}
+
+std::string lineNumber(std::size_t index) {
+    return "line " + std::to_string(index + 1);
+}
+
+bool isNumber(std::string_view text) {
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && number >= 0;
+}
+
+// A setting as the daemon reads it; nothing when the file lacks it.
+std::optional<std::string> readSetting(Report& report, const char* path, const char* key) {
+    std::array<char, 2 * settingSize> value{};
+    if (getPropertyValue(path, "=", key, value.data(), value.size()) != 0) {
+        return std::nullopt;
+    }
+    std::string text = value.data();
+    if (text.size() >= settingSize) {
+        report.warn(path, std::string(key) + " is longer than " + std::to_string(settingSize - 1) +
+                              " characters: the rest is cut off.");
+        text.resize(settingSize - 1);
+    }
+    return text;
+}
+
+// Why the log cannot be written; empty when it can.
+std::string logFault(const std::string& logFile) {
+    const FileDescriptor file(open(logFile.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC));
+    if (file) {
+        return {};
+    }
+    if (errno == ENOENT) {
+        const std::size_t slash = logFile.rfind('/');
+        const std::string folder =
+            slash == std::string::npos ? "." : logFile.substr(0, std::max<std::size_t>(slash, 1));
+        if (access(folder.c_str(), W_OK | X_OK) == 0) {
+            return {};
+        }
+    }
+    return std::strerror(errno);
+}
+
+void checkLog(Report& report, const char* path) {
+    const std::string logFile = readSetting(report, path, logFileSetting).value_or("");
+    if (logFile.empty()) {
+        report.warn(path,
+                    std::string(logFileSetting) + " is not given: the log goes to standard error.");
+    } else if (const std::string fault = logFault(logFile); !fault.empty()) {
+        report.fail(path, std::string(logFileSetting) + ": " + harmless(logFile) +
+                              " cannot be written (" + fault +
+                              "): the log goes to standard error.");
+    }
+    const std::string size = readSetting(report, path, logSizeSetting).value_or("");
+    if (!size.empty() && !isNumber(size)) {
+        report.warn(path, std::string(logSizeSetting) + " is no number: the log is not rotated.");
+    }
+    const std::string level = readSetting(report, path, logLevelSetting).value_or("debug");
+    if (level != "error" && level != "debug") {
+        report.warn(path,
+                    std::string(logLevelSetting) + " is neither error nor debug: it means debug.");
+    }
+}
+
+// What follows the key's "=" up to the ";", where the line has both.
+bool givesValue(const std::string& line) {
+    const std::size_t separator = line.find('=');
+    return separator != std::string::npos && line.find(';', separator) != std::string::npos;
+}
+
+void checkGroupLine(Report& report, const char* path, const std::string& line,
+                    const std::string& where) {
+    for (const char* key : {attributeKey, administratorKey, operatorKey, userKey}) {
+        if (!contains(line, key)) {
+            continue;
+        }
+        if (isComment(line) && givesValue(line)) {
+            report.warn(path, where + " counts for " + key + " although it is a comment.");
+        } else if (!isComment(line) && !givesValue(line)) {
+            report.warn(path, where + " is ignored: it must read " + key + "=VALUE;");
+        }
+    }
+    const std::string_view enabled = groupingEnabledText;
+    const std::string_view key = enabled.substr(0, enabled.find('='));
+    if (!contains(line, key)) {
+        return;
+    }
+    if (isComment(line) && contains(line, enabled)) {
+        report.warn(path,
+                    where + " switches " + std::string(key) + " on although it is a comment.");
+    } else if (!isComment(line) && !contains(line, enabled) &&
+               !contains(line, std::string(key) + "=0;")) {
+        report.warn(path, where + " leaves " + std::string(key) + " off: on is exactly " +
+                              groupingEnabledText);
+    }
+}
+
+bool startsWithNumber(const std::string& text) {
+    char* end = nullptr;
+    std::strtol(text.c_str(), &end, 0);
+    return end != text.c_str();
+}
+
+}  // namespace
+
+void checkConfiguration(Report& report, const char* path) {
+    if (readFile(report, path, Result::warning,
+                 "the log goes to standard error, and there are no audit entries.")) {
+        checkLog(report, path);
+        const std::string events = readSetting(report, path, eventSetting).value_or("true");
+        if (events != "true" && events != "false") {
+            report.warn(path, std::string(eventSetting) +
+                                  " is neither true nor false: it means "
+                                  "true.");
+        }
+        if (readSetting(report, path, auditSetting).value_or("").empty()) {
+            report.warn(path,
+                        std::string(auditSetting) + " is not given: there are no audit entries.");
+        }
+    }
+    report.conclude(path, "log, events and audit entries are set up");
+}
+
+void checkGroups(Report& report, const char* path) {
+    if (const auto lines = readFile(report, path, Result::warning, "the built-in groups count.")) {
+        for (std::size_t i = 0; i < lines->size(); ++i) {
+            checkGroupLine(report, path, (*lines)[i], lineNumber(i));
+        }
+    }
+    report.conclude(path, "well-formed");
+}
+
+void checkPrivileges(Report& report, const char* path) {
+    if (const auto lines =
+            readFile(report, path, Result::warning, "the built-in privileges count.")) {
+        for (std::size_t i = 0; i < lines->size(); ++i) {
+            const std::string& line = (*lines)[i];
+            for (const std::string_view key :
+                 {administratorPrivilegeKey, operatorPrivilegeKey, userPrivilegeKey}) {
+                if (!contains(line, key)) {
+                    continue;
+                }
+                if (!startsWithNumber(line.substr(key.size()))) {
+                    report.fail(path, lineNumber(i) + " takes all privileges away: it must read " +
+                                          std::string(key) + "NUMBER, from the line's start.");
+                } else if (!line.starts_with(key)) {
+                    report.warn(path, lineNumber(i) + " is misread: it must start with " +
+                                          std::string(key));
+                }
+                break;
+            }
+        }
+    }
+    report.conclude(path, "well-formed");
+}
+
+void checkProperties(Report& report, const char* path) {
+    if (const auto lines =
+            readFile(report, path, Result::warning, "changed settings do not outlive the store.")) {
+        const std::string name = sessionTimeoutField;
+        bool mentioned = false;
+        for (std::size_t i = 0; i < lines->size(); ++i) {
+            const std::string& line = (*lines)[i];
+            if (!contains(line, name)) {
+                continue;
+            }
+            mentioned = true;
+            if (isComment(line)) {
+                report.warn(path, lineNumber(i) + " mentions " + name +
+                                      " in a comment, which the next change overwrites.");
+            } else if (!line.starts_with(name + '=') || !isNumber(line.substr(name.size() + 1))) {
+                report.fail(path, lineNumber(i) + " must read " + name + "=SECONDS.");
+            }
+        }
+        if (!mentioned) {
+            report.warn(path, "No line gives " + name +
+                                  ": a changed one does not outlive the "
+                                  "store.");
+        }
+        if (access(path, W_OK) != 0) {
+            report.fail(
+                path, std::string(std::strerror(errno)) + ": changed settings cannot be written.");
+        }
+    }
+    report.conclude(path, "readable and writable");
+}
+
+void checkKey(Report& report, const char* path) {
+    constexpr const char* consequence =
+        "all passwords read as empty. The front end makes the file; is it running?";
+    std::optional<Lines> lines = readFile(report, path, Result::failed, consequence);
+    if (lines) {
+        constexpr std::size_t keyDigits = 64;
+        const auto isDigit = [](unsigned char digit) { return std::isxdigit(digit) != 0; };
+        const bool wellFormed = lines->size() == 1 && lines->front().size() == keyDigits &&
+                                std::all_of(lines->front().begin(), lines->front().end(), isDigit);
+        if (!SESSIONCTL_OWN_DECRYPTION && !wellFormed) {
+            report.fail(path,
+                        "not " + std::to_string(keyDigits) + " hexadecimal digits: " + consequence);
+        }
+        std::for_each(lines->begin(), lines->end(), wipe);
+        struct stat status {};
+        if (stat(path, &status) == 0 && (status.st_mode & S_IRWXO) != 0) {
+            report.fail(path, "others may use it: chmod 600, and change the key.");
+        } else if ((status.st_mode & S_IRWXG) != 0) {
+            report.warn(path, "a group may use it: chmod 600 unless the front end needs that.");
+        }
+    }
+    report.conclude(path, "well-formed, for its owner only");
+}
+
+}  // namespace session_service::console

@@ -1,0 +1,85 @@
+#include <algorithm>
+
+#include "frame/file_names.h"
+#include "sessionctl/check_files.h"
+#include "sessionctl/check_store.h"
+#include "sessionctl/commands.h"
+#include "sessionctl/output.h"
+#include "sessionctl/pam_service.h"
+#include "sessionctl/store_access.h"
+
+namespace session_service::console {
+namespace {
+
+using nlohmann::json;
+
+// What lies in the store is left out when that cannot be reached.
+void checkStore(Report& report, std::chrono::seconds patience) {
+    const char* subject = "store";
+    try {
+        const OpenStore opened = openStore(patience);
+        redisContext* store = opened.connection.get();
+        report.conclude(subject, "answers at " + opened.address);
+        checkServer(report, store);
+        checkResources(report, store);
+        checkStoredSettings(report, store);
+        checkScripts(report, store);
+        checkDaemon(report, store);
+    } catch (const Problem& problem) {
+        report.fail(subject, problem.what());
+    }
+}
+
+const char* nameOf(Result result) {
+    switch (result) {
+        case Result::ok:
+            return "ok";
+        case Result::warning:
+            return "warning";
+        case Result::failed:
+            break;
+    }
+    return "FAILED";
+}
+
+json toJson(const std::vector<Finding>& findings) {
+    json list = json::array();
+    for (const Finding& finding : findings) {
+        list.push_back({{"result", nameOf(finding.result)},
+                        {"subject", finding.subject},
+                        {"text", finding.text}});
+    }
+    return {{"findings", list}};
+}
+
+std::string toText(const std::vector<Finding>& findings) {
+    std::string text;
+    for (const Finding& finding : findings) {
+        std::string result = nameOf(finding.result);
+        result.resize(sizeof("warning"), ' ');
+        text += result + ' ' + finding.subject + ": " + finding.text + '\n';
+    }
+    return text;
+}
+
+}  // namespace
+
+int checkSetUp(const Options& options) {
+    Report report;
+    checkStore(report, options.patience);
+    checkConfiguration(report, configurationFile);
+    checkPamService(report, pamService);
+    checkGroups(report, groupFile);
+    checkPrivileges(report, privilegeFile);
+    checkProperties(report, propertyFile);
+    checkKey(report, keyFile);
+
+    const std::vector<Finding>& findings = report.findings();
+    const bool printed = print(options.json ? jsonText(toJson(findings)) : toText(findings));
+    const bool allWell = std::none_of(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.result == Result::failed;
+    });
+    return printed && allWell ? done : failed;
+}
+
+}  // namespace session_service::console

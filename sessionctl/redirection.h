@@ -1,0 +1,32 @@
+// Standard streams that lead elsewhere for a while.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "platform/file_descriptor.h"
+
+namespace session_service::console {
+
+// As long as it lives, what is written to the standard stream `stream` goes where `target`
+// leads, for children too.
+class Redirection {
+  public:
+    Redirection(int stream, int target) : redirected(stream), kept(dup(stream)) {
+        std::fflush(nullptr);
+        dup2(target, redirected);
+    }
+    Redirection(const Redirection&) = delete;
+    Redirection& operator=(const Redirection&) = delete;
+    ~Redirection() {
+        std::fflush(nullptr);
+        dup2(kept.get(), redirected);
+    }
+
+  private:
+    int redirected;
+    FileDescriptor kept;
+};
+
+}  // namespace session_service::console

@@ -1,0 +1,110 @@
+#include "sessionctl/session_view.h"
+
+#include <cstdlib>
+#include <utility>
+
+#include "frame/resource_names.h"
+#include "platform/secret.h"
+#include "sessionctl/output.h"
+#include "sessionctl/store_access.h"
+#include "sessions/collection.h"
+#include "sessions/records.h"
+
+namespace session_service::console {
+namespace {
+
+using Kind = store::Answer::Kind;
+
+long long secondsOf(const Fields& fields, const char* name) {
+    return std::strtoll(fieldOf(fields, name).c_str(), nullptr, 10);
+}
+
+// Reads the token's record. What keeps the daemon from telling when the session was used
+// counts as 0 there, so that the session expires.
+void readTokenRecord(redisContext* store, const std::string& uri, SessionView& view) {
+    store::Answer reference = ask(store, {"HGET", tokenReferencePrefix + uri, tokenReferenceField});
+    const SecretText quoted{reference.kind == Kind::text ? std::move(reference.text)
+                                                         : std::string()};
+    if (quoted.text.empty()) {
+        view.fault = "no token";
+    } else {
+        const SecretText token{stripQuotes(quoted.text)};
+        const SecretText key{tokenRecordPrefix + token.text};
+        const store::Answer answer = ask(store, {"HGETALL", key.text});
+        view.tokenRecord = store::fieldsOf(answer);
+        if (answer.kind == Kind::refused) {
+            view.fault = "its token record is no hash";
+        } else if (view.tokenRecord.empty()) {
+            view.fault = "no token record";
+        }
+    }
+    const long long idle = uptimeSeconds() - secondsOf(view.tokenRecord, lastAccessedField);
+    view.expiresIn = secondsOf(view.tokenRecord, timeoutField) - idle;
+    if (!view.tokenRecord.empty()) {
+        view.idle = idle;
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> readMembers(redisContext* store) {
+    const store::Answer answer = ask(store, {"LRANGE", membersKey, "0", "-1"});
+    if (answer.kind == Kind::refused) {
+        throw Problem(failed, "The list of sessions, " + membersKey +
+                                  ", cannot be read: " + harmless(answer.text) + ".");
+    }
+    std::vector<std::string> members;
+    for (const store::Answer& element : answer.elements) {
+        members.push_back(element.text);
+    }
+    return members;
+}
+
+SessionView readMember(redisContext* store, const std::string& member) {
+    const std::string prefix = memberOf("");
+    if (!member.starts_with(prefix)) {
+        return {.id = member, .fault = "names no session"};
+    }
+    return readSession(store, member.substr(prefix.size()));
+}
+
+SessionView readSession(redisContext* store, const std::string& id) {
+    const std::string uri = sessionUriOf(id);
+    const store::Answer answer = ask(store, {"HGETALL", uri});
+    SessionView view{.id = id, .resource = store::fieldsOf(answer)};
+    if (view.resource.empty()) {
+        view.fault = answer.kind == Kind::refused ? "its key is no hash" : "no session record";
+        return view;
+    }
+    view.recorded = true;
+    view.user = plainValue(fieldOf(view.resource, userNameField));
+    view.client = plainValue(fieldOf(view.resource, clientAddressField));
+    view.counted = fieldOf(view.resource, sessionTypeField) == redfishSessionType;
+    readTokenRecord(store, uri, view);
+    if (!view.counted) {
+        view.expiresIn.reset();
+        view.fault = "not of type Redfish: it never expires";
+    }
+    return view;
+}
+
+std::string memberOf(const std::string& id) {
+    return memberPrefix + sessionUriOf(id);
+}
+
+std::string plainValue(const std::string& stored) {
+    const nlohmann::json value = jsonValue(stored);
+    return value.is_string() ? value.get<std::string>() : stored;
+}
+
+nlohmann::json jsonValue(const std::string& stored) {
+    if (!stored.empty() && stored.front() != '{' && stored.front() != '[') {
+        nlohmann::json value = nlohmann::json::parse(stored, nullptr, false);
+        if (!value.is_discarded() && !value.is_structured()) {
+            return value;
+        }
+    }
+    return stored;
+}
+
+}  // namespace session_service::console

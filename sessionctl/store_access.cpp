@@ -1,0 +1,87 @@
+#include "sessionctl/store_access.h"
+
+#include <fcntl.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "sessionctl/output.h"
+#include "sessionctl/redirection.h"
+
+namespace session_service::console {
+namespace {
+
+using Kind = store::Answer::Kind;
+
+struct WipeAndFree {
+    void operator()(ConnectionInfo* info) const noexcept {
+        explicit_bzero(info, sizeof(*info));
+        std::free(info);
+    }
+};
+using InfoPtr = std::unique_ptr<ConnectionInfo, WipeAndFree>;
+
+// The look-up prints what files it misses, some of which need not be there.
+InfoPtr findStore() {
+    const FileDescriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const Redirection quiet(STDERR_FILENO, nowhere.get());
+    return InfoPtr(getRedisConnectionInfo());
+}
+
+std::string addressOf(const ConnectionInfo& info) {
+    return info.connectionKind == CONNECTION_KIND_UNIX
+               ? harmless(info.socketPath)
+               : "127.0.0.1, port " + std::to_string(info.port);
+}
+
+[[noreturn]] void fail(const std::string& sentence) {
+    throw Problem(storeUnreachable, sentence);
+}
+
+void requireAnswer(const store::Answer& answer, const std::string& address,
+                   const std::string& advice) {
+    if (answer.kind == Kind::lost) {
+        fail("The store at " + address + " does not answer.");
+    }
+    if (answer.kind == Kind::refused) {
+        fail("The store at " + address + " refuses: " + harmless(answer.text) + ". " + advice);
+    }
+}
+
+}  // namespace
+
+OpenStore openStore(std::chrono::seconds patience) {
+    const InfoPtr info = findStore();
+    if (!info) {
+        fail(
+            "The store's address cannot be found. Needed: a line \"unixsocket PATH\" in "
+            "/etc/redis/redis.conf, the file redis.port in the folder of PATH, and "
+            "redis.unixsocket there unless the port is 6379.");
+    }
+    OpenStore opened{ConnectionPtr(connectToRedis(info.get())), addressOf(*info)};
+    redisContext* connection = opened.connection.get();
+    if (!connection) {
+        fail("Nobody listens at " + opened.address + ". Is the Redis server running?");
+    }
+    if (!store::limitWaits(connection, patience)) {
+        fail("The time limit of the store's connection cannot be set.");
+    }
+    if (info->password[0] != '\0') {
+        requireAnswer(store::ask(connection, {"AUTH", info->password}), opened.address,
+                      "Does redis.requirepass hold the server's password, without a line feed?");
+    }
+    requireAnswer(store::ask(connection, {"PING"}), opened.address,
+                  "Does it want a password that redis.requirepass lacks, or is it still loading?");
+    return opened;
+}
+
+store::Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments) {
+    store::Answer answer = store::ask(store, arguments);
+    if (answer.kind == Kind::lost) {
+        fail("The store has stopped answering.");
+    }
+    return answer;
+}
+
+}  // namespace session_service::console

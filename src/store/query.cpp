@@ -1,0 +1,58 @@
+#include "store/query.h"
+
+#include <sys/time.h>
+
+#include "store/reply.h"
+
+namespace session_service::store {
+namespace {
+
+Answer toAnswer(const redisReply& reply) {
+    Answer answer;
+    switch (reply.type) {
+        case REDIS_REPLY_ERROR:
+            answer.kind = Answer::Kind::refused;
+            break;
+        case REDIS_REPLY_STRING:
+        case REDIS_REPLY_STATUS:
+            answer.kind = Answer::Kind::text;
+            break;
+        case REDIS_REPLY_INTEGER:
+            answer.kind = Answer::Kind::integer;
+            answer.integer = reply.integer;
+            return answer;
+        case REDIS_REPLY_ARRAY:
+            answer.kind = Answer::Kind::list;
+            answer.elements.reserve(reply.elements);
+            for (std::size_t i = 0; i < reply.elements; ++i) {
+                answer.elements.push_back(toAnswer(*reply.element[i]));
+            }
+            return answer;
+        default:
+            answer.kind = Answer::Kind::nil;
+            return answer;
+    }
+    answer.text.assign(reply.str, reply.len);
+    return answer;
+}
+
+}  // namespace
+
+Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments) {
+    const ReplyPtr reply = sendArguments(store, arguments);
+    return reply ? toAnswer(*reply) : Answer{};
+}
+
+std::map<std::string, std::string> fieldsOf(const Answer& answer) {
+    std::map<std::string, std::string> fields;
+    for (std::size_t i = 0; i + 1 < answer.elements.size(); i += 2) {
+        fields[answer.elements[i].text] = answer.elements[i + 1].text;
+    }
+    return fields;
+}
+
+bool limitWaits(redisContext* store, std::chrono::seconds limit) {
+    return redisSetTimeout(store, timeval{.tv_sec = limit.count(), .tv_usec = 0}) == REDIS_OK;
+}
+
+}  // namespace session_service::store

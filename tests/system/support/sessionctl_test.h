@@ -1,0 +1,73 @@
+// The fixture of all tests that run sessionctl inside the private root.
+#pragma once
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "support/system_test.h"
+
+namespace bench {
+
+// What one run of the command came to.
+struct Outcome {
+    int status = -1;
+    std::string output;
+    std::string errors;
+
+    // The output as the document that it has to be.
+    nlohmann::json json() const { return nlohmann::json::parse(output); }
+};
+
+class SessionctlTest : public SystemTest {
+  protected:
+    explicit SessionctlTest(const ControllerOptions& options = {}) : SystemTest(options) {
+        controller.bind({BENCH_SESSIONCTL, program, Bind::Kind::readOnly});
+    }
+    void TearDown() override {
+        for (const Account& account : {administrator, operatorAccount, reader, expired}) {
+            for (const std::string& text :
+                 {controller.outputOf("sessionctl"), controller.errorsOf("sessionctl")}) {
+                EXPECT_EQ(text.find(account.password), std::string::npos) << text;
+            }
+        }
+        SystemTest::TearDown();
+    }
+
+    // Starts it; waits are patient unless the arguments say otherwise. `input` is a path of
+    // the machine.
+    std::unique_ptr<Process> startSessionctl(const Words& arguments,
+                                             const std::string& input = "/dev/null") {
+        Launch launch{.command = {program},
+                      .environment = BenchController::sanitizerOptions(),
+                      .ofThisBuild = true,
+                      .streams = {.input = input}};
+        if (std::find(arguments.begin(), arguments.end(), "--timeout") == arguments.end()) {
+            launch.command.insert(launch.command.end(), {"--timeout", "300"});
+        }
+        launch.command.insert(launch.command.end(), arguments.begin(), arguments.end());
+        return controller.startProgram(launch);
+    }
+    // Runs it to its end, with `input` on its standard input.
+    Outcome sessionctl(const Words& arguments, const std::string& input = "") {
+        controller.writeFile("/tmp/sessionctl.input", input);
+        const std::string output = controller.outputOf("sessionctl");
+        const std::string errors = controller.errorsOf("sessionctl");
+        const auto process = startSessionctl(arguments, controller.path("/tmp/sessionctl.input"));
+        const Ending ending = process->wait();
+        EXPECT_FALSE(ending.bySignal) << toText(ending);
+        return {ending.value, controller.outputOf("sessionctl").substr(output.size()),
+                controller.errorsOf("sessionctl").substr(errors.size())};
+    }
+
+    static constexpr char program[] = "/usr/local/sbin/sessionctl";
+};
+
+// Everything runs.
+class RunningSessionctlTest : public SessionctlTest {
+  protected:
+    using SessionctlTest::SessionctlTest;
+    void SetUp() override { start(); }
+};
+
+}  // namespace bench
