@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,19 @@ namespace {
 
 [[noreturn]] void hasEnded(pid_t pid) {
     throw Failure("Process " + std::to_string(pid) + " has ended.");
+}
+
+// The number behind "NAME:" in a file under /proc.
+long namedFigure(pid_t pid, const std::string& path, const std::string& name) {
+    std::ifstream file(procFile(pid, path));
+    for (std::string word; file >> word;) {
+        if (word == name + ":") {
+            long figure = 0;
+            file >> figure;
+            return figure;
+        }
+    }
+    hasEnded(pid);
 }
 
 }  // namespace
@@ -43,15 +57,15 @@ double processorSeconds(pid_t pid) {
 }
 
 long statusFigure(pid_t pid, const std::string& name) {
-    std::ifstream file(procFile(pid, "status"));
-    for (std::string word; file >> word;) {
-        if (word == name + ":") {
-            long figure = 0;
-            file >> figure;
-            return figure;
-        }
-    }
-    hasEnded(pid);
+    return namedFigure(pid, "status", name);
+}
+
+long threadFigure(pid_t pid, pid_t thread, const std::string& name) {
+    return namedFigure(pid, "task/" + std::to_string(thread) + "/status", name);
+}
+
+long memoryFigure(pid_t pid, const std::string& name) {
+    return namedFigure(pid, "smaps_rollup", name);
 }
 
 long openDescriptors(pid_t pid) {
@@ -61,6 +75,28 @@ long openDescriptors(pid_t pid) {
         hasEnded(pid);
     }
     return std::distance(begin(descriptors), end(descriptors));
+}
+
+std::vector<ThreadUse> threadUse(pid_t pid) {
+    std::error_code failure;
+    const std::filesystem::directory_iterator threads(procFile(pid, "task"), failure);
+    if (failure) {
+        hasEnded(pid);
+    }
+    std::vector<ThreadUse> uses;
+    for (const auto& thread : threads) {
+        ThreadUse use;
+        use.thread = std::stoi(thread.path().filename());
+        std::ifstream file(thread.path() / "schedstat");
+        long running = 0;
+        long waiting = 0;
+        file >> running >> waiting >> use.switches;
+        use.seconds = static_cast<double>(running) / 1e9;
+        uses.push_back(use);
+    }
+    std::sort(uses.begin(), uses.end(),
+              [](const ThreadUse& a, const ThreadUse& b) { return a.thread < b.thread; });
+    return uses;
 }
 
 double storeFigure(StoreClient& store, const std::string& section, const std::string& name) {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "controller/store_client.h"
 
@@ -17,8 +18,21 @@ std::string procFile(pid_t pid, const std::string& name);
 double processorSeconds(pid_t pid);
 // A number from the status file, such as "VmRSS" (KiB) or "Threads".
 long statusFigure(pid_t pid, const std::string& name);
+// The same of one of its threads.
+long threadFigure(pid_t pid, pid_t thread, const std::string& name);
+// A number from the memory map's summary, such as "Pss" or "Private_Dirty" (KiB).
+long memoryFigure(pid_t pid, const std::string& name);
 // How many descriptors the process has open.
 long openDescriptors(pid_t pid);
+
+// What a thread has used of the processor so far, and how often it was put on it.
+struct ThreadUse {
+    pid_t thread = 0;
+    double seconds = 0;
+    long switches = 0;
+};
+// In the order in which the threads were started.
+std::vector<ThreadUse> threadUse(pid_t pid);
 
 // A number that the store tells of itself in a section of INFO.
 double storeFigure(StoreClient& store, const std::string& section, const std::string& name);

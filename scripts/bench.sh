@@ -9,11 +9,15 @@ run_bench() {
         echo "usage: bench/$name [SECONDS]" >&2
         exit 2
     fi
+    prepare_bench "$name"
+    exec "build/release/bench/$name" "$seconds"
+}
+
+prepare_bench() {
     step packages "Installing what is missing" scripts/install-packages build run
     step namespaces "User namespaces" check_namespaces
-    step build-release "Building" build_bench "$name"
+    step build-release "Building" build_bench "$1"
     echo
-    exec "build/release/bench/$name" "$seconds"
 }
 
 build_bench() {

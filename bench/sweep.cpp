@@ -1,0 +1,87 @@
+#include "bench/sweep.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "bench/figures.h"
+
+namespace bench {
+
+namespace {
+
+constexpr std::size_t sweeperThread = 3;  // in the order of their start
+constexpr char longTimeout[] = "1000000000";
+
+}  // namespace
+
+Sweep::Sweep(BenchController& controller, int mostSessions)
+    : controller_(controller), store_(controller.connect()) {
+    controller.daemon().signal(SIGSTOP);
+    FrontEnd frontEnd = controller.frontEnd();
+    for (int i = 0; i < mostSessions; ++i) {
+        const PlantedSession session =
+            frontEnd.plantSession({.timeout = longTimeout, .member = false});
+        members_.push_back("&&ObjectRef " + session.uri);
+    }
+}
+
+Sweep::~Sweep() {
+    controller_.daemon().signal(SIGCONT);
+}
+
+// The monitor's lines are read when the pass is over: reading them meanwhile would take the
+// processor from those who work.
+std::vector<MonitoredCommand> Sweep::passOf(Monitor& monitor, int sessions) {
+    std::vector<MonitoredCommand> commands = monitor.soFar();
+    const auto first = std::find_if(commands.begin(), commands.end(), [](const auto& command) {
+        return command.words == Words{"LRANGE", membersKey, "0", "-1"};
+    });
+    if (commands.end() - first < commandsOf(sessions)) {
+        throw Failure("A pass over " + std::to_string(sessions) + " sessions was not seen.");
+    }
+    return {first, first + commandsOf(sessions)};
+}
+
+// Lets the sweeper make a pass, and has it stand still again when it has gone to sleep.
+void Sweep::letSweep() {
+    const auto switches = [this] {
+        return threadUse(controller_.daemon().pid()).at(sweeperThread).switches;
+    };
+    const long before = switches();
+    controller_.daemon().signal(SIGCONT);
+    waitUntil("the sweeper wakes", [&] { return switches() > before + 1; });
+    waitUntil("the sweeper sleeps", [&] {
+        const long now = switches();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return switches() == now;
+    });
+    controller_.daemon().signal(SIGSTOP);
+}
+
+double Sweep::pass(int sessions, Server server) {
+    store_.del(membersKey);
+    Words append{"RPUSH", membersKey};
+    append.insert(append.end(), members_.begin(), members_.begin() + sessions);
+    store_.run(append);
+    if (server == Server::floor && !recordings_.contains(sessions)) {
+        pass(sessions, Server::daemon);
+    }
+
+    Monitor monitor = controller_.monitor();
+    if (server == Server::daemon) {
+        letSweep();
+    } else {
+        replay(controller_.socketPath(), recordings_.at(sessions));
+    }
+    const std::vector<MonitoredCommand> commands = passOf(monitor, sessions);
+    if (server == Server::daemon) {
+        Recording& recording = recordings_[sessions];
+        recording = record(commands, controller_.storePassword());
+        recording.insert(recording.begin(), authentication(controller_.storePassword()));
+    }
+    return std::chrono::duration<double>(commands.back().at - commands.front().at).count();
+}
+
+}  // namespace bench

@@ -1,0 +1,32 @@
+// Passes of the sweeper over collections of any size, and the floor under them.
+#pragma once
+
+#include "bench/exchanges.h"
+
+namespace bench {
+
+class Sweep {
+  public:
+    // Plants sessions that do not expire. From then on the daemon stands still between passes.
+    Sweep(BenchController& controller, int mostSessions);
+    ~Sweep();
+    Sweep(const Sweep&) = delete;
+    Sweep& operator=(const Sweep&) = delete;
+
+    // How many commands a pass over so many sessions sends.
+    static int commandsOf(int sessions) { return 1 + 4 * sessions; }
+    // Has one pass made over so many sessions; returns the seconds from its first command to its
+    // last, by the store's clock.
+    double pass(int sessions, Server server);
+
+  private:
+    void letSweep();
+    static std::vector<MonitoredCommand> passOf(Monitor& monitor, int sessions);
+
+    BenchController& controller_;
+    StoreClient store_;
+    Words members_;
+    std::map<int, Recording> recordings_;
+};
+
+}  // namespace bench
