@@ -1,0 +1,101 @@
+// The unit itself, as systemd runs it: a copy under another name, with the daemon in the private
+// root of a bench controller.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "support/system_test.h"
+
+namespace bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+class RunningUnit : public SystemTest {
+  protected:
+    void SetUp() override {
+        startStore();
+        fs::create_directories(dropIns_);
+        fs::copy_file(BENCH_UNIT, unit_);
+        std::ofstream(dropIns_ + "/root.conf") << dropIn();
+        systemctl("daemon-reload");
+        systemctl("start " + name_);
+    }
+    void TearDown() override {
+        systemctl("stop " + name_);
+        systemctl("clean --what=logs " + name_);
+        fs::remove(unit_);
+        fs::remove_all(dropIns_);
+        systemctl("daemon-reload");
+        SystemTest::TearDown();
+    }
+
+    bool served() {
+        const Value counts = controller.connect().run(
+            {"PUBSUB", "NUMSUB", createChannel, deleteChannel, patchChannel});
+        return counts.elements.at(1).integer == 1 && counts.elements.at(3).integer == 1 &&
+               counts.elements.at(5).integer == 1;
+    }
+    // A login and its logout.
+    void expectLogin(const Account& account) {
+        waitUntil("the daemon serves", [this] { return served(); });
+        FrontEnd webServer(controller.socketPath(), controller.storePassword(),
+                           controller.path(keyFile), [] { return true; });
+        const Reply login = webServer.login(account.name, account.password);
+        EXPECT_EQ(login.status(), "OK") << account.name;
+        EXPECT_EQ(controller.connect().hget(tokenKey(login.token()), "Privilege"),
+                  account.privilege);
+        EXPECT_EQ(webServer.remove(login.location()).status(), "OK_EMPTY");
+    }
+
+  private:
+    static void systemctl(const std::string& arguments) {
+        EXPECT_EQ(std::system(("systemctl --quiet " + arguments).c_str()), 0) << arguments;
+    }
+    // A root of the unit's own, to which it adds /run and the like, and whose folders are those of
+    // the controller's root.
+    std::string makeRoot() const {
+        const std::string root = controller.path("/unit");
+        for (const char* folder : {"/usr", "/etc", "/var"}) {
+            fs::create_directories(root + folder);
+        }
+        for (const char* link : {"/bin", "/sbin", "/lib", "/lib64"}) {
+            fs::copy(controller.path(link), root + link, fs::copy_options::copy_symlinks);
+        }
+        return root;
+    }
+    std::string dropIn() const {
+        const std::string outside = controller.path("");
+        return "[Unit]\nConditionPathExists=\n"
+               "[Service]\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
+               "RootDirectory=" +
+               makeRoot() + "\nBindReadOnlyPaths=/usr /etc/alternatives " + outside + "/etc:/etc " +
+               outside + "/usr/local:/usr/local " + BENCH_DAEMON +
+               ":/usr/local/sbin/session-service\nBindPaths=" + outside + "/var:/var " + outside +
+               "/run/redis:/run/redis\nReadWritePaths=-+/var/"
+               "nginx\nLogsDirectory=\nLogsDirectory=" +
+               name_ + "\n";
+    }
+
+    const std::string name_ = "session-service-test-" + std::to_string(getpid());
+    const std::string unit_ = "/run/systemd/system/" + name_ + ".service";
+    const std::string dropIns_ = unit_ + ".d";
+};
+
+TEST_F(RunningUnit, LetsLocalAccountsIn) {
+    for (const Account& account : {administrator, operatorAccount, reader}) {
+        expectLogin(account);
+    }
+}
+
+TEST_F(RunningUnit, ComesBackWithTheStore) {
+    expectLogin(administrator);
+    controller.stopStore();
+    startStore();
+    expectLogin(administrator);
+}
+
+}  // namespace
+}  // namespace bench

@@ -1,0 +1,103 @@
+// The script that keeps the daemon running where there is no systemd.
+#include <signal.h>
+
+#include "support/system_test.h"
+
+namespace bench {
+namespace {
+
+constexpr char supervise[] = "/usr/local/libexec/supervise";
+constexpr char daemonPath[] = "/usr/local/sbin/session-service";
+
+class Supervisor : public SystemTest {
+  protected:
+    void SetUp() override {
+        controller.install(BENCH_SUPERVISE, supervise);
+        startStore();
+    }
+    void TearDown() override {
+        for (const auto& supervisor : {first_.get(), second_.get()}) {
+            if (supervisor != nullptr && !supervisor->ending()) {
+                stop(*supervisor);
+            }
+        }
+        SystemTest::TearDown();
+    }
+
+    std::unique_ptr<Process> startSupervisor() {
+        return controller.startProgram({.command = {"/bin/sh", supervise, daemonPath, lock}});
+    }
+    void stop(Process& supervisor) {
+        supervisor.signal(SIGTERM);
+        EXPECT_EQ(supervisor.wait(), Ending{});
+    }
+    bool served() {
+        const Value counts =
+            controller.connect().run({"PUBSUB", "NUMSUB", createChannel, patchChannel});
+        return counts.elements.at(1).integer == 1 && counts.elements.at(3).integer == 1;
+    }
+    void waitUntilServed() {
+        waitUntil("the daemon serves", [this] { return served(); });
+    }
+    std::string said() { return controller.errorsOf("sh"); }
+    void waitUntilSaid(const std::string& text) {
+        waitUntil("the supervisor says \"" + text + "\"",
+                  [&] { return said().find(text) != std::string::npos; });
+    }
+
+    static constexpr char lock[] = "/tmp/supervise.lock";
+    std::unique_ptr<Process> first_;
+    std::unique_ptr<Process> second_;
+};
+
+TEST_F(Supervisor, EndsAfterItsDaemonWhenItIsTold) {
+    // The end of the supervisor alone would end the sandbox, and the daemon with it.
+    first_ = controller.startProgram(
+        {.command = {"/bin/sh", "-c",
+                     std::string("sh ") + supervise + " " + daemonPath + " " + lock +
+                         " & supervisor=$!\n"
+                         "trap 'kill $supervisor; wait $supervisor; echo $?\n"
+                         "      pidof session-service || echo gone; exit 0' TERM\n"
+                         "wait"}});
+    waitUntilServed();
+    stop(*first_);
+    EXPECT_EQ(controller.outputOf("sh"), "0\ngone\n");
+}
+
+TEST_F(Supervisor, StartsTheDaemonAgainWhenTheStoreComesBack) {
+    first_ = startSupervisor();
+    waitUntilServed();
+    controller.stopStore();
+    waitUntilSaid("; again in 1 s.");
+    waitUntilSaid(" ended with status 255; again in 2 s.");
+    startStore();
+    waitUntilServed();
+}
+
+TEST_F(Supervisor, WaitsWhileAnotherOneRuns) {
+    first_ = startSupervisor();
+    waitUntilServed();
+    second_ = startSupervisor();
+    waitUntilSaid("runs already; waiting for its end.");
+    EXPECT_TRUE(served());
+    stop(*first_);
+    waitUntilServed();
+}
+
+TEST_F(Supervisor, ThatWaitsEndsWhenItIsTold) {
+    first_ = startSupervisor();
+    waitUntilServed();
+    second_ = startSupervisor();
+    waitUntilSaid("runs already; waiting for its end.");
+    stop(*second_);
+    EXPECT_TRUE(served());
+}
+
+TEST_F(Supervisor, WithoutADaemonSaysHowItIsCalled) {
+    first_ = controller.startProgram({.command = {"/bin/sh", supervise}});
+    EXPECT_EQ(first_->wait(), (Ending{.value = 2}));
+    EXPECT_EQ(said(), "usage: supervise DAEMON [LOCK_FILE]\n");
+}
+
+}  // namespace
+}  // namespace bench

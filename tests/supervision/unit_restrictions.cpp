@@ -1,0 +1,212 @@
+#include "unit_restrictions.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+
+#include "controller/wait.h"
+
+namespace bench {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using Names = std::vector<std::string>;
+using Calls = std::set<std::string>;
+
+struct ClosePipe {
+    void operator()(std::FILE* pipe) const noexcept { pclose(pipe); }
+};
+using PipePtr = std::unique_ptr<std::FILE, ClosePipe>;
+
+const std::map<std::string, int> families{
+    {"AF_UNIX", AF_UNIX},
+    {"AF_INET", AF_INET},
+    {"AF_INET6", AF_INET6},
+    {"AF_NETLINK", AF_NETLINK},
+};
+
+Names splitWords(const std::string& text) {
+    std::istringstream stream(text);
+    Names words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+// The sets of calls by their names; a set may hold the names of others.
+std::map<std::string, Names> readCallSets() {
+    const PipePtr pipe(popen("systemd-analyze --no-pager syscall-filter", "r"));
+    std::string text;
+    std::array<char, 4096> chunk{};
+    while (const std::size_t count = std::fread(chunk.data(), 1, chunk.size(), pipe.get())) {
+        text.append(chunk.data(), count);
+    }
+    std::map<std::string, Names> sets;
+    std::istringstream lines(text);
+    std::string set;
+    for (std::string line; std::getline(lines, line);) {
+        const Names words = splitWords(line);
+        if (words.empty() || words[0] == "#") {
+            continue;
+        }
+        if (line[0] == ' ') {
+            sets[set].push_back(words[0]);
+        } else {
+            set = words[0];
+        }
+    }
+    return sets;
+}
+
+class CallFilter {
+  public:
+    CallFilter() { insert("@default"); }
+
+    // Takes a value of SystemCallFilter= into account.
+    void apply(const std::string& value) {
+        const bool removes = value.starts_with('~');
+        for (const std::string& name : splitWords(value.substr(removes ? 1 : 0))) {
+            removes ? remove(name) : insert(name);
+        }
+    }
+    const Calls& allowed() const { return allowed_; }
+
+  private:
+    const Names& members(const std::string& set) const {
+        const auto found = sets_.find(set);
+        if (found == sets_.end()) {
+            throw Failure("No set of system calls: " + set);
+        }
+        return found->second;
+    }
+    void insert(const std::string& name) {
+        if (!name.starts_with('@')) {
+            allowed_.insert(name);
+            return;
+        }
+        for (const std::string& member : members(name)) {
+            insert(member);
+        }
+    }
+    void remove(const std::string& name) {
+        if (!name.starts_with('@')) {
+            allowed_.erase(name);
+            return;
+        }
+        for (const std::string& member : members(name)) {
+            remove(member);
+        }
+    }
+
+    std::map<std::string, Names> sets_ = readCallSets();
+    Calls allowed_;
+};
+
+class Reader {
+  public:
+    explicit Reader(std::string root) : root_(std::move(root)) {}
+
+    void take(const std::string& option, const std::string& value) {
+        constexpr std::string_view limit = "Limit";
+        if (option == "CapabilityBoundingSet") {
+            for (const std::string& capability : splitWords(value)) {
+                append({"--cap-add", capability});
+            }
+        } else if (option == "ProtectSystem") {
+            expect(value == "strict", option, value);
+            readOnly_ = {"--remount-ro", "/", "--remount-ro", "/usr/local"};
+        } else if (option == "LogsDirectory") {
+            makeWritable("/var/log/" + value);
+        } else if (option == "ReadWritePaths") {
+            makeWritable(value.starts_with('-') ? value.substr(1) : value);
+        } else if (option == "ProtectHome") {
+            hide(value, "/home");
+            hide(value, "/root");
+        } else if (option == "PrivateTmp") {
+            hide(value, "/tmp");
+        } else if (option == "UMask") {
+            result_.rules += "umask " + value + "\n";
+        } else if (option == "SystemCallFilter") {
+            calls_.apply(value);
+        } else if (option == "RestrictAddressFamilies") {
+            for (const std::string& family : splitWords(value)) {
+                expect(families.contains(family), option, value);
+                result_.rules += "family " + std::to_string(families.at(family)) + "\n";
+            }
+        } else if (option == "MemoryDenyWriteExecute") {
+            expect(value == "yes", option, value);
+            result_.rules += "no-write-execute\n";
+        } else if (option == "RestrictNamespaces") {
+            expect(value == "yes", option, value);
+            result_.rules += "no-namespaces\n";
+        } else if (option.starts_with(limit)) {
+            std::string name = option.substr(limit.size());
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char letter) { return std::tolower(letter); });
+            result_.limits.push_back("--" + name + "=" + value);
+        }
+    }
+
+    UnitRestrictions result() {
+        result_.confinement.insert(result_.confinement.begin(), readOnly_.begin(), readOnly_.end());
+        for (const std::string& call : calls_.allowed()) {
+            result_.rules += "allow " + call + "\n";
+        }
+        return result_;
+    }
+
+  private:
+    static void expect(bool understood, const std::string& option, const std::string& value) {
+        if (!understood) {
+            throw Failure("Not understood: " + option + "=" + value);
+        }
+    }
+    void append(const Names& options) {
+        result_.confinement.insert(result_.confinement.end(), options.begin(), options.end());
+    }
+    void makeWritable(const std::string& folder) {
+        fs::create_directories(root_ + folder);
+        append({"--bind", root_ + folder, folder});
+    }
+    void hide(const std::string& value, const std::string& folder) {
+        expect(value == "yes", folder, value);
+        fs::create_directories(root_ + folder);
+        append({"--tmpfs", folder});
+    }
+
+    std::string root_;
+    Names readOnly_;
+    CallFilter calls_;
+    UnitRestrictions result_;
+};
+
+}  // namespace
+
+UnitRestrictions readUnitRestrictions(const std::string& unitFile, const std::string& root) {
+    Reader reader(root);
+    std::ifstream unit(unitFile);
+    if (!unit) {
+        throw Failure("No unit " + unitFile);
+    }
+    for (std::string line; std::getline(unit, line);) {
+        const std::size_t separator = line.find('=');
+        if (!line.starts_with('#') && separator != std::string::npos) {
+            reader.take(line.substr(0, separator), line.substr(separator + 1));
+        }
+    }
+    return reader.result();
+}
+
+}  // namespace bench
