@@ -27,7 +27,7 @@ std::string takeWord(std::string& text) {
         const std::size_t bracket = text.find(']');
         end = bracket == std::string::npos ? bracket : bracket + 1;
     }
-    const std::string word = text.substr(0, end);
+    std::string word = text.substr(0, end);
     text.erase(0, word.size());
     return word;
 }

@@ -104,7 +104,8 @@ nlohmann::json jsonValue(const std::string& stored) {
             return value;
         }
     }
-    return stored;
+    // The daemon stores names with whatever bytes they have, which JSON would not allow.
+    return stripQuotes(stored);
 }
 
 }  // namespace session_service::console

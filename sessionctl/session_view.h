@@ -39,7 +39,8 @@ SessionView readSession(redisContext* store, const std::string& id);
 // The member of the list that names the session.
 std::string memberOf(const std::string& id);
 
-// A stored property as people read it: the text of a JSON string, else the value as it is.
+// A stored property as people read it: the text of a JSON string, even of one that is not quite
+// JSON, else the value as it is.
 std::string plainValue(const std::string& stored);
 // The same as a JSON value; a structured value stays text.
 nlohmann::json jsonValue(const std::string& stored);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "support/login_test.h"
+#include "support/trail.h"
 #include "unit_restrictions.h"
 
 namespace bench {
@@ -57,6 +58,8 @@ TEST_F(UnderTheUnit, AWrongPasswordIsRefused) {
 
 TEST_F(UnderTheUnit, ChangesOutliveTheStoreAndTheLogIsItsOwnersAlone) {
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "450"}}).status(), "OK");
+    // It comes behind the answer; the store must not go before.
+    waitUntil("the change is announced", [this] { return !lifeCycleEvents(store()).empty(); });
     EXPECT_NE(controller.readFile(persistentFile).find("\nSessionTimeout=450\n"),
               std::string::npos);
     struct stat log {};

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "support/login_test.h"
+#include "support/trail.h"
 
 namespace bench {
 namespace {
@@ -96,6 +97,8 @@ TEST_F(SampleFiles, OfThePropertiesChangeNothingUntilAClientDoes) {
 
     start();
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "450"}}).status(), "OK");
+    // It comes behind the answer; the store must not go before.
+    waitUntil("the change is announced", [this] { return !lifeCycleEvents(store()).empty(); });
     Words changed = linesOf(file);
     ASSERT_EQ(changed.back(), "SessionTimeout=");
     changed.back() += "450";

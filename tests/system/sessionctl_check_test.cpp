@@ -210,7 +210,7 @@ TEST_F(Checking, LooksAtTheGroupsAndTheirPrivileges) {
                    {"# The groups of users.\n", "ok", "well-formed"}});
     expectFoundIn(privilegeFile, {{"user=\n", "FAILED", "line 1 takes all privileges away"},
                                   {"# operator=121\n", "FAILED", "line 1 takes all privileges"},
-                                  {"1user=9\n", "warning", "it must start with user="},
+                                  {"12345678user=9\n", "warning", "it must start with user="},
                                   {"user=0x9 \n", "ok", "well-formed"}});
     for (const char* file : {groupFile, privilegeFile}) {
         controller.removeFile(file);

@@ -20,6 +20,7 @@ TEST(StoredValue, IsReadAsJsonWhereItIsASingleValue) {
     EXPECT_EQ(jsonValue(""), "");
     EXPECT_EQ(jsonValue("\"open"), "\"open");
     EXPECT_EQ(jsonValue(" {}"), " {}");
+    EXPECT_EQ(jsonValue("\"\x1b\xff\""), "\x1b\xff");
     const std::string deep(1'000'000, '[');
     EXPECT_EQ(jsonValue(deep), deep);
 }
@@ -28,6 +29,7 @@ TEST(StoredValue, ThatIsNoStringIsShownAsItIs) {
     EXPECT_EQ(plainValue("\"admin\""), "admin");
     EXPECT_EQ(plainValue("3.0"), "3.0");
     EXPECT_EQ(plainValue("null"), "null");
+    EXPECT_EQ(plainValue("\"b\x1b\""), "b\x1b");
 }
 
 TEST(SessionView, TellsWhenItsSessionExpiresAsTheDaemonDoes) {
