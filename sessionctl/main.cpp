@@ -151,7 +151,7 @@ int main(int argumentCount, char** arguments) {
     signal(SIGPIPE, SIG_IGN);
     occupyStandardStreams();
     // What the daemon would log goes to standard error.
-    Logger standardError;
+    static Logger standardError;
     logger = &standardError;
     Options options;
     try {

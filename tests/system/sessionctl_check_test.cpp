@@ -273,6 +273,11 @@ TEST_F(Checking, LooksAtThePamService) {
     expectFound("FAILED", pamSubject, "pam_nowhere.so is not there");
     controller.removeFile(pamServiceFile);
     expectFound("FAILED", pamSubject, "q73 is not there, or cannot be read");
+    const std::vector<json> found = findings();
+    EXPECT_EQ(
+        std::count_if(found.begin(), found.end(),
+                      [](const json& finding) { return finding.at("subject") == pamSubject; }),
+        1);
 }
 
 TEST_F(Checking, SendsNothingToTheTerminalThatSteersIt) {
