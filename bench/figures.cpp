@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -94,8 +93,6 @@ std::vector<ThreadUse> threadUse(pid_t pid) {
         use.seconds = static_cast<double>(running) / 1e9;
         uses.push_back(use);
     }
-    std::sort(uses.begin(), uses.end(),
-              [](const ThreadUse& a, const ThreadUse& b) { return a.thread < b.thread; });
     return uses;
 }
 

@@ -31,7 +31,8 @@ struct ThreadUse {
     double seconds = 0;
     long switches = 0;
 };
-// In the order in which the threads were started.
+// In the order in which the threads were started, which is how the kernel lists them; their
+// numbers may have begun anew in between.
 std::vector<ThreadUse> threadUse(pid_t pid);
 
 // A number that the store tells of itself in a section of INFO.

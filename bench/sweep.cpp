@@ -53,10 +53,12 @@ void Sweep::letSweep() {
     const long before = switches();
     controller_.daemon().signal(SIGCONT);
     // To go on is one switch. Asked seldom enough not to take the processor from those who work.
-    for (long last = before, now = before; now <= before + 1 || now != last;) {
+    long last = before;
+    waitUntil("the sweeper has made a pass", [&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        last = std::exchange(now, switches());
-    }
+        const long previous = std::exchange(last, switches());
+        return last > before + 1 && last == previous;
+    });
     controller_.daemon().signal(SIGSTOP);
 }
 
