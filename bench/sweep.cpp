@@ -32,15 +32,14 @@ Sweep::~Sweep() {
     controller_.daemon().signal(SIGCONT);
 }
 
-// The monitor's lines are read when the pass is over: reading them meanwhile would take the
-// processor from those who work.
-std::vector<MonitoredCommand> Sweep::passOf(Monitor& monitor, int sessions) {
-    std::vector<MonitoredCommand> commands = monitor.soFar();
+// The commands of the first whole pass among these; none when it has not come to its end.
+std::vector<MonitoredCommand> Sweep::passAmong(const std::vector<MonitoredCommand>& commands,
+                                               int sessions) {
     const auto first = std::find_if(commands.begin(), commands.end(), [](const auto& command) {
         return command.words == Words{"LRANGE", membersKey, "0", "-1"};
     });
     if (commands.end() - first < commandsOf(sessions)) {
-        throw Failure("A pass over " + std::to_string(sessions) + " sessions was not seen.");
+        return {};
     }
     return {first, first + commandsOf(sessions)};
 }
@@ -71,13 +70,22 @@ double Sweep::pass(int sessions, Server server) {
         pass(sessions, Server::daemon);
     }
 
+    // The monitor's lines are read when a pass is over: reading them meanwhile would take the
+    // processor from those who work.
     Monitor monitor = controller_.monitor();
-    if (server == Server::daemon) {
-        letSweep();
-    } else {
-        replay(controller_.socketPath(), recordings_.at(sessions));
-    }
-    const std::vector<MonitoredCommand> commands = passOf(monitor, sessions);
+    std::vector<MonitoredCommand> seen;
+    std::vector<MonitoredCommand> commands;
+    waitUntil("a whole pass was seen", [&] {
+        if (server == Server::daemon) {
+            letSweep();
+        } else {
+            replay(controller_.socketPath(), recordings_.at(sessions));
+        }
+        const std::vector<MonitoredCommand> fresh = monitor.soFar();
+        seen.insert(seen.end(), fresh.begin(), fresh.end());
+        commands = passAmong(seen, sessions);
+        return !commands.empty();
+    });
     if (server == Server::daemon) {
         Recording& recording = recordings_[sessions];
         recording = record(commands, controller_.storePassword());

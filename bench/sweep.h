@@ -21,7 +21,8 @@ class Sweep {
 
   private:
     void letSweep();
-    static std::vector<MonitoredCommand> passOf(Monitor& monitor, int sessions);
+    static std::vector<MonitoredCommand> passAmong(const std::vector<MonitoredCommand>& commands,
+                                                   int sessions);
 
     BenchController& controller_;
     StoreClient store_;
