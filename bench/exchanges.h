@@ -2,8 +2,8 @@
 // under it.
 #pragma once
 
+#include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 

@@ -8,6 +8,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "controller/process.h"
+
 namespace bench {
 
 namespace {
@@ -30,10 +32,6 @@ long namedFigure(pid_t pid, const std::string& path, const std::string& name) {
 }
 
 }  // namespace
-
-std::string procFile(pid_t pid, const std::string& name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
 
 double processorSeconds(pid_t pid) {
     std::ifstream file(procFile(pid, "stat"));

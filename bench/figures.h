@@ -12,8 +12,6 @@ namespace bench {
 
 // All of these throw Failure when the process has ended.
 
-// The path of a file in the process's folder under /proc.
-std::string procFile(pid_t pid, const std::string& name);
 // Of the program and the children that it has waited for.
 double processorSeconds(pid_t pid);
 // A number from the status file, such as "VmRSS" (KiB) or "Threads".
@@ -31,6 +29,8 @@ struct ThreadUse {
     double seconds = 0;
     long switches = 0;
 };
+// The daemon's threads.
+enum ThreadIndex : std::size_t { createThread = 1, deleteThread, sweeperThread, patchThread };
 // In the order in which the threads were started, which is how the kernel lists them; their
 // numbers may have begun anew in between.
 std::vector<ThreadUse> threadUse(pid_t pid);

@@ -2,10 +2,8 @@
 
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -36,39 +34,14 @@ constexpr int starts = 11;
 constexpr int tracedRequests = 20;
 constexpr int tracedPasses = 4;
 
-// The daemon's threads, in the order of their start.
-enum ThreadIndex : std::size_t {
-    mainThread,
-    createThread,
-    deleteThread,
-    sweeperThread,
-    patchThread
-};
-
 std::string kib(long figure) {
     return std::to_string(figure) + " KiB";
 }
 
-// Starts a program without a shell; its end is for finish.
-pid_t launch(const std::vector<std::string>& command) {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execvp(arguments.front(), arguments.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-void finish(pid_t pid, const std::string& name) {
+void run(const std::vector<std::string>& command) {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid || status != 0) {
-        throw Failure(name + " has failed.");
+    if (waitpid(spawn(command), &status, 0) < 0 || status != 0) {
+        throw Failure(command.front() + " has failed.");
     }
 }
 
@@ -104,7 +77,7 @@ Calls callsDuring(BenchController& controller, ThreadIndex index, Work work) {
     const pid_t thread = threadUse(daemon).at(index).thread;
     const std::string summary = controller.path("/tmp/strace");
     const pid_t strace =
-        launch({"strace", "-qq", "-c", "-o", summary, "-p", std::to_string(thread)});
+        spawn({"strace", "-qq", "-c", "-o", summary, "-p", std::to_string(thread)});
     waitUntil("strace is attached", [&] {
         return waitpid(strace, nullptr, WNOHANG) == 0 &&
                threadFigure(daemon, thread, "TracerPid") == strace;
@@ -120,7 +93,7 @@ Calls callsDuring(BenchController& controller, ThreadIndex index, Work work) {
 void measureSize(Table& table) {
     const TemporaryFolder folder;
     const std::string stripped = folder.path() + "/stripped";
-    finish(launch({"strip", "-o", stripped, BENCH_DAEMON}), "strip");
+    run({"strip", "-o", stripped, BENCH_DAEMON});
     const auto bytes = static_cast<long>(std::filesystem::file_size(stripped));
     table.judge({"stripped daemon", kib(bytes / 1024), "at most " + kib(mostBytes / 1024)},
                 bytes <= mostBytes);

@@ -6,7 +6,6 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <optional>
@@ -47,17 +46,6 @@ struct Usage {
     long daemonKib = 0;
     long storeKib = 0;
 };
-
-// The front end's first process accepts connections before it has a worker.
-pid_t waitForWorker(pid_t first) {
-    pid_t worker = -1;
-    bench::waitUntil("the web front end has a worker", [&] {
-        std::ifstream children(
-            bench::procFile(first, "task/" + std::to_string(first) + "/children"));
-        return static_cast<bool>(children >> worker);
-    });
-    return worker;
-}
 
 double ownSeconds() {
     rusage usage{};
@@ -227,7 +215,7 @@ bool Load::run(std::chrono::seconds duration) {
     controller_.start();
     web_.start();
     store_.emplace(controller_.connect());
-    nginxWorker_ = waitForWorker(web_.process().pid());
+    nginxWorker_ = bench::childrenOf(web_.process().pid()).at(0);
     std::cout << connections << " connections for " << duration.count() << " s on "
               << std::thread::hardware_concurrency() << " processors\n"
               << std::fixed << std::setprecision(1);

@@ -1,10 +1,9 @@
 #include "bench/speed.h"
 
 #include <benchmark/benchmark.h>
-#include <signal.h>
 
 #include <array>
-#include <future>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -87,6 +86,13 @@ void judge(Table& table, const Medians& medians, const std::string& name,
     table.judge(cells, ratio <= mostOfFloor);
 }
 
+// Of a login whose session ends right after it.
+double secondsOfLogin(Exchanges& exchanges, Server server) {
+    const double seconds = exchanges.ask(Kind::login, server);
+    exchanges.ask(Kind::logout, server);
+    return seconds;
+}
+
 void start(BenchController& controller, const std::string& more = {}) {
     letEverybodyIn(controller, more);
     controller.start();
@@ -103,13 +109,7 @@ void measureRequests(Table& table, const Effort& effort) {
     Exchanges exchanges(controller, "alice");
     exchanges.recordFloors({Kind::login, Kind::logout, Kind::change});
     compare(
-        "login",
-        [&](Server server) {
-            const double seconds = exchanges.ask(Kind::login, server);
-            exchanges.ask(Kind::logout, server);
-            return seconds;
-        },
-        effort);
+        "login", [&](Server server) { return secondsOfLogin(exchanges, server); }, effort);
     compare(
         "logout",
         [&](Server server) {
@@ -165,13 +165,7 @@ void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Effo
         exchanges.recordFloors({Kind::login, Kind::logout});
         const std::string name = std::to_string(count);
         compare(
-            name,
-            [&](Server server) {
-                const double seconds = exchanges.ask(Kind::login, server);
-                exchanges.ask(Kind::logout, server);
-                return seconds;
-            },
-            effort);
+            name, [&](Server server) { return secondsOfLogin(exchanges, server); }, effort);
         const Medians medians = runAll();
         judge(table, medians, name, {name, std::to_string(exchanges.commandsOf(Kind::login))});
     }

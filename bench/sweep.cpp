@@ -12,7 +12,6 @@ namespace bench {
 
 namespace {
 
-constexpr std::size_t sweeperThread = 3;  // in the order of their start
 constexpr char longTimeout[] = "1000000000";
 
 }  // namespace

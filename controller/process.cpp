@@ -34,9 +34,55 @@ Pipe makePipe() {
     return {ends[0], ends[1]};
 }
 
-// Starts a program whose descriptor `innerDescriptor` is our `descriptor`.
-pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams, int descriptor,
-            int innerDescriptor) {
+// Bubblewrap exits as a shell does: 128 and the signal's number for a signal.
+Ending toEnding(int status) {
+    const int value = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    if (value > 128 && value <= 128 + SIGRTMAX) {
+        return {true, value - 128};
+    }
+    return {false, value};
+}
+
+std::string firstLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+// Reads what bubblewrap reports about the sandbox; -1 when it could not make one.
+pid_t readSandboxPid(int descriptor) {
+    std::string report;
+    std::array<char, 256> chunk{};
+    while (report.find('}') == std::string::npos) {
+        const ssize_t count = read(descriptor, chunk.data(), chunk.size());
+        if (count <= 0) {
+            return -1;
+        }
+        report.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    const std::string label = "\"child-pid\":";
+    const std::size_t at = report.find(label);
+    return at == std::string::npos ? -1 : std::stoi(report.substr(at + label.size()));
+}
+
+}  // namespace
+
+std::string procFile(pid_t pid, const std::string& name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+std::vector<pid_t> childrenOf(pid_t pid) {
+    std::ifstream file(procFile(pid, "task/" + std::to_string(pid) + "/children"));
+    std::vector<pid_t> children;
+    for (pid_t child = 0; file >> child;) {
+        children.push_back(child);
+    }
+    return children;
+}
+
+pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams,
+            const std::optional<PassedDescriptor>& extra) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, streams.input.c_str(), O_RDONLY, 0);
@@ -45,8 +91,12 @@ pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams, i
                                      0600);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, streams.errors.c_str(), appending,
                                      0600);
-    posix_spawn_file_actions_adddup2(&actions, descriptor, innerDescriptor);
-    posix_spawn_file_actions_addclosefrom_np(&actions, innerDescriptor + 1);
+    int last = STDERR_FILENO;
+    if (extra) {
+        last = extra->inside;
+        posix_spawn_file_actions_adddup2(&actions, extra->outside, last);
+    }
+    posix_spawn_file_actions_addclosefrom_np(&actions, last + 1);
 
     // A session of its own keeps a terminal's signals away: the bench ends things in order.
     posix_spawnattr_t attributes;
@@ -76,44 +126,6 @@ pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams, i
     return pid;
 }
 
-// Bubblewrap exits as a shell does: 128 and the signal's number for a signal.
-Ending toEnding(int status) {
-    const int value = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-    if (value > 128 && value <= 128 + SIGRTMAX) {
-        return {true, value - 128};
-    }
-    return {false, value};
-}
-
-std::string firstLine(const std::string& path) {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
-}
-
-std::string procFile(pid_t pid, const std::string& name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
-
-// Reads what bubblewrap reports about the sandbox; -1 when it could not make one.
-pid_t readSandboxPid(int descriptor) {
-    std::string report;
-    std::array<char, 256> chunk{};
-    while (report.find('}') == std::string::npos) {
-        const ssize_t count = read(descriptor, chunk.data(), chunk.size());
-        if (count <= 0) {
-            return -1;
-        }
-        report.append(chunk.data(), static_cast<std::size_t>(count));
-    }
-    const std::string label = "\"child-pid\":";
-    const std::size_t at = report.find(label);
-    return at == std::string::npos ? -1 : std::stoi(report.substr(at + label.size()));
-}
-
-}  // namespace
-
 std::string toText(const Ending& ending) {
     return (ending.bySignal ? "signal " : "exit status ") + std::to_string(ending.value);
 }
@@ -124,7 +136,7 @@ Process::Process(const std::vector<std::string>& arguments, std::string name,
     // The kernel keeps 15 characters of a program's name.
     name_.resize(std::min<std::size_t>(name_.size(), 15));
     const Pipe report = makePipe();
-    bubblewrapPid_ = spawn(arguments, streams, report.writeEnd, infoDescriptor);
+    bubblewrapPid_ = spawn(arguments, streams, PassedDescriptor{report.writeEnd, infoDescriptor});
     close(report.writeEnd);
     sandboxPid_ = readSandboxPid(report.readEnd);
     close(report.readEnd);
@@ -142,9 +154,7 @@ pid_t Process::pid() {
         if (const auto ended = ending()) {
             throw Failure(name_ + " ended with " + toText(*ended) + ".");
         }
-        std::ifstream children(
-            procFile(sandboxPid_, "task/" + std::to_string(sandboxPid_) + "/children"));
-        for (pid_t child = 0; children >> child;) {
+        for (const pid_t child : childrenOf(sandboxPid_)) {
             if (firstLine(procFile(child, "comm")) == name_) {
                 pid_ = child;
                 return true;
@@ -201,7 +211,7 @@ TemporaryFolder::TemporaryFolder() {
     // The end of this process, however it comes, closes the pipe that the shell reads.
     const Pipe pipe = makePipe();
     remover_ = spawn({"sh", "-c", "read -r _ <&3; exec rm -rf -- \"$1\"", "sh", path_}, {},
-                     pipe.readEnd, 3);
+                     PassedDescriptor{pipe.readEnd, 3});
     close(pipe.readEnd);
     lifeline_ = pipe.writeEnd;
 }

@@ -26,6 +26,22 @@ struct Streams {
     std::string errors = "/dev/null";
 };
 
+// A descriptor of ours, and its number in a program that is started.
+struct PassedDescriptor {
+    int outside;
+    int inside;
+};
+
+// Starts a program of the machine, found as a shell would, in a session of its own and with our
+// environment. Whoever starts it waits for its end. Throws Failure when it cannot be started.
+pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams = {},
+            const std::optional<PassedDescriptor>& extra = {});
+
+// The path of a file in the process's folder under /proc.
+std::string procFile(pid_t pid, const std::string& name);
+// The children that its first thread has now.
+std::vector<pid_t> childrenOf(pid_t pid);
+
 // Where a program in a sandbox finds the descriptor for bubblewrap's --info-fd.
 inline constexpr int infoDescriptor = 3;
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <utility>
 
 namespace bench {
@@ -29,13 +28,6 @@ std::string ownAddress() {
     const pid_t number = getpid();
     return "127." + std::to_string(1 + number / hosts / networks) + "." +
            std::to_string(number / hosts % networks) + "." + std::to_string(1 + number % hosts);
-}
-
-bool hasChild(pid_t process) {
-    const std::string number = std::to_string(process);
-    std::ifstream children("/proc/" + number + "/task/" + number + "/children");
-    pid_t child = 0;
-    return static_cast<bool>(children >> child);
 }
 
 }  // namespace
@@ -87,7 +79,7 @@ void WebFrontEnd::start() {
                           controller_.errorsOf("nginx") + errorLog());
         }
         // Until it turns to its workers the server forgets a signal that asks it to end.
-        return !controller_.readFile(pidFile).empty() && hasChild(started->pid());
+        return !controller_.readFile(pidFile).empty() && !childrenOf(started->pid()).empty();
     });
     nginx_ = std::move(started);
 }

@@ -72,42 +72,38 @@ std::map<std::string, Names> readCallSets() {
 
 class CallFilter {
   public:
-    CallFilter() { insert("@default"); }
+    CallFilter() { apply("@default"); }
 
     // Takes a value of SystemCallFilter= into account.
     void apply(const std::string& value) {
         const bool removes = value.starts_with('~');
         for (const std::string& name : splitWords(value.substr(removes ? 1 : 0))) {
-            removes ? remove(name) : insert(name);
+            for (const std::string& call : callsOf(name)) {
+                if (removes) {
+                    allowed_.erase(call);
+                } else {
+                    allowed_.insert(call);
+                }
+            }
         }
     }
     const Calls& allowed() const { return allowed_; }
 
   private:
-    const Names& members(const std::string& set) const {
-        const auto found = sets_.find(set);
+    // The call of this name, or all calls of a set and of the sets in it.
+    Calls callsOf(const std::string& name) const {
+        if (!name.starts_with('@')) {
+            return {name};
+        }
+        const auto found = sets_.find(name);
         if (found == sets_.end()) {
-            throw Failure("No set of system calls: " + set);
+            throw Failure("No set of system calls: " + name);
         }
-        return found->second;
-    }
-    void insert(const std::string& name) {
-        if (!name.starts_with('@')) {
-            allowed_.insert(name);
-            return;
+        Calls calls;
+        for (const std::string& member : found->second) {
+            calls.merge(callsOf(member));
         }
-        for (const std::string& member : members(name)) {
-            insert(member);
-        }
-    }
-    void remove(const std::string& name) {
-        if (!name.starts_with('@')) {
-            allowed_.erase(name);
-            return;
-        }
-        for (const std::string& member : members(name)) {
-            remove(member);
-        }
+        return calls;
     }
 
     std::map<std::string, Names> sets_ = readCallSets();

@@ -39,14 +39,7 @@ class LogTest : public SystemTest {
         controller.startDaemon();
         controller.daemon().wait();
     }
-    Words linesOf(const std::string& file) {
-        std::istringstream text(controller.readFile(file));
-        Words lines;
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    Words linesOf(const std::string& file) { return splitLines(controller.readFile(file)); }
     // The lines on standard error but for those of the store's discovery.
     Words errorLines() {
         std::istringstream text(controller.daemonErrors());

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "support/system_test.h"
 
@@ -28,18 +27,9 @@ using testing::UnorderedElementsAre;
 
 constexpr char daemonProgram[] = "/usr/local/sbin/session-service";
 
-Words linesOf(const std::string& text) {
-    std::istringstream stream(text);
-    Words lines;
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 // The mask of this name, "SigIgn" for instance, in a status file of /proc.
 unsigned long signalMask(const std::string& status, const std::string& name) {
-    for (const std::string& line : linesOf(status)) {
+    for (const std::string& line : splitLines(status)) {
         if (line.rfind(name + ":", 0) == 0) {
             return std::stoul(line.substr(name.size() + 1), nullptr, 16);
         }
@@ -67,7 +57,7 @@ class ProcessTest : public SystemTest {
             "/proc/" + std::to_string(controller.daemon().pid()) + "/fdinfo";
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
             const std::string number = entry.path().filename();
-            for (const std::string& line : linesOf(daemonFile("fdinfo/" + number))) {
+            for (const std::string& line : splitLines(daemonFile("fdinfo/" + number))) {
                 const std::string label = "flags:";
                 if (std::stoi(number) > 2 && line.rfind(label, 0) == 0 &&
                     (std::stoul(line.substr(label.size()), nullptr, 8) & O_CLOEXEC) == 0) {
@@ -93,7 +83,7 @@ class ProcessTest : public SystemTest {
     }
     void expectNothingInherited(const std::string& program) {
         // The fourth is the one through which the list was read.
-        EXPECT_THAT(linesOf(controller.readFile("/tmp/" + program + ".descriptors")),
+        EXPECT_THAT(splitLines(controller.readFile("/tmp/" + program + ".descriptors")),
                     ElementsAre("0", "1", "2", "3"))
             << program;
         const std::string status = controller.readFile("/tmp/" + program + ".status");
@@ -159,7 +149,7 @@ TEST_F(ProcessTest, GivesHelpersOfPamNoDescriptor) {
     start();
     EXPECT_EQ(frontEnd().login("anybody", "anything").status(), "OK");
     Words numbers;
-    for (const std::string& line : linesOf(controller.readFile("/tmp/descriptors"))) {
+    for (const std::string& line : splitLines(controller.readFile("/tmp/descriptors"))) {
         const std::size_t arrow = line.find(" -> ");
         if (arrow != std::string::npos) {
             numbers.push_back(line.substr(line.rfind(' ', arrow - 1) + 1,
@@ -213,7 +203,7 @@ TEST_F(ProcessTest, SwitchesCoreFilesOff) {
     // Where the machine allows core files, the daemon is started with leave to write one.
     startDaemon(limit.rlim_max > 0 ? DaemonOptions{.limits = {"--core=1"}} : DaemonOptions{});
     EXPECT_THAT(
-        linesOf(daemonFile("limits")),
+        splitLines(daemonFile("limits")),
         Contains(AllOf(StartsWith("Max core file size"), HasSubstr(" 0 "), Not(HasSubstr(" 1 ")))));
 }
 
@@ -268,7 +258,7 @@ TEST_F(ProcessTest, ExportsTheConnectionFunctionsAndNothingElseOfItsOwn) {
         {.command = {"/usr/bin/nm", "--dynamic", "--defined-only", daemonProgram}});
     ASSERT_EQ(toText(program->wait()), "exit status 0");
     std::set<std::string> names;
-    for (const std::string& line : linesOf(controller.outputOf("nm"))) {
+    for (const std::string& line : splitLines(controller.outputOf("nm"))) {
         const std::string name = line.substr(line.rfind(' ') + 1);
         // Copies of the C library's own variables carry its version. What a compiler did not
         // inline of the C++ library is that library's, too.

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "support/login_test.h"
 #include "support/trail.h"
@@ -18,15 +17,6 @@ std::string sample(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-Words linesOf(const std::string& text) {
-    std::istringstream stream(text);
-    Words lines;
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 class SampleFiles : public LoginTest {
   protected:
     void SetUp() override {}
@@ -37,7 +27,7 @@ class SampleFiles : public LoginTest {
         const std::size_t before = controller.daemonErrors().size();
         start();
         EXPECT_EQ(privilegeOf(administrator.name, administrator.password), "511");
-        Words trail = linesOf(controller.daemonErrors().substr(before));
+        Words trail = splitLines(controller.daemonErrors().substr(before));
         trail.push_back(std::to_string(store().run({"XLEN", "&&EventStream"}).integer) + " events");
         endDaemon();
         std::sort(trail.begin(), trail.end());
@@ -69,7 +59,7 @@ TEST_F(SampleFiles, OfTheSettingsChangeNothing) {
 }
 
 TEST_F(SampleFiles, OfTheSettingsNameEachKey) {
-    const Words lines = linesOf(sample("SessionService.conf"));
+    const Words lines = splitLines(sample("SessionService.conf"));
     for (const char* line :
          {"#LOG_SYSTEM=", "#LOG_FILE=", "#LOG_FILE_BAK=", "#LOG_FILE_SIZE=0", "#LOG_LEVEL=debug",
           "#GenerateResourceEvent=true", "#LogEntryCollection="}) {
@@ -99,10 +89,10 @@ TEST_F(SampleFiles, OfThePropertiesChangeNothingUntilAClientDoes) {
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "450"}}).status(), "OK");
     // It comes behind the answer; the store must not go before.
     waitUntil("the change is announced", [this] { return !lifeCycleEvents(store()).empty(); });
-    Words changed = linesOf(file);
+    Words changed = splitLines(file);
     ASSERT_EQ(changed.back(), "SessionTimeout=");
     changed.back() += "450";
-    EXPECT_EQ(linesOf(controller.readFile(persistentFile)), changed);
+    EXPECT_EQ(splitLines(controller.readFile(persistentFile)), changed);
 }
 
 TEST_F(SampleFiles, OfThePamServiceLetTheLocalAccountsIn) {

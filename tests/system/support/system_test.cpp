@@ -264,4 +264,13 @@ Words splitAtZeroBytes(const std::string& text) {
     return pieces;
 }
 
+Words splitLines(const std::string& text) {
+    std::istringstream stream(text);
+    Words lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 }  // namespace bench

@@ -112,4 +112,7 @@ class RunningSystemTest : public SystemTest {
 // Pieces of a text, each with a zero byte behind it.
 Words splitAtZeroBytes(const std::string& text);
 
+// The lines of a text, without their line feeds.
+Words splitLines(const std::string& text);
+
 }  // namespace bench
