@@ -42,9 +42,8 @@ std::string findAccountByOwner(redisContext* store, const std::string& userName)
             return {};
         }
         for (const std::string& account : page->keys) {
-            const std::string owner = store::hget(store, account, "&&OwnerName");
             // An account without an owner is nobody's, the user without a name included.
-            if (!owner.empty() && owner == userName) {
+            if (store::hgetText(store, account, "&&OwnerName") == userName) {
                 return account;
             }
         }

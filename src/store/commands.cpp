@@ -66,9 +66,17 @@ ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> ar
     return sendCommand(store, starts, lengths.data());
 }
 
-std::string hget(redisContext* store, const std::string& key, const std::string& field) {
+std::optional<std::string> hgetText(redisContext* store, const std::string& key,
+                                    const std::string& field) {
     const ReplyPtr reply = sendWords(store, "HGET", key, field);
-    return reply && reply->type == REDIS_REPLY_STRING ? textOf(reply.get()) : std::string();
+    if (!reply || reply->type != REDIS_REPLY_STRING) {
+        return std::nullopt;
+    }
+    return textOf(reply.get());
+}
+
+std::string hget(redisContext* store, const std::string& key, const std::string& field) {
+    return hgetText(store, key, field).value_or("");
 }
 
 bool hset(redisContext* store, const std::string& key, const std::string& field,

@@ -46,6 +46,10 @@ inline ConnectionPtr connect() {
 // kind of value, or there is no reply: callers treat these alike.
 std::string hget(redisContext* store, const std::string& key, const std::string& field);
 
+// The same, but an empty text is told from the other cases, which give nothing.
+std::optional<std::string> hgetText(redisContext* store, const std::string& key,
+                                    const std::string& field);
+
 // True for an integer reply of 0 (updated) or 1 (created).
 bool hset(redisContext* store, const std::string& key, const std::string& field,
           const std::string& value);

@@ -120,10 +120,10 @@ TEST(AccountOfAUser, NeedsTheWholeName) {
     EXPECT_EQ(peer.commands().size(), 6U);
 }
 
-TEST(AccountOfAUser, IsNoneForAUserWithoutAName) {
-    const RespPeer peer({page("0", {"a/1", "a/2"}), resp::nil(), resp::bulk("")});
-    EXPECT_EQ(findAccountByOwner(peer.store(), ""), "");
-    EXPECT_EQ(peer.commands().size(), 3U);
+TEST(AccountOfAUser, WithoutANameIsTheOneWhoseOwnerIsEmptyNotOneWithoutAnOwner) {
+    const RespPeer peer({page("0", {"a/1", "a/2", "a/3"}), resp::nil(), resp::error("WRONGTYPE x"),
+                         resp::bulk("")});
+    EXPECT_EQ(findAccountByOwner(peer.store(), ""), "a/3");
 }
 
 TEST(AccountOfAUser, IsNoneWithoutAccounts) {
