@@ -47,6 +47,7 @@ void prepareProcess() {
     signal(SIGPIPE, SIG_IGN);
     // A store connection must not become what diagnostics are printed on.
     occupyStandardStreams();
+    keepDescriptorsPrivate();
     keepMemoryPrivate();
     // The threads seldom work at the same time: one heap for all is smaller than one for each.
     mallopt(M_ARENA_MAX, 1);

@@ -44,6 +44,11 @@ void occupyStandardStreams() {
     close(descriptor);
 }
 
+void keepDescriptorsPrivate() {
+    // Kernels before 5.11 refuse; there is no harm in that but a restart that may have to wait.
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+}
+
 void keepMemoryPrivate() {
     // A limit of 0 stops core files; a kernel that pipes cores to a handler heeds only the
     // dumpable flag.

@@ -8,6 +8,10 @@ namespace session_service {
 // must not become what diagnostics are printed on.
 void occupyStandardStreams();
 
+// From now on the descriptors beyond the standard streams that the process was started with are
+// not for the programs that it starts: a supervisor's lock must not outlive it in one of them.
+void keepDescriptorsPrivate();
+
 // From now on the process leaves no core image behind, and other users cannot look into it:
 // passwords pass through.
 void keepMemoryPrivate();

@@ -1,10 +1,15 @@
 // The script that keeps the daemon running where there is no systemd.
+#include <gmock/gmock.h>
 #include <signal.h>
 
 #include "support/system_test.h"
 
 namespace bench {
 namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
 
 constexpr char supervise[] = "/usr/local/libexec/supervise";
 constexpr char daemonPath[] = "/usr/local/sbin/session-service";
@@ -82,6 +87,15 @@ TEST_F(Supervisor, WaitsWhileAnotherOneRuns) {
     EXPECT_TRUE(served());
     stop(*first_);
     waitUntilServed();
+}
+
+TEST_F(Supervisor, KeepsItsLockFromTheHelpersOfPam) {
+    usePamTest("env=PRIVILEGES=511 descriptors=/tmp/descriptors");
+    first_ = startSupervisor();
+    waitUntilServed();
+    EXPECT_EQ(frontEnd().login("anybody", "anything").status(), "OK");
+    EXPECT_THAT(controller.readFile("/tmp/descriptors"),
+                AllOf(HasSubstr(" 2 -> "), Not(HasSubstr(lock))));
 }
 
 TEST_F(Supervisor, ThatWaitsEndsWhenItIsTold) {
