@@ -133,6 +133,14 @@ TEST_F(Log, TakesAnEmptyBackupNameForNone) {
     EXPECT_EQ(linesOf(logFile).size(), 2U);
 }
 
+TEST_F(Log, BeginsAnewWhereItsBackupIsTheLogItself) {
+    configure(std::string("LOG_FILE=") + logFile + "\nLOG_FILE_BAK=" + logFile + "\n");
+    controller.writeFile(logFile, "the previous\n");
+    runOverTheLogAsItIs();
+    EXPECT_EQ(linesOf(logFile).size(), 2U);
+    EXPECT_THAT(errorLines(), IsEmpty());
+}
+
 struct Level {
     const char* name;
     const char* line;
@@ -193,6 +201,17 @@ TEST_F(Rotation, ReadsASizeWithBlanksAndTrailingText) {
     runWithSize("  " + std::to_string(firstLine) + " bytes");
     EXPECT_EQ(linesOf(logFile).size(), 1U);
     EXPECT_EQ(rotatedFiles().size(), 1U);
+    EXPECT_THAT(errorLines(), IsEmpty());
+}
+
+TEST_F(Rotation, ThatCannotBeDoneLeavesTheLinesWhereTheyAre) {
+    // Folders that are not empty have all the names that it could take.
+    constexpr long seconds = 600;
+    for (long second = now(); second < now() + seconds; ++second) {
+        controller.writeFile(logFile + std::to_string(second) + "/taken", "");
+    }
+    runWithSize(std::to_string(firstLine));
+    EXPECT_EQ(linesOf(logFile).size(), 2U);
     EXPECT_THAT(errorLines(), IsEmpty());
 }
 

@@ -163,6 +163,8 @@ INSTANTIATE_TEST_SUITE_P(
     Text, OddPort,
     testing::Values(OddPortText{"AnyNumber", "12345", true},
                     OddPortText{"NoPortNumber", "99999999", true},
+                    OddPortText{"TheLargestNumber", "9223372036854775807", true},
+                    OddPortText{"ALargerNumber", "9223372036854775808", false},
                     OddPortText{"ALineFeed", "\n", true}, OddPortText{"AMinus", "-1", false},
                     OddPortText{"APlus", "+1", false}, OddPortText{"ABlankInFront", " 0", false},
                     OddPortText{"ABlankBehind", "0 ", false},
@@ -187,6 +189,11 @@ TEST_F(DiscoveryOverTcp, ReachesTheStandardPort) {
     start();
     const std::string clients = store().run({"CLIENT", "LIST"}).text;
     EXPECT_THAT(clients, HasSubstr(" addr=127.0.0.1:"));
+}
+
+TEST_F(DiscoveryOverTcp, TakesZerosInFrontOfTheStandardPort) {
+    controller.writeFile(portFile, "06379");
+    start();
 }
 
 TEST_F(DiscoveryOverTcp, PrefersTheSocket) {
