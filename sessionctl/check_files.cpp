@@ -8,7 +8,6 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,7 +23,9 @@
 #include "platform/config_file.h"
 #include "platform/file_descriptor.h"
 #include "platform/secret.h"
+#include "platform/shell.h"
 #include "platform/text_file.h"
+#include "sessionctl/numbers.h"
 #include "sessionctl/output.h"
 
 namespace session_service::console {
@@ -67,12 +68,6 @@ std::string lineNumber(std::size_t index) {
     return "line " + std::to_string(index + 1);
 }
 
-bool isNumber(std::string_view text) {
-    std::int32_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && number >= 0;
-}
-
 // A setting as the daemon reads it; nothing when the file lacks it.
 std::optional<std::string> readSetting(Report& report, const char* path, const char* key) {
     std::array<char, 2 * settingSize> value{};
@@ -105,7 +100,20 @@ std::string logFault(const std::string& logFile) {
     return std::strerror(errno);
 }
 
+// Whether a log collector of this name runs, asked for as the daemon does at its start.
+bool runs(const std::string& collector) {
+    bool found = false;
+    return !collector.empty() &&
+           readCommand(("pidof " + collector).c_str(),
+                       [&](std::string_view /*numbers*/) { return found = true; }) &&
+           found;
+}
+
 void checkLog(Report& report, const char* path) {
+    // With it the other settings of the log are not read.
+    if (runs(readSetting(report, path, logSystemSetting).value_or(""))) {
+        return;
+    }
     const std::string logFile = readSetting(report, path, logFileSetting).value_or("");
     if (logFile.empty()) {
         report.warn(path,
@@ -116,8 +124,12 @@ void checkLog(Report& report, const char* path) {
                               "): the log goes to standard error.");
     }
     const std::string size = readSetting(report, path, logSizeSetting).value_or("");
-    if (!size.empty() && !isNumber(size)) {
+    const std::int32_t bytes = leadingNumber(size).value_or(-1);
+    if (!size.empty() && bytes < 0) {
         report.warn(path, std::string(logSizeSetting) + " is no number: the log is not rotated.");
+    } else if (!size.empty() && !isPlain(size, bytes)) {
+        report.warn(
+            path, std::string(logSizeSetting) + " counts as " + std::to_string(bytes) + " bytes.");
     }
     const std::string level = readSetting(report, path, logLevelSetting).value_or("debug");
     if (level != "error" && level != "debug") {
@@ -157,6 +169,12 @@ void checkGroupLine(Report& report, const char* path, const std::string& line,
         report.warn(path, where + " leaves " + std::string(key) + " off: on is exactly " +
                               groupingEnabledText);
     }
+}
+
+// As a change of the setting writes them; nothing before the first one.
+bool isSeconds(const std::string& value) {
+    const std::int32_t seconds = leadingNumber(value).value_or(0);
+    return value.empty() || (seconds > 0 && isPlain(value, seconds));
 }
 
 bool startsWithNumber(const std::string& text) {
@@ -232,7 +250,7 @@ void checkProperties(Report& report, const char* path) {
             if (isComment(line)) {
                 report.warn(path, lineNumber(i) + " mentions " + name +
                                       " in a comment, which the next change overwrites.");
-            } else if (!line.starts_with(name + '=') || !isNumber(line.substr(name.size() + 1))) {
+            } else if (!line.starts_with(name + '=') || !isSeconds(line.substr(name.size() + 1))) {
                 report.fail(path, lineNumber(i) + " must read " + name + "=SECONDS.");
             }
         }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
@@ -13,6 +12,7 @@
 #include "frame/file_names.h"
 #include "frame/resource_names.h"
 #include "platform/config_file.h"
+#include "sessionctl/numbers.h"
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
 #include "sessionctl/store_access.h"
@@ -35,15 +35,6 @@ std::string infoOf(const std::string& information, const std::string& name) {
     return information.substr(value, information.find_first_of("\r\n", value) - value);
 }
 
-std::optional<std::int32_t> numberOf(std::string_view text) {
-    std::int32_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return number;
-}
-
 // The hash at the key. Nothing, with the reason told, when there is none.
 std::optional<Fields> readResource(Report& report, redisContext* store, const std::string& key) {
     const store::Answer answer = ask(store, {"HGETALL", key});
@@ -61,11 +52,13 @@ std::optional<Fields> readResource(Report& report, redisContext* store, const st
 void checkService(Report& report, redisContext* store) {
     if (const auto service = readResource(report, store, serviceUri)) {
         const std::string timeout = fieldOf(*service, sessionTimeoutField);
-        const auto seconds = numberOf(timeout);
-        if (!seconds || *seconds <= 0) {
-            report.fail(serviceUri, std::string(sessionTimeoutField) + " is \"" +
-                                        harmless(timeout) +
-                                        "\": sessions expire at once. Give it seconds.");
+        const std::string found =
+            std::string(sessionTimeoutField) + " is \"" + harmless(timeout) + "\"";
+        const std::int32_t seconds = leadingNumber(timeout).value_or(0);
+        if (seconds <= 0) {
+            report.fail(serviceUri, found + ": sessions expire at once. Give it seconds.");
+        } else if (!isPlain(timeout, seconds)) {
+            report.warn(serviceUri, found + ", which counts as " + std::to_string(seconds) + ".");
         }
         const std::string enabled = fieldOf(*service, serviceEnabledField);
         if (enabled == "false") {
@@ -103,8 +96,10 @@ void checkMembers(Report& report, redisContext* store, std::int32_t count) {
 
 void checkCollection(Report& report, redisContext* store) {
     if (const auto collection = readResource(report, store, collectionUri)) {
-        const auto count = numberOf(fieldOf(*collection, membersCountField));
-        if (!count) {
+        const std::string stored = fieldOf(*collection, membersCountField);
+        const auto count = leadingNumber(stored);
+        // The store itself counts up and down.
+        if (!count || !isPlain(stored, *count)) {
             report.fail(collectionUri, membersCountField +
                                            " is no number: deletions fail. Set it to the number "
                                            "of members.");
@@ -189,12 +184,13 @@ void checkStoredSettings(Report& report, redisContext* store) {
         report.warn(defaultValuesKey, harmless(answer.text) + ": the built-in values count.");
     }
     const std::string lifetime = fieldOf(settings, messageLifetimeField);
-    if (!lifetime.empty() && !numberOf(lifetime)) {
+    if (!lifetime.empty() && std::strtoll(lifetime.c_str(), nullptr, 10) <= 0) {
         report.warn(defaultValuesKey, std::string(messageLifetimeField) +
-                                          " is no number: messages live for one second.");
+                                          " is no positive number: messages live for one second.");
     }
     const std::string largest = fieldOf(settings, largestEventGroupField);
-    if (!largest.empty() && numberOf(largest).value_or(0) <= 0) {
+    if (!largest.empty() &&
+        (largest.find('.') != std::string::npos || leadingNumber(largest).value_or(0) <= 0)) {
         report.warn(defaultValuesKey, std::string(largestEventGroupField) +
                                           " is no positive number: the built-in value counts.");
     }

@@ -92,7 +92,8 @@ int runWith(const Options& options, const std::string& command, const std::strin
 }
 
 int run(int argumentCount, char** arguments, Options& options) {
-    enum { json = 'j', timeout = 't', help = 'h', version = 'v' };
+    // Beyond the letters, of which none is an option.
+    enum { json = 256, timeout, help, version };
     const std::array<option, 5> known{{{"json", no_argument, nullptr, json},
                                        {"timeout", required_argument, nullptr, timeout},
                                        {"help", no_argument, nullptr, help},
@@ -112,10 +113,12 @@ int run(int argumentCount, char** arguments, Options& options) {
                 return print(usage) ? done : failed;
             case version:
                 return print("sessionctl " SESSIONCTL_VERSION "\n") ? done : failed;
-            default:
-                misused("\"" + harmless(arguments[optind - 1]) +
-                        "\" is no option, or lacks its "
-                        "value.");
+            default: {
+                const bool isLetter = optopt > 0 && optopt < json;
+                const std::string refused = isLetter ? std::string{'-', static_cast<char>(optopt)}
+                                                     : std::string(arguments[optind - 1]);
+                misused("\"" + harmless(refused) + "\" is no option, or lacks its value.");
+            }
         }
     }
     switch (argumentCount - optind) {

@@ -113,15 +113,27 @@ class ServiceCheck {
 
     void conclude() {
         for (const char* type : {"auth", "account"}) {
-            if (complete && types.find(type) == types.end()) {
-                report.fail(subject,
-                            std::string("It has no rule of type ") + type + ": nobody can log in.");
+            if (!complete || types.contains(type)) {
+                continue;
+            }
+            const std::string found = std::string("It has no rule of type ") + type;
+            if (othersHave(type)) {
+                report.warn(subject, found + ": those of the service other count.");
+            } else {
+                report.fail(subject, found + ": nobody can log in.");
             }
         }
         report.conclude(subject, "all its modules are there");
     }
 
   private:
+    // Where a service has no rule of a type, libpam takes those of the service for all others.
+    static bool othersHave(const char* type) {
+        Report unused;
+        ServiceCheck others(unused, "other");
+        others.follow("other", type);
+        return others.types.contains(type);
+    }
     void checkModule(const PamRule& rule) {
         const std::string path =
             rule.module.starts_with('/') ? rule.module : moduleFolder + rule.module;

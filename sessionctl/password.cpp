@@ -39,8 +39,7 @@ class SilentTerminal {
     bool changed = false;
 };
 
-// Byte by byte: what follows the line is for questions that PAM modules ask. False when there
-// is no line, or only one too long.
+// Byte by byte: no buffer keeps a copy. False when there is no line, or only one too long.
 bool readLine(const Interruption& interruption, std::string& line) {
     for (;;) {
         char character = '\0';

@@ -1,6 +1,7 @@
 // Standard streams that lead elsewhere for a while.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,11 +10,11 @@
 
 namespace session_service::console {
 
-// As long as it lives, what is written to the standard stream `stream` goes where `target`
-// leads, for children too.
+// As long as it lives, the standard stream `stream` leads where `target` does, for children too.
 class Redirection {
   public:
-    Redirection(int stream, int target) : redirected(stream), kept(dup(stream)) {
+    Redirection(int stream, int target)
+        : redirected(stream), kept(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
         std::fflush(nullptr);
         dup2(target, redirected);
     }

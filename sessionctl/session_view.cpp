@@ -1,6 +1,5 @@
 #include "sessionctl/session_view.h"
 
-#include <cstdlib>
 #include <utility>
 
 #include "frame/resource_names.h"
@@ -16,7 +15,7 @@ namespace {
 using Kind = store::Answer::Kind;
 
 long long secondsOf(const Fields& fields, const char* name) {
-    return std::strtoll(fieldOf(fields, name).c_str(), nullptr, 10);
+    return parseSeconds(fieldOf(fields, name));
 }
 
 // Reads the token's record. What keeps the daemon from telling when the session was used

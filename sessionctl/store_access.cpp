@@ -39,13 +39,15 @@ std::string addressOf(const ConnectionInfo& info) {
     throw Problem(storeUnreachable, sentence);
 }
 
+// A refusal is shown up to `end`.
 void requireAnswer(const store::Answer& answer, const std::string& address,
-                   const std::string& advice) {
+                   const std::string& advice, const char* end = "") {
     if (answer.kind == Kind::lost) {
         fail("The store at " + address + " does not answer.");
     }
     if (answer.kind == Kind::refused) {
-        fail("The store at " + address + " refuses: " + harmless(answer.text) + ". " + advice);
+        const std::string reason = answer.text.substr(0, answer.text.find_first_of(end));
+        fail("The store at " + address + " refuses: " + harmless(reason) + ". " + advice);
     }
 }
 
@@ -69,7 +71,9 @@ OpenStore openStore(std::chrono::seconds patience) {
     }
     if (info->password[0] != '\0') {
         requireAnswer(store::ask(connection, {"AUTH", info->password}), opened.address,
-                      "Does redis.requirepass hold the server's password, without a line feed?");
+                      "Does redis.requirepass hold the server's password, without a line feed?",
+                      // A server that does not know the command says what it was given.
+                      ",");
     }
     requireAnswer(store::ask(connection, {"PING"}), opened.address,
                   "Does it want a password that redis.requirepass lacks, or is it still loading?");

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -140,8 +141,10 @@ int tryLogin(const Options& options, const std::string& user) {
     LoginFindings findings;
     int result = loginRefused;
     {
-        // What modules tell the user belongs to no document.
+        // What modules tell the user belongs to no document, and nobody answers the daemon's.
         const Redirection messages(STDOUT_FILENO, STDERR_FILENO);
+        const FileDescriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const Redirection answers(STDIN_FILENO, nothing.get());
         result = authenticateUser(user.c_str(), password.text.c_str(), "", privilege.data(),
                                   privilegeSize, findings);
     }

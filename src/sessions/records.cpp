@@ -2,6 +2,8 @@
 
 #include <sys/sysinfo.h>
 
+#include <cstdlib>
+
 #include "frame/resource_names.h"
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
@@ -65,6 +67,10 @@ bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
     }
     const SecretText key{tokenRecordPrefix + session.token.text};
     return store::hsetMany(store, key.text, fields);
+}
+
+std::int32_t parseSeconds(const std::string& text) {
+    return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
 }
 
 long uptimeSeconds() {

@@ -5,6 +5,7 @@
 // "&&" and the fields of the token record hold bare text.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "platform/secret.h"
@@ -52,6 +53,10 @@ void writeTokenReference(redisContext* store, const NewSession& session);
 // False when the store refused it or is lost.
 bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
                             const std::string& timeout);
+
+// The number of seconds that a field of the token record begins with, kept in 32 bits; 0 without
+// digits.
+std::int32_t parseSeconds(const std::string& text);
 
 // Seconds since the kernel started: the clock of session activity and expiry.
 long uptimeSeconds();

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -24,10 +23,6 @@ namespace session_service {
 namespace {
 
 constexpr useconds_t passInterval = 1'000'000;
-
-std::int32_t parseSeconds(const std::string& text) {
-    return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
-}
 
 bool hasExpired(redisContext* store, const std::string& uri) {
     const SecretText quotedToken{

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "support/sessionctl_test.h"
 
 namespace bench {
@@ -12,6 +14,7 @@ using testing::AllOf;
 using testing::Each;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr char groupFile[] = "/etc/pam.d/q73.conf";
@@ -97,12 +100,14 @@ TEST_F(CheckingARunningService, LooksAtTheResources) {
     expectFoundInField(serviceUri, "SessionTimeout",
                        {{"soon", "FAILED", "SessionTimeout is \"soon\""},
                         {"", "FAILED", "sessions expire at once"},
-                        {"0", "FAILED", "SessionTimeout is \"0\""}});
+                        {"0", "FAILED", "SessionTimeout is \"0\""},
+                        {"300 s", "warning", "SessionTimeout is \"300 s\", which counts as 300"}});
     expectFoundInField(serviceUri, "ServiceEnabled",
                        {{"false", "warning", "logins and deletions are refused"},
                         {"False", "warning", "which counts as true"}});
     expectFoundInField(sessionsUri, "Members@odata.count",
                        {{"x", "FAILED", "deletions fail"},
+                        {"0x", "FAILED", "deletions fail"},
                         {"3", "warning", "Members@odata.count is 3, but the list has 0"}});
     expectAllWell();
     store().del(serviceUri);
@@ -124,9 +129,13 @@ TEST_F(CheckingARunningService, LooksAtTheMembers) {
 
 TEST_F(CheckingARunningService, LooksAtTheSettingsInTheStore) {
     expectFoundInField("webDefaultValue", "REDIS_CONNECTION_DEFAULT_TIMEOUT",
-                       {{"x", "warning", "messages live for one second"}});
+                       {{"x", "warning", "messages live for one second"},
+                        {"-5000", "warning", "messages live for one second"},
+                        {"5000 ms", "ok", "no bad values"}});
     expectFoundInField("webDefaultValue", "MAX_EVENT_GROUP_ID",
-                       {{"0", "warning", "MAX_EVENT_GROUP_ID is no positive number"}});
+                       {{"0", "warning", "MAX_EVENT_GROUP_ID is no positive number"},
+                        {"1.5", "warning", "the built-in value counts"},
+                        {"12abc", "ok", "no bad values"}});
     store().run({"SET", "webDefaultValue", "x"});
     expectFound("warning", "webDefaultValue", "WRONGTYPE");
 }
@@ -142,7 +151,7 @@ TEST_F(CheckingARunningService, LooksAtTheScripts) {
     controller.writeFile(configurationFile,
                          "LOG_FILE=/var/log/session-service.log\nGenerateResourceEvent=false\n");
     for (const json& finding : findings()) {
-        EXPECT_THAT(finding.at("subject"), testing::Not(StartsWith("script")));
+        EXPECT_THAT(finding.at("subject"), Not(StartsWith("script")));
     }
 }
 
@@ -184,13 +193,29 @@ TEST_F(Checking, LooksAtTheFilesAllTheSameWithoutAStore) {
     expectFound("FAILED", "store", "WRONGPASS");
 }
 
+TEST_F(Checking, ShowsNothingOfThePasswordThatTheStoreRefuses) {
+    constexpr char configuration[] = "/etc/redis/redis.conf";
+    controller.writeFile(configuration,
+                         controller.readFile(configuration) + "rename-command AUTH LOGIN\n");
+    const auto server =
+        controller.startProgram({.command = {"/usr/bin/redis-server", configuration}});
+    waitUntil("the store listens",
+              [this] { return std::filesystem::exists(controller.path("/run/redis/redis.sock")); });
+    const Outcome outcome = sessionctl({"check"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.output,
+                AllOf(HasSubstr("refuses: ERR unknown command"), HasSubstr("redis.requirepass"),
+                      Not(HasSubstr(controller.storePassword()))));
+}
+
 TEST_F(Checking, LooksAtTheConfiguration) {
     expectFoundIn(
         configurationFile,
         {{"", "warning", "LOG_FILE is not given"},
          {"LOG_FILE=/nowhere/log\n", "FAILED", "/nowhere/log cannot be written (No such file"},
          {"LOG_FILE=/var\n", "FAILED", "cannot be written (Is a directory)"},
-         {"LOG_FILE_SIZE=1M\n", "warning", "LOG_FILE_SIZE is no number"},
+         {"LOG_FILE_SIZE=1M\n", "warning", "LOG_FILE_SIZE counts as 1 bytes"},
+         {"LOG_FILE_SIZE=M\n", "warning", "LOG_FILE_SIZE is no number"},
          {"LOG_FILE_SIZE=-1\n", "warning", "LOG_FILE_SIZE is no number"},
          {"LOG_LEVEL=Error\n", "warning", "it means debug"},
          {"GenerateResourceEvent=off\n", "warning", "it means true"},
@@ -199,6 +224,16 @@ TEST_F(Checking, LooksAtTheConfiguration) {
          {"LOG_LEVEL=debug\n", "warning", "LogEntryCollection is not given"}});
     controller.removeFile(configurationFile);
     expectFound("warning", configurationFile, "No such file or directory");
+}
+
+TEST_F(Checking, LooksAtNoLogFileWhereACollectorRuns) {
+    const std::string lines =
+        "LogEntryCollection=/redfish/v1/Managers/1/LogServices/AuditLog/Entries\n"
+        "LOG_FILE=/nowhere/log\nLOG_SYSTEM=";
+    expectFoundIn(configurationFile,
+                  {{lines + "\n", "FAILED", "/nowhere/log cannot be written"},
+                   {lines + "collector\n", "FAILED", "/nowhere/log cannot be written"},
+                   {lines + "sessionctl\n", "ok", "log, events and audit entries are set up"}});
 }
 
 TEST_F(Checking, LooksAtTheGroupsAndTheirPrivileges) {
@@ -222,7 +257,9 @@ TEST_F(Checking, LooksAtTheProperties) {
     expectFoundIn(persistentFile,
                   {{"SessionTimeout=soon\n", "FAILED", "line 1 must read SessionTimeout=SECONDS"},
                    {"SessionTimeout = 3\n", "FAILED", "line 1 must read"},
-                   {"SessionTimeout=\n", "FAILED", "line 1 must read"},
+                   {"SessionTimeout=300 s\n", "FAILED", "line 1 must read"},
+                   {"SessionTimeout=0\n", "FAILED", "line 1 must read"},
+                   {"SessionTimeout=\n", "ok", "readable and writable"},
                    {"# SessionTimeout\n", "warning", "in a comment"},
                    {"Other=1\n", "warning", "No line gives SessionTimeout"}});
     controller.removeFile(persistentFile);
@@ -260,6 +297,12 @@ TEST_F(Checking, LooksAtThePamService) {
         usePamLines(lines);
         expectFound("FAILED", pamSubject, text);
     }
+    controller.writeFile("/etc/pam.d/other", "@include everybody\n");
+    controller.writeFile("/etc/pam.d/everybody", account);
+    usePamLines("auth required pam_permit.so\n");
+    expectFound("warning", pamSubject, "no rule of type account: those of the service other count");
+    usePamLines(account);
+    expectFound("FAILED", pamSubject, "It has no rule of type auth: nobody");
     controller.writeFile("/etc/pam.d/common", "auth required pam_permit.so # pam_nowhere.so\n" +
                                                   account + "-session optional pam_nowhere.so\n" +
                                                   "password required pam_nowhere.so\n");

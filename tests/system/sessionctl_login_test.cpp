@@ -125,6 +125,13 @@ TEST_F(Trying, KeepsWhatModulesPrintOutOfTheDocument) {
     EXPECT_THAT(outcome.errors, HasSubstr("greetings\n"));
 }
 
+TEST_F(Trying, AnswersNoOtherQuestionAsNobodyAnswersTheDaemon) {
+    usePamTest("style=echo_on prompt=Code: env=PRIVILEGES=511");
+    const Outcome outcome = sessionctl({"login", "somebody", "--json"}, "x\n1234\n");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_FALSE(outcome.json().at("admitted"));
+}
+
 TEST_F(Trying, PassesThePasswordOnAsItIs) {
     usePamLines(
         "auth required /usr/local/lib/security/pam_test.so [password=two words\"] "

@@ -409,6 +409,14 @@ TEST_F(Calling, InAWrongWayIsExplained) {
     }
 }
 
+TEST_F(Calling, WithABadOptionNamesIt) {
+    for (const auto& [argument, named] : std::vector<std::pair<std::string, std::string>>{
+             {"-json", "-j"}, {"--jsno", "--jsno"}, {"--json=x", "--json=x"}}) {
+        EXPECT_THAT(sessionctl({argument, "list"}).errors,
+                    StartsWith("sessionctl: \"" + named + "\" is no option"));
+    }
+}
+
 TEST_F(Calling, FailsWhenTheOutputCannotBeWritten) {
     const auto process = controller.startProgram(
         {.command = {"/bin/sh", "-c", std::string(program) + " --help >/dev/full"},
