@@ -65,14 +65,16 @@ static int put(pam_handle_t* handle, const char* name, const char* value, const 
     return status;
 }
 
-/* Whether the user is in the group that a role argument's GROUP:VALUE names. */
-static bool has_role(pam_handle_t* handle, const char* user, const char* role) {
+/* Tells whether the user is in the group that a role argument's GROUP:VALUE names. */
+static int look_up_role(pam_handle_t* handle, const char* user, const char* role, bool* member) {
     char* group = strndup(role, strcspn(role, ":"));
-    const bool member =
-        group != NULL && pam_modutil_user_in_group_nam_nam(handle, user, group) == 1;
 
+    if (group == NULL) {
+        return PAM_BUF_ERR;
+    }
+    *member = pam_modutil_user_in_group_nam_nam(handle, user, group) == 1;
     free(group);
-    return member;
+    return PAM_SUCCESS;
 }
 
 /* The first role that the user has decides; without any role argument the name of the
@@ -83,11 +85,17 @@ static int put_role(pam_handle_t* handle, const char* user, const char* attribut
 
     for (int i = 0; i < argc; ++i) {
         const char* role = after(argv[i], "role=");
+        bool member = false;
+        int status;
         if (role == NULL) {
             continue;
         }
         roles_given = true;
-        if (has_role(handle, user, role)) {
+        status = look_up_role(handle, user, role, &member);
+        if (status != PAM_SUCCESS) {
+            return status;
+        }
+        if (member) {
             return put(handle, attribute, strchr(role, ':') + 1, "");
         }
     }

@@ -27,6 +27,7 @@
 #include "platform/text_file.h"
 #include "sessionctl/numbers.h"
 #include "sessionctl/output.h"
+#include "store/commands.h"
 
 namespace session_service::console {
 namespace {
@@ -171,10 +172,23 @@ void checkGroupLine(Report& report, const char* path, const std::string& line,
     }
 }
 
-// As a change of the setting writes them; nothing before the first one.
-bool isSeconds(const std::string& value) {
-    const std::int32_t seconds = leadingNumber(value).value_or(0);
-    return value.empty() || (seconds > 0 && isPlain(value, seconds));
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::vector<std::string> words;
+    store::appendWords(words, text);
+    return words;
+}
+
+// Whether the daemon takes the line for the property, with seconds for its value or, before the
+// first change, nothing.
+bool givesSeconds(const std::string& line, const std::string& property) {
+    const std::size_t separator = line.find('=');
+    if (separator == std::string::npos ||
+        wordsOf(line.substr(0, separator)) != std::vector{property}) {
+        return false;
+    }
+    const std::vector<std::string> value = wordsOf(line.substr(separator + 1));
+    const std::int32_t seconds = value.size() == 1 ? leadingNumber(value[0]).value_or(0) : 0;
+    return separator + 1 == line.size() || (seconds > 0 && isPlain(value[0], seconds));
 }
 
 bool startsWithNumber(const std::string& text) {
@@ -250,7 +264,7 @@ void checkProperties(Report& report, const char* path) {
             if (isComment(line)) {
                 report.warn(path, lineNumber(i) + " mentions " + name +
                                       " in a comment, which the next change overwrites.");
-            } else if (!line.starts_with(name + '=') || !isSeconds(line.substr(name.size() + 1))) {
+            } else if (!givesSeconds(line, name)) {
                 report.fail(path, lineNumber(i) + " must read " + name + "=SECONDS.");
             }
         }

@@ -17,6 +17,7 @@
 #include "sessionctl/session_view.h"
 #include "sessionctl/store_access.h"
 #include "sessions/creation.h"
+#include "sessions/records.h"
 
 namespace session_service::console {
 namespace {
@@ -54,7 +55,7 @@ void checkService(Report& report, redisContext* store) {
         const std::string timeout = fieldOf(*service, sessionTimeoutField);
         const std::string found =
             std::string(sessionTimeoutField) + " is \"" + harmless(timeout) + "\"";
-        const std::int32_t seconds = leadingNumber(timeout).value_or(0);
+        const std::int32_t seconds = parseSeconds(timeout);
         if (seconds <= 0) {
             report.fail(serviceUri, found + ": sessions expire at once. Give it seconds.");
         } else if (!isPlain(timeout, seconds)) {
@@ -72,19 +73,27 @@ void checkService(Report& report, redisContext* store) {
     report.conclude(serviceUri, "there, enabled, with a timeout");
 }
 
+std::string adviceFor(const SessionView& view) {
+    if (view.fault == namesNoSession) {
+        return "; take it out of " + membersKey + " with LREM";
+    }
+    return view.fault == noSessionRecord ? "; \"sessionctl delete\" it" : "";
+}
+
 void checkMembers(Report& report, redisContext* store, std::int32_t count) {
     const std::vector<std::string> members = readMembers(store);
     if (static_cast<std::size_t>(count) != members.size()) {
         report.warn(collectionUri, membersCountField + " is " + std::to_string(count) +
                                        ", but the list has " + std::to_string(members.size()) +
-                                       " members.");
+                                       " members: set it to that.");
     }
     int taken = 0;
     for (const std::string& member : members) {
         const SessionView view = readMember(store, member);
         taken += view.counted ? 1 : 0;
         if (!view.fault.empty()) {
-            report.warn(collectionUri, "Member " + harmless(view.id) + ": " + view.fault + ".");
+            report.warn(collectionUri,
+                        "Member " + harmless(view.id) + ": " + view.fault + adviceFor(view) + ".");
         }
     }
     if (taken >= mostSessions) {
@@ -98,11 +107,14 @@ void checkCollection(Report& report, redisContext* store) {
     if (const auto collection = readResource(report, store, collectionUri)) {
         const std::string stored = fieldOf(*collection, membersCountField);
         const auto count = leadingNumber(stored);
-        // The store itself counts up and down.
-        if (!count || !isPlain(stored, *count)) {
+        if (stored.empty()) {
             report.fail(collectionUri, membersCountField +
-                                           " is no number: deletions fail. Set it to the number "
-                                           "of members.");
+                                           " is missing: deletions leave members behind. Set it to "
+                                           "their number.");
+        } else if (!count || !isPlain(stored, *count)) {
+            report.warn(collectionUri, membersCountField + " is \"" + harmless(stored) +
+                                           "\", with which the store cannot count. Set it to the "
+                                           "number of members.");
         } else {
             try {
                 checkMembers(report, store, *count);

@@ -37,10 +37,11 @@ std::string expiryText(const SessionView& view) {
     return *view.expiresIn > 0 ? durationText(*view.expiresIn) : "now";
 }
 
-json valuesOf(const Fields& fields) {
+// Public properties are stored as JSON, what is the daemon's own as bare text.
+json resourceOf(const SessionView& view) {
     json values = json::object();
-    for (const auto& [name, value] : fields) {
-        values[name] = jsonValue(value);
+    for (const auto& [name, value] : view.resource) {
+        values[name] = name.starts_with("&&") ? json(value) : jsonValue(value);
     }
     return values;
 }
@@ -104,8 +105,8 @@ int showSession(const Options& options, const std::string& id) {
     json document = summaryOf(view);
     document["uri"] = sessionUriOf(id);
     document["inCollection"] = member;
-    document["resource"] = valuesOf(view.resource);
-    document["tokenRecord"] = valuesOf(view.tokenRecord);
+    document["resource"] = resourceOf(view);
+    document["tokenRecord"] = view.tokenRecord;
     return print(jsonText(document)) ? done : failed;
 }
 

@@ -114,7 +114,7 @@ int run(int argumentCount, char** arguments, Options& options) {
             case version:
                 return print("sessionctl " SESSIONCTL_VERSION "\n") ? done : failed;
             default: {
-                const bool isLetter = optopt > 0 && optopt < json;
+                const bool isLetter = optopt != 0 && optopt < json;
                 const std::string refused = isLetter ? std::string{'-', static_cast<char>(optopt)}
                                                      : std::string(arguments[optind - 1]);
                 misused("\"" + harmless(refused) + "\" is no option, or lacks its value.");
@@ -137,7 +137,7 @@ int run(int argumentCount, char** arguments, Options& options) {
 int report(const Options& options, int status, const std::string& sentence) {
     if (!options.json || status == wrongUsage) {
         std::fprintf(stderr, "sessionctl: %s\n", sentence.c_str());
-    } else if (!print(jsonText({{"error", sentence}}))) {
+    } else if (!print(jsonText({{"error", sentence}}, -1))) {
         return failed;
     }
     return status;

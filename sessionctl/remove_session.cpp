@@ -1,9 +1,14 @@
+#include <poll.h>
+#include <signal.h>
+
 #include <algorithm>
+#include <cstdio>
 
 #include "frame/resource_names.h"
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
 #include "sessionctl/commands.h"
+#include "sessionctl/interruption.h"
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
 #include "sessionctl/store_access.h"
@@ -29,58 +34,74 @@ Keys drawKeys() {
     return {prefix + "/request", prefix + "/reply"};
 }
 
-// Clears them away. The reply's stays, to end by itself, where the daemon may still write it.
-struct Leftovers {
-    redisContext* store;
-    Keys keys;
-    bool replyMayCome = false;
-
-    ~Leftovers() {
-        store::send(store, {"DEL", keys.request});
-        if (!replyMayCome) {
-            store::send(store, {"DEL", keys.reply});
-        }
-    }
-};
+// Takes the request back, and clears the reply away unless the daemon may still write it; that
+// ends by itself. False when the store did not answer.
+bool clearAway(redisContext* store, const Keys& keys, bool replyMayCome) {
+    return store::send(store, {"DEL", keys.request}) &&
+           (replyMayCome || store::send(store, {"DEL", keys.reply}));
+}
 
 struct DaemonReply {
     std::string status;
     std::vector<std::string> messages;  // oldest first
 };
 
-void require(const store::Answer& answer, Kind kind) {
-    if (answer.kind != kind) {
+[[noreturn]] void throwUncertain() {
+    throw Problem(storeUnreachable,
+                  "The store has stopped answering. The deletion may still be carried out.");
+}
+
+void requireTaken(const store::Answer& answer) {
+    if (answer.kind == Kind::refused) {
         throw Problem(failed, "The store does not take the request: " + harmless(answer.text));
     }
 }
 
-// Both entries end by themselves should this process be ended; the daemon adds to the reply
-// without giving it a longer life.
-void storeRequest(redisContext* store, const Keys& keys, const std::string& id,
-                  std::chrono::seconds patience) {
+// Stores the request and announces it in one step: nothing stays for ever, whenever this process
+// or the store ends, for the entries end by themselves, and the daemon adds to the reply without
+// giving it a longer life. Returns how many listened.
+long long announce(redisContext* store, const Keys& keys, const std::string& id,
+                   std::chrono::seconds patience) {
     const std::string lifetime = std::to_string(patience.count() + 60);
-    require(ask(store, {"HSET", keys.request, requestMethodField, "DELETE", targetUriField,
-                        sessionUriOf(id), returnChannelField, keys.reply}),
-            Kind::integer);
-    require(ask(store, {"EXPIRE", keys.request, lifetime}), Kind::integer);
-    require(ask(store, {"HSET", keys.reply, "&&RequestKey", keys.request}), Kind::integer);
-    require(ask(store, {"EXPIRE", keys.reply, lifetime}), Kind::integer);
+    const std::string notice = keys.request + ' ' + keys.reply;
+    requireTaken(ask(store, {"MULTI"}));
+    requireTaken(ask(store, {"HSET", keys.request, requestMethodField, "DELETE", targetUriField,
+                             sessionUriOf(id), returnChannelField, keys.reply}));
+    requireTaken(ask(store, {"EXPIRE", keys.request, lifetime}));
+    requireTaken(ask(store, {"HSET", keys.reply, "&&RequestKey", keys.request}));
+    requireTaken(ask(store, {"EXPIRE", keys.reply, lifetime}));
+    requireTaken(ask(store, {"PUBLISH", deleteChannel, notice}));
+    const store::Answer outcome = store::ask(store, {"EXEC"});
+    if (outcome.kind == Kind::lost) {
+        throwUncertain();
+    }
+    requireTaken(outcome);
+    return outcome.elements.empty() ? 0 : outcome.elements.back().integer;
 }
 
-// Waits for the announcement that the reply is there.
-bool waitForReply(redisContext* subscription, const std::string& replyKey,
-                  std::chrono::seconds patience) {
+// Waits for the announcement that the reply is there. False when it did not come in time, or
+// before a signal.
+bool waitForReply(const Interruption& interruption, redisContext* subscription,
+                  const std::string& replyKey, std::chrono::seconds patience) {
     const Clock::time_point end = Clock::now() + patience;
-    while (Clock::now() < end) {
+    for (;;) {
+        const Clock::duration left = end - Clock::now();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        const std::chrono::nanoseconds rest = left - seconds;
+        const timespec limit{.tv_sec = static_cast<time_t>(seconds.count()),
+                             .tv_nsec = static_cast<long>(rest.count())};
+        if (left <= Clock::duration::zero() ||
+            interruption.wait(store::descriptorOf(subscription), POLLIN, &limit) == 0) {
+            return false;
+        }
         const auto announcement = store::readAnnouncement(subscription);
         if (!announcement) {
-            return false;
+            throwUncertain();
         }
         if (announcement->text == replyKey) {
             return true;
         }
     }
-    return false;
 }
 
 // Reads the reply and removes its messages.
@@ -99,28 +120,37 @@ DaemonReply takeReply(redisContext* store, const std::string& replyKey) {
 }
 
 DaemonReply exchange(const Options& options, redisContext* store, const std::string& id) {
-    Leftovers leftovers{.store = store, .keys = drawKeys()};
-    const Keys& keys = leftovers.keys;
+    const Keys keys = drawKeys();
     const OpenStore subscription = openStore(options.patience);
     if (!store::subscribe(subscription.connection.get(), keys.reply)) {
         throw Problem(storeUnreachable, "The store has stopped answering.");
     }
-    storeRequest(store, keys, id, options.patience);
-    const store::Answer receivers =
-        ask(store, {"PUBLISH", deleteChannel, keys.request + ' ' + keys.reply});
-    require(receivers, Kind::integer);
-    if (receivers.integer == 0) {
-        throw Problem(failed,
-                      "Nobody listens for deletions: the daemon is not running, or no longer "
-                      "serves. Start it again.");
+    int signal = 0;
+    {
+        const Interruption interruption;
+        if (announce(store, keys, id, options.patience) == 0) {
+            clearAway(store, keys, false);
+            throw Problem(failed,
+                          "Nobody listens for deletions: the daemon is not running, or no longer "
+                          "serves. Start it again.");
+        }
+        if (waitForReply(interruption, subscription.connection.get(), keys.reply,
+                         options.patience)) {
+            DaemonReply reply = takeReply(store, keys.reply);
+            clearAway(store, keys, false);
+            return reply;
+        }
+        if (!clearAway(store, keys, true)) {
+            throwUncertain();
+        }
+        signal = Interruption::caught();
     }
-    if (!waitForReply(subscription.connection.get(), keys.reply, options.patience)) {
-        leftovers.replyMayCome = true;
-        throw Problem(failed,
-                      "The daemon has not answered. The deletion was taken back, unless "
-                      "it is being carried out.");
+    const std::string takenBack = "The deletion was taken back, unless it is being carried out.";
+    if (signal != 0) {
+        std::fprintf(stderr, "sessionctl: %s\n", takenBack.c_str());
+        raise(signal);
     }
-    return takeReply(store, keys.reply);
+    throw Problem(failed, "The daemon has not answered. " + takenBack);
 }
 
 const char* meaningOf(const std::string& message) {
@@ -134,7 +164,9 @@ const char* meaningOf(const std::string& message) {
         return "the sessions are busy; try again";
     }
     if (message == databaseOperationError) {
-        return "the collection has no count, or the store failed; see the daemon's log";
+        return "the session may have ended and be a member still: try \"sessionctl check\", and "
+               "see "
+               "the daemon's log";
     }
     return "";
 }
@@ -174,7 +206,7 @@ int removeSession(const Options& options, const std::string& id) {
         printed = print("Session " + harmless(id) +
                         (view.user.empty() ? "" : " of " + harmless(view.user)) + " is deleted.\n");
     } else {
-        throw Problem(failed, "The daemon refuses: " + explain(reply) + ".");
+        throw Problem(failed, "The daemon answers: " + explain(reply) + ".");
     }
     return deleted && printed ? done : failed;
 }

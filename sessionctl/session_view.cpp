@@ -14,6 +14,12 @@ namespace {
 
 using Kind = store::Answer::Kind;
 
+std::string faultOf(const store::Answer& refusal, const char* key) {
+    return key + (refusal.text.starts_with("WRONGTYPE")
+                      ? std::string(" is no hash")
+                      : " cannot be read: " + harmless(refusal.text));
+}
+
 long long secondsOf(const Fields& fields, const char* name) {
     return parseSeconds(fieldOf(fields, name));
 }
@@ -32,7 +38,7 @@ void readTokenRecord(redisContext* store, const std::string& uri, SessionView& v
         const store::Answer answer = ask(store, {"HGETALL", key.text});
         view.tokenRecord = store::fieldsOf(answer);
         if (answer.kind == Kind::refused) {
-            view.fault = "its token record is no hash";
+            view.fault = faultOf(answer, "its token record");
         } else if (view.tokenRecord.empty()) {
             view.fault = "no token record";
         }
@@ -61,10 +67,11 @@ std::vector<std::string> readMembers(redisContext* store) {
 
 SessionView readMember(redisContext* store, const std::string& member) {
     const std::string prefix = memberOf("");
-    if (!member.starts_with(prefix)) {
-        return {.id = member, .fault = "names no session"};
+    const std::string id = member.starts_with(prefix) ? member.substr(prefix.size()) : "";
+    if (id.empty() || id.find('/') != std::string::npos) {
+        return {.id = member, .fault = namesNoSession};
     }
-    return readSession(store, member.substr(prefix.size()));
+    return readSession(store, id);
 }
 
 SessionView readSession(redisContext* store, const std::string& id) {
@@ -72,7 +79,7 @@ SessionView readSession(redisContext* store, const std::string& id) {
     const store::Answer answer = ask(store, {"HGETALL", uri});
     SessionView view{.id = id, .resource = store::fieldsOf(answer)};
     if (view.resource.empty()) {
-        view.fault = answer.kind == Kind::refused ? "its key is no hash" : "no session record";
+        view.fault = answer.kind == Kind::refused ? faultOf(answer, "its key") : noSessionRecord;
         return view;
     }
     view.recorded = true;

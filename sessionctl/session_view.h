@@ -31,6 +31,10 @@ struct SessionView {
 // list is none.
 std::vector<std::string> readMembers(redisContext* store);
 
+// Faults of a member that can be mended.
+inline constexpr const char* namesNoSession = "names no session";
+inline constexpr const char* noSessionRecord = "no session record";
+
 // The session that a member of the list names, or what is wrong with that member.
 SessionView readMember(redisContext* store, const std::string& member);
 

@@ -63,6 +63,9 @@ OpenStore openStore(std::chrono::seconds patience) {
     }
     OpenStore opened{ConnectionPtr(connectToRedis(info.get())), addressOf(*info)};
     redisContext* connection = opened.connection.get();
+    if (!connection && info->socketPath == std::string_view("(null)")) {
+        fail("redis.port is 0, and redis.unixsocket is missing or empty.");
+    }
     if (!connection) {
         fail("Nobody listens at " + opened.address + ". Is the Redis server running?");
     }
@@ -75,8 +78,10 @@ OpenStore openStore(std::chrono::seconds patience) {
                       // A server that does not know the command says what it was given.
                       ",");
     }
-    requireAnswer(store::ask(connection, {"PING"}), opened.address,
-                  "Does it want a password that redis.requirepass lacks, or is it still loading?");
+    const store::Answer pong = store::ask(connection, {"PING"});
+    requireAnswer(pong, opened.address,
+                  pong.text.starts_with("NOAUTH") ? "Put its password into redis.requirepass."
+                                                  : "Try again when it is ready.");
     return opened;
 }
 

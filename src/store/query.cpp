@@ -51,6 +51,10 @@ std::map<std::string, std::string> fieldsOf(const Answer& answer) {
     return fields;
 }
 
+int descriptorOf(const redisContext* store) {
+    return store->fd;
+}
+
 bool limitWaits(redisContext* store, std::chrono::seconds limit) {
     return redisSetTimeout(store, timeval{.tv_sec = limit.count(), .tv_usec = 0}) == REDIS_OK;
 }

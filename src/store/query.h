@@ -34,6 +34,9 @@ Answer ask(redisContext* store, std::initializer_list<std::string_view> argument
 // The fields of a list of names and values; empty when the answer is no list.
 std::map<std::string, std::string> fieldsOf(const Answer& answer);
 
+// The connection's socket, for waiting on.
+int descriptorOf(const redisContext* store);
+
 // From now on a wait for this connection ends after so long, and the connection with it.
 // False when the limit cannot be set.
 bool limitWaits(redisContext* store, std::chrono::seconds limit);

@@ -101,13 +101,15 @@ TEST_F(CheckingARunningService, LooksAtTheResources) {
                        {{"soon", "FAILED", "SessionTimeout is \"soon\""},
                         {"", "FAILED", "sessions expire at once"},
                         {"0", "FAILED", "SessionTimeout is \"0\""},
-                        {"300 s", "warning", "SessionTimeout is \"300 s\", which counts as 300"}});
+                        {"300 s", "warning", "SessionTimeout is \"300 s\", which counts as 300"},
+                        {"4294967596", "warning", "which counts as 300"}});
     expectFoundInField(serviceUri, "ServiceEnabled",
                        {{"false", "warning", "logins and deletions are refused"},
                         {"False", "warning", "which counts as true"}});
     expectFoundInField(sessionsUri, "Members@odata.count",
-                       {{"x", "FAILED", "deletions fail"},
-                        {"0x", "FAILED", "deletions fail"},
+                       {{"", "FAILED", "deletions leave members behind"},
+                        {"x", "warning", "with which the store cannot count"},
+                        {"0x", "warning", "with which the store cannot count"},
                         {"3", "warning", "Members@odata.count is 3, but the list has 0"}});
     expectAllWell();
     store().del(serviceUri);
@@ -122,7 +124,10 @@ TEST_F(CheckingARunningService, LooksAtTheMembers) {
     }
     expectFound("warning", sessionsUri, "All 8 places are taken");
     store().run({"LPUSH", membersKey, "&&ObjectRef " + std::string(sessionsUri) + "/12345678"});
-    expectFound("warning", sessionsUri, "Member 12345678: no session record.");
+    expectFound("warning", sessionsUri,
+                "Member 12345678: no session record; \"sessionctl delete\" it.");
+    store().run({"LPUSH", membersKey, "x"});
+    expectFound("warning", sessionsUri, "Member x: names no session; take it out of");
     store().run({"SET", membersKey, "x"});
     expectFound("FAILED", sessionsUri, membersKey);
 }
@@ -256,7 +261,9 @@ TEST_F(Checking, LooksAtTheGroupsAndTheirPrivileges) {
 TEST_F(Checking, LooksAtTheProperties) {
     expectFoundIn(persistentFile,
                   {{"SessionTimeout=soon\n", "FAILED", "line 1 must read SessionTimeout=SECONDS"},
-                   {"SessionTimeout = 3\n", "FAILED", "line 1 must read"},
+                   {"SessionTimeout = 3 \n", "ok", "readable and writable"},
+                   {"SessionTimeout= \n", "FAILED", "line 1 must read"},
+                   {"OtherSessionTimeout=3\n", "FAILED", "line 1 must read"},
                    {"SessionTimeout=300 s\n", "FAILED", "line 1 must read"},
                    {"SessionTimeout=0\n", "FAILED", "line 1 must read"},
                    {"SessionTimeout=\n", "ok", "readable and writable"},

@@ -1,7 +1,10 @@
 // sessionctl list, show and delete, and how it is called.
 #include <gmock/gmock.h>
 
+#include <signal.h>
+
 #include <condition_variable>
+#include <optional>
 
 #include "support/sessionctl_test.h"
 #include "support/store_relay.h"
@@ -103,6 +106,8 @@ TEST_F(Listing, SaysWhatIsWrongWithAMember) {
     store().run({"SADD", std::string(sessionsUri) + "/00000004", "x"});
     store().run({"LPUSH", membersKey, "&&ObjectRef " + std::string(sessionsUri) + "/00000004"});
     store().run({"LPUSH", membersKey, "x"});
+    const std::string nested = "&&ObjectRef " + std::string(sessionsUri) + "/x/00000002";
+    store().run({"LPUSH", membersKey, nested});
     std::map<std::string, std::string> faults;
     const json document = sessionctl({"list", "--json"}).json();
     for (const json& session : document.at("sessions")) {
@@ -112,7 +117,14 @@ TEST_F(Listing, SaysWhatIsWrongWithAMember) {
                           {"00000002", "not of type Redfish: it never expires"},
                           {"00000003", "no session record"},
                           {"00000004", "its key is no hash"},
-                          {"x", "names no session"}}));
+                          {"x", "names no session"},
+                          {nested, "names no session"}}));
+}
+
+TEST_F(Listing, SaysWhatTheStoreRefuses) {
+    frontEnd().plantSession({.identifier = "00000001"});
+    store().run({"ACL", "SETUSER", "default", "-hgetall"});
+    EXPECT_THAT(sessionctl({"list"}).output, HasSubstr("its key cannot be read: NOPERM"));
 }
 
 TEST_F(Listing, OfAListThatIsNoneFails) {
@@ -145,10 +157,20 @@ TEST_F(Showing, TellsAllOfASessionButItsToken) {
     EXPECT_EQ(document.at("inCollection"), true);
     EXPECT_EQ(document.at("resource").at("UserName"), "admin");
     EXPECT_EQ(document.at("resource").at("Password"), nullptr);
-    EXPECT_EQ(document.at("tokenRecord").at("Timeout"), 300);
+    EXPECT_EQ(document.at("tokenRecord").at("Timeout"), "300");
     for (const std::string& text : {plain.output, outcome.output}) {
         EXPECT_THAT(text, AllOf(Not(HasSubstr(login.token())), Not(HasSubstr("XAUTH"))));
     }
+}
+
+TEST_F(Showing, LeavesBareTextAsItIs) {
+    const std::string id = identifierOf(loggedIn());
+    const std::string digits = "12345678901234567890123";
+    store().hset(std::string(sessionsUri) + "/" + id, {{"&&OwnerName", "null"}});
+    store().hset(store().keys("&&X-AUTH-TOKEN-*").at(0), {{"UserName", digits}});
+    const json document = sessionctl({"show", id, "--json"}).json();
+    EXPECT_EQ(document.at("resource").at("&&OwnerName"), "null");
+    EXPECT_EQ(document.at("tokenRecord").at("UserName"), digits);
 }
 
 TEST_F(Showing, OfAnUnknownSessionFails) {
@@ -208,6 +230,33 @@ TEST_F(Deleting, ListensForTheReplyBeforeItAnnouncesTheRequest) {
     EXPECT_TRUE(announced);
 }
 
+TEST_F(Deleting, StoresAndAnnouncesTheRequestInOneStep) {
+    const std::string uri = loggedIn();
+    Monitor monitor = controller.monitor();
+    EXPECT_EQ(sessionctl({"delete", uri}).status, 0);
+    Words step;
+    for (const MonitoredCommand& command : monitor.soFar()) {
+        if (command.words.at(0) == "MULTI" || !step.empty()) {
+            step.push_back(command.words.at(0));
+        }
+        if (command.words.at(0) == "EXEC") {
+            break;
+        }
+    }
+    EXPECT_THAT(
+        step, testing::ElementsAre("MULTI", "HSET", "EXPIRE", "HSET", "EXPIRE", "PUBLISH", "EXEC"));
+}
+
+TEST_F(Deleting, SaysThatTheSessionMayHaveEndedWhenOnlyTheMemberStays) {
+    expectErrorLine("Failed to get sessions.");
+    const std::string uri = loggedIn();
+    store().run({"HDEL", sessionsUri, "Members@odata.count"});
+    const Outcome outcome = sessionctl({"delete", uri});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr("the session may have ended and be a member still"));
+    EXPECT_FALSE(store().exists(uri));
+}
+
 TEST_F(Deleting, IsTheWayOutWhenAllPlacesAreTaken) {
     usePamTest("env=PRIVILEGES=511");
     std::string last;
@@ -244,7 +293,7 @@ TEST_F(Deleting, HandsOnWhatTheDaemonRefuses) {
     const Outcome plain = sessionctl({"delete", identifierOf(uri)});
     EXPECT_EQ(plain.status, 1);
     EXPECT_EQ(plain.errors,
-              "sessionctl: The daemon refuses: UNAVAILABLE, ExtendedError.1.2.ServiceDisabled (the "
+              "sessionctl: The daemon answers: UNAVAILABLE, ExtendedError.1.2.ServiceDisabled (the "
               "service is switched off; switch it on to delete sessions).\n");
     const Outcome outcome = sessionctl({"delete", identifierOf(uri), "--json"});
     EXPECT_EQ(outcome.status, 1);
@@ -311,6 +360,38 @@ TEST_F(WithoutADaemon, ADeletionThatIsNotAnsweredIsTakenBack) {
     EXPECT_GT(store().run({"TTL", notice.substr(blank + 1)}).integer, 0);
 }
 
+class UnansweredDeletion : public WithoutADaemon {
+  protected:
+    void SetUp() override {
+        WithoutADaemon::SetUp();
+        frontEnd().plantSession({.identifier = "00000001"});
+        silent_.emplace(controller.connect());
+        silent_->subscribe(deleteChannel);
+        process_ = startSessionctl({"delete", "00000001"});
+        notice_ = silent_->nextMessage();
+    }
+
+    std::optional<StoreClient> silent_;
+    std::unique_ptr<Process> process_;
+    std::string notice_;
+};
+
+TEST_F(UnansweredDeletion, IsTakenBackWhenInterrupted) {
+    process_->signal(SIGINT);
+    EXPECT_EQ(process_->wait(), (Ending{.bySignal = true, .value = SIGINT}));
+    EXPECT_EQ(controller.errorsOf("sessionctl"),
+              "sessionctl: The deletion was taken back, unless it is being carried out.\n");
+    EXPECT_FALSE(store().exists(notice_.substr(0, notice_.find(' '))));
+}
+
+TEST_F(UnansweredDeletion, MayStillBeCarriedOutWhenTheStoreGoes) {
+    controller.stopStore();
+    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    EXPECT_EQ(controller.errorsOf("sessionctl"),
+              "sessionctl: The store has stopped answering. The deletion may still be carried "
+              "out.\n");
+}
+
 TEST_F(WithoutADaemon, AFullStoreTakesNoDeletion) {
     frontEnd().plantSession({.identifier = "00000001"});
     store().run({"CONFIG", "SET", "maxmemory", "1"});
@@ -341,6 +422,14 @@ TEST_F(WithoutAStore, AMissingAddressIsExplained) {
     const Outcome outcome = sessionctl({"list"});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_THAT(outcome.errors, StartsWith("sessionctl: The store's address cannot be found."));
+}
+
+TEST_F(WithoutAStore, AnAddressWithNeitherASocketNorAPortIsExplained) {
+    controller.removeFile("/run/redis/redis.unixsocket");
+    const Outcome outcome = sessionctl({"list"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors,
+              "sessionctl: redis.port is 0, and redis.unixsocket is missing or empty.\n");
 }
 
 TEST_F(WithoutAStore, ARefusedPasswordIsExplained) {

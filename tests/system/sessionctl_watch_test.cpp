@@ -79,6 +79,15 @@ TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {
     EXPECT_EQ(process->wait(), Ending{});
 }
 
+TEST_F(Watching, GivesProgramsItsFailureOnALineToo) {
+    watch({"--json"});
+    planted("00000001");
+    lines(1);
+    endDaemon();
+    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    EXPECT_EQ(json::parse(lines(2).at(1)), (json{{"error", "The store has stopped answering."}}));
+}
+
 TEST_F(Watching, EndsWithTheStore) {
     watch();
     planted("00000001");
