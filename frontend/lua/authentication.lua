@@ -70,8 +70,16 @@ end
 -- The failures of a login that the client can mend.
 local clientFaults = { ["Base.1.12.StringValueTooLong"] = true }
 
+-- A name goes into logs, of which there may be little room.
+local longestName = 255
+
 -- Logs in through the session service. Returns its reply; raises the problem that a refusal is.
 function authentication.login(name, password)
+    if #name > longestName then
+        error(messages.problem(400, {
+            messages.new("Base.1.12.StringValueTooLong", "(user name)", tostring(longestName)),
+        }))
+    end
     local enciphered = encipher(password)
     if not enciphered then
         ngx.log(ngx.ERR, "the key file is missing or malformed")
@@ -118,7 +126,13 @@ function authentication.identify(connection)
         if not name then
             error(unauthorized("ExtendedError.1.2.InvalidCredentials"))
         end
-        user = userOf(connection, authentication.login(name, password).token)
+        local reply = authentication.login(name, password)
+        local fine, found = pcall(userOf, connection, reply.token)
+        if not fine then
+            exchange.logOut(reply.location)
+            error(found, 0)
+        end
+        user = found
         user.temporary = true
     else
         error(unauthorized("Base.1.12.NoValidSession"))

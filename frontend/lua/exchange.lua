@@ -10,8 +10,15 @@ local hex = require "hex"
 local messages = require "messages"
 local settings = require "settings"
 local store = require "store"
+local turns = require "turns"
 
 local exchange = {}
+
+-- With an expiry from the start, for the case that nobody clears up.
+local writing = [[
+redis.call('HSET', KEYS[1], unpack(ARGV, 2))
+redis.call('EXPIRE', KEYS[1], ARGV[1])
+]]
 
 local function write(connection, key, fields)
     local words = {}
@@ -19,9 +26,7 @@ local function write(connection, key, fields)
         words[#words + 1] = field
         words[#words + 1] = value
     end
-    store.run(connection, "hset", key, unpack(words))
-    -- For the case that the front end ends before it has cleared up.
-    store.run(connection, "expire", key, settings.giveUpTime + 60)
+    store.run(connection, "eval", writing, 1, key, settings.giveUpTime + 60, unpack(words))
 end
 
 -- An argument is stored as a JSON-like literal: quotes around it, backslashes in it.
@@ -93,54 +98,97 @@ local function converse(connection, subscription, kind, keys, record, body, chec
     if store.run(connection, "publish", channel, keys.request .. " " .. keys.reply) == 0 then
         return nil
     end
+    keys.replyMayCome = true
     subscription:set_timeout(settings.giveUpTime * 1000)
     if not subscription:read_reply() then
         return nil
     end
+    keys.replyMayCome = false
     return takeReply(connection, keys)
 end
 
--- The body of the timer. `waiter` is shared with the request that may still be waiting.
-local function run(premature, waiter, kind, record, body, checklist)
-    local connection = not premature and store.connect()
-    local subscription = connection and store.connect()
-    if subscription then
-        local prefix = contract.requests .. hex(rand.bytes(16))
-        local keys = {
-            request = prefix .. "/request",
-            body = prefix .. "/body",
-            checklist = prefix .. "/request/Checklist",
-            reply = prefix .. "/reply",
-        }
-        local fine, reply =
-            pcall(converse, connection, subscription, kind, keys, record, body, checklist)
-        local cleared = pcall(store.run, connection, "del", keys.request, keys.body,
-            keys.checklist, keys.reply)
-        subscription:close()
-        waiter.reply = fine and reply or nil
-        if fine and cleared then
-            store.release(connection)
-        else
-            connection:close()
-        end
-    elseif connection then
-        store.release(connection)
+-- Seconds that a reply is kept which the service may write when nobody waits any more: it adds to
+-- what is there, without an expiry of its own.
+local latest = 86400
+
+local function clearAway(connection, keys)
+    store.run(connection, "del", keys.request, keys.body, keys.checklist)
+    if keys.replyMayCome then
+        store.run(connection, "expire", keys.reply, latest)
+    else
+        store.run(connection, "del", keys.reply)
     end
-    if waiter.gone and waiter.reply and waiter.reply.location then
-        exchange.start("logout", { ["&&TargetURI"] = waiter.reply.location })
-    end
-    waiter.reply = waiter.reply or false
-    waiter.ready:post(1)
 end
 
--- Starts an exchange and returns without waiting for it.
-function exchange.start(kind, record, body, checklist)
+local underWay = 0
+
+-- Converses over connections of its own and clears away. Returns the reply, or nil.
+local function perform(kind, record, body, checklist)
+    local connection = store.connect()
+    local subscription = connection and store.connect()
+    if not subscription then
+        if connection then
+            store.release(connection)
+        end
+        return nil
+    end
+    local prefix = contract.requests .. hex(rand.bytes(16))
+    local keys = {
+        request = prefix .. "/request",
+        body = prefix .. "/body",
+        checklist = prefix .. "/request/Checklist",
+        reply = prefix .. "/reply",
+    }
+    local fine, reply =
+        pcall(converse, connection, subscription, kind, keys, record, body, checklist)
+    local cleared = pcall(clearAway, connection, keys)
+    subscription:close()
+    if fine and cleared then
+        store.release(connection)
+    else
+        connection:close()
+    end
+    return fine and reply or nil
+end
+
+-- The body of the timer. `waiter` is shared with the request that may still be waiting.
+local function run(premature, waiter, ...)
+    local fine, reply = false, nil
+    if not premature then
+        fine, reply = pcall(perform, ...)
+    end
+    reply = fine and reply or false
+    underWay = underWay - 1
+    waiter.done(reply)
+    if waiter.gone and reply and reply.location then
+        exchange.logOut(reply.location)
+    end
+end
+
+-- Starts an exchange and returns without waiting for it. `address` has a turn, which ends with the
+-- exchange; nil when it needs none.
+local function start(address, kind, record, body, checklist)
     local waiter = { ready = semaphore.new() }
-    if not ngx.timer.at(0, run, waiter, kind, record, body, checklist) then
-        waiter.reply = false
+    function waiter.done(reply)
+        waiter.reply = reply
         waiter.ready:post(1)
+        if address then
+            turns.give(address)
+        end
+    end
+    if underWay < settings.exchangesAtATime
+        and ngx.timer.at(0, run, waiter, kind, record, body, checklist) then
+        underWay = underWay + 1
+    else
+        waiter.done(false)
     end
     return waiter
+end
+
+-- Has a session ended that nobody knows of, without waiting for that. Where it fails, the session
+-- expires.
+function exchange.logOut(uri)
+    start(nil, "logout", { ["&&TargetURI"] = uri })
 end
 
 -- Sends a request to the service and returns its reply: status, location, token, messages and the
@@ -150,8 +198,13 @@ end
 --   body       fields of the body, or nil
 --   checklist  fields of the list of properties that await a handler, or nil
 function exchange.call(kind, record, body, checklist)
-    local waiter = exchange.start(kind, record, body, checklist)
-    waiter.ready:wait(settings.answerTime)
+    local deadline = ngx.now() + settings.answerTime
+    local address = kind == "login" and ngx.var.remote_addr or nil
+    if address and not turns.take(address, settings.answerTime) then
+        error(messages.unavailable())
+    end
+    local waiter = start(address, kind, record, body, checklist)
+    waiter.ready:wait(math.max(deadline - ngx.now(), 0))
     if not waiter.reply then
         waiter.gone = true
         error(messages.unavailable())

@@ -59,7 +59,7 @@ local function hasDuplicateNames(text)
 end
 
 -- The parser passes over this, and what it took would make the answers invalid.
-local function isUtf8(text)
+function json.isUtf8(text)
     return ngx.re.find(text, "^", "u") ~= nil
 end
 
@@ -67,7 +67,7 @@ end
 -- names a property twice, which programs read in different ways.
 function json.decode(text)
     local valid, value = pcall(cjson.decode, text)
-    if not valid or not isUtf8(text) or not isStrict(text) or hasDuplicateNames(text) then
+    if not valid or not json.isUtf8(text) or not isStrict(text) or hasDuplicateNames(text) then
         return nil
     end
     return value

@@ -44,9 +44,10 @@ local function checkRequest(method)
 end
 
 local function checkAccept(mediaType)
-    local accept = ngx.var.http_accept
+    local given = ngx.req.get_headers().accept or ""
+    local accept = (type(given) == "table" and table.concat(given, ",") or given):lower()
     local family = mediaType:match("^[^/]*")
-    if accept and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
+    if accept ~= "" and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
         or accept:find(family .. "/*", 1, true)) then
         refuse(406, "ExtendedError.1.2.MediaTypeNotSupported")
     end
@@ -216,6 +217,10 @@ local function handle()
     checkRequest(method)
     method = method == "HEAD" and "GET" or method
     local uri = ngx.var.uri:gsub("(.)/$", "%1")
+    if not json.isUtf8(uri) then
+        -- No resource is there, and no answer could name it.
+        refuse(400, "Base.1.12.MissingOrMalformedPart")
+    end
 
     if public[uri] then
         if method ~= "GET" then
@@ -253,7 +258,8 @@ end
 
 local function send(answer)
     -- The web server would judge the answer by these once more, after the work is done.
-    for _, condition in ipairs({ "If-Match", "If-None-Match" }) do
+    for _, condition in ipairs({ "If-Match", "If-None-Match", "If-Modified-Since",
+        "If-Unmodified-Since" }) do
         ngx.req.clear_header(condition)
     end
     ngx.status = answer.status
@@ -285,6 +291,7 @@ local function answerOf(problem)
     -- A text: the store went away in between, or a fault of the front end's own.
     problem = tostring(problem)
     if problem:find("store: ", 1, true) then
+        ngx.log(ngx.WARN, problem)
         return answerOf(messages.unavailable())
     end
     ngx.log(ngx.ERR, problem)

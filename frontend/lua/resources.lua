@@ -34,7 +34,8 @@ local function value(text)
     return json.isValid(text) and text or json.encode(text)
 end
 
-function convertHash(connection, fields, depth)
+-- The members' texts by their names.
+local function convertFields(connection, fields, depth)
     local members = {}
     for name, text in pairs(fields) do
         if name:sub(1, 2) ~= "&&" then
@@ -46,7 +47,11 @@ function convertHash(connection, fields, depth)
             end
         end
     end
-    return json.object(members)
+    return members
+end
+
+function convertHash(connection, fields, depth)
+    return json.object(convertFields(connection, fields, depth))
 end
 
 function convertList(connection, key, depth)
@@ -70,8 +75,8 @@ local function stringOf(text)
 end
 
 -- Returns the resource at an address, nil when there is none:
---   uri, fields (as stored), type, etag (in quotes in etagHeader), allow (a set of methods; a
---   list in allowText)
+--   uri, fields (as stored), type, etag (without quotes; as a header has it in etagHeader), allow
+--   (a set of methods; a list in allowText)
 function resources.read(connection, uri)
     local fields = store.hash(connection, uri)
     if not fields or stringOf(fields["@odata.id"]) ~= uri then
@@ -85,7 +90,11 @@ function resources.read(connection, uri)
         allowText = fields["&&AllowMethod"] or "GET,HEAD",
         allow = {},
     }
-    resource.etagHeader = resource.etag and json.encode(resource.etag)
+    -- Some services store it as a header has it.
+    local opaque = resource.etag
+        and (resource.etag:match('^"([^"%c]*)"$') or resource.etag:match('^W/"([^"%c]*)"$'))
+    resource.etagHeader = opaque and resource.etag or resource.etag and json.encode(resource.etag)
+    resource.etag = opaque or resource.etag
     for method in resource.allowText:gmatch("%a+") do
         resource.allow[method] = true
     end
@@ -94,14 +103,11 @@ end
 
 -- Returns the JSON text of a resource; `annotations` are further members, or nil.
 function resources.text(connection, resource, annotations)
-    local fields = {}
-    for name, text in pairs(resource.fields) do
-        fields[name] = text
-    end
+    local members = convertFields(connection, resource.fields, 0)
     for name, text in pairs(annotations or {}) do
-        fields[name] = text
+        members[name] = text
     end
-    return convertHash(connection, fields, 0)
+    return json.object(members)
 end
 
 -- Returns the address of the account of a user, an empty text when there is none.

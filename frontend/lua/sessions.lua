@@ -56,10 +56,14 @@ function sessions.create(body)
         annotations["@Message.ExtendedInfo"] = messages.texts(reply.messages)
     end
     local text, session
-    store.with(messages.unavailable, function(connection)
+    local fine, failure = pcall(store.with, messages.unavailable, function(connection)
         session = resources.read(connection, reply.location)
         text = session and resources.text(connection, session, annotations)
     end)
+    if not fine then
+        exchange.logOut(reply.location)
+        error(failure, 0)
+    end
     if not text then
         -- It has expired or been removed already.
         error(messages.unavailable())

@@ -23,8 +23,11 @@ function store.connect()
     end
     if connection:get_reused_times() == 0 then
         local secret = password()
-        if secret ~= "" and not connection:auth(secret) then
-            ngx.log(ngx.WARN, "the store refuses the password")
+        local accepted = secret == "" or connection:auth(secret)
+        if not accepted then
+            -- Without an answer it is nil.
+            ngx.log(ngx.WARN, "the store ", accepted == false and "refuses the password"
+                or "does not answer")
             connection:close()
             return nil
         end
@@ -54,15 +57,15 @@ function store.with(unavailable, action)
     return unpack(results, 2, table.maxn(results))
 end
 
--- Runs one command. A value that is absent is nil; an error reply, such as for a key of another
--- kind, is nil as well. Raises a text when the connection is lost.
+-- Runs one command. A value that is absent is nil, and so is one at a key of another kind. Raises
+-- a text when the connection is lost or the store refuses: what it holds is not known then.
 function store.run(connection, command, ...)
     local reply, failure = connection[command](connection, ...)
-    if reply == nil then
-        error("store: " .. tostring(failure))
-    end
-    if reply == false or reply == ngx.null then
+    if reply == ngx.null or reply == false and failure:find("WRONGTYPE", 1, true) then
         return nil
+    end
+    if not reply then
+        error("store: " .. tostring(failure))
     end
     return reply
 end

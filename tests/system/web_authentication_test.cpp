@@ -150,6 +150,14 @@ TEST_F(WebToken, IsUnavailableToCheckWhileTheStoreDoesNotRun) {
     }
 }
 
+TEST_F(WebToken, IsUnavailableToCheckWhileTheStoreRefusesToReadIt) {
+    client().useToken(frontEnd().plantSession().token);
+    store().run({"ACL", "SETUSER", "default", "-hmget"});
+    EXPECT_EQ(client().get(serviceUri).status, 503);
+    store().run({"ACL", "SETUSER", "default", "+hmget"});
+    EXPECT_EQ(client().get(serviceUri).status, 200);
+}
+
 TEST_F(WebToken, BelongsToTheOriginItWasGivenTo) {
     const std::string login =
         nlohmann::json{{"UserName", reader.name}, {"Password", reader.password}}.dump();
@@ -228,6 +236,15 @@ TEST_F(WebBasic, LeavesNoSessionWhenTheRequestFails) {
     client().useBasic(administrator.name, administrator.password);
     EXPECT_EQ(client().patch(serviceUri, "no JSON").status, 400);
     expectNoSession();
+}
+
+TEST_F(WebBasic, LeavesNoSessionWhenItsTokenCannotBeRead) {
+    store().run({"ACL", "SETUSER", "default", "-hmget"});
+    client().useBasic(administrator.name, administrator.password);
+    EXPECT_EQ(client().get(serviceUri).status, 503);
+    waitUntil("the session is logged out", [this] { return store().llen(membersKey) == 0; });
+    waitUntil("the logout is cleared away",
+              [this] { return store().keys("&&/frontend/*").empty(); });
 }
 
 TEST_F(WebBasic, IsUnauthorizedWithWrongCredentials) {

@@ -120,7 +120,7 @@ TEST_F(WebLogin, StoresThePasswordEncipheredOnly) {
     for (const MonitoredCommand& command : monitor.soFar()) {
         EXPECT_THAT(command.words, Not(testing::Contains(HasSubstr(administrator.password))));
         const auto name = std::find(command.words.begin(), command.words.end(), "Password");
-        if (command.words.at(1).rfind("&&/frontend/", 0) == 0 && command.words.front() == "hset" &&
+        if (command.words.at(1).rfind("&&/frontend/", 0) == 0 && command.words.front() == "HSET" &&
             name != command.words.end()) {
             enciphered.push_back(*(name + 1));
         }
@@ -414,6 +414,94 @@ TEST_F(WebLoginToASlowService, DoesNotHoldUpOtherRequests) {
     waitUntilPamHolds();
     EXPECT_EQ(client().get(serviceUri).status, 200);
     expectTheLateSessionToGo(1);
+}
+
+class WebLoginAtATime : public WebLogin {
+  protected:
+    WebLoginAtATime() {
+        usePamTest("env=PRIVILEGES=511");
+        holdPam();
+    }
+    void startLogin(const std::string& sourceAddress) {
+        threads_.emplace_back([this, sourceAddress] {
+            try {
+                EXPECT_EQ(newClient({.sourceAddress = sourceAddress}).login("any", "any").status,
+                          201);
+            } catch (const Failure& failure) {
+                ADD_FAILURE() << failure.what();
+            }
+        });
+    }
+    void waitForRequests(std::size_t count) {
+        waitUntil(std::to_string(count) + " requests are under way",
+                  [&] { return requests().size() == count; });
+    }
+    Words requests() { return store().keys("&&/frontend/*/request"); }
+
+    std::vector<std::jthread> threads_;
+};
+
+TEST_F(WebLoginAtATime, IsUnderWayTwiceForAnAddressAndNotInTheWayOfOthers) {
+    for (int i = 0; i < 4; ++i) {
+        startLogin("127.0.0.1");
+    }
+    waitForRequests(2);
+    startLogin("127.0.0.2");
+    waitForRequests(3);
+    startLogin("127.0.0.2");
+    waitForRequests(4);
+    releasePam();
+    threads_.clear();
+    EXPECT_EQ(store().llen(membersKey), 6);
+}
+
+TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
+    startLogin("127.0.0.1");
+    waitUntilPamHolds();
+    const Words keys = store().keys(requestKeys);
+    EXPECT_EQ(keys.size(), 3U);
+    for (const std::string& key : keys) {
+        EXPECT_GT(store().run({"TTL", key}).integer, 0) << key;
+    }
+    releasePam();
+    threads_.clear();
+}
+
+class WebLoginGivenUp : public WebLoginAtATime {
+  protected:
+    WebLoginGivenUp() { setting("giveUpTime", "3"); }
+};
+
+TEST_F(WebLoginGivenUp, LeavesTheLateReplyToItsExpiry) {
+    EXPECT_EQ(client().login("any", "any").status, 503);
+    waitUntilPamHolds();
+    const Words keys = store().keys(requestKeys);
+    ASSERT_EQ(keys.size(), 1U);
+    releasePam();
+    // With the list of its messages and their only entry.
+    waitUntil("the late reply is there", [&] { return store().keys(requestKeys).size() == 3; });
+    EXPECT_NE(store().hget(keys[0], "&&X-Auth-Token"), "");
+    EXPECT_GT(store().run({"TTL", keys[0]}).integer, 0);
+    for (const std::string& key : store().keys(requestKeys)) {
+        store().del(key);
+    }
+}
+
+TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
+    Monitor monitor = controller.monitor();
+    store().run({"CONFIG", "SET", "maxmemory", "1"});
+    EXPECT_EQ(login().status, 503);
+    store().run({"CONFIG", "SET", "maxmemory", "0"});
+    for (const MonitoredCommand& command : monitor.soFar()) {
+        EXPECT_NE(command.words.front(), "publish");
+    }
+}
+
+TEST_F(WebLogin, WithATooLongNameIsTheClientsFault) {
+    EXPECT_EQ(messageIds(client().login(std::string(255, 'x'), "any")),
+              Words{"ExtendedError.1.2.InvalidCredentials"});
+    expectRefusal(client().login(std::string(256, 'x'), "any"), 400,
+                  {"Base.1.12.StringValueTooLong"});
 }
 
 // --- bodies

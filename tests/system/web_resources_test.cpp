@@ -167,10 +167,12 @@ TEST_F(WebResources, AreReadWithTheVersionOfODataThatTheyHave) {
 
 TEST_F(WebResources, AreReadAsJsonOnly) {
     for (const char* accept : {"application/json", "*/*", "application/*", "text/html, */*;q=0.1",
-                               "application/json;charset=utf-8"}) {
+                               "application/json;charset=utf-8", "Application/JSON"}) {
         EXPECT_EQ(request("GET", serviceUri, {std::string("Accept: ") + accept}).status, 200)
             << accept;
     }
+    EXPECT_EQ(request("GET", serviceUri, {"Accept: text/html", "Accept: */*"}).status, 200);
+    EXPECT_EQ(request("GET", serviceUri, {"Accept;"}).status, 200);
     for (const char* accept : {"text/html", "application/xml", "image/*"}) {
         EXPECT_EQ(request("GET", serviceUri, {std::string("Accept: ") + accept}).status, 406)
             << accept;
@@ -202,6 +204,30 @@ TEST_F(WebResources, AreNotSentAgainToAClientThatKnowsThem) {
         EXPECT_EQ(response.header("etag"), etag);
     }
     EXPECT_EQ(request("GET", serviceUri, {"If-None-Match: \"x\""}).status, 200);
+}
+
+TEST_F(WebResources, KeepAnEntityTagThatIsStoredAsAHeaderHasIt) {
+    for (const std::string& etag : {std::string("W/\"123\""), std::string("\"123\"")}) {
+        EXPECT_EQ(readBack({{"@odata.etag", Json(etag).dump()}}).header("etag"), etag);
+        EXPECT_EQ(request("GET", chassisUri, {"If-None-Match: " + etag}).status, 304);
+        EXPECT_EQ(request("GET", chassisUri, {"If-None-Match: \"12\""}).status, 200);
+    }
+}
+
+TEST_F(WebResources, AreNotAskedForByTheirAge) {
+    for (const char* condition : {"If-Unmodified-Since", "If-Modified-Since"}) {
+        EXPECT_EQ(
+            request("GET", serviceUri, {condition + std::string(": Fri, 21 Nov 1997 10:00:00 GMT")})
+                .status,
+            200)
+            << condition;
+    }
+}
+
+TEST_F(WebResources, AreNotNamedByWhatIsNoText) {
+    const HttpResponse response = client().get("/redfish/v1/%ff");
+    EXPECT_EQ(response.status, 400);
+    EXPECT_TRUE(response.json().contains("error"));
 }
 
 TEST_F(WebResources, AreAnsweredToHeadLikeToGetWithoutTheBody) {
@@ -400,6 +426,17 @@ TEST_F(WebResources, AreNotReachedByAMalformedRequest) {
         EXPECT_EQ(statusLine(answer), "HTTP/1.1 400 Bad Request") << bytes.substr(0, 100);
         EXPECT_NE(answer.find("@Message.ExtendedInfo"), std::string::npos) << answer;
         expectServing();
+    }
+}
+
+TEST_F(WebResources, AreNotReachedInAWayThatTheServerDoesNotSpeak) {
+    for (const auto& [bytes, status] : std::vector<std::pair<std::string, std::string>>{
+             {"GET /redfish HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: gzip, chunked\r\n\r\n",
+              "501"},
+             {"GET /redfish HTTP/3.0\r\nHost: x\r\n\r\n", "505"}}) {
+        const std::string answer = exchangeBytes(bytes);
+        EXPECT_THAT(statusLine(answer), testing::StartsWith("HTTP/1.1 " + status));
+        EXPECT_NE(answer.find("@Message.ExtendedInfo"), std::string::npos) << answer;
     }
 }
 

@@ -174,6 +174,26 @@ TEST_F(WebService, AppliesThePartThatItCanAndAnnotatesTheRest) {
     EXPECT_FALSE(response.json().contains("SessionTimeout@Message.ExtendedInfo"));
 }
 
+TEST_F(WebService, TakesThePropertiesOfARequestForNothingButNames) {
+    const HttpResponse response =
+        patch(R"({"SessionTimeout":600,"&&ObjectRef Foo /bar":1,"&&Array Bar x":1})");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_FALSE(response.json().contains("Foo"));
+    EXPECT_FALSE(response.json().contains("Bar"));
+    EXPECT_EQ(identifiersOf(annotationsOf(response, "&&ObjectRef Foo /bar")),
+              Words{"Base.1.12.PropertyUnknown"});
+}
+
+TEST_F(WebService, IsNotChangedByItsAge) {
+    const HttpResponse response =
+        client().request({.method = "PATCH",
+                          .path = serviceUri,
+                          .headers = {"If-Unmodified-Since: Fri, 21 Nov 1997 10:00:00 GMT"},
+                          .body = R"({"SessionTimeout":600})"});
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(timeout(), "600");
+}
+
 TEST_F(WebService, RefusesAPropertyThatNobodyHandled) {
     const HttpResponse response = patch(R"({"ServiceEnabled":false})");
     EXPECT_EQ(response.status, 400);
