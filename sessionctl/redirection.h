@@ -10,6 +10,11 @@
 
 namespace session_service::console {
 
+// Where nothing comes from and everything may go.
+inline FileDescriptor openNowhere() {
+    return FileDescriptor(open("/dev/null", O_RDWR | O_CLOEXEC));
+}
+
 // As long as it lives, the standard stream `stream` leads where `target` does, for children too.
 class Redirection {
   public:

@@ -165,8 +165,7 @@ const char* meaningOf(const std::string& message) {
     }
     if (message == databaseOperationError) {
         return "the session may have ended and be a member still: try \"sessionctl check\", and "
-               "see "
-               "the daemon's log";
+               "see the daemon's log";
     }
     return "";
 }

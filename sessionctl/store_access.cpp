@@ -1,7 +1,5 @@
 #include "sessionctl/store_access.h"
 
-#include <fcntl.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -24,8 +22,7 @@ using InfoPtr = std::unique_ptr<ConnectionInfo, WipeAndFree>;
 
 // The look-up prints what files it misses, some of which need not be there.
 InfoPtr findStore() {
-    const FileDescriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    const Redirection quiet(STDERR_FILENO, nowhere.get());
+    const Redirection quiet(STDERR_FILENO, openNowhere().get());
     return InfoPtr(getRedisConnectionInfo());
 }
 

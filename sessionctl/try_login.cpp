@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -143,8 +142,7 @@ int tryLogin(const Options& options, const std::string& user) {
     {
         // What modules tell the user belongs to no document, and nobody answers the daemon's.
         const Redirection messages(STDOUT_FILENO, STDERR_FILENO);
-        const FileDescriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        const Redirection answers(STDIN_FILENO, nothing.get());
+        const Redirection answers(STDIN_FILENO, openNowhere().get());
         result = authenticateUser(user.c_str(), password.text.c_str(), "", privilege.data(),
                                   privilegeSize, findings);
     }

@@ -6,7 +6,6 @@
 #include <ctime>
 #include <filesystem>
 #include <ostream>
-#include <sstream>
 
 #include "support/system_test.h"
 
@@ -42,13 +41,8 @@ class LogTest : public SystemTest {
     Words linesOf(const std::string& file) { return splitLines(controller.readFile(file)); }
     // The lines on standard error but for those of the store's discovery.
     Words errorLines() {
-        std::istringstream text(controller.daemonErrors());
-        Words lines;
-        for (std::string line; std::getline(text, line);) {
-            if (line.rfind("fopen: ", 0) != 0) {
-                lines.push_back(line);
-            }
-        }
+        Words lines = splitLines(controller.daemonErrors());
+        std::erase_if(lines, [](const std::string& line) { return line.starts_with("fopen: "); });
         return lines;
     }
     // The files that have the log's name and more, in order.

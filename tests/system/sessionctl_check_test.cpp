@@ -87,11 +87,7 @@ TEST_F(CheckingARunningService, FindsNothingWhenAllIsWell) {
     expectAllWell();
     const Outcome outcome = sessionctl({"check"});
     EXPECT_EQ(outcome.status, 0);
-    std::istringstream output(outcome.output);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(output, line);) {
-        lines.push_back(line);
-    }
+    const Words lines = splitLines(outcome.output);
     EXPECT_THAT(lines, Each(MatchesRegex("ok       .+: .+")));
     EXPECT_EQ(lines.at(0), "ok       store: answers at /run/redis/redis.sock");
 }
