@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -73,7 +73,7 @@ void replay(const std::string& socketPath, const Recording& recording) {
     }
 }
 
-Floor::Floor(const BenchController& controller, std::string channel, Recording recording)
+Floor::Floor(const Controller& controller, std::string channel, Recording recording)
     : socketPath_(controller.socketPath()),
       channel_(std::move(channel)),
       recording_(std::move(recording)),
@@ -110,4 +110,4 @@ void Floor::serve(const std::string& password) {
     }
 }
 
-}  // namespace bench
+}  // namespace testbed

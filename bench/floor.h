@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "controller/bench_controller.h"
+#include "testbed/controller.h"
 
-namespace bench {
+namespace testbed {
 
 // Commands as they go over a connection, one after the other.
 using Recording = std::vector<std::string>;
@@ -28,7 +28,7 @@ void replay(const std::string& socketPath, const Recording& recording);
 // subscribed connection, on a thread of its own.
 class Floor {
   public:
-    Floor(const BenchController& controller, std::string channel, Recording recording);
+    Floor(const Controller& controller, std::string channel, Recording recording);
     ~Floor();
     Floor(const Floor&) = delete;
     Floor& operator=(const Floor&) = delete;
@@ -45,4 +45,4 @@ class Floor {
     std::thread thread_;
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -11,16 +11,16 @@
 #include <optional>
 #include <thread>
 
-#include "bench/figures.h"
-#include "controller/accounts.h"
-#include "controller/bench_controller.h"
-#include "controller/http_client.h"
-#include "controller/web_front_end.h"
+#include "bench/process_statistics.h"
+#include "testbed/accounts.h"
+#include "testbed/controller.h"
+#include "testbed/http_client.h"
+#include "testbed/web_front_end.h"
 
 namespace {
 
-using bench::Failure;
-using bench::HttpResponse;
+using testbed::Failure;
+using testbed::HttpResponse;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t connections = 6;  // the service admits eight sessions
@@ -73,10 +73,10 @@ HttpResponse timed(Work& work, Kind kind, const Request& request) {
 }
 
 // Whole rounds up to the first that ends after `end`.
-void work(bench::HttpClient& client, bool changes, Clock::time_point end, Work& done) {
+void work(testbed::HttpClient& client, bool changes, Clock::time_point end, Work& done) {
     for (int round = 0; Clock::now() < end; ++round) {
         const HttpResponse session = timed(done, login, [&] {
-            return client.login(bench::administrator.name, bench::administrator.password);
+            return client.login(testbed::administrator.name, testbed::administrator.password);
         });
         const std::string location = session.location();
         checkAnswer(login, session, 201, location);
@@ -88,7 +88,7 @@ void work(bench::HttpClient& client, bool changes, Clock::time_point end, Work& 
             const std::string body =
                 R"({"SessionTimeout": )" + std::to_string(300 + round % 100) + "}";
             const HttpResponse changed =
-                timed(done, change, [&] { return client.patch(bench::serviceUri, body); });
+                timed(done, change, [&] { return client.patch(testbed::serviceUri, body); });
             checkAnswer(change, changed, changed.status == 204 ? 204 : 200, "");
         }
         checkAnswer(logout, timed(done, logout, [&] { return client.remove(location); }), 204, "");
@@ -109,32 +109,32 @@ class Load {
                            double seconds);
     bool check(const std::vector<Work>& works, const Usage& tenth, const Usage& end);
 
-    bench::BenchController controller_;
-    bench::WebFrontEnd web_{controller_};
-    std::optional<bench::StoreClient> store_;
+    testbed::Controller controller_;
+    testbed::WebFrontEnd web_{controller_};
+    std::optional<testbed::StoreClient> store_;
     pid_t nginxWorker_ = -1;
 };
 
 void Load::liftLoginLimit() {
-    std::string limits = controller_.readFile(bench::webLimitsFile);
+    std::string limits = controller_.readFile(testbed::webLimitsFile);
     const std::string limit = "limit_req zone=";
     const std::size_t at = limits.find(limit);
     if (at == std::string::npos) {
         throw Failure("There is no limit on logins to be lifted.");
     }
-    controller_.writeFile(bench::webLimitsFile, limits.insert(at, "# "));
+    controller_.writeFile(testbed::webLimitsFile, limits.insert(at, "# "));
 }
 
 Usage Load::usage() {
-    return {.nginxSeconds = bench::processorSeconds(nginxWorker_),
-            .daemonSeconds = bench::processorSeconds(controller_.daemon().pid()),
-            .storeSeconds = bench::storeFigure(*store_, "cpu", "used_cpu_user") +
-                            bench::storeFigure(*store_, "cpu", "used_cpu_sys"),
+    return {.nginxSeconds = testbed::processorSeconds(nginxWorker_),
+            .daemonSeconds = testbed::processorSeconds(controller_.daemon().pid()),
+            .storeSeconds = testbed::storeFigure(*store_, "cpu", "used_cpu_user") +
+                            testbed::storeFigure(*store_, "cpu", "used_cpu_sys"),
             .clientSeconds = ownSeconds(),
-            .nginxKib = bench::statusFigure(nginxWorker_, "VmRSS"),
-            .daemonKib = bench::statusFigure(controller_.daemon().pid(), "VmRSS"),
-            .storeKib =
-                static_cast<long>(bench::storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
+            .nginxKib = testbed::statusFigure(nginxWorker_, "VmRSS"),
+            .daemonKib = testbed::statusFigure(controller_.daemon().pid(), "VmRSS"),
+            .storeKib = static_cast<long>(
+                testbed::storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
 }
 
 // `sorted` is in ascending order and not empty.
@@ -200,8 +200,8 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
         }
     }
     say(answered, "each request was answered as it has to be");
-    say(store_->llen(bench::membersKey) == 0 && store_->keys(bench::tokenKey("*")).empty() &&
-            store_->keys(std::string(bench::sessionsUri) + "/*").empty(),
+    say(store_->llen(testbed::membersKey) == 0 && store_->keys(testbed::tokenKey("*")).empty() &&
+            store_->keys(std::string(testbed::sessionsUri) + "/*").empty(),
         "no session is left");
     say(store_->keys("&&/frontend/*").empty(), "no request is left in the store");
     const std::string bound = "by more than " + std::to_string(allowedGrowth) + " KiB";
@@ -215,7 +215,7 @@ bool Load::run(std::chrono::seconds duration) {
     controller_.start();
     web_.start();
     store_.emplace(controller_.connect());
-    nginxWorker_ = bench::childrenOf(web_.process().pid()).at(0);
+    nginxWorker_ = testbed::childrenOf(web_.process().pid()).at(0);
     std::cout << connections << " connections for " << duration.count() << " s on "
               << std::thread::hardware_concurrency() << " processors\n"
               << std::fixed << std::setprecision(1);
@@ -227,7 +227,7 @@ bool Load::run(std::chrono::seconds duration) {
     for (std::size_t i = 0; i < connections; ++i) {
         threads.emplace_back([&, i] {
             try {
-                bench::HttpClient client(
+                testbed::HttpClient client(
                     {.url = web_.url(), .certificatePath = web_.certificatePath()});
                 work(client, i == 0, start + duration, works[i]);
             } catch (const std::exception& failure) {

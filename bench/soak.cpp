@@ -12,17 +12,17 @@
 #include <optional>
 #include <thread>
 
-#include "bench/figures.h"
-#include "controller/accounts.h"
-#include "controller/bench_controller.h"
-#include "controller/http_client.h"
-#include "controller/web_front_end.h"
+#include "bench/process_statistics.h"
+#include "testbed/accounts.h"
+#include "testbed/controller.h"
+#include "testbed/http_client.h"
+#include "testbed/web_front_end.h"
 
 namespace {
 
-using bench::Failure;
-using bench::Reply;
-using bench::Words;
+using testbed::Failure;
+using testbed::Reply;
+using testbed::Words;
 using Clock = std::chrono::steady_clock;
 
 constexpr int loginWorkers = 2;
@@ -73,7 +73,7 @@ class Soak {
   private:
     // Repeats the round until the soak ends; keeps the first failure of all workers.
     void work(const std::function<void()>& round);
-    Reply ask(bench::StoreClient& store, bench::Request request, Kind kind,
+    Reply ask(testbed::StoreClient& store, testbed::Request request, Kind kind,
               const std::string& status);
     void loginRounds(bool refusals);
     void changeRounds();
@@ -88,9 +88,9 @@ class Soak {
     bool check(const Words& keysBefore, const Words& keysAfter, const Holdings& before,
                const Holdings& most, const Holdings& after);
 
-    bench::BenchController controller_;
-    bench::WebFrontEnd web_{controller_};
-    std::optional<bench::StoreClient> store_;
+    testbed::Controller controller_;
+    testbed::WebFrontEnd web_{controller_};
+    std::optional<testbed::StoreClient> store_;
     std::array<std::atomic<long>, kindNames.size()> done_{};
     std::atomic<bool> ending_ = false;
     std::mutex mutex_;  // guards failure_
@@ -112,7 +112,7 @@ void Soak::work(const std::function<void()>& round) {
 }
 
 // As a front end does it: it takes away what it stored itself.
-Reply Soak::ask(bench::StoreClient& store, bench::Request request, Kind kind,
+Reply Soak::ask(testbed::StoreClient& store, testbed::Request request, Kind kind,
                 const std::string& status) {
     request.send();
     Reply reply = request.reply();
@@ -127,24 +127,24 @@ Reply Soak::ask(bench::StoreClient& store, bench::Request request, Kind kind,
 }
 
 void Soak::loginRounds(bool refusals) {
-    bench::FrontEnd frontEnd = controller_.frontEnd();
-    bench::StoreClient store = controller_.connect();
-    const bench::Account& account = bench::administrator;
+    testbed::FrontEnd frontEnd = controller_.frontEnd();
+    testbed::StoreClient store = controller_.connect();
+    const testbed::Account& account = testbed::administrator;
     int count = 0;
     work([&] {
         const Reply session =
             ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
         ask(store, frontEnd.prepareRemove(session.location()), logout, "OK_EMPTY");
         if (refusals && ++count % loginsPerRefusal == 1) {
-            ask(store, frontEnd.prepareLogin(account.name, bench::reader.password), refusal,
+            ask(store, frontEnd.prepareLogin(account.name, testbed::reader.password), refusal,
                 "AUTH_FAILED");
         }
     });
 }
 
 void Soak::changeRounds() {
-    bench::FrontEnd frontEnd = controller_.frontEnd();
-    bench::StoreClient store = controller_.connect();
+    testbed::FrontEnd frontEnd = controller_.frontEnd();
+    testbed::StoreClient store = controller_.connect();
     int count = 0;
     work([&] {
         ask(store, frontEnd.preparePatch({{"SessionTimeout", std::to_string(300 + ++count % 100)}}),
@@ -154,28 +154,28 @@ void Soak::changeRounds() {
 
 // Sessions of clients that went away.
 void Soak::expiryRounds() {
-    bench::FrontEnd frontEnd = controller_.frontEnd();
-    bench::StoreClient store = controller_.connect();
-    const bench::Account& account = bench::operatorAccount;
+    testbed::FrontEnd frontEnd = controller_.frontEnd();
+    testbed::StoreClient store = controller_.connect();
+    const testbed::Account& account = testbed::operatorAccount;
     work([&] {
         Words sessions;
         for (int i = 0; i < expiringSessions; ++i) {
             const Reply session =
                 ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
-            store.hset(bench::tokenKey(session.token()),
-                       {{"LastAccessed", std::to_string(bench::uptime() - 1000)}});
+            store.hset(testbed::tokenKey(session.token()),
+                       {{"LastAccessed", std::to_string(testbed::uptime() - 1000)}});
             sessions.push_back(session.location());
         }
         for (const std::string& session : sessions) {
-            bench::waitUntil("a session has expired", [&] { return !store.exists(session); });
+            testbed::waitUntil("a session has expired", [&] { return !store.exists(session); });
             ++done_.at(expiry);
         }
     });
 }
 
 void Soak::readRounds() {
-    bench::HttpClient client({.url = web_.url(), .certificatePath = web_.certificatePath()});
-    const auto expect = [&](const bench::HttpResponse& response, long status, Kind kind) {
+    testbed::HttpClient client({.url = web_.url(), .certificatePath = web_.certificatePath()});
+    const auto expect = [&](const testbed::HttpResponse& response, long status, Kind kind) {
         if (response.status != status) {
             throw Failure("One of the " + std::string(kindNames.at(kind)) + " was answered " +
                           std::to_string(response.status) + ": " + response.body);
@@ -183,8 +183,8 @@ void Soak::readRounds() {
         ++done_.at(kind);
     };
     work([&] {
-        const bench::HttpResponse session =
-            client.login(bench::reader.name, bench::reader.password);
+        const testbed::HttpResponse session =
+            client.login(testbed::reader.name, testbed::reader.password);
         expect(session, 201, login);
         for (int i = 0; i < readsPerLogin && !ending_; ++i) {
             expect(client.get(session.location()), 200, read);
@@ -200,16 +200,16 @@ void Soak::keepHouse(const std::string& kept) {
 
 Holdings Soak::holdings() {
     const pid_t daemon = controller_.daemon().pid();
-    return {
-        .daemonKib = bench::statusFigure(daemon, "VmRSS"),
-        .descriptors = bench::openDescriptors(daemon),
-        .threads = bench::statusFigure(daemon, "Threads"),
-        .keys = static_cast<long>(store_->run({"DBSIZE"}).integer),
-        .storeKib = static_cast<long>(bench::storeFigure(*store_, "memory", "used_memory") / 1024)};
+    return {.daemonKib = testbed::statusFigure(daemon, "VmRSS"),
+            .descriptors = testbed::openDescriptors(daemon),
+            .threads = testbed::statusFigure(daemon, "Threads"),
+            .keys = static_cast<long>(store_->run({"DBSIZE"}).integer),
+            .storeKib =
+                static_cast<long>(testbed::storeFigure(*store_, "memory", "used_memory") / 1024)};
 }
 
 Words Soak::quiet() {
-    bench::waitUntil("the replies and their messages have expired", [&] {
+    testbed::waitUntil("the replies and their messages have expired", [&] {
         return store_->run({"INFO", "keyspace"}).text.find("expires=0") != std::string::npos;
     });
     keepHouse("0");

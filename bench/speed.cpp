@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "bench/exchanges.h"
+#include "bench/requests.h"
 #include "bench/sweep.h"
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -93,7 +93,7 @@ double secondsOfLogin(Exchanges& exchanges, Server server) {
     return seconds;
 }
 
-void start(BenchController& controller, const std::string& more = {}) {
+void start(Controller& controller, const std::string& more = {}) {
     letEverybodyIn(controller, more);
     controller.start();
     // The log collection takes all entries.
@@ -104,7 +104,7 @@ void start(BenchController& controller, const std::string& more = {}) {
 }  // namespace
 
 void measureRequests(Table& table, const Effort& effort) {
-    BenchController controller;
+    Controller controller;
     start(controller);
     Exchanges exchanges(controller, "alice");
     exchanges.recordFloors({Kind::login, Kind::logout, Kind::change});
@@ -129,7 +129,7 @@ void measureRequests(Table& table, const Effort& effort) {
 }
 
 void measureSweeper(Table& table, const std::vector<int>& sessions, const Effort& effort) {
-    BenchController controller;
+    Controller controller;
     start(controller);
     Sweep sweep(controller, sessions.back());
     for (const int size : sessions) {
@@ -153,7 +153,7 @@ void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Effo
     constexpr char fill[] =
         "for i = redis.call('DBSIZE') + 1, tonumber(ARGV[1]) do "
         "redis.call('SET', 'filler:' .. i, '') end";
-    BenchController controller;
+    Controller controller;
     start(controller, "acct=PAM_NEW_AUTHTOK_REQD");
     StoreClient store = controller.connect();
     table.head({"login with an account look-up: keys in the store", "store commands", "daemon",
@@ -171,4 +171,4 @@ void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Effo
     }
 }
 
-}  // namespace bench
+}  // namespace testbed

@@ -5,7 +5,7 @@
 
 #include "bench/table.h"
 
-namespace bench {
+namespace testbed {
 
 // How often something is repeated: the median of the repetitions counts.
 struct Effort {
@@ -18,4 +18,4 @@ void measureRequests(Table& table, const Effort& effort);
 void measureSweeper(Table& table, const std::vector<int>& sessions, const Effort& effort);
 void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Effort& effort);
 
-}  // namespace bench
+}  // namespace testbed

@@ -6,9 +6,9 @@
 #include <thread>
 #include <utility>
 
-#include "bench/figures.h"
+#include "bench/process_statistics.h"
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -16,13 +16,13 @@ constexpr char longTimeout[] = "1000000000";
 
 }  // namespace
 
-Sweep::Sweep(BenchController& controller, int mostSessions)
+Sweep::Sweep(Controller& controller, int maxSessions)
     : controller_(controller), store_(controller.connect()) {
     controller.daemon().signal(SIGSTOP);
     FrontEnd frontEnd = controller.frontEnd();
-    for (int i = 0; i < mostSessions; ++i) {
-        const PlantedSession session =
-            frontEnd.plantSession({.timeout = longTimeout, .member = false});
+    for (int i = 0; i < maxSessions; ++i) {
+        const InsertedSession session =
+            frontEnd.insertSession({.timeout = longTimeout, .member = false});
         members_.push_back("&&ObjectRef " + session.uri);
     }
 }
@@ -93,4 +93,4 @@ double Sweep::pass(int sessions, Server server) {
     return std::chrono::duration<double>(commands.back().at - commands.front().at).count();
 }
 
-}  // namespace bench
+}  // namespace testbed

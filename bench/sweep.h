@@ -1,14 +1,14 @@
 // Passes of the sweeper over collections of any size, and the floor under them.
 #pragma once
 
-#include "bench/exchanges.h"
+#include "bench/requests.h"
 
-namespace bench {
+namespace testbed {
 
 class Sweep {
   public:
     // Plants sessions that do not expire. From then on the daemon stands still between passes.
-    Sweep(BenchController& controller, int mostSessions);
+    Sweep(Controller& controller, int maxSessions);
     ~Sweep();
     Sweep(const Sweep&) = delete;
     Sweep& operator=(const Sweep&) = delete;
@@ -24,10 +24,10 @@ class Sweep {
     static std::vector<MonitoredCommand> passAmong(const std::vector<MonitoredCommand>& commands,
                                                    int sessions);
 
-    BenchController& controller_;
+    Controller& controller_;
     StoreClient store_;
     Words members_;
     std::map<int, Recording> recordings_;
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <sstream>
 
-namespace bench {
+namespace testbed {
 
 std::string fixed(double figure, int places) {
     std::ostringstream text;
@@ -33,4 +33,4 @@ void Table::judge(std::vector<std::string> cells, bool met) {
     row(cells);
 }
 
-}  // namespace bench
+}  // namespace testbed

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace bench {
+namespace testbed {
 
 // A number with so many decimal places.
 std::string fixed(double figure, int places);
@@ -22,4 +22,4 @@ class Table {
     bool allMet_ = true;
 };
 
-}  // namespace bench
+}  // namespace testbed

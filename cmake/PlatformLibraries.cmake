@@ -20,7 +20,7 @@ function(platform_library name own source)
 endfunction()
 
 platform_library(platform_config "${SESSION_SERVICE_CONFIG_LIBRARY}"
-    platform/config_file.cpp session_shell)
+    platform/config_file.cpp session_base)
 platform_library(platform_decryption "${SESSION_SERVICE_DECRYPTION_LIBRARY}"
     platform/data_decryption.cpp OpenSSL::Crypto)
 platform_library(platform_json "${SESSION_SERVICE_JSON_LIBRARY}"

@@ -20,11 +20,11 @@ step() {
     printf 'done, %d s\n' $((SECONDS - start))
 }
 
-# The bench controller runs the daemon in private roots like this one.
+# the testbed runs the daemon in private roots like this one.
 check_namespaces() {
     bwrap --unshare-user --uid 0 --gid 0 --unshare-net --unshare-pid \
         --ro-bind / / --proc /proc --dev /dev true && return
-    echo "The bench controller needs user namespaces, which this machine refuses to $(id -un)."
+    echo "the testbed needs user namespaces, which this machine refuses to $(id -un)."
     return 1
 }
 

@@ -16,7 +16,7 @@
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
 #include "sessionctl/store_access.h"
-#include "sessions/creation.h"
+#include "sessions/create_session.h"
 #include "sessions/records.h"
 
 namespace session_service::console {
@@ -96,8 +96,8 @@ void checkMembers(Report& report, redisContext* store, std::int32_t count) {
                         "Member " + harmless(view.id) + ": " + view.fault + adviceFor(view) + ".");
         }
     }
-    if (taken >= mostSessions) {
-        report.warn(collectionUri, "All " + std::to_string(mostSessions) +
+    if (taken >= maxSessions) {
+        report.warn(collectionUri, "All " + std::to_string(maxSessions) +
                                        " places are taken, so logins are refused: see "
                                        "\"sessionctl list\", and \"sessionctl delete\" one.");
     }
@@ -200,10 +200,10 @@ void checkStoredSettings(Report& report, redisContext* store) {
         report.warn(defaultValuesKey, std::string(messageLifetimeField) +
                                           " is no positive number: messages live for one second.");
     }
-    const std::string largest = fieldOf(settings, largestEventGroupField);
+    const std::string largest = fieldOf(settings, maxEventGroupField);
     if (!largest.empty() &&
         (largest.find('.') != std::string::npos || leadingNumber(largest).value_or(0) <= 0)) {
-        report.warn(defaultValuesKey, std::string(largestEventGroupField) +
+        report.warn(defaultValuesKey, std::string(maxEventGroupField) +
                                           " is no positive number: the built-in value counts.");
     }
     report.conclude(defaultValuesKey, "no bad values");

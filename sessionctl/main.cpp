@@ -8,9 +8,9 @@
 #include <exception>
 #include <string_view>
 
+#include "base/process_state.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
-#include "platform/process_state.h"
 #include "sessionctl/commands.h"
 #include "sessionctl/output.h"
 
@@ -152,7 +152,7 @@ int main(int argumentCount, char** arguments) {
 
     // hiredis sends without MSG_NOSIGNAL, and a reader of the output may go.
     signal(SIGPIPE, SIG_IGN);
-    occupyStandardStreams();
+    openStandardStreams();
     // What the daemon would log goes to standard error.
     static Logger standardError;
     logger = &standardError;

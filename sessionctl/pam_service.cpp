@@ -10,7 +10,7 @@
 #include <optional>
 #include <set>
 
-#include "platform/text_file.h"
+#include "base/text_file.h"
 #include "sessionctl/output.h"
 
 namespace session_service::console {

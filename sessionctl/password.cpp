@@ -7,7 +7,7 @@
 
 #include "sessionctl/interruption.h"
 #include "sessionctl/output.h"
-#include "sessions/creation.h"
+#include "sessions/create_session.h"
 
 namespace session_service::console {
 namespace {
@@ -50,7 +50,7 @@ bool readLine(const Interruption& interruption, std::string& line) {
         if (character == '\n') {
             return true;
         }
-        if (line.size() == longestPassword) {
+        if (line.size() == maxPasswordLength) {
             return false;
         }
         line += character;
@@ -62,7 +62,7 @@ bool readLine(const Interruption& interruption, std::string& line) {
 SecretText readPassword(const std::string& prompt) {
     SecretText password;
     // Growing would leave copies behind.
-    password.text.reserve(longestPassword);
+    password.text.reserve(maxPasswordLength);
     bool given = false;
     int signal = 0;
     {
@@ -84,7 +84,7 @@ SecretText readPassword(const std::string& prompt) {
     }
     if (!given) {
         throw Problem(failed, "No password was given, or one of more than " +
-                                  std::to_string(longestPassword) + " bytes.");
+                                  std::to_string(maxPasswordLength) + " bytes.");
     }
     return password;
 }

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/secret.h"
+#include "base/secret.h"
 
 namespace session_service::console {
 

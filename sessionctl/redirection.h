@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace session_service::console {
 

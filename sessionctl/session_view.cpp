@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "base/secret.h"
 #include "frame/resource_names.h"
-#include "platform/secret.h"
 #include "sessionctl/output.h"
 #include "sessionctl/store_access.h"
 #include "sessions/collection.h"

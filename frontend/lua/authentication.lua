@@ -71,13 +71,13 @@ end
 local clientFaults = { ["Base.1.12.StringValueTooLong"] = true }
 
 -- A name goes into logs, of which there may be little room.
-local longestName = 255
+local maxNameLength = 255
 
 -- Logs in through the session service. Returns its reply; raises the problem that a refusal is.
 function authentication.login(name, password)
-    if #name > longestName then
+    if #name > maxNameLength then
         error(messages.problem(400, {
-            messages.new("Base.1.12.StringValueTooLong", "(user name)", tostring(longestName)),
+            messages.new("Base.1.12.StringValueTooLong", "(user name)", tostring(maxNameLength)),
         }))
     end
     local enciphered = encipher(password)

@@ -6,7 +6,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL session-service session-service-frontend)
 if(TARGET session-service-demo)
-    list(APPEND CPACK_COMPONENTS_ALL session-service-bench)
+    list(APPEND CPACK_COMPONENTS_ALL session-service-demo)
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -58,11 +58,11 @@ set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
     "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, lua-nginx-redis")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS session-service)
 
-debian_package(session-service-bench "Bench controller to try the session service on"
+debian_package(session-service-demo "Demo of the Redfish session service"
 "Runs the session service with all that a controller has around it, in a
 private root file system, and shows the life of sessions, with curl over
 HTTPS, too. The machine that it runs on is left alone.")
-set(CPACK_DEBIAN_SESSION-SERVICE-BENCH_PACKAGE_DEPENDS
+set(CPACK_DEBIAN_SESSION-SERVICE-DEMO_PACKAGE_DEPENDS
     "session-service (= ${PROJECT_VERSION}), session-service-frontend (= ${PROJECT_VERSION}), bubblewrap, redis-server, openssl, curl")
 
 include(CPack)

@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
+#include "base/text_file.h"
 #include "frame/file_names.h"
-#include "platform/text_file.h"
 
 namespace session_service {
 

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
+#include "base/shell.h"
 #include "frame/logger.h"
-#include "platform/shell.h"
 
 namespace session_service {
 namespace {

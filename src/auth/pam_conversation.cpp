@@ -12,7 +12,7 @@
 namespace session_service {
 namespace {
 
-constexpr int mostMessages = 32;
+constexpr int maxMessages = 32;
 constexpr std::size_t inputSize = 512;
 
 // The array of answers and how far it is filled. What PAM does not take over is wiped.
@@ -72,7 +72,7 @@ bool converse(const pam_message& message, pam_response& response, const char* pa
 int pamConversation(int messageCount, const pam_message** messages, pam_response** responses,
                     void* applicationData) {
     if (!messages || !responses || !applicationData || messageCount <= 0 ||
-        messageCount > mostMessages) {
+        messageCount > maxMessages) {
         logger->error("PAM converse - input data error.");
         return PAM_CONV_ERR;
     }

@@ -12,10 +12,10 @@
 #include "auth/group_settings.h"
 #include "auth/kerberos_groups.h"
 #include "auth/pam_conversation.h"
+#include "base/process_state.h"
+#include "base/secret.h"
 #include "frame/file_names.h"
 #include "frame/logger.h"
-#include "platform/process_state.h"
-#include "platform/secret.h"
 
 namespace session_service {
 namespace {
@@ -58,8 +58,8 @@ const char* groupVariable(pam_handle_t* handle) {
     if (const char* value = pam_getenv(handle, groupSettings.attribute.c_str())) {
         return value;
     }
-    constexpr std::size_t longestName = 255;
-    std::string capitals = groupSettings.attribute.substr(0, longestName);
+    constexpr std::size_t maxNameLength = 255;
+    std::string capitals = groupSettings.attribute.substr(0, maxNameLength);
     std::transform(capitals.begin(), capitals.end(), capitals.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
     return pam_getenv(handle, capitals.c_str());

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "frame/number.h"
+#include "base/number.h"
 
 namespace session_service {
 std::vector<std::int32_t> parsePrivilegeList(const std::string& text) {

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <ctime>
 
+#include "base/local_time.h"
 #include "frame/file_names.h"
-#include "frame/local_time.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
 #include "platform/config_file.h"

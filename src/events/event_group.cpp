@@ -4,8 +4,8 @@
 #include <limits>
 #include <string>
 
+#include "base/number.h"
 #include "frame/logger.h"
-#include "frame/number.h"
 #include "frame/resource_names.h"
 
 namespace session_service {
@@ -31,7 +31,7 @@ std::int32_t maxEventGroupId(redisContext* store) {
     if (kept != noMaximum) {
         return kept;
     }
-    const std::string setting = store::hget(store, defaultValuesKey, largestEventGroupField);
+    const std::string setting = store::hget(store, defaultValuesKey, maxEventGroupField);
     if (setting.find('.') != std::string::npos) {
         return noMaximum;
     }

@@ -10,11 +10,11 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "base/file_descriptor.h"
+#include "base/local_time.h"
+#include "base/shell.h"
 #include "frame/file_names.h"
-#include "frame/local_time.h"
 #include "platform/config_file.h"
-#include "platform/file_descriptor.h"
-#include "platform/shell.h"
 
 namespace session_service {
 

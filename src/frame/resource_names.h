@@ -39,6 +39,6 @@ inline const std::string patchChannel = "&&/redfish/v1/SessionService/CHANNEL";
 inline const std::string defaultValuesKey = "webDefaultValue";
 inline const std::string scriptDigestsKey = "redisSHAScripts";
 inline constexpr const char* messageLifetimeField = "REDIS_CONNECTION_DEFAULT_TIMEOUT";
-inline constexpr const char* largestEventGroupField = "MAX_EVENT_GROUP_ID";
+inline constexpr const char* maxEventGroupField = "MAX_EVENT_GROUP_ID";
 
 }  // namespace session_service

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/text_file.h"
+#include "base/text_file.h"
 
 namespace {
 

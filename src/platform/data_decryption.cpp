@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/file_descriptor.h"
-#include "platform/secret.h"
+#include "base/file_descriptor.h"
+#include "base/secret.h"
 
 namespace {
 

@@ -14,11 +14,11 @@ namespace {
 using nlohmann::json;
 namespace store = session_service::store;
 
-constexpr int mostLevels = 32;
+constexpr int maxLevels = 32;
 // A few dozen hashes that each name the next one twice ask for billions of reads, and a
 // text that many lists name for all memory. No real document comes near these bounds.
-constexpr int mostResources = 1024;
-constexpr std::size_t mostBytes = std::size_t{4} * 1024 * 1024;
+constexpr int maxResources = 1024;
+constexpr std::size_t maxBytes = std::size_t{4} * 1024 * 1024;
 
 [[noreturn]] void failTooDeep() {
     throw std::runtime_error("nested too deeply");
@@ -27,12 +27,12 @@ constexpr std::size_t mostBytes = std::size_t{4} * 1024 * 1024;
 // One conversion: where it reads, and how much more.
 struct Conversion {
     redisContext* connection;
-    int resourcesLeft = mostResources;
-    std::size_t bytesLeft = mostBytes;
+    int resourcesLeft = maxResources;
+    std::size_t bytesLeft = maxBytes;
 };
 
 void enterResource(Conversion& conversion, int level) {
-    if (level > mostLevels) {
+    if (level > maxLevels) {
         failTooDeep();
     }
     if (conversion.resourcesLeft == 0) {
@@ -57,7 +57,7 @@ json parseValue(const std::string& text, int level) {
         [&](int depth, json::parse_event_t event, json&) {
             const bool opens = event == json::parse_event_t::object_start ||
                                event == json::parse_event_t::array_start;
-            tooDeep = tooDeep || (opens && level + depth + 1 > mostLevels);
+            tooDeep = tooDeep || (opens && level + depth + 1 > maxLevels);
             return !tooDeep;
         },
         false);
@@ -71,7 +71,7 @@ json objectOf(Conversion& conversion, const std::string& key, int level);
 json arrayOf(Conversion& conversion, const std::string& key, int level);
 
 json objectRefOf(const std::string& uri, int level) {
-    if (level > mostLevels) {
+    if (level > maxLevels) {
         failTooDeep();
     }
     return {{"@odata.id", uri}};

@@ -18,8 +18,8 @@ namespace {
 const std::string timeoutProperty = sessionTimeoutField;
 
 // Tells the front end which of the properties that it waits for have been handled.
-void tickOffChecklist(redisContext* store, const std::string& requestKey,
-                      const FieldMap& properties) {
+void removeFromChecklist(redisContext* store, const std::string& requestKey,
+                         const FieldMap& properties) {
     const std::string checklist = requestKey + "/Checklist";
     if (!store::exists(store, checklist)) {
         return;
@@ -46,7 +46,7 @@ bool applyBody(redisContext* store, const Notice& notice, const std::string& tar
         writeStatus(store, notice.replyKey, list, "FAILURE");
         return false;
     }
-    tickOffChecklist(store, notice.requestKey, properties);
+    removeFromChecklist(store, notice.requestKey, properties);
     if (changed) {
         const bool written = store::hsetFields(store, serviceUri, properties);
         updateEtag(store, serviceUri);

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <vector>
 
+#include "base/text_file.h"
 #include "frame/file_names.h"
 #include "frame/logger.h"
 #include "frame/resource_names.h"
-#include "platform/text_file.h"
 
 namespace session_service {
 namespace {

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/number.h"
 #include "frame/logger.h"
-#include "frame/number.h"
 #include "frame/resource_names.h"
 #include "service/patch.h"
 

@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "base/file_descriptor.h"
+#include "base/secret.h"
 #include "frame/resource_names.h"
-#include "platform/file_descriptor.h"
-#include "platform/secret.h"
 #include "sessions/records.h"
 
 namespace session_service {
@@ -46,7 +46,7 @@ std::string generateRandomHex(unsigned byteCount) {
     return digits;
 }
 
-std::string drawSessionId(redisContext* store) {
+std::string generateSessionId(redisContext* store) {
     for (;;) {
         std::string id = generateRandomHex(sessionIdBytes);
         if (store::hget(store, sessionUriPrefix + id, "Id").empty()) {
@@ -55,7 +55,7 @@ std::string drawSessionId(redisContext* store) {
     }
 }
 
-std::string drawToken(redisContext* store) {
+std::string generateToken(redisContext* store) {
     for (;;) {
         std::string token = generateRandomHex(tokenBytes);
         const SecretText recordKey{tokenRecordPrefix + token};

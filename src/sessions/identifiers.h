@@ -18,7 +18,7 @@ std::string generateRandomHex(unsigned byteCount);
 // An identifier whose session URI names no session yet, and a token without a token
 // record. Both repeat the draw until the value is free; an unreadable random device
 // gives an empty value.
-std::string drawSessionId(redisContext* store);
-std::string drawToken(redisContext* store);
+std::string generateSessionId(redisContext* store);
+std::string generateToken(redisContext* store);
 
 }  // namespace session_service

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/secret.h"
+#include "base/secret.h"
 #include "store/commands.h"
 
 namespace session_service {

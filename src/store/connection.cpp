@@ -12,8 +12,8 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/shell.h"
-#include "platform/text_file.h"
+#include "base/shell.h"
+#include "base/text_file.h"
 #include "store/reply.h"
 
 namespace {

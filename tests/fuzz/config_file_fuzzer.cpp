@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/text_file.h"
+#include "base/text_file.h"
 #include "support/memory_file.h"
 #include "support/pieces.h"
 #include "support/property.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "auth/privileges.h"
-#include "frame/number.h"
+#include "base/number.h"
 #include "protocol/replies.h"
 #include "support/captured_stream.h"
 #include "support/input.h"

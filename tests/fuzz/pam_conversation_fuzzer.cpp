@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/text_file.h"
+#include "base/text_file.h"
 #include "support/captured_stream.h"
 #include "support/pieces.h"
 #include "support/property.h"
@@ -32,7 +32,7 @@ std::size_t __sanitizer_get_allocated_size(const volatile void* memory) __attrib
 namespace session_service {
 namespace {
 
-constexpr std::size_t mostMessages = 32;
+constexpr std::size_t maxMessages = 32;
 
 // What must not stand in memory that is given back.
 std::array<std::string_view, 2> secrets;
@@ -147,7 +147,7 @@ bool expectMessage(const Message& message, const std::string& password, std::str
 Course expectedCourse(const std::vector<Message>& messages, const std::string& password,
                       std::string_view input) {
     Course course;
-    if (messages.empty() || messages.size() > mostMessages) {
+    if (messages.empty() || messages.size() > maxMessages) {
         course.status = PAM_CONV_ERR;
         course.errors = errorLine("PAM converse - input data error.");
         return course;
@@ -208,7 +208,7 @@ Course hold(const std::vector<Message>& messages, std::string& password, std::st
     if (course.status == PAM_SUCCESS) {
         course.answers = takeAnswers(responses, messages.size());
     } else {
-        require(!responses || messages.empty() || messages.size() > mostMessages,
+        require(!responses || messages.empty() || messages.size() > maxMessages,
                 "a conversation that fails hands nothing over");
     }
     course.output = output.written();

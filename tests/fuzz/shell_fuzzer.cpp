@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "auth/kerberos_groups.h"
-#include "platform/shell.h"
+#include "base/shell.h"
 #include "support/pieces.h"
 #include "support/property.h"
 

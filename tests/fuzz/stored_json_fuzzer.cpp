@@ -18,7 +18,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int mostLevels = 32;
+constexpr int maxLevels = 32;
 constexpr std::size_t mostConnections = 8;
 
 int levelsOf(const json& value) {
@@ -35,7 +35,7 @@ int levelsOf(const json& value) {
 void checkJson(const std::string& text, json::value_t kind) {
     const json value = json::parse(text, nullptr, false);
     require(value.type() == kind, "the text is JSON of its kind");
-    require(levelsOf(value) <= mostLevels, "the text nests no deeper than its limit");
+    require(levelsOf(value) <= maxLevels, "the text nests no deeper than its limit");
 }
 
 // Takes a conversion's result over, null included.

@@ -6,7 +6,7 @@
 #include "support/trail.h"
 #include "unit_restrictions.h"
 
-namespace bench {
+namespace testbed {
 namespace {
 
 constexpr char confine[] = "/usr/local/bin/confine";
@@ -16,7 +16,7 @@ constexpr char unitLogFile[] = "/var/log/session-service/session-service.log";
 class UnderTheUnit : public LoginTest {
   protected:
     void SetUp() override {
-        controller.install(BENCH_CONFINE, confine);
+        controller.install(TESTBED_CONFINE, confine);
         controller.writeFile(rulesFile, restrictions_.rules);
         controller.writeFile(configurationFile, std::string("LOG_FILE=") + unitLogFile + "\n");
         startStore();
@@ -43,7 +43,7 @@ class UnderTheUnit : public LoginTest {
     }
 
   private:
-    const UnitRestrictions restrictions_ = readUnitRestrictions(BENCH_UNIT, controller.path(""));
+    const UnitRestrictions restrictions_ = readUnitRestrictions(TESTBED_UNIT, controller.path(""));
 };
 
 TEST_F(UnderTheUnit, LocalAccountsLogIn) {
@@ -79,4 +79,4 @@ TEST_F(UnderTheUnit, WhatTheUnitForbidsFails) {
 }
 
 }  // namespace
-}  // namespace bench
+}  // namespace testbed

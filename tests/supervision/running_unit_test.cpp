@@ -1,5 +1,5 @@
 // The unit itself, as systemd runs it: a copy under another name, with the daemon in the private
-// root of a bench controller.
+// root of a testbed.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,7 +8,7 @@
 
 #include "support/system_test.h"
 
-namespace bench {
+namespace testbed {
 namespace {
 
 namespace fs = std::filesystem;
@@ -18,7 +18,7 @@ class RunningUnit : public SystemTest {
     void SetUp() override {
         startStore();
         fs::create_directories(dropIns_);
-        fs::copy_file(BENCH_UNIT, unit_);
+        fs::copy_file(TESTBED_UNIT, unit_);
         std::ofstream(dropIns_ + "/root.conf") << dropIn();
         systemctl("daemon-reload");
         systemctl("start " + name_);
@@ -72,7 +72,7 @@ class RunningUnit : public SystemTest {
                "[Service]\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
                "RootDirectory=" +
                makeRoot() + "\nBindReadOnlyPaths=/usr /etc/alternatives " + outside + "/etc:/etc " +
-               outside + "/usr/local:/usr/local " + BENCH_DAEMON +
+               outside + "/usr/local:/usr/local " + TESTBED_DAEMON +
                ":/usr/local/sbin/session-service\nBindPaths=" + outside + "/var:/var " + outside +
                "/run/redis:/run/redis\nReadWritePaths=-+/var/"
                "nginx\nLogsDirectory=\nLogsDirectory=" +
@@ -98,4 +98,4 @@ TEST_F(RunningUnit, ComesBackWithTheStore) {
 }
 
 }  // namespace
-}  // namespace bench
+}  // namespace testbed

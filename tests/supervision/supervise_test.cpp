@@ -4,7 +4,7 @@
 
 #include "support/system_test.h"
 
-namespace bench {
+namespace testbed {
 namespace {
 
 using testing::AllOf;
@@ -17,7 +17,7 @@ constexpr char daemonPath[] = "/usr/local/sbin/session-service";
 class Supervisor : public SystemTest {
   protected:
     void SetUp() override {
-        controller.install(BENCH_SUPERVISE, supervise);
+        controller.install(TESTBED_SUPERVISE, supervise);
         startStore();
     }
     void TearDown() override {
@@ -114,4 +114,4 @@ TEST_F(Supervisor, WithoutADaemonSaysHowItIsCalled) {
 }
 
 }  // namespace
-}  // namespace bench
+}  // namespace testbed

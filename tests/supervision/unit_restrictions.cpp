@@ -13,9 +13,9 @@
 #include <set>
 #include <sstream>
 
-#include "controller/wait.h"
+#include "testbed/wait.h"
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -205,4 +205,4 @@ UnitRestrictions readUnitRestrictions(const std::string& unitFile, const std::st
     return reader.result();
 }
 
-}  // namespace bench
+}  // namespace testbed

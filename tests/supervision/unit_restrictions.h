@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace bench {
+namespace testbed {
 
 struct UnitRestrictions {
     std::vector<std::string> confinement;  // options for bubblewrap
@@ -21,4 +21,4 @@ struct UnitRestrictions {
 // it finds something in these options that it does not understand.
 UnitRestrictions readUnitRestrictions(const std::string& unitFile, const std::string& root);
 
-}  // namespace bench
+}  // namespace testbed

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "support/property.h"
 
 namespace session_service {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "store/commands.h"
 #include "support/resp_peer.h"
 

@@ -16,12 +16,12 @@
 #include "support/login_test.h"
 #include "support/trail.h"
 
-namespace bench {
+namespace testbed {
 
 // A FIFO inside the private root. Whoever reads it there waits until it opens.
 class Gate {
   public:
-    Gate(BenchController& controller, std::string inside)
+    Gate(Controller& controller, std::string inside)
         : controller_(controller), inside_(std::move(inside)) {
         const std::string path = controller.path(inside_);
         if (mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
@@ -44,7 +44,7 @@ class Gate {
     }
 
   private:
-    BenchController& controller_;
+    Controller& controller_;
     std::string inside_;
     int held_ = -1;
 };
@@ -125,8 +125,8 @@ class BrokenLoginTest : public LoginTest {
 
     // Deletion, expiry and PATCH, while logins wait.
     void expectTheOthersServe() {
-        EXPECT_EQ(frontEnd().remove(frontEnd().plantSession().uri).status(), "OK_EMPTY");
-        const PlantedSession session = frontEnd().plantSession({.timeout = "0"});
+        EXPECT_EQ(frontEnd().remove(frontEnd().insertSession().uri).status(), "OK_EMPTY");
+        const InsertedSession session = frontEnd().insertSession({.timeout = "0"});
         waitUntil("the session has expired", [&] {
             const std::vector<Words> entries = auditEntries(store());
             return !entries.empty() && entries.back().at(2).find(session.uri) != std::string::npos;
@@ -184,4 +184,4 @@ class BrokenLoginTest : public LoginTest {
     const std::string localAccounts_ = controller.readFile(pamServiceFile);
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -4,9 +4,9 @@
 #include <array>
 #include <utility>
 
-#include "controller/front_end.h"
+#include "testbed/front_end.h"
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -207,7 +207,7 @@ HostileRequest HostileRequests::next() {
     return request;
 }
 
-std::vector<Words> HostileRequests::plantVictims() {
+std::vector<Words> HostileRequests::insertVictims() {
     std::vector<Words> commands;
     const std::string now = std::to_string(uptime());
     for (const std::string& victim : victims) {
@@ -457,4 +457,4 @@ HostileRequest HostileRequests::echo() {
     return request;
 }
 
-}  // namespace bench
+}  // namespace testbed

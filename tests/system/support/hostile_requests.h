@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "controller/store_client.h"
+#include "testbed/store_client.h"
 
-namespace bench {
+namespace testbed {
 
 struct HostileRequest {
     // Commands for the store, in order, each with its key as the second word. Some of them
@@ -39,7 +39,7 @@ class HostileRequests {
     HostileRequest next();
 
     // Makes the sessions that requests delete and spoil.
-    static std::vector<Words> plantVictims();
+    static std::vector<Words> insertVictims();
 
   private:
     unsigned below(unsigned end) { return static_cast<unsigned>(random_() % end); }
@@ -71,4 +71,4 @@ class HostileRequests {
     unsigned long replies_ = 0;
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -5,7 +5,7 @@
 
 #include "support/system_test.h"
 
-namespace bench {
+namespace testbed {
 
 class LoginTest : public SystemTest {
   protected:
@@ -36,4 +36,4 @@ class LoginTest : public SystemTest {
     static constexpr char privilegeFile[] = "/etc/pam.d/groups2privs.conf";
 };
 
-}  // namespace bench
+}  // namespace testbed

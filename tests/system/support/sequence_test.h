@@ -9,7 +9,7 @@
 #include "support/trail.h"
 #include "support/welcoming_test.h"
 
-namespace bench {
+namespace testbed {
 
 using Commands = std::vector<Words>;
 
@@ -68,4 +68,4 @@ class SequenceTest : public WelcomingTest {
     }
 };
 
-}  // namespace bench
+}  // namespace testbed

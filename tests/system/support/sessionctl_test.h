@@ -7,7 +7,7 @@
 
 #include "support/system_test.h"
 
-namespace bench {
+namespace testbed {
 
 // What one run of the command came to.
 struct Outcome {
@@ -22,7 +22,7 @@ struct Outcome {
 class SessionctlTest : public SystemTest {
   protected:
     explicit SessionctlTest(const ControllerOptions& options = {}) : SystemTest(options) {
-        controller.bind({BENCH_SESSIONCTL, program, Bind::Kind::readOnly});
+        controller.bind({TESTBED_SESSIONCTL, program, Bind::Kind::readOnly});
     }
     void TearDown() override {
         for (const Account& account : {administrator, operatorAccount, reader, expired}) {
@@ -39,7 +39,7 @@ class SessionctlTest : public SystemTest {
     std::unique_ptr<Process> startSessionctl(const Words& arguments,
                                              const std::string& input = "/dev/null") {
         Launch launch{.command = {program},
-                      .environment = BenchController::sanitizerOptions(),
+                      .environment = Controller::sanitizerOptions(),
                       .ofThisBuild = true,
                       .streams = {.input = input}};
         if (std::find(arguments.begin(), arguments.end(), "--timeout") == arguments.end()) {
@@ -70,4 +70,4 @@ class RunningSessionctlTest : public SessionctlTest {
     void SetUp() override { start(); }
 };
 
-}  // namespace bench
+}  // namespace testbed

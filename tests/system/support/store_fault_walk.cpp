@@ -4,7 +4,7 @@
 
 #include "support/trail.h"
 
-namespace bench {
+namespace testbed {
 
 std::function<Lines(const Fault&)> always(const Lines& lines) {
     return [=](const Fault&) { return lines; };
@@ -79,7 +79,7 @@ void RequestsOnAFaultyStore::SetUp() {
                                      {"REDIS_CONNECTION_DEFAULT_TIMEOUT", "99000"}});
     endTheExpiry();
     // What is told once, at the first event, is told now.
-    frontEnd().remove(frontEnd().plantSession().uri);
+    frontEnd().remove(frontEnd().insertSession().uri);
     lines_ = logLines().size();
 }
 
@@ -188,4 +188,4 @@ void RequestsOnAFaultyStore::expectLines(const Lines& expected) {
     EXPECT_EQ(lines, expected);
 }
 
-}  // namespace bench
+}  // namespace testbed

@@ -29,7 +29,7 @@
 #include "support/store_faults.h"
 #include "support/welcoming_test.h"
 
-namespace bench {
+namespace testbed {
 
 // What others can see of a task.
 using Deeds = std::set<std::string>;
@@ -126,4 +126,4 @@ class RequestsOnAFaultyStore : public WelcomingTest, public testing::WithParamIn
     FaultyStore faulty_{controller};
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -72,7 +72,7 @@ const Fault& arrayWithoutTexts() {
     return fault;
 }
 
-FaultyStore::FaultyStore(BenchController& controller) : relay_(controller) {
+FaultyStore::FaultyStore(Controller& controller) : relay_(controller) {
     relay_.judge([this](const Words& command) { return judge(command); });
 }
 
@@ -142,4 +142,4 @@ StoreRelay::Verdict FaultyStore::judge(const Words& command) {
     return verdict;
 }
 
-}  // namespace bench
+}  // namespace testbed

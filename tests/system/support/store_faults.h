@@ -31,7 +31,7 @@
 
 #include "support/store_relay.h"
 
-namespace bench {
+namespace testbed {
 
 // What befalls a command.
 struct Fault {
@@ -73,7 +73,7 @@ class FaultyStore {
 
     // Leads the daemon, which has not been started yet, to the relay. The controller has to
     // outlive it.
-    explicit FaultyStore(BenchController& controller);
+    explicit FaultyStore(Controller& controller);
 
     // What connections will send that have not sent anything yet. Once the daemon serves,
     // these are the connections of requests.
@@ -108,4 +108,4 @@ class FaultyStore {
     StoreRelay relay_;
 };
 
-}  // namespace bench
+}  // namespace testbed

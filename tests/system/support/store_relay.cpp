@@ -12,7 +12,7 @@
 #include <memory>
 #include <utility>
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -90,7 +90,7 @@ Words nextCommand(redisReader& reader) {
 
 }  // namespace
 
-StoreRelay::StoreRelay(BenchController& controller)
+StoreRelay::StoreRelay(Controller& controller)
     : storePath_(controller.socketPath()), listener_(newSocket()), stop_(eventfd(0, EFD_CLOEXEC)) {
     const sockaddr_un address = addressOf(controller.path(relaySocket));
     if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -197,4 +197,4 @@ void StoreRelay::serve(int client) {
     }
 }
 
-}  // namespace bench
+}  // namespace testbed

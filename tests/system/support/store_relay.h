@@ -10,9 +10,9 @@
 #include <thread>
 #include <utility>
 
-#include "controller/bench_controller.h"
+#include "testbed/controller.h"
 
-namespace bench {
+namespace testbed {
 
 class StoreRelay {
   public:
@@ -41,7 +41,7 @@ class StoreRelay {
 
     // Leads the daemon, which has not been started yet, to the relay. The controller has to
     // outlive it.
-    explicit StoreRelay(BenchController& controller);
+    explicit StoreRelay(Controller& controller);
     // Ends all connections. A judge that still blocks has to return for it.
     ~StoreRelay();
     StoreRelay(const StoreRelay&) = delete;
@@ -74,4 +74,4 @@ inline const StoreRelay::Verdict StoreRelay::Verdict::cut{Fate::cut, {}};
 inline const StoreRelay::Verdict StoreRelay::Verdict::cutAfter{Fate::cutAfter, {}};
 inline const StoreRelay::Verdict StoreRelay::Verdict::truncate{Fate::truncated, {}};
 
-}  // namespace bench
+}  // namespace testbed

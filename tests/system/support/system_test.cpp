@@ -7,7 +7,7 @@
 #include <regex>
 #include <sstream>
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -46,7 +46,7 @@ LogLine toLogLine(const std::string& line) {
 }  // namespace
 
 SystemTest::SystemTest(const ControllerOptions& options) : controller(options) {
-    controller.install(BENCH_PAM_TEST_MODULE, pamModule);
+    controller.install(TESTBED_PAM_TEST_MODULE, pamModule);
 }
 
 void SystemTest::TearDown() {
@@ -225,7 +225,7 @@ std::vector<PamRecord> SystemTest::pamRecords() const {
 }
 
 void SystemTest::useKadminStandIn(const std::string& output) {
-    controller.install(BENCH_KADMIN_STAND_IN, "/usr/local/bin/kadmin");
+    controller.install(TESTBED_KADMIN_STAND_IN, "/usr/local/bin/kadmin");
     controller.writeFile("/tmp/kadmin.output", output);
 }
 
@@ -273,4 +273,4 @@ Words splitLines(const std::string& text) {
     return lines;
 }
 
-}  // namespace bench
+}  // namespace testbed

@@ -1,4 +1,4 @@
-// The fixture of all tests that run the daemon in a bench controller.
+// The fixture of all tests that run the daemon in a testbed.
 //
 // The end of a test ends the daemon in order, by stopping the store, and fails the test
 // when the daemon ends by a signal or with an exit status that the test did not expect,
@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "controller/accounts.h"
-#include "controller/bench_controller.h"
+#include "testbed/accounts.h"
+#include "testbed/controller.h"
 
-namespace bench {
+namespace testbed {
 
 // A line of the daemon's log file.
 struct LogLine {
@@ -87,7 +87,7 @@ class SystemTest : public testing::Test {
     StoreClient& store();
     FrontEnd& frontEnd();
 
-    BenchController controller;
+    Controller controller;
 
   private:
     void checkDaemon();
@@ -115,4 +115,4 @@ Words splitAtZeroBytes(const std::string& text);
 // The lines of a text, without their line feeds.
 Words splitLines(const std::string& text);
 
-}  // namespace bench
+}  // namespace testbed

@@ -1,6 +1,6 @@
 #include "support/trail.h"
 
-namespace bench {
+namespace testbed {
 
 std::vector<Words> lifeCycleEvents(StoreClient& store) {
     std::vector<Words> events;
@@ -39,4 +39,4 @@ std::vector<Words> commandsOf(const std::vector<MonitoredCommand>& commands,
     return words;
 }
 
-}  // namespace bench
+}  // namespace testbed

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "controller/monitor.h"
-#include "controller/store_client.h"
+#include "testbed/monitor.h"
+#include "testbed/store_client.h"
 
-namespace bench {
+namespace testbed {
 
 // The recorded changes of resources, oldest first: action, resource, resource type, event
 // group identifier.
@@ -20,4 +20,4 @@ std::vector<Words> auditEntries(StoreClient& store);
 std::vector<Words> commandsOf(const std::vector<MonitoredCommand>& commands,
                               const std::string& client);
 
-}  // namespace bench
+}  // namespace testbed

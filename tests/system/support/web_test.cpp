@@ -9,7 +9,7 @@
 #include <regex>
 #include <sstream>
 
-namespace bench {
+namespace testbed {
 
 namespace {
 
@@ -170,4 +170,4 @@ void WebTest::checkSecrets(const std::string& log) const {
     EXPECT_FALSE(containsToken(log)) << "The log tells a token.";
 }
 
-}  // namespace bench
+}  // namespace testbed

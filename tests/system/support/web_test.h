@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "controller/http_client.h"
-#include "controller/web_front_end.h"
 #include "support/system_test.h"
+#include "testbed/http_client.h"
+#include "testbed/web_front_end.h"
 
-namespace bench {
+namespace testbed {
 
 class WebTest : public SystemTest {
   protected:
@@ -49,4 +49,4 @@ class WebTest : public SystemTest {
     std::vector<std::string> expectedWebErrors_;
 };
 
-}  // namespace bench
+}  // namespace testbed

@@ -10,7 +10,7 @@
 #include "support/system_test.h"
 #include "support/trail.h"
 
-namespace bench {
+namespace testbed {
 
 inline constexpr char eventServiceUri[] = "/redfish/v1/EventService";
 inline constexpr char eventGroupCounter[] = "&&EVENT_GROUP_ID_COUNTER";
@@ -116,4 +116,4 @@ class WelcomingTest : public SystemTest {
     }
 };
 
-}  // namespace bench
+}  // namespace testbed

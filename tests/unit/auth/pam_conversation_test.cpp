@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "support/captured_output.h"
 
 namespace session_service {

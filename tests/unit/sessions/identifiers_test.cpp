@@ -31,7 +31,7 @@ TEST(RandomHex, DoesNotRepeat) {
 
 TEST(SessionId, IsDrawnUntilItIsFree) {
     const RespPeer peer({resp::bulk("\"taken\""), resp::bulk("\"taken\""), resp::nil()});
-    const std::string id = drawSessionId(peer.store());
+    const std::string id = generateSessionId(peer.store());
     EXPECT_EQ(id.size(), 8U);
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 3U);
@@ -41,12 +41,12 @@ TEST(SessionId, IsDrawnUntilItIsFree) {
 
 TEST(SessionId, IsFreeWhereTheStoreRefusesToTell) {
     const RespPeer peer({resp::error("WRONGTYPE")});
-    EXPECT_EQ(drawSessionId(peer.store()).size(), 8U);
+    EXPECT_EQ(generateSessionId(peer.store()).size(), 8U);
 }
 
 TEST(Token, IsDrawnUntilItIsFree) {
     const RespPeer peer({resp::bulk("taken"), resp::bulk("")});
-    const std::string token = drawToken(peer.store());
+    const std::string token = generateToken(peer.store());
     EXPECT_EQ(token.size(), 64U);
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 2U);

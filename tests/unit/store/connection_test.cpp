@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "store/commands.h"
 #include "support/captured_output.h"
 #include "support/no_descriptors.h"

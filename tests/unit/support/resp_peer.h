@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "store/commands.h"
 
 namespace session_service {

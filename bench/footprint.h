@@ -1,0 +1,18 @@
+// What the daemon needs of a board apart from time: size, memory, processor, wake-ups, calls.
+#pragma once
+
+#include <chrono>
+
+#include "bench/table.h"
+
+namespace testbed {
+
+// Each measures on a controller of its own and adds its part to the table.
+void measureSize(Table& table);
+void measureStart(Table& table);
+void measureMemory(Table& table, int logins);
+void measureIdleness(Table& table, std::chrono::seconds duration);
+// Needs strace, and the right to trace the daemon.
+void measureCalls(Table& table);
+
+}  // namespace testbed

@@ -1,0 +1,113 @@
+#include <algorithm>
+
+#include "sessionctl/commands.h"
+#include "sessionctl/output.h"
+#include "sessionctl/session_view.h"
+#include "sessionctl/store_access.h"
+#include "sessions/create_session.h"
+#include "sessions/records.h"
+
+namespace session_service::console {
+namespace {
+
+using nlohmann::json;
+
+template <typename Number>
+json orNull(const std::optional<Number>& number) {
+    return number ? json(*number) : json();
+}
+
+json summaryOf(const SessionView& view) {
+    return {{"id", view.id},
+            {"user", view.recorded ? json(view.user) : json()},
+            {"client", view.recorded ? json(view.client) : json()},
+            {"idleSeconds", orNull(view.idle)},
+            {"expiresInSeconds", orNull(view.expiresIn)},
+            {"fault", view.fault.empty() ? json() : json(view.fault)}};
+}
+
+std::string idleText(const SessionView& view) {
+    return view.idle ? durationText(*view.idle) : "";
+}
+
+std::string expiryText(const SessionView& view) {
+    if (!view.expiresIn) {
+        return "";
+    }
+    return *view.expiresIn > 0 ? durationText(*view.expiresIn) : "now";
+}
+
+// Public properties are stored as JSON, what is the daemon's own as bare text.
+json resourceOf(const SessionView& view) {
+    json values = json::object();
+    for (const auto& [name, value] : view.resource) {
+        values[name] = name.starts_with("&&") ? json(value) : jsonValue(value);
+    }
+    return values;
+}
+
+void append(std::vector<Row>& rows, const Fields& fields) {
+    for (const auto& [name, value] : fields) {
+        rows.push_back({"  " + name, value});
+    }
+}
+
+std::string describe(const SessionView& view, bool member) {
+    std::vector<Row> rows{{"Session " + view.id},
+                          {"  in the collection", member ? "yes" : "no"},
+                          {"  idle for", idleText(view)},
+                          {"  expires in", expiryText(view)},
+                          {"  fault", view.fault}};
+    rows.push_back({"Resource " + sessionUriOf(view.id)});
+    append(rows, view.resource);
+    rows.push_back({"Token record"});
+    append(rows, view.tokenRecord);
+    return tableText(rows);
+}
+
+}  // namespace
+
+int listSessions(const Options& options) {
+    const OpenStore store = openStore(options.patience);
+    std::vector<SessionView> views;
+    for (const std::string& member : readMembers(store.connection.get())) {
+        views.push_back(readMember(store.connection.get(), member));
+    }
+    if (options.json) {
+        json sessions = json::array();
+        std::transform(views.begin(), views.end(), std::back_inserter(sessions), summaryOf);
+        return print(jsonText({{"limit", maxSessions}, {"sessions", sessions}})) ? done : failed;
+    }
+    std::vector<Row> rows{{"IDENTIFIER", "USER", "CLIENT", "IDLE FOR", "EXPIRES IN", "FAULT"}};
+    for (const SessionView& view : views) {
+        rows.push_back(
+            {view.id, view.user, view.client, idleText(view), expiryText(view), view.fault});
+    }
+    const auto taken = std::count_if(views.begin(), views.end(),
+                                     [](const SessionView& view) { return view.counted; });
+    return print(tableText(rows) + std::to_string(taken) + " of " + std::to_string(maxSessions) +
+                 " places are taken.\n")
+               ? done
+               : failed;
+}
+
+int showSession(const Options& options, const std::string& id) {
+    const OpenStore store = openStore(options.patience);
+    const SessionView view = readSession(store.connection.get(), id);
+    const std::vector<std::string> members = readMembers(store.connection.get());
+    const bool member = std::find(members.begin(), members.end(), memberOf(id)) != members.end();
+    if (!view.recorded && !member) {
+        throw Problem(failed, "There is no session " + harmless(id) + ".");
+    }
+    if (!options.json) {
+        return print(describe(view, member)) ? done : failed;
+    }
+    json document = summaryOf(view);
+    document["uri"] = sessionUriOf(id);
+    document["inCollection"] = member;
+    document["resource"] = resourceOf(view);
+    document["tokenRecord"] = view.tokenRecord;
+    return print(jsonText(document)) ? done : failed;
+}
+
+}  // namespace session_service::console

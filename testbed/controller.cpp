@@ -1,0 +1,322 @@
+#include "testbed/controller.h"
+
+#include <signal.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace testbed {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char daemonPath[] = "/usr/local/sbin/session-service";
+constexpr char seedFile[] = TESTBED_FILES "/seed/resources.txt";
+constexpr char suppressionFile[] = "/usr/local/share/memcheck.supp";
+constexpr std::array scripts{"resourceChange", "logGeneratorHelper"};
+constexpr std::array channels{
+    "&&/redfish/v1/SessionService/Sessions/CreateNewSession",
+    "&&/redfish/v1/SessionService/Sessions/DeleteSession",
+    "&&/redfish/v1/SessionService/CHANNEL",
+};
+
+std::string readWhole(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string randomDigits(std::size_t count) {
+    std::string text(count, '\0');
+    if (getrandom(text.data(), count, 0) != static_cast<ssize_t>(count)) {
+        throw Failure("No random bytes.");
+    }
+    for (char& digit : text) {
+        digit = "0123456789abcdef"[static_cast<unsigned char>(digit) % 16];
+    }
+    return text;
+}
+
+// Splits a line of the seed: words between blanks, or between single quotes.
+Words splitCommand(const std::string& line) {
+    Words words;
+    for (std::size_t at = line.find_first_not_of(' '); at < line.size();
+         at = line.find_first_not_of(' ', at)) {
+        const bool quoted = line[at] == '\'';
+        const std::size_t begin = quoted ? at + 1 : at;
+        const std::size_t end = std::min(line.find(quoted ? '\'' : ' ', begin), line.size());
+        words.push_back(line.substr(begin, end - begin));
+        at = quoted ? end + 1 : end;
+    }
+    return words;
+}
+
+// How many commands of this name the server has carried out since its start.
+long long calls(StoreClient& store, const std::string& name) {
+    const std::string statistics = store.run({"INFO", "commandstats"}).text;
+    const std::string label = "cmdstat_" + name + ":calls=";
+    const std::size_t at = statistics.find(label);
+    return at == std::string::npos ? 0 : std::stoll(statistics.substr(at + label.size()));
+}
+
+// What the kernel calls a program that valgrind runs.
+#ifdef __aarch64__
+constexpr char memcheckName[] = "memcheck-arm64-linux";
+#else
+constexpr char memcheckName[] = "memcheck-amd64-linux";
+#endif
+
+}  // namespace
+
+Controller::Controller(const ControllerOptions& options)
+    : root_(folder_.path() + "/root"),
+      storePassword_("bench " + randomDigits(24)),
+      sandbox_(root_) {
+    // hiredis sends without guarding against a peer that has gone.
+    ::signal(SIGPIPE, SIG_IGN);
+
+    fs::copy(TESTBED_FILES "/root", root_, fs::copy_options::recursive);
+    for (const char* directory : {"/run/redis", "/var/log", "/usr/local/bin"}) {
+        fs::create_directories(path(directory));
+    }
+    install(TESTBED_SESSION_ROLE_MODULE, "/usr/local/lib/security/pam_session_role.so");
+    sandbox_.bind({TESTBED_DAEMON, daemonPath, Bind::Kind::readOnly});
+    if (const std::string profiles = TESTBED_PROFILES; !profiles.empty()) {
+        // Where programs that count their coverage keep it.
+        sandbox_.bind({profiles, profiles, Bind::Kind::writable});
+    }
+
+    writeFile(keyFile, randomDigits(64) + "\n");
+    std::string storeConfiguration = readFile("/etc/redis/redis.conf");
+    storeConfiguration += "requirepass \"" + storePassword_ + "\"\n";
+    writeFile("/run/redis/redis.requirepass", storePassword_);
+    if (options.storeOverTcp) {
+        storeConfiguration += "port 6379\n";
+        writeFile("/run/redis/redis.port", "6379");
+    } else {
+        writeFile("/run/redis/redis.port", "0");
+        writeFile("/run/redis/redis.unixsocket", "/run/redis/redis.sock");
+    }
+    writeFile("/etc/redis/redis.conf", storeConfiguration);
+    for (const char* secret :
+         {keyFile, "/etc/shadow", "/etc/redis/redis.conf", "/run/redis/redis.requirepass"}) {
+        chmod(path(secret).c_str(), S_IRUSR | S_IWUSR);
+    }
+
+    if (options.sharedNetwork || options.storeOverTcp) {
+        sandbox_.shareNetwork();
+    }
+}
+
+void Controller::start() {
+    startStore();
+    loadScripts();
+    seedStore();
+    startDaemon();
+    waitUntilServing();
+}
+
+void Controller::startStore() {
+    store_ = startProgram({.command = {"/usr/bin/redis-server", "/etc/redis/redis.conf"}});
+    waitUntil("the store answers", [this] {
+        if (const auto ended = store_->ending()) {
+            throw Failure("The store ended with " + toText(*ended) + ": " +
+                          readWhole(folder_.path() + "/redis-server.out"));
+        }
+        try {
+            return connect().run({"PING"}).text == "PONG";
+        } catch (const Failure&) {
+            return false;
+        }
+    });
+}
+
+void Controller::loadScripts() {
+    StoreClient store = connect();
+    for (const char* name : scripts) {
+        const std::string text = readWhole(TESTBED_FILES "/scripts/" + std::string(name) + ".lua");
+        const Value digest = store.run({"SCRIPT", "LOAD", text});
+        store.hset("redisSHAScripts", {{name, digest.text}});
+    }
+}
+
+void Controller::seedStore() {
+    StoreClient store = connect();
+    std::istringstream seed(readWhole(seedFile));
+    for (std::string line; std::getline(seed, line);) {
+        if (!line.empty() && line.front() != '#') {
+            store.run(splitCommand(line));
+        }
+    }
+}
+
+void Controller::stopStore() {
+    if (!store_) {
+        return;
+    }
+    try {
+        connect().command({"SHUTDOWN", "NOSAVE"});
+    } catch (const Failure&) {
+        // The server answers a shutdown by closing the connection.
+    }
+    store_->wait();
+    store_.reset();
+}
+
+void Controller::startDaemon(const DaemonOptions& options) {
+    daemon_.reset();
+    subscriptionsBefore_ = 0;
+    connectionsBefore_ = 0;
+    if (store_) {
+        StoreClient store = connect();
+        subscriptionsBefore_ = calls(store, "subscribe");
+        connectionsBefore_ = calls(store, "auth");
+    }
+    Launch launch{.command = {daemonPath},
+                  .environment = options.environment,
+                  .binds = options.binds,
+                  .limits = options.limits,
+                  .runner = options.runner,
+                  .confinement = options.confinement,
+                  .ofThisBuild = true,
+                  .streams = {.input = options.input}};
+    launch.environment.merge(sanitizerOptions());
+    if (underMemcheck()) {
+        install(TESTBED_FILES "/memcheck.supp", suppressionFile);
+        // A forked child has lost what only the stacks of other threads lead to.
+        launch.runner = {"/usr/bin/valgrind",
+                         "--quiet",
+                         "--suppressions=" + std::string(suppressionFile),
+                         "--leak-check=full",
+                         "--show-leak-kinds=definite",
+                         "--keep-debuginfo=yes",
+                         "--child-silent-after-fork=yes",
+                         "--vgdb=no"};
+        launch.name = memcheckName;
+    }
+    daemon_ = startProgram(launch);
+}
+
+void Controller::waitUntilServing() {
+    StoreClient store = connect();
+    // The daemon tries the third channel's subscription before its worker takes it up, so
+    // that three open channels alone do not tell that the worker listens.
+    constexpr long long subscriptionsOfAStart = 4;
+    // Start-up, the two request threads, the sweeper, the PATCH worker with its preparation
+    // (two), and the one here. The sweeper subscribes nothing.
+    constexpr long long connectionsOfAStart = 8;
+    waitUntil("the daemon serves", [&] {
+        if (const auto ended = daemon().ending()) {
+            throw Failure("The daemon ended with " + toText(*ended) + ": " + daemonErrors());
+        }
+        if (calls(store, "subscribe") < subscriptionsBefore_ + subscriptionsOfAStart ||
+            calls(store, "auth") < connectionsBefore_ + connectionsOfAStart) {
+            return false;
+        }
+        Words command{"PUBSUB", "NUMSUB"};
+        command.insert(command.end(), channels.begin(), channels.end());
+        const Value counts = store.run(command);
+        for (std::size_t i = 1; i < counts.elements.size(); i += 2) {
+            if (counts.elements[i].integer == 0) {
+                return false;
+            }
+        }
+        return true;
+    });
+}
+
+Process& Controller::daemon() {
+    if (!daemon_) {
+        throw Failure("The daemon has not been started.");
+    }
+    return *daemon_;
+}
+
+std::string Controller::daemonOutput() const {
+    return outputOf("session-service");
+}
+
+std::string Controller::daemonErrors() const {
+    return errorsOf("session-service");
+}
+
+std::unique_ptr<Process> Controller::startProgram(const Launch& launch) {
+    Launch complete = launch;
+    const std::string program =
+        folder_.path() + "/" + fs::path(launch.command.front()).filename().string();
+    complete.streams.output = program + ".out";
+    complete.streams.errors = program + ".err";
+    if (TESTBED_EMULATED && launch.ofThisBuild) {
+        complete.runner = {TESTBED_EMULATOR};
+        complete.name = fs::path(TESTBED_EMULATOR).filename().string();
+    }
+    return sandbox_.start(complete);
+}
+
+std::map<std::string, std::string> Controller::sanitizerOptions() {
+    if (!TESTBED_SANITIZED) {
+        return {};
+    }
+    // The sanitizers look up the real crypt at the start of a program, where it would be
+    // missing, because only a PAM module brings it in; hence the preload.
+    return {
+        {"LD_PRELOAD", "libcrypt.so.1"},
+        {"ASAN_OPTIONS", "detect_leaks=1:detect_stack_use_after_return=1:verify_asan_link_order=0"},
+        {"UBSAN_OPTIONS", "print_stacktrace=1"},
+        {"TSAN_OPTIONS", "second_deadlock_stack=1"}};
+}
+
+std::string Controller::outputOf(const std::string& program) const {
+    return readWhole(folder_.path() + "/" + program + ".out");
+}
+
+std::string Controller::errorsOf(const std::string& program) const {
+    return readWhole(folder_.path() + "/" + program + ".err");
+}
+
+StoreClient Controller::connect() const {
+    return {socketPath(), storePassword_};
+}
+
+FrontEnd Controller::frontEnd() const {
+    return {socketPath(), storePassword_, path(keyFile),
+            [this] { return daemon_ && !daemon_->ending(); }};
+}
+
+Monitor Controller::monitor() const {
+    return {socketPath(), storePassword_};
+}
+
+void Controller::writeFile(const std::string& inside, const std::string& text) {
+    fs::create_directories(fs::path(path(inside)).parent_path());
+    std::ofstream file(path(inside), std::ios::binary | std::ios::trunc);
+    file << text;
+    if (!file.flush()) {
+        throw Failure(inside + " cannot be written.");
+    }
+}
+
+std::string Controller::readFile(const std::string& inside) const {
+    return readWhole(path(inside));
+}
+
+bool Controller::fileExists(const std::string& inside) const {
+    return fs::exists(path(inside));
+}
+
+void Controller::removeFile(const std::string& inside) {
+    fs::remove(path(inside));
+}
+
+void Controller::install(const std::string& outside, const std::string& inside) {
+    fs::create_directories(fs::path(path(inside)).parent_path());
+    fs::copy_file(outside, path(inside), fs::copy_options::overwrite_existing);
+}
+
+}  // namespace testbed

@@ -1,0 +1,591 @@
+// Shows the life of sessions on a testbed, and checks all that it shows.
+// Exit status 0: everything was as it must be.
+#include <signal.h>
+
+#include <array>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "testbed/accounts.h"
+#include "testbed/controller.h"
+#include "testbed/web_front_end.h"
+
+namespace {
+
+using testbed::Account;
+using testbed::Fields;
+using testbed::Reply;
+using testbed::Value;
+using testbed::Words;
+
+constexpr char eventStream[] = "&&EventStream";
+constexpr char auditMembersKey[] = "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
+constexpr std::size_t sessionLimit = 8;
+
+// What should be found in the event stream: action, resource, type, group identifier.
+struct Event {
+    std::string action;
+    std::string resource;
+    std::string type;
+    std::string group;
+
+    bool operator==(const Event&) const = default;
+};
+
+struct AuditEntry {
+    std::string messageId;
+    std::string user;
+    std::string origin;
+
+    bool operator==(const AuditEntry&) const = default;
+};
+
+// Nobody needs a whole token on the screen.
+std::string withShortTokens(std::string text) {
+    constexpr std::size_t digits = 64;
+    constexpr std::size_t kept = 8;
+    std::size_t run = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        run = std::isxdigit(static_cast<unsigned char>(text[at])) != 0 ? run + 1 : 0;
+        if (run == digits) {
+            at = at + 1 - digits + kept;
+            text.replace(at, digits - kept, "...");
+            run = 0;
+        }
+    }
+    return text;
+}
+
+std::string unquoted(const std::string& json) {
+    return json.size() > 1 && json.front() == '"' ? json.substr(1, json.size() - 2) : json;
+}
+
+struct ClosePipe {
+    void operator()(FILE* pipe) const noexcept { pclose(pipe); }
+};
+
+// Runs a shell command; returns what it wrote.
+std::string outputOf(const std::string& command) {
+    // NOLINTNEXTLINE(cert-env33-c): all commands are this program's own.
+    const std::unique_ptr<FILE, ClosePipe> pipe(popen(command.c_str(), "re"));
+    if (!pipe) {
+        throw testbed::Failure("A command cannot be started.");
+    }
+    std::string output;
+    std::array<char, 4096> piece{};
+    for (std::size_t count = 0; (count = fread(piece.data(), 1, piece.size(), pipe.get())) > 0;) {
+        output.append(piece.data(), count);
+    }
+    return output;
+}
+
+std::string loginBody(const Account& account, const std::string& password) {
+    return std::string(R"({"UserName":")") + account.name + R"(","Password":")" + password +
+           R"("})";
+}
+
+// What an HTTPS client got: the status, and the header lines with the body as they came.
+struct WebAnswer {
+    std::string status;
+    std::string text;
+
+    // A header's value; empty when it is not there.
+    std::string header(const std::string& name) const {
+        const std::size_t at = text.find("\n" + name + ": ");
+        if (at == std::string::npos) {
+            return {};
+        }
+        const std::size_t begin = at + name.size() + 3;
+        return text.substr(begin, text.find_first_of("\r\n", begin) - begin);
+    }
+    bool holds(const std::string& part) const { return text.find(part) != std::string::npos; }
+};
+
+void chapter(const std::string& title) {
+    std::cout << "\n== " << title << "\n";
+}
+
+void show(const std::string& title, const Fields& fields) {
+    std::cout << "   " << withShortTokens(title) << "\n";
+    for (const auto& [field, value] : fields) {
+        std::cout << "      " << std::left << std::setw(22) << field << " "
+                  << withShortTokens(value) << "\n";
+    }
+}
+
+class Demo {
+  public:
+    // Runs all chapters; returns whether everything was right.
+    bool run();
+    // Says how to use the running controller, and waits for an interrupt.
+    void keep();
+
+  private:
+    void showStart();
+    void showRefusal();
+    void showLogin();
+    void showPatch();
+    void showExpiry();
+    void showLogout();
+    void showLimit();
+    void showWeb();
+    void showTrail();
+
+    // Logs in without output, and notes what a success has to leave in the trail.
+    Reply login(const Account& account);
+    // Logs the reader in until there are as many sessions as there can be; returns the new ones.
+    Words fillUp(std::size_t present);
+    // Logs these out again; returns whether all were.
+    bool removeAll(const Words& sessions);
+    // Notes what the end of a session has to leave in the trail.
+    void expectLogout(const std::string& sessionUri, const Account& account);
+    void expectEvents(const std::string& action, const std::string& sessionUri);
+    void showReply(const Reply& reply);
+    // Shows a curl command and what it got, and runs it: `arguments` is all but the options that
+    // every command has, and the address.
+    WebAnswer curl(const std::string& arguments, const std::string& path);
+    std::string curlCommand() const;
+    void check(bool right, const std::string& statement);
+
+    std::vector<Event> events();
+    std::vector<AuditEntry> auditEntries();
+
+    testbed::Controller controller_;
+    testbed::WebFrontEnd web_{controller_};
+    std::optional<testbed::FrontEnd> frontEnd_;
+    std::optional<testbed::StoreClient> store_;
+    std::string firstSession_;
+    std::vector<Event> expectedEvents_;
+    std::vector<AuditEntry> expectedAuditEntries_;
+    int lastGroup_ = 0;
+    bool allRight_ = true;
+};
+
+void Demo::check(bool right, const std::string& statement) {
+    std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
+    allRight_ = allRight_ && right;
+}
+
+void Demo::showReply(const Reply& reply) {
+    show("reply", reply.fields);
+    for (const testbed::Message& message : reply.messages) {
+        std::cout << "      message                " << message.id;
+        for (const std::string& argument : message.arguments) {
+            std::cout << " " << argument;
+        }
+        std::cout << "\n";
+    }
+}
+
+std::vector<Event> Demo::events() {
+    std::vector<Event> found;
+    for (const Value& entry : store_->run({"XRANGE", eventStream, "-", "+"}).elements) {
+        const std::vector<Value>& items = entry.elements.at(1).elements;
+        found.push_back({items.at(1).text, items.at(3).text, items.at(5).text, items.at(7).text});
+    }
+    return found;
+}
+
+std::vector<AuditEntry> Demo::auditEntries() {
+    std::vector<AuditEntry> found;
+    const std::string reference = "&&ObjectRef ";
+    const Words members = store_->lrange(auditMembersKey);
+    for (auto member = members.rbegin(); member != members.rend(); ++member) {
+        const Fields entry = store_->hgetall(member->substr(reference.size()));
+        // ["user"] and {"OriginOfCondition":{"@odata.id":"uri"}}
+        const std::string user = entry.at("MessageArgs");
+        const std::string links = entry.at("Links");
+        const std::size_t uri = links.rfind(":\"") + 2;
+        found.push_back({unquoted(entry.at("MessageId")), user.substr(2, user.size() - 4),
+                         links.substr(uri, links.rfind('"') - uri)});
+    }
+    return found;
+}
+
+void Demo::expectEvents(const std::string& action, const std::string& sessionUri) {
+    const std::string group = std::to_string(++lastGroup_);
+    expectedEvents_.push_back({action, sessionUri, "Session", group});
+    expectedEvents_.push_back({"change", testbed::sessionsUri, "SessionCollection", group});
+}
+
+Reply Demo::login(const Account& account) {
+    Reply reply = frontEnd_->login(account.name, account.password);
+    if (reply.status() == "OK") {
+        expectEvents("add", reply.location());
+        expectedAuditEntries_.push_back(
+            {"AuditEvent.1.1.UserLogin", account.name, reply.location()});
+    }
+    return reply;
+}
+
+void Demo::expectLogout(const std::string& sessionUri, const Account& account) {
+    expectEvents("delete", sessionUri);
+    expectedAuditEntries_.push_back({"AuditEvent.1.1.UserLogout", account.name, sessionUri});
+}
+
+void Demo::showStart() {
+    chapter("the testbed starts");
+    const auto begin = std::chrono::steady_clock::now();
+    controller_.start();
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - begin);
+    frontEnd_.emplace(controller_.frontEnd());
+    store_.emplace(controller_.connect());
+    std::cout << "   A store, local accounts and the session service, in a private root: up in "
+              << took.count() << " ms.\n";
+}
+
+void Demo::showRefusal() {
+    chapter("A login with a wrong password");
+    const Reply reply = frontEnd_->login(testbed::administrator.name, "not the password");
+    showReply(reply);
+    check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
+              reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
+          "the login is refused: the credentials are not valid");
+    check(reply.token().empty() && store_->llen(testbed::membersKey) == 0,
+          "there is no token and no session");
+    const std::string reason =
+        std::string(testbed::administrator.name) + " does not pass the PAM auth.";
+    check(controller_.readFile(testbed::logFile).find(reason) != std::string::npos,
+          "the log says why: " + reason);
+}
+
+void Demo::showLogin() {
+    chapter("A login of the administrator");
+    const Reply reply = login(testbed::administrator);
+    showReply(reply);
+    firstSession_ = reply.location();
+    check(reply.status() == "OK" && reply.messages.size() == 1 &&
+              reply.messages[0].id == "Base.1.12.Created",
+          "the session is created");
+
+    const Fields session = store_->hgetall(firstSession_);
+    show("session resource " + firstSession_, session);
+    check(unquoted(store_->hget(firstSession_, "UserName")) == testbed::administrator.name &&
+              unquoted(store_->hget(firstSession_, "@odata.id")) == firstSession_,
+          "the session resource belongs to the user");
+
+    const std::string tokenKey = testbed::tokenKey(reply.token());
+    show("token record " + tokenKey, store_->hgetall(tokenKey));
+    check(store_->hget(tokenKey, "SessionID") == firstSession_ &&
+              store_->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
+          "the token leads to the session and carries the privilege of the user's role");
+    check(
+        unquoted(store_->hget(testbed::tokenReferenceKey(firstSession_), "XAUTH")) == reply.token(),
+        "the session leads to the token");
+
+    show(std::string("collection ") + testbed::sessionsUri, store_->hgetall(testbed::sessionsUri));
+    const Words members = store_->lrange(testbed::membersKey);
+    check(members == Words{"&&ObjectRef " + firstSession_} &&
+              store_->hget(testbed::sessionsUri, "Members@odata.count") == "1",
+          "the collection holds this session and counts one");
+
+    for (const Event& event : events()) {
+        std::cout << "   event " << event.action << " " << event.resource << " (group "
+                  << event.group << ")\n";
+    }
+    check(events() == expectedEvents_, "both changes are announced, as one group");
+    const std::vector<AuditEntry> audit = auditEntries();
+    for (const AuditEntry& entry : audit) {
+        std::cout << "   audit entry " << entry.messageId << " " << entry.user << "\n";
+    }
+    check(audit == expectedAuditEntries_, "the login is in the audit log");
+}
+
+void Demo::showPatch() {
+    chapter("The session timeout is changed");
+    const std::string before = store_->hget(testbed::serviceUri, "SessionTimeout");
+    const Reply reply = frontEnd_->patch({{"SessionTimeout", "600"}});
+    showReply(reply);
+    check(reply.status() == "OK", "the change is accepted");
+    const std::string after = store_->hget(testbed::serviceUri, "SessionTimeout");
+    check(before == "300" && after == "600", "the service says " + after + ", it was " + before);
+    const std::string kept = controller_.readFile(testbed::persistentFile);
+    std::cout << "   " << testbed::persistentFile << "\n";
+    std::istringstream lines(kept);
+    for (std::string line; std::getline(lines, line);) {
+        std::cout << "      " << line << "\n";
+    }
+    check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
+    expectedEvents_.push_back(
+        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    testbed::waitUntil("the change is announced",
+                       [this] { return events().size() >= expectedEvents_.size(); });
+    check(events() == expectedEvents_, "the change is announced");
+}
+
+void Demo::showExpiry() {
+    chapter("A session expires");
+    const Reply reply = login(testbed::operatorAccount);
+    check(reply.status() == "OK", "the operator has logged in: " + reply.location());
+    const std::string tokenKey = testbed::tokenKey(reply.token());
+    check(store_->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
+
+    constexpr long timeout = 4;
+    std::cout << "   Nobody wants to wait that long: this one gets " << timeout << " seconds.\n"
+              << "   idle:";
+    const long lastUse = std::stol(store_->hget(tokenKey, "LastAccessed"));
+    store_->hset(tokenKey, {{"Timeout", std::to_string(timeout)}});
+    long shown = -1;
+    testbed::waitUntil("the session expires", [&] {
+        const long left = timeout - (testbed::uptime() - lastUse);
+        if (left != shown) {
+            shown = left;
+            std::cout << " " << left << " s left ..." << std::flush;
+        }
+        return !store_->exists(reply.location());
+    });
+    std::cout << " gone\n";
+    expectLogout(reply.location(), testbed::operatorAccount);
+    testbed::waitUntil("the expiry is in the audit log",
+                       [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+    check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
+    check(
+        !store_->exists(tokenKey) && !store_->exists(testbed::tokenReferenceKey(reply.location())),
+        "its token is worth nothing any more");
+    check(store_->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession_},
+          "the administrator's session is still there");
+}
+
+void Demo::showLogout() {
+    chapter("The administrator logs out");
+    const Reply reply = frontEnd_->remove(firstSession_);
+    showReply(reply);
+    expectLogout(firstSession_, testbed::administrator);
+    check(reply.status() == "OK_EMPTY", "the session is removed");
+    check(store_->llen(testbed::membersKey) == 0 && !store_->exists(firstSession_) &&
+              store_->hget(testbed::sessionsUri, "Members@odata.count") == "0",
+          "the collection is empty");
+}
+
+Words Demo::fillUp(std::size_t present) {
+    Words sessions;
+    while (present + sessions.size() < sessionLimit) {
+        const Reply reply = login(testbed::reader);
+        if (reply.status() != "OK") {
+            check(false, "a login below the limit answered " + reply.status());
+            break;
+        }
+        sessions.push_back(reply.location());
+    }
+    return sessions;
+}
+
+bool Demo::removeAll(const Words& sessions) {
+    bool allRemoved = true;
+    for (const std::string& session : sessions) {
+        allRemoved = frontEnd_->remove(session).status() == "OK_EMPTY" && allRemoved;
+        expectLogout(session, testbed::reader);
+    }
+    return allRemoved;
+}
+
+void Demo::showLimit() {
+    chapter("As many sessions as there can be");
+    const Words sessions = fillUp(0);
+    check(store_->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
+          "the reader has logged in eight times");
+    const Reply ninth = login(testbed::reader);
+    showReply(ninth);
+    check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
+              ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
+          "the ninth login is refused");
+
+    check(removeAll(sessions), "all eight have logged out");
+    check(store_->llen(testbed::membersKey) == 0 && store_->keys("&&X-AUTH-TOKEN-*").empty() &&
+              store_->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
+          "nothing is left of any session");
+}
+
+std::string Demo::curlCommand() const {
+    return "curl -sS -i --cacert " + web_.certificatePath();
+}
+
+WebAnswer Demo::curl(const std::string& arguments, const std::string& path) {
+    const std::string rest = arguments + (arguments.empty() ? "" : " ") + web_.url() + path;
+    std::cout << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
+    WebAnswer answer{.status = {}, .text = outputOf(curlCommand() + " " + rest)};
+    answer.status = answer.text.substr(0, answer.text.find('\r'));
+    std::cout << "      " << answer.status << "\n";
+    for (const char* header : {"Location", "X-Auth-Token", "ETag", "Retry-After"}) {
+        if (const std::string value = answer.header(header); !value.empty()) {
+            std::cout << "      " << header << ": " << withShortTokens(value) << "\n";
+        }
+    }
+    const std::size_t body = answer.text.find("\r\n\r\n");
+    if (body != std::string::npos && body + 4 < answer.text.size()) {
+        std::cout << "      " << answer.text.substr(body + 4) << "\n";
+    }
+    return answer;
+}
+
+void Demo::showWeb() {
+    chapter("The same with curl, through the web front end");
+    const std::string service = testbed::serviceUri;
+    const std::string sessions = testbed::sessionsUri;
+    const std::string json = "-H 'Content-Type: application/json' ";
+    web_.start();
+    std::cout << "   It listens on " << web_.url() << ".\n";
+    check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
+          "without a token nothing can be read");
+    check(
+        curl(json + "-d '" + loginBody(testbed::administrator, "not the password") + "'", sessions)
+            .holds("401 Unauthorized"),
+        "a wrong password is refused");
+
+    const WebAnswer created = curl(
+        json + "-d '" + loginBody(testbed::administrator, testbed::administrator.password) + "'",
+        sessions);
+    const std::string session = created.header("Location");
+    check(created.holds("201 Created") && store_->exists(session), "the session is created");
+    expectEvents("add", session);
+    expectedAuditEntries_.push_back(
+        {"AuditEvent.1.1.UserLogin", testbed::administrator.name, session});
+
+    // The commands name the token as a variable: nobody needs the whole of it on the screen.
+    setenv("TOKEN", created.header("X-Auth-Token").c_str(), 1);
+    std::cout << "   $ TOKEN=... (the X-Auth-Token above)\n";
+    const std::string token = "-H \"X-Auth-Token: $TOKEN\"";
+    check(curl(token, session).holds(R"("UserName":"admin")"), "the token reads its session");
+
+    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
+              .holds(R"("SessionTimeout":900)"),
+          "the session timeout is changed");
+    expectedEvents_.push_back(
+        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    testbed::waitUntil("the change is announced",
+                       [this] { return events().size() >= expectedEvents_.size(); });
+    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
+              .holds("400 Bad Request"),
+          "a timeout below 30 seconds is refused");
+
+    const WebAnswer second =
+        curl(json + "-d '" +
+                 loginBody(testbed::operatorAccount, testbed::operatorAccount.password) + "'",
+             sessions);
+    const std::string expiring = second.header("Location");
+    expectEvents("add", expiring);
+    expectedAuditEntries_.push_back(
+        {"AuditEvent.1.1.UserLogin", testbed::operatorAccount.name, expiring});
+    std::cout << "   This one gets one second.\n";
+    store_->hset(testbed::tokenKey(second.header("X-Auth-Token")), {{"Timeout", "1"}});
+    expectLogout(expiring, testbed::operatorAccount);
+    testbed::waitUntil("the expiry is in the audit log",
+                       [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+    check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
+
+    const Words others = fillUp(1);
+    check(curl(json + "-d '" + loginBody(testbed::reader, testbed::reader.password) + "'", sessions)
+              .holds("503 Service"),
+          "with eight sessions a ninth login is refused for now");
+    check(removeAll(others), "the others have logged out");
+
+    check(curl(token + " -X DELETE", session).holds("204 No Content") && !store_->exists(session),
+          "the session is removed");
+    expectLogout(session, testbed::administrator);
+    check(curl(token, service).holds("401 Unauthorized"), "the token is worth nothing any more");
+    unsetenv("TOKEN");
+    check(store_->keys("&&/frontend/*").empty(), "the front end has left nothing in the store");
+}
+
+void Demo::showTrail() {
+    chapter("The trail of all this");
+    const std::vector<Event> foundEvents = events();
+    for (const Event& event : foundEvents) {
+        std::cout << "   event " << std::right << std::setw(3) << event.group << "  " << std::left
+                  << std::setw(7) << event.action << event.resource << "\n";
+    }
+    check(foundEvents == expectedEvents_,
+          "the stream holds exactly these " + std::to_string(expectedEvents_.size()) + " events");
+    const std::vector<AuditEntry> foundEntries = auditEntries();
+    for (const AuditEntry& entry : foundEntries) {
+        std::cout << "   audit " << std::left << std::setw(27) << entry.messageId << std::setw(9)
+                  << entry.user << entry.origin << "\n";
+    }
+    check(foundEntries == expectedAuditEntries_, "the audit log holds exactly these " +
+                                                     std::to_string(expectedAuditEntries_.size()) +
+                                                     " entries");
+    check(controller_.readFile(testbed::logFile).find("[Error]") == std::string::npos,
+          "the log of the service holds no error");
+}
+
+bool Demo::run() {
+    showStart();
+    showRefusal();
+    showLogin();
+    showPatch();
+    showExpiry();
+    showLogout();
+    showLimit();
+    showWeb();
+    showTrail();
+    std::cout << "\n"
+              << (allRight_ ? "Everything was as it must be." : "Something was WRONG: see above.")
+              << "\n";
+    return allRight_;
+}
+
+void Demo::keep() {
+    const std::string user = testbed::administrator.name;
+    const std::string password = testbed::administrator.password;
+    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves Redfish on\n"
+              << "   " << web_.url() << "\nTo read and to log in:\n"
+              << "   " << curlCommand() << " -u " << user << ":" << password << " " << web_.url()
+              << testbed::serviceUri << "\n"
+              << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
+              << loginBody(testbed::administrator, password) << "' " << web_.url()
+              << testbed::sessionsUri << "\nWith redfishtool (package redfishtool):\n"
+              << "   redfishtool -r " << web_.address() << ":8443 -u " << user << " -p " << password
+              << " -A Session -S Always SessionService\n"
+              << "With Python (package python3-sushy):\n"
+              << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web_.url()
+              << "/redfish/v1', '" << user << "', '" << password << "', verify='"
+              << web_.certificatePath() << "').get_session_service().session_timeout)\"\n"
+              << "Its store:\n   REDISCLI_AUTH='" << controller_.storePassword()
+              << "' redis-cli -s " << controller_.socketPath()
+              << "\nThe logs of the service and of the front end:\n   "
+              << controller_.path(testbed::logFile) << "\n   "
+              << controller_.path(testbed::webErrorLogFile) << "\nIts accounts:\n";
+    for (const Account& account :
+         {testbed::administrator, testbed::operatorAccount, testbed::reader, testbed::expired}) {
+        std::cout << "   " << std::left << std::setw(10) << account.name << account.password
+                  << "\n";
+    }
+    std::cout << std::flush;
+    int received = 0;
+    sigset_t interrupts;
+    sigemptyset(&interrupts);
+    sigaddset(&interrupts, SIGINT);
+    sigaddset(&interrupts, SIGTERM);
+    sigprocmask(SIG_BLOCK, &interrupts, nullptr);
+    sigwait(&interrupts, &received);
+    std::cout << "\nThe controller ends.\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bool keep = argc == 2 && std::strcmp(argv[1], "--keep") == 0;
+    if (argc > 1 && !keep) {
+        std::cerr << "usage: demo [--keep]\n";
+        return 2;
+    }
+    try {
+        Demo demo;
+        const bool right = demo.run();
+        if (keep) {
+            demo.keep();
+        }
+        return right ? 0 : 1;
+    } catch (const std::exception& failure) {
+        std::cerr << "\nThe demo cannot go on: " << failure.what() << "\n";
+        return 1;
+    }
+}

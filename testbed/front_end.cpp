@@ -1,0 +1,252 @@
+#include "testbed/front_end.h"
+
+#include <sys/sysinfo.h>
+
+#include <atomic>
+#include <cstdio>
+#include <utility>
+
+#include "platform/data_decryption.h"
+
+namespace testbed {
+
+namespace {
+
+// Requests and inserted sessions of one process never share a name.
+unsigned long nextNumber() {
+    static std::atomic<unsigned long> number{0};
+    return ++number;
+}
+
+std::string orFresh(const std::string& chosen, const std::string& fresh) {
+    return chosen.empty() ? fresh : chosen;
+}
+
+// Applies what the caller wants differently.
+Fields changed(Fields fields, const Fields& replacements, const Words& leaveOut) {
+    for (const auto& [field, value] : replacements) {
+        fields[field] = value;
+    }
+    for (const std::string& field : leaveOut) {
+        fields.erase(field);
+    }
+    return fields;
+}
+
+std::string paddedHex(unsigned long number, int digits) {
+    std::string text(static_cast<std::size_t>(digits) + 1, '\0');
+    std::snprintf(text.data(), text.size(), "%0*lx", digits, number);
+    text.pop_back();
+    return text;
+}
+
+Reply answered(Request& request, const std::string& channel) {
+    if (request.send() == 0) {
+        throw Failure("Nobody listens on " + channel + ".");
+    }
+    return request.reply();
+}
+
+}  // namespace
+
+std::string Reply::operator[](const std::string& field) const {
+    const auto found = fields.find(field);
+    return found == fields.end() ? std::string() : found->second;
+}
+
+Request::Request(StoreClient store, StoreClient subscription, std::function<bool()> served)
+    : store_(std::move(store)),
+      subscription_(std::move(subscription)),
+      served_(std::move(served)) {}
+
+long long Request::send() {
+    return send(requestKey_ + " " + replyKey_);
+}
+
+long long Request::send(const std::string& notice) {
+    return store_.publish(channel_, notice);
+}
+
+std::string Request::published() {
+    constexpr std::chrono::milliseconds attention{100};
+    const Deadline end = patience();
+    for (;;) {
+        // Asked first: what a service published before its end is still read.
+        const bool served = served_();
+        const Deadline now = std::chrono::steady_clock::now();
+        if (const std::optional<Value> message = subscription_.next(now + attention)) {
+            return message->elements.at(2).text;
+        }
+        if (!served || now > end) {
+            throw Failure((served ? "Waited in vain for" : "The service ended before it gave") +
+                          std::string(" an answer on ") + returnChannel_ + ".");
+        }
+    }
+}
+
+std::optional<std::string> Request::publishedAlready() {
+    return subscription_.pendingMessage();
+}
+
+Reply Request::reply() {
+    Reply reply;
+    reply.published = published();
+    reply.fields = store_.hgetall(replyKey_);
+    for (const std::string& key : store_.lrange(reply["&&ExtendedInfo"])) {
+        Message message{store_.hget(key, "&&MessageId"), {}};
+        const std::string arguments = store_.hget(key, "&&MessageArgs");
+        if (!arguments.empty()) {
+            message.arguments = store_.lrange(arguments);
+        }
+        reply.messages.push_back(std::move(message));
+    }
+    return reply;
+}
+
+FrontEnd::FrontEnd(std::string socketPath, std::string password, std::string keyPath,
+                   std::function<bool()> served)
+    : socketPath_(std::move(socketPath)),
+      password_(std::move(password)),
+      keyPath_(std::move(keyPath)),
+      served_(std::move(served)),
+      store_(connect()) {}
+
+StoreClient FrontEnd::connect() const {
+    return {socketPath_, password_};
+}
+
+Reply FrontEnd::login(const std::string& user, const std::string& password,
+                      const RequestOptions& options) {
+    Request request = prepareLogin(user, password, options);
+    return answered(request, createChannel);
+}
+
+Reply FrontEnd::remove(const std::string& sessionUri, const RequestOptions& options) {
+    Request request = prepareRemove(sessionUri, options);
+    return answered(request, deleteChannel);
+}
+
+Reply FrontEnd::patch(const Fields& properties, const RequestOptions& options) {
+    Request request = preparePatch(properties, options);
+    return answered(request, patchChannel);
+}
+
+Request FrontEnd::prepareLogin(const std::string& user, const std::string& password,
+                               const RequestOptions& options) {
+    return prepare(createChannel,
+                   {{"&&RequestMethod", "POST"},
+                    {"&&TargetURI", sessionsUri},
+                    {"&&OperationPrivileges", "1"},
+                    {"&&RemoteIP", "192.0.2.10"},
+                    {"&&Origin", "Redfish"}},
+                   {{"UserName", jsonQuoted(user)}, {"Password", encipher(password)}}, options);
+}
+
+Request FrontEnd::prepareRemove(const std::string& sessionUri, const RequestOptions& options) {
+    return prepare(deleteChannel, {{"&&RequestMethod", "DELETE"}, {"&&TargetURI", sessionUri}}, {},
+                   options);
+}
+
+Request FrontEnd::preparePatch(const Fields& properties, const RequestOptions& options) {
+    Request request =
+        prepare(patchChannel, {{"&&RequestMethod", "PATCH"}, {"&&TargetURI", serviceUri}},
+                properties, options);
+    if (options.checklist) {
+        Fields checklist;
+        for (const auto& [property, value] : properties) {
+            checklist["/" + property] = value;
+        }
+        store_.hset(request.requestKey() + "/Checklist", checklist);
+    }
+    return request;
+}
+
+Request FrontEnd::prepare(const std::string& channel, Fields record, Fields body,
+                          const RequestOptions& options) {
+    Request request(connect(), connect(), served_);
+    const std::string fresh = "&&/request/" + std::to_string(nextNumber());
+    request.channel_ = channel;
+    request.requestKey_ = orFresh(options.requestKey, fresh);
+    request.replyKey_ = orFresh(options.replyKey, fresh + "/reply");
+    request.returnChannel_ = orFresh(options.returnChannel, fresh + "/return");
+    request.bodyKey_ = fresh + "/body";
+
+    record["&&ReturnChannel"] = request.returnChannel_;
+    record["&&RequestData"] = request.bodyKey_;
+    store_.hset(request.bodyKey_, changed(std::move(body), options.body, options.leaveOutOfBody));
+    store_.hset(request.requestKey_, changed(std::move(record), options.fields, options.leaveOut));
+    request.subscription_.subscribe(request.returnChannel_);
+    return request;
+}
+
+std::string FrontEnd::encipher(const std::string& password) const {
+    return jsonQuoted(encryptToHexString(password, keyPath_));
+}
+
+InsertedSession FrontEnd::insertSession(const SessionOptions& options) {
+    const unsigned long number = nextNumber();
+    InsertedSession inserted;
+    inserted.identifier = orFresh(options.identifier, paddedHex(number, 8));
+    inserted.uri = std::string(sessionsUri) + "/" + inserted.identifier;
+    inserted.token = orFresh(options.token, paddedHex(number, 64));
+
+    const Fields session{
+        {"@odata.context", jsonQuoted("/redfish/v1/$metadata#Session.Session")},
+        {"@odata.type", jsonQuoted("#Session.v1_3_0.Session")},
+        {"Id", jsonQuoted(inserted.identifier)},
+        {"Name", jsonQuoted("User Session")},
+        {"UserName", jsonQuoted(options.userName)},
+        {"Password", "null"},
+        {"@odata.id", jsonQuoted(inserted.uri)},
+        {"@odata.etag", jsonQuoted("1700000000123")},
+        {"&&OwnerName", options.userName},
+        {"&&AllowMethod", "GET,HEAD,DELETE"},
+        {"&&CRUDprefix", "&&" + std::string(sessionsUri)},
+        {"SessionType", options.sessionType},
+    };
+    const Fields token{
+        {"UserName", options.userName},
+        {"Privilege", options.privilege},
+        {"SessionID", inserted.uri},
+        {"LastAccessed", orFresh(options.lastAccessed, std::to_string(uptime()))},
+        {"Timeout", options.timeout},
+    };
+    store_.hset(inserted.uri, changed(session, options.session, options.leaveOutOfSession));
+    if (options.tokenReference) {
+        store_.hset(tokenReferenceKey(inserted.uri), {{"XAUTH", jsonQuoted(inserted.token)}});
+    }
+    store_.hset(tokenKey(inserted.token), changed(token, {}, options.leaveOutOfToken));
+    if (options.member) {
+        // Last of all: only now the session can be seen to expire.
+        store_.run({"HINCRBY", sessionsUri, "Members@odata.count", "1"});
+        store_.run({"LPUSH", membersKey, "&&ObjectRef " + inserted.uri});
+    }
+    return inserted;
+}
+
+std::string jsonQuoted(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char character : text) {
+        if (character == '"' || character == '\\') {
+            quoted += '\\';
+        }
+        quoted += character;
+    }
+    return quoted + '"';
+}
+
+long uptime() {
+    struct sysinfo information {};
+    sysinfo(&information);
+    return information.uptime;
+}
+
+std::string tokenReferenceKey(const std::string& sessionUri) {
+    return "&&" + sessionUri;
+}
+
+std::string tokenKey(const std::string& token) {
+    return "&&X-AUTH-TOKEN-" + token;
+}
+
+}  // namespace testbed

@@ -1,0 +1,158 @@
+// The web front end's side of the contract with the session service: stores requests,
+// announces them, waits for the answers and reads them. And the plain store layout of
+// a session, for sessions that come into being without a login.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "testbed/store_client.h"
+
+namespace testbed {
+
+// A Redfish message of a reply, as stored: the arguments keep their quotes.
+struct Message {
+    std::string id;
+    Words arguments;
+
+    bool operator==(const Message&) const = default;
+};
+
+// What the service answered.
+struct Reply {
+    std::string published;          // the text on the return channel
+    Fields fields;                  // the reply hash
+    std::vector<Message> messages;  // in the order of the list: newest first
+
+    // A field's text; empty when the field is missing.
+    std::string operator[](const std::string& field) const;
+    std::string status() const { return (*this)["&&ReturnStatus"]; }
+    std::string location() const { return (*this)["&&Location"]; }
+    std::string token() const { return (*this)["&&X-Auth-Token"]; }
+};
+
+// Changes to what the front end would write. An empty key or channel: a fresh one.
+struct RequestOptions {
+    std::string requestKey{};
+    std::string replyKey{};
+    std::string returnChannel{};
+    Fields fields{};   // of the request record: replaced or added
+    Words leaveOut{};  // fields of the request record that are not written
+    Fields body{};     // of the request body: replaced or added, raw
+    Words leaveOutOfBody{};
+    bool checklist = true;  // PATCH: keep the list of properties that await a handler
+};
+
+// A request that is stored, with its return channel subscribed. To be announced with
+// send(); nothing else reaches the store before the reply has arrived.
+class Request {
+  public:
+    // Announces the request; returns the number of receivers.
+    long long send();
+    // The same with a text of the caller's as the notice.
+    long long send(const std::string& notice);
+    // Blocks until the answer is there and reads it. Throws Failure when it does not come,
+    // at once when the service has ended.
+    Reply reply();
+    // The same without reading the answer: just what was published.
+    std::string published();
+    // What was published so far, none when nothing was. Does not block.
+    std::optional<std::string> publishedAlready();
+
+    const std::string& requestKey() const { return requestKey_; }
+    const std::string& replyKey() const { return replyKey_; }
+    const std::string& returnChannel() const { return returnChannel_; }
+    const std::string& bodyKey() const { return bodyKey_; }
+
+  private:
+    friend class FrontEnd;
+    Request(StoreClient store, StoreClient subscription, std::function<bool()> served);
+
+    StoreClient store_;
+    StoreClient subscription_;
+    std::function<bool()> served_;
+    std::string channel_;
+    std::string requestKey_;
+    std::string replyKey_;
+    std::string returnChannel_;
+    std::string bodyKey_;
+};
+
+// The four entries of a session, as the service itself would write them.
+struct SessionOptions {
+    std::string identifier{};  // empty: a fresh one
+    std::string token{};       // empty: a fresh one
+    std::string userName = "admin";
+    std::string privilege = "511";
+    std::string timeout = "300";
+    std::string lastAccessed{};  // empty: now
+    std::string sessionType = "\"Redfish\"";
+    bool member = true;  // false: no entry in the collection
+    Fields session{};    // of the session resource: replaced or added
+    Words leaveOutOfSession{};
+    Words leaveOutOfToken{};
+    bool tokenReference = true;
+};
+
+struct InsertedSession {
+    std::string identifier;
+    std::string uri;
+    std::string token;
+};
+
+// To be used by one thread at a time; each thread takes its own from the controller.
+class FrontEnd {
+  public:
+    // `served` tells whether the service runs, so that nobody waits for it in vain.
+    FrontEnd(std::string socketPath, std::string password, std::string keyPath,
+             std::function<bool()> served);
+
+    // Whole requests: stored, announced, answered. Throw Failure when nobody listens on
+    // the channel or no answer comes.
+    Reply login(const std::string& user, const std::string& password,
+                const RequestOptions& options = {});
+    Reply remove(const std::string& sessionUri, const RequestOptions& options = {});
+    // The values are JSON text and are stored as they are.
+    Reply patch(const Fields& properties, const RequestOptions& options = {});
+
+    // The same up to the announcement.
+    Request prepareLogin(const std::string& user, const std::string& password,
+                         const RequestOptions& options = {});
+    Request prepareRemove(const std::string& sessionUri, const RequestOptions& options = {});
+    Request preparePatch(const Fields& properties, const RequestOptions& options = {});
+
+    // The password as it travels: enciphered, in hexadecimal digits, JSON-quoted.
+    std::string encipher(const std::string& password) const;
+
+    InsertedSession insertSession(const SessionOptions& options = {});
+
+  private:
+    Request prepare(const std::string& channel, Fields record, Fields body,
+                    const RequestOptions& options);
+    StoreClient connect() const;
+
+    std::string socketPath_;
+    std::string password_;
+    std::string keyPath_;
+    std::function<bool()> served_;
+    StoreClient store_;
+};
+
+// The text as a JSON string literal, quotes and backslashes escaped.
+std::string jsonQuoted(const std::string& text);
+// Seconds since the machine started: the clock of LastAccessed.
+long uptime();
+
+inline constexpr char serviceUri[] = "/redfish/v1/SessionService";
+inline constexpr char sessionsUri[] = "/redfish/v1/SessionService/Sessions";
+inline constexpr char membersKey[] = "&&/redfish/v1/SessionService/Sessions/Members";
+inline constexpr char createChannel[] = "&&/redfish/v1/SessionService/Sessions/CreateNewSession";
+inline constexpr char deleteChannel[] = "&&/redfish/v1/SessionService/Sessions/DeleteSession";
+inline constexpr char patchChannel[] = "&&/redfish/v1/SessionService/CHANNEL";
+
+// The keys that belong to a session.
+std::string tokenReferenceKey(const std::string& sessionUri);
+std::string tokenKey(const std::string& token);
+
+}  // namespace testbed

@@ -1,0 +1,109 @@
+// An HTTPS client for tests: well-behaved requests, and a TLS connection for any bytes.
+//
+// Everything blocks until the server has answered, and throws Failure when there is no
+// answer, the server's certificate is not the expected one, or the patience ends.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "testbed/wait.h"
+
+namespace testbed {
+
+enum class TlsVersion { any, v1_1, v1_2, v1_3 };
+
+struct HttpOptions {
+    std::string url{};              // scheme, address and port: where all paths lead
+    std::string certificatePath{};  // what verifies the server
+    std::string sourceAddress{};    // empty: the kernel chooses
+    TlsVersion tls = TlsVersion::any;
+};
+
+struct HttpRequest {
+    std::string method = "GET";
+    std::string path{};  // sent as it is, a query included
+    // Whole lines, "Name: value"; "Name:" leaves out what would be sent otherwise.
+    std::vector<std::string> headers{};
+    // Goes as JSON unless a header tells another type.
+    std::optional<std::string> body{};
+};
+
+struct HttpResponse {
+    long status = 0;
+    std::multimap<std::string, std::string> headers;  // by their names in lower case
+    std::string body;
+
+    // A header's first value; empty when it is not there. The name in lower case.
+    std::string header(const std::string& name) const;
+    std::string location() const { return header("location"); }
+    std::string token() const { return header("x-auth-token"); }
+    // The body; throws Failure when it is not JSON.
+    nlohmann::json json() const;
+};
+
+struct CloseCurl {
+    void operator()(void* handle) const noexcept;
+};
+using CurlPtr = std::unique_ptr<void, CloseCurl>;
+
+// A TLS connection that carries what the test writes.
+class TlsConnection {
+  public:
+    // Returns whether the server took all of it; it may have closed before.
+    bool send(const std::string& bytes);
+    // What comes up to the end of `mark`; what came at all when the server closes before.
+    std::string receiveUntil(const std::string& mark);
+    // All that comes until the server closes, in order or by a reset.
+    std::string receiveAll();
+
+  private:
+    friend class HttpClient;
+    explicit TlsConnection(CurlPtr handle) : handle_(std::move(handle)) {}
+
+    // Adds what comes next to what is pending; false when the server has closed.
+    bool receiveMore(Deadline end);
+    void waitForSocket(short events, Deadline end);
+
+    CurlPtr handle_;
+    std::string pending_;  // has come but was not asked for yet
+};
+
+// Keeps its connection open between requests. To be used by one thread at a time.
+class HttpClient {
+  public:
+    explicit HttpClient(HttpOptions options);
+
+    HttpResponse request(const HttpRequest& request);
+    HttpResponse get(const std::string& path) { return request({.path = path}); }
+    HttpResponse remove(const std::string& path);
+    HttpResponse post(const std::string& path, const std::string& json);
+    HttpResponse patch(const std::string& path, const std::string& json);
+
+    // Posts to the collection of sessions. A token that comes back goes with all requests
+    // from then on.
+    HttpResponse login(const std::string& user, const std::string& password);
+    // What goes with all requests from now on; empty: nothing.
+    void useToken(std::string token) { token_ = std::move(token); }
+    void useBasic(std::string user, std::string password);
+
+    // A fresh connection, to be used beside this one.
+    TlsConnection connect() const;
+
+  private:
+    // Sets what requests and plain connections have in common.
+    void prepare(void* handle) const;
+
+    HttpOptions options_;
+    std::string token_;
+    std::string user_;
+    std::string password_;
+    CurlPtr handle_;
+};
+
+}  // namespace testbed

@@ -1,0 +1,226 @@
+#include "testbed/process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <utility>
+
+#include "testbed/wait.h"
+
+namespace testbed {
+
+namespace {
+
+struct Pipe {
+    int readEnd = -1;
+    int writeEnd = -1;
+};
+
+Pipe makePipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw Failure("No pipe: " + std::string(std::strerror(errno)));
+    }
+    return {ends[0], ends[1]};
+}
+
+// Bubblewrap exits as a shell does: 128 and the signal's number for a signal.
+Ending toEnding(int status) {
+    const int value = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    if (value > 128 && value <= 128 + SIGRTMAX) {
+        return {true, value - 128};
+    }
+    return {false, value};
+}
+
+std::string firstLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+// Reads what bubblewrap reports about the sandbox; -1 when it could not make one.
+pid_t readSandboxPid(int descriptor) {
+    std::string report;
+    std::array<char, 256> chunk{};
+    while (report.find('}') == std::string::npos) {
+        const ssize_t count = read(descriptor, chunk.data(), chunk.size());
+        if (count <= 0) {
+            return -1;
+        }
+        report.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    const std::string label = "\"child-pid\":";
+    const std::size_t at = report.find(label);
+    return at == std::string::npos ? -1 : std::stoi(report.substr(at + label.size()));
+}
+
+}  // namespace
+
+std::string procFile(pid_t pid, const std::string& name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+std::vector<pid_t> childrenOf(pid_t pid) {
+    std::ifstream file(procFile(pid, "task/" + std::to_string(pid) + "/children"));
+    std::vector<pid_t> children;
+    for (pid_t child = 0; file >> child;) {
+        children.push_back(child);
+    }
+    return children;
+}
+
+pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams,
+            const std::optional<PassedDescriptor>& extra) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, streams.input.c_str(), O_RDONLY, 0);
+    const int appending = O_WRONLY | O_CREAT | O_APPEND;
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, streams.output.c_str(), appending,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, streams.errors.c_str(), appending,
+                                     0600);
+    int last = STDERR_FILENO;
+    if (extra) {
+        last = extra->inside;
+        posix_spawn_file_actions_adddup2(&actions, extra->outside, last);
+    }
+    posix_spawn_file_actions_addclosefrom_np(&actions, last + 1);
+
+    // A session of its own keeps a terminal's signals away: the bench ends things in order.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
+    sigset_t signals;
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+
+    std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
+    for (const std::string& argument : arguments) {
+        pointers.push_back(const_cast<char*>(argument.c_str()));
+    }
+    pointers.push_back(nullptr);
+    pid_t pid = -1;
+    const int error =
+        posix_spawnp(&pid, pointers.front(), &actions, &attributes, pointers.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        throw Failure(arguments.front() + " could not be started: " + std::strerror(error));
+    }
+    return pid;
+}
+
+std::string toText(const Ending& ending) {
+    return (ending.bySignal ? "signal " : "exit status ") + std::to_string(ending.value);
+}
+
+Process::Process(const std::vector<std::string>& arguments, std::string name,
+                 const Streams& streams)
+    : name_(std::move(name)) {
+    // The kernel keeps 15 characters of a program's name.
+    name_.resize(std::min<std::size_t>(name_.size(), 15));
+    const Pipe report = makePipe();
+    bubblewrapPid_ = spawn(arguments, streams, PassedDescriptor{report.writeEnd, infoDescriptor});
+    close(report.writeEnd);
+    sandboxPid_ = readSandboxPid(report.readEnd);
+    close(report.readEnd);
+}
+
+Process::~Process() {
+    kill();
+}
+
+pid_t Process::pid() {
+    if (pid_ > 0) {
+        return pid_;
+    }
+    waitUntil(name_ + " runs", [this] {
+        if (const auto ended = ending()) {
+            throw Failure(name_ + " ended with " + toText(*ended) + ".");
+        }
+        for (const pid_t child : childrenOf(sandboxPid_)) {
+            if (firstLine(procFile(child, "comm")) == name_) {
+                pid_ = child;
+                return true;
+            }
+        }
+        return false;
+    });
+    return pid_;
+}
+
+void Process::signal(int number) {
+    if (::kill(pid(), number) != 0) {
+        throw Failure(name_ + " cannot be signalled: " + std::strerror(errno));
+    }
+}
+
+std::optional<Ending> Process::ending() {
+    const std::lock_guard lock(mutex_);
+    int status = 0;
+    if (!ending_ && waitpid(bubblewrapPid_, &status, WNOHANG) == bubblewrapPid_) {
+        ending_ = toEnding(status);
+    }
+    return ending_;
+}
+
+Ending Process::wait() {
+    std::optional<Ending> ended;
+    waitUntil(name_ + " ends", [&] { return (ended = ending()).has_value(); });
+    return *ended;
+}
+
+void Process::kill() noexcept {
+    if (ending()) {
+        return;
+    }
+    const std::lock_guard lock(mutex_);
+    int status = 0;
+    // With the sandbox's first process everything in it ends before that one is reaped.
+    ::kill(sandboxPid_ > 0 ? sandboxPid_ : bubblewrapPid_, SIGKILL);
+    waitpid(bubblewrapPid_, &status, 0);
+    ending_ = toEnding(status);
+}
+
+TemporaryFolder::TemporaryFolder() {
+    const char* parent = std::getenv("TMPDIR");
+    path_ = std::string(parent == nullptr ? "/tmp" : parent) + "/bench-XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr) {
+        throw Failure("No temporary folder: " + std::string(std::strerror(errno)));
+    }
+    if (std::getenv("TESTBED_KEEP") != nullptr) {
+        std::cerr << "The bench is kept in " << path_ << ".\n";
+        return;
+    }
+    // The end of this process, however it comes, closes the pipe that the shell reads.
+    const Pipe pipe = makePipe();
+    remover_ = spawn({"sh", "-c", "read -r _ <&3; exec rm -rf -- \"$1\"", "sh", path_}, {},
+                     PassedDescriptor{pipe.readEnd, 3});
+    close(pipe.readEnd);
+    lifeline_ = pipe.writeEnd;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    if (remover_ > 0) {
+        close(lifeline_);
+        waitpid(remover_, nullptr, 0);
+    }
+}
+
+}  // namespace testbed

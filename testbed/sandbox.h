@@ -1,0 +1,75 @@
+// A private root for the programs of the bench, made with bubblewrap. It needs no
+// privileges where user namespaces are allowed, and leaves the machine untouched.
+//
+// Inside, a program is user 0 without capabilities unless it asks for another number.
+// It sees a folder of ours as its root, the machine's /usr read-only below it (but not
+// /usr/local, which is ours again), a /proc and process numbers of its own, the usual few
+// devices, and a loopback network.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testbed/process.h"
+
+namespace testbed {
+
+// Something of the machine that is to be seen inside.
+struct Bind {
+    enum class Kind { readOnly, writable, device };
+
+    std::string outside;
+    std::string inside;
+    Kind kind = Kind::readOnly;
+};
+
+// One program to start.
+struct Launch {
+    std::vector<std::string> command;
+    // Added to PATH and TZ, the only variables otherwise.
+    std::map<std::string, std::string> environment{};
+    std::vector<Bind> binds{};
+    // Limits as prlimit takes them, such as "--nofile=64".
+    std::vector<std::string> limits{};
+    // A program that runs the command, with its arguments, such as valgrind.
+    std::vector<std::string> runner{};
+    // Further options for bubblewrap, behind all others.
+    std::vector<std::string> confinement{};
+    // Whether the command is of the same build as the bench. the testbed has an
+    // emulator run it when that build is for another machine.
+    bool ofThisBuild = false;
+    // What the kernel will call the program in the end; empty: the last part of the
+    // command's first word.
+    std::string name{};
+    // The program's user and group inside, to whom all files of the root belong.
+    int user = 0;
+    // The machine's own network in the place of a private one, so that clients outside
+    // reach the program.
+    bool machineNetwork = false;
+    Streams streams{};
+};
+
+class Sandbox {
+  public:
+    // `root` is the folder that becomes the root; the folders and links that a root
+    // needs are made in it.
+    explicit Sandbox(std::string root);
+
+    // From now on all programs share one loopback network instead of having one each.
+    void shareNetwork();
+    // Adds to what every program started from now on sees.
+    void bind(Bind bind) { binds_.push_back(std::move(bind)); }
+
+    // Starts a program. Returns once the sandbox is there, perhaps before the program
+    // runs. A sandbox that cannot be made is told on the program's standard error.
+    std::unique_ptr<Process> start(const Launch& launch) const;
+
+  private:
+    std::string root_;
+    std::vector<Bind> binds_;
+    std::unique_ptr<Process> networkHolder_;
+};
+
+}  // namespace testbed

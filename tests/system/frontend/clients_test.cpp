@@ -1,0 +1,362 @@
+// Redfish clients that people use, as the machine has them, at work through the web front end.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "support/trail.h"
+#include "support/web_test.h"
+
+namespace testbed {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+struct Outcome {
+    Ending ending;
+    std::string output;  // of both standard streams
+};
+
+// A program of the machine, outside all sandboxes; the destructor ends it.
+class Client {
+  public:
+    // The environment is bare, so that no settings of whoever runs the test reach it.
+    Client(const Words& command, const std::string& folder, const std::string& outputFile) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+
+        // The bench ignores SIGPIPE; its clients must not.
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+        sigset_t signals;
+        sigfillset(&signals);
+        posix_spawnattr_setsigdefault(&attributes, &signals);
+
+        const Words environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8",
+                                "HOME=" + folder};
+        const int error = posix_spawn(&pid_, command.front().c_str(), &actions, &attributes,
+                                      pointersTo(command).data(), pointersTo(environment).data());
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attributes);
+        if (error != 0) {
+            throw Failure(command.front() + " could not be started: " + std::strerror(error));
+        }
+    }
+    ~Client() {
+        if (!ended_) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    Ending wait() {
+        int status = 0;
+        waitUntil("the client ends", [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+        ended_ = true;
+        return WIFSIGNALED(status) ? Ending{true, WTERMSIG(status)}
+                                   : Ending{false, WEXITSTATUS(status)};
+    }
+
+  private:
+    static std::vector<char*> pointersTo(const Words& words) {
+        std::vector<char*> pointers;
+        for (const std::string& word : words) {
+            pointers.push_back(const_cast<char*>(word.c_str()));
+        }
+        pointers.push_back(nullptr);
+        return pointers;
+    }
+
+    pid_t pid_ = -1;
+    bool ended_ = false;
+};
+
+class WebClients : public WebTest {
+  protected:
+    Outcome run(const Words& command) {
+        const std::string output = "/tmp/client.output";
+        Client client(command, controller.path("/tmp"), controller.path(output));
+        const Ending ending = client.wait();
+        return {ending, controller.readFile(output)};
+    }
+
+    static void expectSuccess(const Outcome& outcome) {
+        EXPECT_EQ(toText(outcome.ending), toText(Ending{})) << outcome.output;
+    }
+
+    // The wrong password has to be the reason of the refusal, not what the client makes of it.
+    void expectRefusal(const Outcome& outcome, int exitStatus) {
+        EXPECT_EQ(toText(outcome.ending), toText(Ending{false, exitStatus})) << outcome.output;
+        EXPECT_GE(countLogged("admin does not pass the PAM auth."), 1);
+        expectTrail(0);
+        expectNoSession();
+    }
+
+    // The administrator has logged in so many times, and out as often.
+    void expectTrail(long logins) {
+        long in = 0;
+        long out = 0;
+        for (const Words& entry : auditEntries(store())) {
+            EXPECT_THAT(entry.at(1), HasSubstr(administrator.name));
+            in += entry.at(0) == "\"AuditEvent.1.1.UserLogin\"" ? 1 : 0;
+            out += entry.at(0) == "\"AuditEvent.1.1.UserLogout\"" ? 1 : 0;
+        }
+        EXPECT_EQ(in, logins);
+        EXPECT_EQ(out, logins);
+    }
+
+    void expectNoSession() {
+        EXPECT_EQ(store().llen(membersKey), 0);
+        EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"), "0");
+        EXPECT_EQ(store().keys(std::string(sessionsUri) + "/*"), Words{});
+        EXPECT_EQ(store().keys(tokenKey("*")), Words{});
+    }
+
+    std::string storedTimeout() { return store().hget(serviceUri, "SessionTimeout"); }
+};
+
+class Curl : public WebClients {
+  protected:
+    // What is left of the answer: status, Location and X-Auth-Token; the body is in a file.
+    Outcome curl(const Words& arguments) {
+        Words command{"/usr/bin/curl",
+                      "-q",
+                      "--silent",
+                      "--show-error",
+                      "--fail-with-body",
+                      "--cacert",
+                      web.certificatePath(),
+                      "--output",
+                      controller.path(bodyFile),
+                      "--write-out",
+                      "%{http_code} %header{location} %header{x-auth-token}"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return run(command);
+    }
+    Outcome login(const std::string& password) {
+        return curl({"--header", "Content-Type: application/json", "--data",
+                     R"({"UserName": "admin", "Password": ")" + password + "\"}",
+                     web.url() + sessionsUri});
+    }
+
+    static constexpr char bodyFile[] = "/tmp/client.body";
+};
+
+TEST_F(Curl, LogsInReadsChangesAndLogsOut) {
+    const Outcome session = login(administrator.password);
+    expectSuccess(session);
+    std::string status;
+    std::string location;
+    std::string token;
+    std::istringstream(session.output) >> status >> location >> token;
+    EXPECT_EQ(status, "201");
+    EXPECT_EQ(store().hget(tokenKey(token), "SessionID"), location);
+
+    const Words tokenHeader{"--header", "X-Auth-Token: " + token};
+    const auto withToken = [&](Words arguments) {
+        arguments.insert(arguments.end(), tokenHeader.begin(), tokenHeader.end());
+        return curl(arguments);
+    };
+    const Outcome read = withToken({web.url() + location});
+    expectSuccess(read);
+    EXPECT_THAT(read.output, HasSubstr("200"));
+    EXPECT_THAT(controller.readFile(bodyFile), HasSubstr(R"("UserName":"admin")"));
+
+    expectSuccess(withToken({"--request", "PATCH", "--header", "Content-Type: application/json",
+                             "--data", R"({"SessionTimeout": 900})", web.url() + serviceUri}));
+    EXPECT_EQ(storedTimeout(), "900");
+
+    expectSuccess(withToken({"--request", "DELETE", web.url() + location}));
+    expectNoSession();
+    expectTrail(1);
+
+    const Outcome late = withToken({web.url() + location});
+    EXPECT_EQ(toText(late.ending), toText(Ending{false, 22})) << late.output;
+    EXPECT_THAT(late.output, HasSubstr("401"));
+}
+
+TEST_F(Curl, IsRefusedWithAWrongPassword) {
+    const Outcome refused = login("not the password");
+    expectRefusal(refused, 22);
+    EXPECT_THAT(refused.output, HasSubstr("401"));
+    EXPECT_THAT(controller.readFile(bodyFile), HasSubstr("InvalidCredentials"));
+}
+
+TEST_F(Curl, IsRedirectedFromHttpToHttps) {
+    const Outcome followed = curl({"--location", web.plainUrl() + "/redfish"});
+    expectSuccess(followed);
+    EXPECT_THAT(controller.readFile(bodyFile), HasSubstr("/redfish/v1/"));
+}
+
+class Redfishtool : public WebClients {
+  protected:
+    Outcome redfishtool(const Words& arguments, const std::string& password) {
+        Words command{"/usr/bin/redfishtool",
+                      "-r",
+                      web.address() + ":8443",
+                      "-u",
+                      administrator.name,
+                      "-p",
+                      password,
+                      "-A",
+                      "Session",
+                      "-S",
+                      "Always"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return run(command);
+    }
+    Outcome redfishtool(const Words& arguments) {
+        return redfishtool(arguments, administrator.password);
+    }
+};
+
+TEST_F(Redfishtool, LogsInReadsAndLogsOut) {
+    const Outcome read = redfishtool({"SessionService"});
+    expectSuccess(read);
+    EXPECT_THAT(read.output, HasSubstr(R"("SessionTimeout": 300)"));
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Redfishtool, FindsItsOwnSessionInTheCollection) {
+    const Outcome list = redfishtool({"SessionService", "Sessions", "list"});
+    expectSuccess(list);
+    EXPECT_THAT(list.output, HasSubstr("admin"));
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Redfishtool, ReadsTheAccounts) {
+    const Outcome list = redfishtool({"AccountService", "Accounts"});
+    expectSuccess(list);
+    EXPECT_THAT(list.output, HasSubstr(reader.uri));
+    expectNoSession();
+}
+
+TEST_F(Redfishtool, ChangesTheTimeout) {
+    expectSuccess(redfishtool({"SessionService", "patch", R"({"SessionTimeout":200})"}));
+    EXPECT_EQ(storedTimeout(), "200");
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Redfishtool, FailsToChangeTheTimeoutToAValueOutOfRange) {
+    const Outcome refused = redfishtool({"SessionService", "patch", R"({"SessionTimeout":1})"});
+    EXPECT_NE(toText(refused.ending), toText(Ending{})) << refused.output;
+    EXPECT_EQ(storedTimeout(), "300");
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Redfishtool, IsRefusedWithAWrongPassword) {
+    expectRefusal(redfishtool({"SessionService"}, "not the password"), 5);
+}
+
+class Sushy : public WebClients {
+  protected:
+    // Runs these lines between login and logout.
+    Outcome sushy(const std::string& password, const std::string& lines) {
+        const std::string script = "/tmp/client.script";
+        controller.writeFile(script,
+                             "import sys, sushy\n"
+                             "url, certificate, user, password = sys.argv[1:]\n"
+                             "authentication = sushy.auth.SessionAuth(user, password)\n"
+                             "client = sushy.Sushy(url + '/redfish/v1', auth=authentication,\n"
+                             "                     verify=certificate)\n" +
+                                 lines + "client._auth.close()\n");
+        // Debian's own interpreter has the module, and must not look for it elsewhere.
+        return run({"/usr/bin/python3", "-I", controller.path(script), web.url(),
+                    web.certificatePath(), administrator.name, password});
+    }
+};
+
+TEST_F(Sushy, LogsInReadsChangesAndLogsOut) {
+    expectSuccess(sushy(administrator.password,
+                        "service = client.get_session_service()\n"
+                        "assert service.session_timeout == 300, service.session_timeout\n"
+                        "client._conn.patch(service.path, data={'SessionTimeout': 400})\n"
+                        "service.refresh(force=True)\n"
+                        "assert service.session_timeout == 400, service.session_timeout\n"));
+    EXPECT_EQ(storedTimeout(), "400");
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Sushy, FindsItsOwnSessionAndTheSystem) {
+    expectSuccess(sushy(administrator.password,
+                        "service = client.get_session_service()\n"
+                        "users = [each.username for each in service.sessions.get_members()]\n"
+                        "assert users == [user], users\n"
+                        "systems = client.get_system_collection().members_identities\n"
+                        "assert systems == ('/redfish/v1/Systems/1',), systems\n"));
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Sushy, IsToldWhatIsWrongWithAValue) {
+    expectSuccess(sushy(administrator.password,
+                        "service = client.get_session_service()\n"
+                        "try:\n"
+                        "    client._conn.patch(service.path, data={'SessionTimeout': 1})\n"
+                        "    sys.exit('The value was taken.')\n"
+                        "except sushy.exceptions.BadRequestError as refusal:\n"
+                        "    assert 'SessionTimeout' in str(refusal), refusal\n"));
+    EXPECT_EQ(storedTimeout(), "300");
+    expectTrail(1);
+    expectNoSession();
+}
+
+TEST_F(Sushy, IsRefusedWithAWrongPassword) {
+    const Outcome refused = sushy("not the password", "");
+    expectRefusal(refused, 1);
+    EXPECT_THAT(refused.output, HasSubstr("AccessError"));
+}
+
+// Logs in by HTTP Basic: a session for each request.
+class FenceRedfish : public WebClients {
+  protected:
+    Outcome fence(const std::string& action, const std::string& password) {
+        return run({"/usr/sbin/fence_redfish", "--ip=" + web.address(), "--ipport=8443",
+                    "--username=" + std::string(administrator.name), "--password=" + password,
+                    "--ssl-insecure", "--action=" + action});
+    }
+    void expectSessionsThatEnded() {
+        const auto logins = static_cast<long>(auditEntries(store()).size()) / 2;
+        EXPECT_GE(logins, 1);
+        expectTrail(logins);
+        expectNoSession();
+    }
+};
+
+TEST_F(FenceRedfish, TellsThatTheSystemIsOn) {
+    const Outcome status = fence("status", administrator.password);
+    expectSuccess(status);
+    EXPECT_THAT(status.output, HasSubstr("Status: ON"));
+    expectSessionsThatEnded();
+}
+
+TEST_F(FenceRedfish, MonitorsTheSystem) {
+    expectSuccess(fence("monitor", administrator.password));
+    expectSessionsThatEnded();
+}
+
+TEST_F(FenceRedfish, IsRefusedWithAWrongPassword) {
+    const Outcome refused = fence("status", "not the password");
+    expectRefusal(refused, 1);
+    EXPECT_THAT(refused.output, Not(HasSubstr("Status:")));
+}
+
+}  // namespace
+}  // namespace testbed

@@ -1,0 +1,101 @@
+// sessionctl watch: the sessions as they come and go.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <sstream>
+
+#include "support/sessionctl_test.h"
+
+namespace testbed {
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+class Watching : public RunningSessionctlTest {
+  protected:
+    void watch(const Words& arguments = {}) {
+        Words all{"watch"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        process_ = startSessionctl(all);
+    }
+    // Blocks until it has written so many lines.
+    Words lines(std::size_t count) const {
+        Words lines;
+        waitUntil(std::to_string(count) + " lines are written", [&] {
+            lines.clear();
+            std::istringstream output(controller.outputOf("sessionctl"));
+            for (std::string line; std::getline(output, line) && !output.eof();) {
+                lines.push_back(line);
+            }
+            return lines.size() >= count;
+        });
+        return lines;
+    }
+    std::string inserted(const std::string& identifier, const std::string& user = "admin") {
+        return frontEnd().insertSession({.identifier = identifier, .userName = user}).uri;
+    }
+
+    std::unique_ptr<Process> process_;
+};
+
+TEST_F(Watching, TellsWhoIsThereAndWhoComesAndGoes) {
+    inserted("00000001", "ann");
+    watch();
+    lines(1);
+    const std::string uri = inserted("00000002",
+                                     "b\x1b"
+                                     "b");
+    lines(2);
+    frontEnd().remove(uri);
+    const std::string time = "[-0-9]+T[0-9:]+[+]00:00  ";
+    EXPECT_THAT(lines(3), ElementsAre(MatchesRegex(time + "present  00000001  ann  -"),
+                                      MatchesRegex(time + "new      00000002  b\\\\x1bb  -"),
+                                      MatchesRegex(time + "gone     00000002  b\\\\x1bb  -")));
+    process_->signal(SIGINT);
+    EXPECT_EQ(process_->wait(), Ending{});
+    EXPECT_EQ(controller.errorsOf("sessionctl"), "");
+}
+
+TEST_F(Watching, GivesProgramsOneDocumentALine) {
+    inserted("00000001", "ann");
+    watch({"--json"});
+    json event = json::parse(lines(1).at(0));
+    EXPECT_EQ(event.at("time").get<std::string>().size(), sizeof("2026-11-21T10:00:00+00:00") - 1);
+    event.erase("time");
+    EXPECT_EQ(event,
+              (json{{"event", "present"}, {"id", "00000001"}, {"user", "ann"}, {"client", ""}}));
+    process_->signal(SIGTERM);
+    EXPECT_EQ(process_->wait(), Ending{});
+}
+
+TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {
+    inserted("00000001");
+    const auto process = controller.startProgram(
+        {.command = {"/bin/bash", "-c",
+                     "set -o pipefail; " + std::string(program) + " --timeout 300 watch | read -r"},
+         .environment = Controller::sanitizerOptions()});
+    EXPECT_EQ(process->wait(), Ending{});
+}
+
+TEST_F(Watching, GivesProgramsItsFailureOnALineToo) {
+    watch({"--json"});
+    inserted("00000001");
+    lines(1);
+    endDaemon();
+    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    EXPECT_EQ(json::parse(lines(2).at(1)), (json{{"error", "The store has stopped answering."}}));
+}
+
+TEST_F(Watching, EndsWithTheStore) {
+    watch();
+    inserted("00000001");
+    lines(1);
+    endDaemon();
+    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    EXPECT_EQ(controller.errorsOf("sessionctl"), "sessionctl: The store has stopped answering.\n");
+}
+
+}  // namespace
+}  // namespace testbed
