@@ -5,25 +5,25 @@ local store = require "store"
 
 local resources = {}
 
-local deepest = 32
+local maxDepth = 32
 
 local function reference(uri)
-    return json.object({ ["@odata.id"] = json.encode(uri) })
+    return json.object({ [contract.resource.uri] = json.encode(uri) })
 end
 
-local tokens = { ["&&Array"] = true, ["&&Object"] = true, ["&&ObjectRef"] = true }
+local kinds = contract.reference
 
 local convertHash, convertList
 
--- What a token stands for; nil for one that is none, or that leads nowhere.
-local function convert(connection, token, source, depth)
-    if depth > deepest then
-        error("resource: nested too deeply")
-    elseif token == "&&ObjectRef" then
+-- Returns the JSON text that a reference leads to; nil when there is none.
+local function convert(connection, kind, source, depth)
+    if depth > maxDepth then
+        error("a resource is nested too deeply")
+    elseif kind == kinds.uri then
         return reference(source)
-    elseif token == "&&Array" then
+    elseif kind == kinds.array then
         return convertList(connection, source, depth)
-    elseif token == "&&Object" then
+    elseif kind == kinds.object then
         local fields = store.hash(connection, source)
         return fields and convertHash(connection, fields, depth)
     end
@@ -34,16 +34,16 @@ local function value(text)
     return json.isValid(text) and text or json.encode(text)
 end
 
--- The members' texts by their names.
+-- Returns the members' texts by their names.
 local function convertFields(connection, fields, depth)
     local members = {}
     for name, text in pairs(fields) do
-        if name:sub(1, 2) ~= "&&" then
+        if not contract.isInternal(name) then
             members[name] = value(text)
         else
-            local token, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
-            if token and fields[property] == nil then
-                members[property] = convert(connection, token, source, depth + 1)
+            local kind, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
+            if kind and fields[property] == nil then
+                members[property] = convert(connection, kind, source, depth + 1)
             end
         end
     end
@@ -57,10 +57,10 @@ end
 function convertList(connection, key, depth)
     local elements = {}
     for _, element in ipairs(store.run(connection, "lrange", key, 0, -1) or {}) do
-        local token, source = element:match("^(&&%a+) ([^ ]+)$")
+        local kind, source = element:match("^(&&%a+) ([^ ]+)$")
         local text
-        if tokens[token] then
-            text = convert(connection, token, source, depth + 1)
+        if kind == kinds.array or kind == kinds.object or kind == kinds.uri then
+            text = convert(connection, kind, source, depth + 1)
         else
             text = value(element)
         end
@@ -69,6 +69,7 @@ function convertList(connection, key, depth)
     return json.array(elements)
 end
 
+-- Returns the string that a JSON text is, nil when it is none.
 local function stringOf(text)
     local string = text and json.decode(text)
     return type(string) == "string" and string or nil
@@ -79,15 +80,15 @@ end
 --   (a set of methods; a list in allowText)
 function resources.read(connection, uri)
     local fields = store.hash(connection, uri)
-    if not fields or stringOf(fields["@odata.id"]) ~= uri then
+    if not fields or stringOf(fields[contract.resource.uri]) ~= uri then
         return nil
     end
     local resource = {
         uri = uri,
         fields = fields,
-        type = stringOf(fields["@odata.type"]),
-        etag = stringOf(fields["@odata.etag"]),
-        allowText = fields["&&AllowMethod"] or "GET,HEAD",
+        type = stringOf(fields[contract.resource.type]),
+        etag = stringOf(fields[contract.resource.etag]),
+        allowText = fields[contract.resource.methods] or "GET,HEAD",
         allow = {},
     }
     -- Some services store it as a header has it.
@@ -112,10 +113,10 @@ end
 
 -- Returns the address of the account of a user, an empty text when there is none.
 function resources.accountOf(connection, user)
-    local members = "&&" .. contract.accounts .. "/Members"
+    local members = contract.membersKey(contract.accounts)
     for _, element in ipairs(store.run(connection, "lrange", members, 0, -1) or {}) do
-        local uri = element:match("^&&ObjectRef (.+)$")
-        if uri and store.run(connection, "hget", uri, "&&OwnerName") == user then
+        local uri = element:match("^" .. kinds.uri .. " (.+)$")
+        if uri and store.run(connection, "hget", uri, contract.resource.owner) == user then
             return uri
         end
     end

@@ -368,7 +368,7 @@ TEST_F(WebLoginWithoutTheService, IsUnavailableBeforeItHasEverRun) {
 class WebLoginToASlowService : public WebLogin {
   protected:
     WebLoginToASlowService() {
-        setting("answerTime", "0.3");
+        setting("answerTimeout", "0.3");
         usePamTest("env=PRIVILEGES=511");
         holdPam();
     }
@@ -469,7 +469,7 @@ TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
 
 class WebLoginGivenUp : public WebLoginAtATime {
   protected:
-    WebLoginGivenUp() { setting("giveUpTime", "3"); }
+    WebLoginGivenUp() { setting("requestTimeout", "3"); }
 };
 
 TEST_F(WebLoginGivenUp, LeavesTheLateReplyToItsExpiry) {
