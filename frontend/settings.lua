@@ -6,8 +6,8 @@ return {
 
     -- Seconds that a client waits for the session service; then it is told to try again.
     answerTimeout = 20,
-    -- Seconds that the front end itself waits for an answer, to clear up when it comes late.
-    requestTimeout = 600,
+    -- Seconds after which a stored request expires that was never answered.
+    requestExpiry = 600,
 
     -- Logins of one address that are under way at a time; its others wait.
     maxLoginsOfAddress = 2,

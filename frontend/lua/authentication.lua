@@ -5,9 +5,14 @@ local encrypt = require "encrypt"
 local json = require "json"
 local messages = require "messages"
 local requests = require "requests"
+local resources = require "resources"
+local settings = require "settings"
 local store = require "store"
+local turns = require "turns"
 
 local authentication = {}
+
+local noValidSession = "Base.1.12.NoValidSession"
 
 -- The rest is larger than what the kernel writes.
 ffi.cdef [[
@@ -22,51 +27,51 @@ local function uptime()
     return tonumber(systemInformation.uptime)
 end
 
-local token = contract.token
-local lookUpFields = {
-    token.user, token.privilege, token.session, token.lastAccessed, token.timeout, token.origin,
-    token.passwordChangeRequired,
-}
-
--- Reads a token's record and notes its use, in one step: a record that is removed in between must
--- not come back with nothing but its last use. Arguments: the uptime and the fields above.
-local lookUpScript = [[
-local record = redis.call('HMGET', KEYS[1], unpack(ARGV, 2))
-if not record[1] or not record[3] then
+-- Key: a token's record. Arguments: the uptime, a resource to read. Looking up and noting the use
+-- are one step: a record that is removed in between must not come back with nothing but its use.
+local lookUpScript = store.script(resources.collect .. [[
+local record = run('HMGET', KEYS[1], $token.user, $token.privilege, $token.session, $token.origin,
+    $token.lastAccessed, $token.timeout, $token.passwordChangeRequired)
+if not record or not record[1] or not record[3] then
     return false
 end
 local function number(text)
     return tonumber(string.match(text or '', '^%s*[-+]?%d+') or 0)
 end
-if tonumber(ARGV[1]) - number(record[4]) >= number(record[5]) then
+if tonumber(ARGV[1]) - number(record[5]) >= number(record[6]) then
     return false
 end
-redis.call('HSET', KEYS[1], ARGV[5], ARGV[1])
-return {record[1], record[2] or '', record[3], record[6] or '', record[7] and 1 or 0}
-]]
+redis.call('HSET', KEYS[1], $token.lastAccessed, ARGV[1])
+return cjson.encode({
+    name = record[1],
+    privilege = record[2] or '',
+    session = record[3],
+    origin = record[4] or '',
+    mustChangePassword = record[7] and true or false,
+    tree = collect(ARGV[2]),
+})
+]])
 
 local function unauthorized(id)
     return messages.problem(401, { messages.new(id) },
         { ["WWW-Authenticate"] = 'Basic realm="Redfish"' })
 end
 
-local function userOf(connection, text)
-    if not text:find("^%x+$") or #text ~= contract.tokenLength then
-        error(unauthorized("Base.1.12.NoValidSession"))
+-- Returns the user of a token, with the tree of the resource. Raises the problem 401 when the token
+-- is not valid.
+local function userOf(token, uri)
+    if not token:find("^%x+$") or #token ~= contract.tokenLength then
+        error(unauthorized(noValidSession))
     end
-    local record = store.run(connection, "eval", lookUpScript, 1, contract.tokenKey(text), uptime(),
-        unpack(lookUpFields))
-    if not record then
-        error(unauthorized("Base.1.12.NoValidSession"))
+    local user = store.with(function(connection)
+        return store.runScript(connection, lookUpScript, 1, contract.tokenKey(token), uptime(), uri)
+    end)
+    if not user then
+        error(unauthorized(noValidSession))
     end
-    local privilege = tonumber(record[2]:match("^%s*(%d+)")) or 0
-    return {
-        name = record[1],
-        privilege = privilege <= contract.maxPrivilege and privilege or 0,
-        session = record[3],
-        origin = record[4],
-        mustChangePassword = record[5] == 1,
-    }
+    local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
+    user.privilege = privilege <= contract.maxPrivilege and privilege or 0
+    return user
 end
 
 -- Messages of failed logins that are the client's fault.
@@ -88,13 +93,24 @@ function authentication.login(name, password)
         ngx.log(ngx.ERR, "the key file is missing or malformed")
         error(messages.unavailable())
     end
+    local address = ngx.var.remote_addr
+    local deadline = ngx.now() + settings.answerTimeout
+    if not turns.take(address, settings.answerTimeout) then
+        error(messages.unavailable())
+    end
     local reply = requests.call("login", {
         [contract.request.privileges] = tostring(contract.privilege.login),
-        [contract.request.address] = ngx.var.remote_addr,
+        [contract.request.address] = address,
         [contract.request.origin] = ngx.var.http_origin or "",
     }, {
-        [contract.credentials.user] = json.encode(name),
-        [contract.credentials.password] = json.encode(encrypted),
+        body = {
+            [contract.credentials.user] = json.encode(name),
+            [contract.credentials.password] = json.encode(encrypted),
+        },
+        deadline = deadline,
+        whenDone = function()
+            turns.give(address)
+        end,
     })
     if reply.status == contract.status.authFailed then
         local problem = unauthorized(contract.message.invalidCredentials)
@@ -115,23 +131,24 @@ local function basicCredentials(header)
     return decoded:match("^([^:]*):(.*)$")
 end
 
--- Returns the user of this request: name, privilege, session (an address), mustChangePassword,
--- and `temporary` when the session was made for this request alone (HTTP Basic) and has to be
--- removed with it. Raises the problem 401 when there is no such user, 403 when the request comes
--- from another origin than the login.
-function authentication.identify(connection)
-    local sentToken = ngx.var.http_x_auth_token
+-- Returns the user of this request, with the resource at an address:
+--   name, privilege, session (an address), mustChangePassword, tree (of the resource)
+--   temporary: the session was made for this request alone (HTTP Basic), to be removed with it
+-- Raises the problem 401 when there is no such user, 403 when the request comes from another origin
+-- than the login.
+function authentication.identify(uri)
+    local token = ngx.var.http_x_auth_token
     local header = ngx.var.http_authorization
     local user
-    if sentToken then
-        user = userOf(connection, sentToken)
+    if token then
+        user = userOf(token, uri)
     elseif header then
         local name, password = basicCredentials(header)
         if not name then
             error(unauthorized(contract.message.invalidCredentials))
         end
         local reply = authentication.login(name, password)
-        local succeeded, found = pcall(userOf, connection, reply.token)
+        local succeeded, found = pcall(userOf, reply.token, uri)
         if not succeeded then
             requests.logOut(reply.location)
             error(found, 0)
@@ -139,7 +156,7 @@ function authentication.identify(connection)
         user = found
         user.temporary = true
     else
-        error(unauthorized("Base.1.12.NoValidSession"))
+        error(unauthorized(noValidSession))
     end
     local origin = ngx.var.http_origin
     if user.origin ~= "" and origin and origin ~= user.origin then

@@ -89,13 +89,17 @@ contract.resource = {
     owner = "&&OwnerName",
 }
 
+-- Fields of a stored session, and its type.
+contract.session = { user = "UserName", type = "SessionType", origin = "&&Origin" }
+contract.redfishType = '"Redfish"'
+
 -- Tells whether a stored field is not a property of its resource.
 function contract.isInternal(field)
     return field:sub(1, 2) == "&&"
 end
 
 -- What begins a field or a list element whose value is stored elsewhere.
-contract.reference = { array = "&&Array", object = "&&Object", uri = "&&ObjectRef" }
+contract.kind = { array = "&&Array", object = "&&Object", uri = "&&ObjectRef" }
 
 function contract.tokenKey(token)
     return "&&X-AUTH-TOKEN-" .. token

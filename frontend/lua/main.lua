@@ -1,10 +1,12 @@
 -- One HTTP request: from its line to its answer.
+local answers = require "answers"
 local authentication = require "authentication"
 local contract = require "contract"
 local files = require "files"
 local json = require "json"
 local messages = require "messages"
 local privileges = require "privileges"
+local requests = require "requests"
 local resources = require "resources"
 local service = require "service"
 local sessions = require "sessions"
@@ -95,7 +97,7 @@ local function checkPrecondition(resource)
 end
 
 -- Answers a GET of a resource that has been read.
-local function answerGet(connection, resource)
+local function answerGet(resource)
     local headers = {
         Allow = resource.allowText,
         ETag = resource.etagHeader,
@@ -108,7 +110,7 @@ local function answerGet(connection, resource)
         status = 200,
         headers = headers,
         type = resource.type,
-        body = resources.text(connection, resource),
+        body = resources.text(resource),
     }
 end
 
@@ -117,7 +119,7 @@ local function versions()
 end
 
 -- The OData service document: what the service root links to.
-local function serviceDocument(connection)
+local function serviceDocument()
     local entries = {}
     local function add(name, uri)
         entries[#entries + 1] = json.object({
@@ -127,8 +129,9 @@ local function serviceDocument(connection)
         })
     end
     add("Service", contract.root .. "/")
-    for field in pairs(store.hash(connection, contract.root) or {}) do
-        local name, uri = field:match("^" .. contract.reference.uri .. " ([^ ]+) ([^ ]+)$")
+    local root = resources.read(contract.root)
+    for field in pairs(root and root.fields or {}) do
+        local name, uri = field:match("^" .. contract.kind.uri .. " ([^ ]+) ([^ ]+)$")
         if name then
             add(name, uri)
         end
@@ -152,32 +155,32 @@ end
 -- What can be read without a session, by its path without a slash at the end.
 local public = {
     ["/redfish"] = versions,
-    [contract.root] = function(connection)
-        local root = resources.read(connection, contract.root)
+    [contract.root] = function()
+        local root = resources.read(contract.root)
         if not root then
             error(messages.unavailable())
         end
-        return answerGet(connection, root)
+        return answerGet(root)
     end,
     [contract.root .. "/odata"] = serviceDocument,
     [contract.root .. "/$metadata"] = metadata,
 }
 
 -- A user whose password has expired can change it and log out, and nothing else.
-local function checkPasswordChange(connection, user, method, uri)
+local function checkPasswordChange(user, method, uri)
     if not user.mustChangePassword or method == "DELETE" and uri == user.session then
         return
     end
-    local account = resources.accountOf(connection, user.name)
+    local account = resources.accountOf(user.name)
     if not (method == "PATCH" and uri == account) then
         refuse(403, contract.message.passwordChangeRequired, account)
     end
 end
 
 -- Returns the resource at an address after all checks that precede any method.
-local function checkedResource(connection, user, method, uri)
-    checkPasswordChange(connection, user, method, uri)
-    local resource = resources.read(connection, uri)
+local function checkedResource(user, method, uri)
+    checkPasswordChange(user, method, uri)
+    local resource = resources.from(user.tree, uri)
     if not resource then
         refuse(404, "Base.1.12.ResourceMissingAtURI", uri)
     end
@@ -191,14 +194,11 @@ end
 
 -- Carries out the user's request on a resource and returns the answer.
 local function serve(user, method, uri)
-    local resource, answer
-    store.with(function(connection)
-        resource = checkedResource(connection, user, method, uri)
-        if method == "GET" then
-            answer = answerGet(connection, resource)
-        end
-    end)
-    if method == "DELETE" and uri:find(contract.memberPattern(contract.sessions)) then
+    local resource = checkedResource(user, method, uri)
+    local answer
+    if method == "GET" then
+        answer = answerGet(resource)
+    elseif method == "DELETE" and uri:find(contract.memberPattern(contract.sessions)) then
         sessions.remove(uri)
         user.temporary = user.temporary and uri ~= user.session
         answer = { status = 204 }
@@ -229,7 +229,7 @@ local function handle()
         if uri ~= contract.root .. "/$metadata" then
             checkAccept("application/json")
         end
-        return store.with(public[uri])
+        return public[uri]()
     end
     checkAccept("application/json")
     -- nginx ends the request in here when the body is too large or too slow: before anything has
@@ -240,7 +240,7 @@ local function handle()
         return sessions.create(readBody())
     end
 
-    local user = store.with(authentication.identify)
+    local user = authentication.identify(uri)
     local succeeded, answer = pcall(serve, user, method, uri)
     if user.temporary and not pcall(sessions.remove, user.session) then
         ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it will expire")
@@ -296,6 +296,15 @@ local function answerOf(problem)
     -- A fault of the front end's own.
     ngx.log(ngx.ERR, tostring(problem))
     return answerOf(messages.problem(500, { messages.new("Base.1.12.InternalError") }))
+end
+
+-- Prepares a worker for its requests.
+function main.start()
+    answers.start({
+        takeUnexpected = requests.takeUnexpected,
+        prepareEnd = function() end,
+        isBusy = function() return false end,
+    })
 end
 
 -- Answers the current request.

@@ -1,43 +1,113 @@
--- Requests to the session service: each is stored, published, answered and removed.
+-- Requests to the session service. One round trip stores and publishes a request, another takes the
+-- answer and removes everything.
 --
--- A request is carried out by a timer, so that it goes on when its client has been told to try
--- again or has gone: the late answer is taken, what is stored is removed, and the session of a
--- login that nobody waits for any more is logged out.
-local semaphore = require "ngx.semaphore"
-local rand = require "openssl.rand"
+-- A client does not wait for ever: it is told to try again. Its request goes on, and whatever comes
+-- of it is removed when the answer comes, a session included.
+local answers = require "answers"
 local contract = require "contract"
-local hex = require "hex"
 local messages = require "messages"
+local resources = require "resources"
 local settings = require "settings"
 local store = require "store"
-local turns = require "turns"
 
 local requests = {}
 
--- What the front end stores begins with this, and a part of its own for each request.
-local keyPrefix = "&&/frontend/"
-
--- What is stored expires this many seconds after the last moment at which anybody waits for it.
-local expiryMargin = 60
-
--- A reply that comes when nobody waits any more is kept for so many seconds: the service adds it to
--- the key that is there, and gives it no expiry.
+-- Seconds that a reply is kept that comes when the front end is gone: the service adds it to the
+-- key that is there, and gives it no expiry.
 local lateReplySeconds = 86400
 
--- Writes a hash with an expiry, in case nobody removes it.
-local writeScript = [[
-redis.call('HSET', KEYS[1], unpack(ARGV, 2))
-redis.call('EXPIRE', KEYS[1], ARGV[1])
-]]
+-- Keys: the request, its body, its checklist, its reply. Arguments: the queue, the two expiries,
+-- how many words there are for request, body and checklist, and these words. Nothing is stored
+-- when nobody listens.
+local sendScript = store.script([[
+local channel = run('LINDEX', ARGV[1], 0)
+if not channel then
+    return cjson.encode(0)
+end
+local position = 7
+for i = 1, 3 do
+    local words = tonumber(ARGV[3 + i])
+    if words > 0 then
+        redis.call('HSET', KEYS[i], unpack(ARGV, position, position + words - 1))
+        redis.call('EXPIRE', KEYS[i], ARGV[2])
+    end
+    position = position + words
+end
+-- Its only purpose is the expiry of the reply.
+redis.call('HSET', KEYS[4], 'request', KEYS[1])
+redis.call('EXPIRE', KEYS[4], ARGV[3])
+local receivers = redis.call('PUBLISH', channel, KEYS[1] .. ' ' .. KEYS[4])
+if receivers == 0 then
+    redis.call('DEL', unpack(KEYS))
+end
+return cjson.encode(receivers)
+]])
 
-local function write(connection, key, fields)
-    local words = {}
-    for field, value in pairs(fields) do
+-- Keys: the request, its body, its checklist, its reply. Argument: a resource to read as well, or
+-- an empty text; a login's session is read anyway.
+local takeScript = store.script(resources.collect .. [[
+local fields = hash(KEYS[4])
+if not fields[$reply.status] then
+    return false
+end
+local result = {
+    status = fields[$reply.status],
+    location = fields[$reply.location],
+    token = fields[$reply.token],
+    unhandled = hash(KEYS[3]),
+    messages = {},
+}
+local list = fields[$reply.messages]
+-- The latest message comes first.
+local entries = list and run('LRANGE', list, 0, -1) or {}
+for i = #entries, 1, -1 do
+    local entry = hash(entries[i])
+    local arguments = entry[$storedMessage.arguments]
+    result.messages[#result.messages + 1] = {
+        id = entry[$storedMessage.id] or '',
+        arguments = arguments and run('LRANGE', arguments, 0, -1) or {},
+    }
+    redis.call('DEL', entries[i], arguments or entries[i])
+end
+redis.call('DEL', KEYS[1], KEYS[2], KEYS[3], KEYS[4], list or KEYS[4])
+local uri = result.location or ARGV[1]
+if uri ~= '' then
+    result.tree = collect(uri)
+end
+return cjson.encode(result)
+]])
+
+local function append(words, fields)
+    local before = #words
+    for field, value in pairs(fields or {}) do
         words[#words + 1] = field
         words[#words + 1] = value
     end
-    store.run(connection, "eval", writeScript, 1, key, settings.requestTimeout + expiryMargin,
-        unpack(words))
+    return #words - before
+end
+
+local function keysOf(channel)
+    local stem = channel:gsub("[^/]*$", "")
+    local request = stem .. "request"
+    return request, stem .. "body", contract.checklistKey(request), channel
+end
+
+-- Stores and publishes a request. Tells whether anybody has got it.
+local function send(kind, channel, record, body, checklist)
+    local request, bodyKey, checklistKey, reply = keysOf(channel)
+    -- The reply's key is the return channel's name as well: a login also writes into a hash of that
+    -- name, and so there is only one to remove.
+    record[contract.request.returnChannel] = reply
+    record[contract.request.data] = body and bodyKey
+    local words = {}
+    local recordWords = append(words, record)
+    local bodyWords = append(words, body)
+    local checklistWords = append(words, checklist)
+    return store.with(function(connection)
+        return store.runScript(connection, sendScript, 4, request, bodyKey, checklistKey, reply,
+            contract.queues[kind], settings.requestExpiry, lateReplySeconds, recordWords, bodyWords,
+            checklistWords, unpack(words))
+    end) > 0
 end
 
 -- Arguments are stored in quotes, with backslashes before quotes and backslashes.
@@ -45,173 +115,92 @@ local function unquoted(argument)
     return (argument:gsub('^"(.*)"$', "%1"):gsub("\\(.)", "%1"))
 end
 
--- Reads the messages of a reply, oldest first, and removes them.
-local function takeMessages(connection, list)
-    local field = contract.storedMessage
-    local found = {}
-    local entries = store.run(connection, "lrange", list, 0, -1) or {}
-    for i = #entries, 1, -1 do
-        local entry = store.hash(connection, entries[i]) or {}
-        local message = messages.new(entry[field.id] or "")
-        if entry[field.arguments] then
-            local stored = store.run(connection, "lrange", entry[field.arguments], 0, -1) or {}
-            for n, argument in ipairs(stored) do
-                message.arguments[n] = unquoted(argument)
-            end
-            store.run(connection, "del", entry[field.arguments])
+-- Takes the answer of a request and removes everything. Returns nil when there is none.
+local function take(channel, uri)
+    local request, bodyKey, checklistKey, reply = keysOf(channel)
+    local taken = store.with(function(connection)
+        return store.runScript(connection, takeScript, 4, request, bodyKey, checklistKey, reply,
+            uri or "")
+    end)
+    for i, stored in ipairs(taken and taken.messages or {}) do
+        local arguments = {}
+        for n, argument in ipairs(stored.arguments) do
+            arguments[n] = unquoted(argument)
         end
-        found[#found + 1] = message
-        store.run(connection, "del", entries[i])
+        taken.messages[i] = messages.new(stored.id, unpack(arguments))
     end
-    store.run(connection, "del", list)
-    return found
+    return taken
 end
 
-local function takeReply(connection, keys)
-    local fields = store.hash(connection, keys.reply) or {}
-    local reply = {
-        status = fields[contract.reply.status],
-        location = fields[contract.reply.location],
-        token = fields[contract.reply.token],
-        messages = {},
-        unhandled = store.hash(connection, keys.checklist) or {},
-    }
-    if fields[contract.reply.messages] then
-        reply.messages = takeMessages(connection, fields[contract.reply.messages])
-    end
-    return reply
-end
-
--- Stores and publishes the request and waits for the answer. Returns the reply, nil when nobody
--- listens or no answer comes.
-local function send(connection, subscription, kind, keys, record, body, checklist)
-    local channel = store.run(connection, "lindex", contract.queues[kind], 0)
-    if not channel then
-        return nil
-    end
-    -- The reply's key is the return channel's name as well: a login also writes into a hash of that
-    -- name, and so there is only one to remove.
-    record[contract.request.returnChannel] = keys.reply
-    if body then
-        record[contract.request.data] = keys.body
-        write(connection, keys.body, body)
-    end
-    if checklist then
-        write(connection, keys.checklist, checklist)
-    end
-    write(connection, keys.request, record)
-    -- Its only purpose is to give the reply an expiry.
-    write(connection, keys.reply, { ["&&RequestKey"] = keys.request })
-
-    store.run(subscription, "subscribe", keys.reply)
-    if store.run(connection, "publish", channel, keys.request .. " " .. keys.reply) == 0 then
-        return nil
-    end
-    keys.replyMayCome = true
-    subscription:set_timeout(settings.requestTimeout * 1000)
-    if not subscription:read_reply() then
-        return nil
-    end
-    keys.replyMayCome = false
-    return takeReply(connection, keys)
-end
-
-local function remove(connection, keys)
-    store.run(connection, "del", keys.request, keys.body, keys.checklist)
-    if keys.replyMayCome then
-        store.run(connection, "expire", keys.reply, lateReplySeconds)
-    else
-        store.run(connection, "del", keys.reply)
-    end
-end
-
--- Carries out one request over connections of its own. Returns the reply, or nil.
-local function perform(kind, record, body, checklist)
-    local connection = store.connect()
-    local connected, subscription = pcall(store.connect)
-    if not connected then
-        store.release(connection)
-        return nil
-    end
-    local prefix = keyPrefix .. hex(rand.bytes(16))
-    local keys = {
-        request = prefix .. "/request",
-        body = prefix .. "/body",
-        checklist = contract.checklistKey(prefix .. "/request"),
-        reply = prefix .. "/reply",
-    }
-    local sent, reply = pcall(send, connection, subscription, kind, keys, record, body, checklist)
-    local removed = pcall(remove, connection, keys)
-    subscription:close()
-    if sent and removed then
-        store.release(connection)
-    else
-        connection:close()
-    end
-    return sent and reply or nil
-end
-
-local underWay = 0
-
--- The timer's function. `caller` is shared with the client's request, which may still be waiting.
-local function run(premature, caller, ...)
-    local succeeded, reply = false, nil
-    if not premature then
-        succeeded, reply = pcall(perform, ...)
-    end
-    reply = succeeded and reply or false
-    underWay = underWay - 1
-    caller.finish(reply)
-    if caller.gone and reply and reply.location then
+-- Takes an answer that nobody waits for. Nobody would hold the session of such a login.
+local function takeUnheld(_, channel)
+    local succeeded, reply = pcall(take, channel)
+    if succeeded and reply and reply.location then
         requests.logOut(reply.location)
     end
 end
 
--- Starts a request and returns without waiting for it. `address` has a turn, which ends with the
--- request; nil when it needs none.
-local function start(address, kind, record, body, checklist)
-    local caller = { ready = semaphore.new() }
-    function caller.finish(reply)
-        caller.reply = reply
-        caller.ready:post(1)
-        if address then
-            turns.give(address)
+-- The same from now on, for an answer that may still come; the request that waited for it has
+-- ended.
+local function awaitUnheld(_, answer, whenDone)
+    local hasCome = answers.wait(answer, settings.answerTimeout)
+    answers.forget(answer)
+    whenDone()
+    if hasCome then
+        takeUnheld(nil, answer.channel)
+    end
+end
+
+-- For the answers' own start.
+function requests.takeUnexpected(channel)
+    ngx.timer.at(0, takeUnheld, channel)
+end
+
+local function doNothing()
+end
+
+-- Sends a request to the service and returns its reply: status, location, token, messages,
+-- unhandled (what is left of the checklist), tree (of the resource to read, or the session).
+-- Raises the problem 503 when no reply comes in time.
+--   kind     of the contract's queues
+--   record   fields of the request; the keys of its parts are added
+--   options  body and checklist (fields), read (the address of a resource to read afterwards),
+--            deadline, whenDone (called once the service is no longer busy with the request, or
+--            cannot be expected to be): all optional
+function requests.call(kind, record, options)
+    local whenDone = options.whenDone or doNothing
+    local expecting, answer = pcall(answers.expect)
+    if not expecting then
+        whenDone()
+        error(answer, 0)
+    end
+    local deadline = options.deadline or ngx.now() + settings.answerTimeout
+    local sent, received =
+        pcall(send, kind, answer.channel, record, options.body, options.checklist)
+    if not sent or not received then
+        answers.forget(answer)
+        whenDone()
+        error(sent and messages.unavailable() or received, 0)
+    end
+    if not answers.wait(answer, deadline - ngx.now()) then
+        if not ngx.timer.at(0, awaitUnheld, answer, whenDone) then
+            whenDone()
         end
-    end
-    if underWay < settings.maxRequests
-        and ngx.timer.at(0, run, caller, kind, record, body, checklist) then
-        underWay = underWay + 1
-    else
-        caller.finish(false)
-    end
-    return caller
-end
-
--- Logs a session out that nobody uses, without waiting for that. Where it fails, the session
--- expires.
-function requests.logOut(uri)
-    start(nil, "logout", { [contract.request.target] = uri })
-end
-
--- Sends a request to the service and returns its reply: status, location, token, messages, and
--- unhandled (what is left of the checklist). Raises the problem 503 when no reply comes in time.
---   kind       of the contract's queues
---   record     fields of the request; the keys of its parts are added
---   body       fields of the body, or nil
---   checklist  fields of the list of properties that await a handler, or nil
-function requests.call(kind, record, body, checklist)
-    local deadline = ngx.now() + settings.answerTimeout
-    local address = kind == "login" and ngx.var.remote_addr or nil
-    if address and not turns.take(address, settings.answerTimeout) then
         error(messages.unavailable())
     end
-    local caller = start(address, kind, record, body, checklist)
-    caller.ready:wait(math.max(deadline - ngx.now(), 0))
-    if not caller.reply then
-        caller.gone = true
-        error(messages.unavailable())
-    end
-    return caller.reply
+    whenDone()
+    return take(answer.channel, options.read) or error(messages.unavailable())
+end
+
+local function logOut(_, uri, whenDone)
+    pcall(requests.call, "logout", { [contract.request.target] = uri }, {})
+    whenDone()
+end
+
+-- Logs a session out that nobody uses, without waiting for that; then calls whenDone, if given.
+-- Where it fails, the session expires.
+function requests.logOut(uri, whenDone)
+    ngx.timer.at(0, logOut, uri, whenDone or doNothing)
 end
 
 local httpStatus = {

@@ -4,7 +4,6 @@ local json = require "json"
 local messages = require "messages"
 local requests = require "requests"
 local resources = require "resources"
-local store = require "store"
 
 local service = {}
 
@@ -98,7 +97,7 @@ function service.patch(body, resource)
     local reply = requests.call("patch", {
         [contract.request.method] = "PATCH",
         [contract.request.target] = contract.service,
-    }, changes, checklist)
+    }, { body = changes, checklist = checklist, read = contract.service })
     requests.expectSuccess(reply, {})
 
     local applied = false
@@ -117,16 +116,12 @@ function service.patch(body, resource)
     for _, fault in ipairs(faults) do
         annotations[fault.property .. "@Message.ExtendedInfo"] = messages.texts({ fault })
     end
-    local changed, text
-    store.with(function(connection)
-        changed = resources.read(connection, contract.service) or resource
-        text = resources.text(connection, changed, annotations)
-    end)
+    local changed = resources.from(reply.tree, contract.service) or resource
     return {
         status = 200,
         headers = { ETag = changed.etagHeader },
         type = changed.type,
-        body = text,
+        body = resources.text(changed, annotations),
     }
 end
 

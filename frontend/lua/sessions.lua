@@ -4,7 +4,6 @@ local contract = require "contract"
 local messages = require "messages"
 local requests = require "requests"
 local resources = require "resources"
-local store = require "store"
 
 local sessions = {}
 
@@ -59,16 +58,8 @@ function sessions.create(body)
     if reply.messages[1] and reply.messages[1].id == contract.message.passwordChangeRequired then
         annotations["@Message.ExtendedInfo"] = messages.texts(reply.messages)
     end
-    local text, session
-    local succeeded, failure = pcall(store.with, function(connection)
-        session = resources.read(connection, reply.location)
-        text = session and resources.text(connection, session, annotations)
-    end)
-    if not succeeded then
-        requests.logOut(reply.location)
-        error(failure, 0)
-    end
-    if not text then
+    local session = resources.from(reply.tree, reply.location)
+    if not session then
         -- It has expired or been removed already.
         error(messages.unavailable())
     end
@@ -80,7 +71,7 @@ function sessions.create(body)
             ["ETag"] = session.etagHeader,
         },
         type = session.type,
-        body = text,
+        body = resources.text(session, annotations),
     }
 end
 
@@ -89,7 +80,7 @@ local clientFaults = { [contract.message.unprocessableEntity] = true }
 
 -- Removes a session through the service.
 function sessions.remove(uri)
-    local reply = requests.call("logout", { [contract.request.target] = uri })
+    local reply = requests.call("logout", { [contract.request.target] = uri }, {})
     requests.expectSuccess(reply, clientFaults)
 end
 

@@ -1,6 +1,9 @@
--- Connections to the store. Each belongs to one request or timer at a time.
+-- Connections to the store, and the scripts that run in it.
 local redis = require "nginx.redis"
+local cjson = require("cjson").new()
+local contract = require "contract"
 local files = require "files"
+local hex = require "hex"
 local settings = require "settings"
 
 local store = {}
@@ -37,7 +40,7 @@ local function authenticate(connection)
     end
 end
 
--- Returns an open connection.
+-- Returns an open connection, for one request or timer at a time.
 function store.connect()
     local connection = redis:new()
     connection:set_timeout(timeoutMilliseconds)
@@ -51,22 +54,17 @@ function store.connect()
     return connection
 end
 
--- Gives the connection back for the next user.
-function store.release(connection)
-    connection:set_keepalive(idleMilliseconds, maxIdleConnections)
-end
-
--- Calls action with a connection and returns its results. What action raises is raised again.
+-- Calls action with a connection and returns its result. What action raises is raised again.
 function store.with(action)
     local connection = store.connect()
-    local results = { pcall(action, connection) }
-    if not results[1] then
+    local succeeded, result = pcall(action, connection)
+    if not succeeded then
         -- A reply may still be under way on it.
         connection:close()
-        error(results[2], 0)
+        error(result, 0)
     end
-    store.release(connection)
-    return unpack(results, 2, table.maxn(results))
+    connection:set_keepalive(idleMilliseconds, maxIdleConnections)
+    return result
 end
 
 -- Runs one command. Returns nil for a value that is absent or of another type than the command's.
@@ -82,17 +80,54 @@ function store.run(connection, command, ...)
     fail(code, failure)
 end
 
--- Returns the fields of a hash; nil when there is no such hash.
-function store.hash(connection, key)
-    local reply = store.run(connection, "hgetall", key)
-    if not reply or #reply == 0 then
-        return nil
+-- What all scripts can call.
+local library = [==[
+-- Runs a command. Returns false for a value that is absent or of another type than the command's.
+local function run(...)
+    local reply = redis.pcall(...)
+    if type(reply) == 'table' and reply.err then
+        if string.sub(reply.err, 1, 9) == 'WRONGTYPE' then
+            return false
+        end
+        error(reply.err)
     end
+    return reply
+end
+-- Returns the fields of a hash.
+local function hash(key)
+    local reply = run('HGETALL', key) or {}
     local fields = {}
     for i = 1, #reply, 2 do
         fields[reply[i]] = reply[i + 1]
     end
     return fields
+end
+]==]
+
+-- Returns a script whose result is JSON text or nothing. In its source, $a.b stands for the text
+-- contract.a.b.
+function store.script(source)
+    source = (library .. source):gsub("%$([%a.]+)", function(path)
+        local value = contract
+        for name in path:gmatch("%a+") do
+            value = value[name]
+        end
+        return string.format("%q", value)
+    end)
+    return { source = source, digest = hex(ngx.sha1_bin(source)) }
+end
+
+-- Runs a script in one round trip; a store that does not know it yet gets its text. Keys that are
+-- only read are arguments: access control takes keys for written. Returns what the result stands
+-- for, or nil.
+function store.runScript(connection, script, keyCount, ...)
+    local reply, failure = connection:evalsha(script.digest, keyCount, ...)
+    if reply == false and failure:find("^NOSCRIPT") then
+        reply = store.run(connection, "eval", script.source, keyCount, ...)
+    elseif not reply then
+        fail(reply == false and failure:match("^%S*") or nil, failure)
+    end
+    return reply and reply ~= ngx.null and cjson.decode(reply) or nil
 end
 
 return store

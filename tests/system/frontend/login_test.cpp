@@ -467,26 +467,6 @@ TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
     threads_.clear();
 }
 
-class WebLoginGivenUp : public WebLoginAtATime {
-  protected:
-    WebLoginGivenUp() { setting("requestTimeout", "3"); }
-};
-
-TEST_F(WebLoginGivenUp, LeavesTheLateReplyToItsExpiry) {
-    EXPECT_EQ(client().login("any", "any").status, 503);
-    waitUntilPamHolds();
-    const Words keys = store().keys(requestKeys);
-    ASSERT_EQ(keys.size(), 1U);
-    releasePam();
-    // With the list of its messages and their only entry.
-    waitUntil("the late reply is there", [&] { return store().keys(requestKeys).size() == 3; });
-    EXPECT_NE(store().hget(keys[0], "&&X-Auth-Token"), "");
-    EXPECT_GT(store().run({"TTL", keys[0]}).integer, 0);
-    for (const std::string& key : store().keys(requestKeys)) {
-        store().del(key);
-    }
-}
-
 TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
     Monitor monitor = controller.monitor();
     store().run({"CONFIG", "SET", "maxmemory", "1"});
