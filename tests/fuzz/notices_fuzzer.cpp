@@ -7,9 +7,10 @@
 #include "frame/resource_names.h"
 #include "service/patch.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -25,12 +26,12 @@ void recordNotice(const std::string& requestKey, const std::string& replyKey,
 
 // What arrives after the confirmation of the subscription; empty when there is none.
 std::optional<Announcements> announcementsIn(const std::string& bytes) {
-    const StandInStore connection({bytes});
-    if (!store::subscribe(connection.store(), "channel")) {
+    const FakeConnection connection({bytes});
+    if (!store::subscribe(connection.get(), "channel")) {
         return std::nullopt;
     }
     Announcements announcements;
-    while (const auto announcement = store::readAnnouncement(connection.store())) {
+    while (const auto announcement = store::readAnnouncement(connection.get())) {
         announcements.push_back(*announcement);
     }
     return announcements;
@@ -61,7 +62,7 @@ void tryRequestThread(const std::string& bytes, const Announcements& announcemen
 
     handled.clear();
     WorkerContext context{};
-    StandInServer server({{bytes}});
+    FakeStore server({{bytes}});
     const CapturedStream log(stderr);
     serveRequests(createChannel, context, recordNotice);
     require(handled.size() == expected.size(), "every notice up to the exit notice is handled");
@@ -93,7 +94,7 @@ void tryPatchThread(const std::string& bytes, const Announcements& announcements
 
     std::vector<Replies> connections(expected.size() + 2, Replies(4, resp::integer(1)));
     connections[0] = {bytes};
-    StandInServer server(connections);
+    FakeStore server(connections);
     const CapturedStream log(stderr);
     patchThread(nullptr);
     require(log.written() == expectedLog, "only a payload without a blank is logged");

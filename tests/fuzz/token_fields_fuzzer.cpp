@@ -16,9 +16,10 @@
 #include "sessions/expiry.h"
 #include "sessions/records.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -62,7 +63,7 @@ void tryRemoval(const std::string& text, const std::string& removed) {
         expected.erase(position, removed.size());
     }
     const int result = removeSubstring(buffer.data(), removed.c_str());
-    require(result == (position != std::string::npos ? 1 : 0) && cText(buffer) == expected,
+    require(result == (position != std::string::npos ? 1 : 0) && upToNull(buffer) == expected,
             "the first occurrence goes");
 }
 
@@ -114,9 +115,9 @@ bool startsWith(const Commands& commands, const Commands& expected) {
 }
 
 void tryDeletion(const Fields& fields) {
-    const StandInStore connection(deletionReplies(fields));
+    const FakeConnection connection(deletionReplies(fields));
     const CapturedStream log(stderr);
-    require(deleteSession(connection.store(), fields.id, {}, {}, context) == 1,
+    require(deleteSession(connection.get(), fields.id, {}, {}, context) == 1,
             "a member of the collection is deleted");
     require(startsWith(connection.takeCommands(), deletionCommands(fields.id, fields.storedToken)),
             "a deletion names the session's own keys");
@@ -146,7 +147,7 @@ void tryExpiry(const Fields& fields) {
                    {"HGET", tokenKey, "LastAccessed"},
                    {"HGET", tokenKey, "Timeout"}};
 
-    StandInServer server({replies});
+    FakeStore server({replies});
     const CapturedStream log(stderr);
     const long before = uptimeSeconds();
     pthread_mutex_lock(&context.stopMutex);
@@ -188,11 +189,11 @@ void tryRecords(const Fields& fields) {
                              .remoteIp = fields.lastAccessed,
                              .origin = fields.member,
                              .privilege = fields.timeout};
-    const StandInStore connection(Replies(4, resp::integer(1)));
-    require(writeSessionRecord(connection.store(), session) &&
-                writeMetaSessionRecord(connection.store(), session, fields.timeout),
+    const FakeConnection connection(Replies(4, resp::integer(1)));
+    require(writeSessionRecord(connection.get(), session) &&
+                writeMetaSessionRecord(connection.get(), session, fields.timeout),
             "records are written");
-    writeTokenReference(connection.store(), session);
+    writeTokenReference(connection.get(), session);
 
     const Commands commands = connection.takeCommands();
     require(commands.size() == 4, "a record is one command");
@@ -228,7 +229,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Fields fields;
     for (std::string* field : {&fields.storedToken, &fields.id, &fields.userName,
                                &fields.lastAccessed, &fields.timeout, &fields.member}) {
-        *field = cText(takeLine(input));
+        *field = upToNull(takeLine(input));
         tryQuotes(*field);
         tryRemoval(*field, fields.storedToken);
     }

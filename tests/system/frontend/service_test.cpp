@@ -328,8 +328,8 @@ TEST_F(WebWithoutItsService, TellsThatItIsUnavailableWhenNobodyListensAnyMore) {
 }
 
 TEST_F(WebWithoutItsService, TellsThatItIsUnavailableWhenNoAnswerComesInTime) {
-    setting("answerTime", "0.05");
-    setting("giveUpTime", "0.1");
+    changeSetting("answerTime", "0.05");
+    changeSetting("giveUpTime", "0.1");
     web.restart();
     store().run({"RPUSH", "&&/redfish/v1/SessionService/PATCHQ", patchChannel});
     StoreClient silent = controller.connect();

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -27,9 +27,9 @@ TEST(MemberUri, IsWhatFollowsThePrefix) {
 }
 
 TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
+    const ScriptedStore peer({resp::error("ERR nobody looks at it")});
     const auto before = wallClockMilliseconds();
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
+    updateEtag(peer.connection(), "/redfish/v1/Some Thing%s");
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 1U);
     ASSERT_EQ(commands[0].size(), 4U);
@@ -43,8 +43,9 @@ TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {
-    const RespPeer peer({resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
-    EXPECT_TRUE(addSessionMember(peer.store(), "0000a1b2"));
+    const ScriptedStore peer(
+        {resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
+    EXPECT_TRUE(addSessionMember(peer.connection(), "0000a1b2"));
     Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 3U);
     EXPECT_EQ(commands[0], (Command{"LPUSH", members, "&&ObjectRef " + collection + "/0000a1b2"}));
@@ -54,24 +55,24 @@ TEST(NewMember, IsPushedStampedAndCounted) {
 }
 
 TEST(NewMember, ThatTheListRefusesChangesNothingElse) {
-    const RespPeer peer({resp::error("WRONGTYPE")});
-    EXPECT_FALSE(addSessionMember(peer.store(), "0000a1b2"));
+    const ScriptedStore peer({resp::error("WRONGTYPE")});
+    EXPECT_FALSE(addSessionMember(peer.connection(), "0000a1b2"));
     EXPECT_EQ(peer.commands().size(), 1U);
 }
 
 TEST(NewMember, NeedsAConnectionAndAnIdentifier) {
-    const RespPeer peer;
-    EXPECT_FALSE(addSessionMember(peer.store(), nullptr));
+    const ScriptedStore peer;
+    EXPECT_FALSE(addSessionMember(peer.connection(), nullptr));
     EXPECT_FALSE(addSessionMember(nullptr, "0000a1b2"));
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(SessionCount, CountsTheMembersOfTypeRedfish) {
-    const RespPeer peer({resp::bulkArray({"&&ObjectRef /a", "&&ObjectRef /b", "&&ObjectRef /c",
-                                          "&&ObjectRef /d", "short", "&&ObjectRef /e"}),
-                         resp::bulk("\"Redfish\""), resp::bulk("Redfish"), resp::nil(),
-                         resp::error("WRONGTYPE"), resp::nil(), resp::bulk("\"Redfish\"")});
-    EXPECT_EQ(countRedfishSessions(peer.store()), 2);
+    const ScriptedStore peer({resp::bulkArray({"&&ObjectRef /a", "&&ObjectRef /b", "&&ObjectRef /c",
+                                               "&&ObjectRef /d", "short", "&&ObjectRef /e"}),
+                              resp::bulk("\"Redfish\""), resp::bulk("Redfish"), resp::nil(),
+                              resp::error("WRONGTYPE"), resp::nil(), resp::bulk("\"Redfish\"")});
+    EXPECT_EQ(countRedfishSessions(peer.connection()), 2);
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", members, "0", "-1"},
                                          {"HGET", "/a", "SessionType"},
                                          {"HGET", "/b", "SessionType"},
@@ -83,11 +84,11 @@ TEST(SessionCount, CountsTheMembersOfTypeRedfish) {
 
 TEST(SessionCount, IsZeroWithoutMembers) {
     for (const std::string& reply : {resp::array({}), resp::error("WRONGTYPE")}) {
-        const RespPeer peer({reply});
-        EXPECT_EQ(countRedfishSessions(peer.store()), 0) << reply;
+        const ScriptedStore peer({reply});
+        EXPECT_EQ(countRedfishSessions(peer.connection()), 0) << reply;
     }
-    const RespPeer lost;
-    EXPECT_EQ(countRedfishSessions(lost.store()), 0);
+    const ScriptedStore lost;
+    EXPECT_EQ(countRedfishSessions(lost.connection()), 0);
 }
 
 }  // namespace
