@@ -1,5 +1,5 @@
-// What arrives on the request channels, as bytes from the store and as payloads. Every worker
-// hands on exactly the notices that there are, and no key becomes more than one argument.
+// The request channels, with any bytes from the store and any payloads. Each worker handles
+// exactly the notices that were published, and no key becomes more than one argument.
 #include "protocol/request_channels.h"
 
 #include <optional>
@@ -15,7 +15,7 @@
 namespace session_service {
 namespace {
 
-using Announcements = std::vector<store::Announcement>;
+using Messages = std::vector<store::Announcement>;
 
 std::vector<Notice> handled;
 
@@ -25,16 +25,16 @@ void recordNotice(const std::string& requestKey, const std::string& replyKey,
 }
 
 // What arrives after the confirmation of the subscription; empty when there is none.
-std::optional<Announcements> announcementsIn(const std::string& bytes) {
+std::optional<Messages> messagesIn(const std::string& bytes) {
     const FakeConnection connection({bytes});
     if (!store::subscribe(connection.get(), "channel")) {
         return std::nullopt;
     }
-    Announcements announcements;
-    while (const auto announcement = store::readAnnouncement(connection.get())) {
-        announcements.push_back(*announcement);
+    Messages messages;
+    while (const auto message = store::readAnnouncement(connection.get())) {
+        messages.push_back(*message);
     }
-    return announcements;
+    return messages;
 }
 
 void trySplit(const std::string& payload) {
@@ -48,10 +48,10 @@ void trySplit(const std::string& payload) {
     }
 }
 
-void tryRequestThread(const std::string& bytes, const Announcements& announcements) {
+void tryRequestThread(const std::string& bytes, const Messages& messages) {
     std::vector<std::string> expected;
-    for (const store::Announcement& announcement : announcements) {
-        const std::string payload = announcement.text.value_or("");
+    for (const store::Announcement& message : messages) {
+        const std::string payload = message.text.value_or("");
         if (payload == "&&EXIT") {
             break;
         }
@@ -78,17 +78,16 @@ void tryRequestThread(const std::string& bytes, const Announcements& announcemen
 }
 
 // Requests are not found here: each is answered without a reply.
-void tryPatchThread(const std::string& bytes, const Announcements& announcements,
-                    std::string expectedLog) {
+void tryPatchThread(const std::string& bytes, const Messages& messages, std::string expectedLog) {
     std::vector<std::string> expected;
-    for (const store::Announcement& announcement : announcements) {
-        if (announcement.elements != 3 || !announcement.text) {
+    for (const store::Announcement& message : messages) {
+        if (message.elements != 3 || !message.text) {
             continue;
         }
-        if (announcement.text->find(' ') == std::string::npos) {
+        if (message.text->find(' ') == std::string::npos) {
             expectedLog += debugLine("Request data format is incorrect.");
         } else {
-            expected.push_back(*announcement.text);
+            expected.push_back(*message.text);
         }
     }
 
@@ -112,11 +111,11 @@ void tryPatchThread(const std::string& bytes, const Announcements& announcements
 }
 
 void tryChannel(const std::string& bytes) {
-    const std::optional<Announcements> announcements = announcementsIn(bytes);
-    tryRequestThread(bytes, announcements.value_or(Announcements()));
-    tryPatchThread(bytes, announcements.value_or(Announcements()),
-                   announcements ? std::string()
-                                 : errorLine("Failed to subscribe channel " + patchChannel + '.'));
+    const std::optional<Messages> messages = messagesIn(bytes);
+    tryRequestThread(bytes, messages.value_or(Messages()));
+    tryPatchThread(
+        bytes, messages.value_or(Messages()),
+        messages ? std::string() : errorLine("Failed to subscribe channel " + patchChannel + '.'));
 }
 
 }  // namespace
