@@ -4,7 +4,6 @@
 
 #include <optional>
 
-#include "frame/resource_names.h"
 #include "service/patch.h"
 #include "support/captured_stream.h"
 #include "support/fake_store.h"
@@ -15,26 +14,25 @@
 namespace session_service {
 namespace {
 
-using Messages = std::vector<store::Announcement>;
+using ReceivedNotices = std::vector<store::ReceivedNotice>;
 
 std::vector<Notice> handled;
 
-void recordNotice(const std::string& requestKey, const std::string& replyKey,
-                  WorkerContext& /*context*/) {
-    handled.push_back({requestKey, replyKey});
+void recordNotice(const Notice& notice) {
+    handled.push_back(notice);
 }
 
 // What arrives after the confirmation of the subscription; empty when there is none.
-std::optional<Messages> messagesIn(const std::string& bytes) {
+std::optional<ReceivedNotices> noticesIn(const std::string& bytes) {
     const FakeConnection connection({bytes});
     if (!store::subscribe(connection.get(), "channel")) {
         return std::nullopt;
     }
-    Messages messages;
-    while (const auto message = store::readAnnouncement(connection.get())) {
-        messages.push_back(*message);
+    ReceivedNotices notices;
+    while (const auto received = store::readNotice(connection.get())) {
+        notices.push_back(*received);
     }
-    return messages;
+    return notices;
 }
 
 void trySplit(const std::string& payload) {
@@ -48,10 +46,10 @@ void trySplit(const std::string& payload) {
     }
 }
 
-void tryRequestThread(const std::string& bytes, const Messages& messages) {
+void tryRequestThread(const std::string& bytes, const ReceivedNotices& notices) {
     std::vector<std::string> expected;
-    for (const store::Announcement& message : messages) {
-        const std::string payload = message.text.value_or("");
+    for (const store::ReceivedNotice& received : notices) {
+        const std::string payload = received.text.value_or("");
         if (payload == "&&EXIT") {
             break;
         }
@@ -61,10 +59,9 @@ void tryRequestThread(const std::string& bytes, const Messages& messages) {
     }
 
     handled.clear();
-    WorkerContext context{};
     FakeStore server({{bytes}});
     const CapturedStream log(stderr);
-    serveRequests(createChannel, context, recordNotice);
+    serveRequests(createChannel, recordNotice);
     require(handled.size() == expected.size(), "every notice up to the exit notice is handled");
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const Notice notice = splitNotice(expected[i]);
@@ -78,16 +75,17 @@ void tryRequestThread(const std::string& bytes, const Messages& messages) {
 }
 
 // Requests are not found here: each is answered without a reply.
-void tryPatchThread(const std::string& bytes, const Messages& messages, std::string expectedLog) {
+void tryPatchThread(const std::string& bytes, const ReceivedNotices& notices,
+                    std::string expectedLog) {
     std::vector<std::string> expected;
-    for (const store::Announcement& message : messages) {
-        if (message.elements != 3 || !message.text) {
+    for (const store::ReceivedNotice& received : notices) {
+        if (received.elements != 3 || !received.text) {
             continue;
         }
-        if (message.text->find(' ') == std::string::npos) {
+        if (received.text->find(' ') == std::string::npos) {
             expectedLog += debugLine("Request data format is incorrect.");
         } else {
-            expected.push_back(*message.text);
+            expected.push_back(*received.text);
         }
     }
 
@@ -111,11 +109,11 @@ void tryPatchThread(const std::string& bytes, const Messages& messages, std::str
 }
 
 void tryChannel(const std::string& bytes) {
-    const std::optional<Messages> messages = messagesIn(bytes);
-    tryRequestThread(bytes, messages.value_or(Messages()));
+    const std::optional<ReceivedNotices> notices = noticesIn(bytes);
+    tryRequestThread(bytes, notices.value_or(ReceivedNotices()));
     tryPatchThread(
-        bytes, messages.value_or(Messages()),
-        messages ? std::string() : errorLine("Failed to subscribe channel " + patchChannel + '.'));
+        bytes, notices.value_or(ReceivedNotices()),
+        notices ? std::string() : errorLine("Failed to subscribe channel " + patchChannel + '.'));
 }
 
 }  // namespace

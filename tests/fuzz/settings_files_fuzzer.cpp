@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "auth/group_settings.h"
+#include "auth/kerberos_groups.h"
 #include "support/fake_files.h"
 #include "support/input.h"
 #include "support/require.h"

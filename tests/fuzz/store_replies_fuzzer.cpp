@@ -137,10 +137,12 @@ void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& 
                 (isText ? std::string(reply->str) : std::string()),
             "hget gives a text up to its first zero byte");
     const auto field =
-        resultOf(replies, hget, [&](auto* s) { return store::hgetReply(s, text, text, "none"); });
-    require(field.has_value() == static_cast<bool>(reply) &&
-                (!field || *field == (reply->str ? reply->str : "none")),
-            "hgetReply tells no reply from one without text");
+        resultOf(replies, hget, [&](auto* s) { return store::hgetReply(s, text, text); });
+    using Kind = store::FieldReply::Kind;
+    require((field.kind == Kind::lost) == !reply && (field.kind == Kind::text) == isText &&
+                field.text ==
+                    (reply && reply->str ? std::optional<std::string>(reply->str) : std::nullopt),
+            "hgetReply tells a field's text from other replies and from none");
     require(resultOf(replies, {"HEXISTS", sent, sent},
                      [&](auto* s) { return store::hexists(s, text, text); }) ==
                 (integerOf(reply, 0) == 1),
@@ -243,8 +245,8 @@ void trySubscription(const Replies& replies, const std::string& text, const Repl
     const FakeConnection connection(replies);
     require(store::subscribe(connection.get(), text) == static_cast<bool>(reply),
             "a subscription is confirmed by any reply");
-    while (const auto message = store::readAnnouncement(connection.get())) {
-        require(!message->text || message->elements > 0, "a text is that of an element");
+    while (const auto notice = store::readNotice(connection.get())) {
+        require(!notice->text || notice->elements > 0, "a text is that of an element");
     }
     require(connection.takeCommands() == Commands{{"SUBSCRIBE", upToNull(text)}},
             "a subscribed connection only reads");

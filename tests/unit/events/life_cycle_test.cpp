@@ -18,14 +18,14 @@ TEST(EventListOf, ARequestGrowsInGroupsOfFive) {
 
 TEST(EventListOf, LessThanTwoItemsIsNotSent) {
     const ScriptedStore peer;
-    EXPECT_EQ(generateLifeCycleEvents(peer.connection(), {}), 0);
-    EXPECT_EQ(generateLifeCycleEvents(peer.connection(), {"add"}), 0);
+    generateLifeCycleEvents(peer.connection(), {});
+    generateLifeCycleEvents(peer.connection(), {"add"});
     EXPECT_EQ(peer.commands(), Commands{});
 }
 
 TEST(EventListOf, TwoItemsIsSentAsItIs) {
     const ScriptedStore peer({resp::bulk("d1"), resp::integer(1)});
-    EXPECT_EQ(generateLifeCycleEvents(peer.connection(), {"add", "/redfish/v1/A"}), 1);
+    generateLifeCycleEvents(peer.connection(), {"add", "/redfish/v1/A"});
     EXPECT_EQ(peer.commands(), (Commands{{"HGET", "redisSHAScripts", "resourceChange"},
                                          {"EVALSHA", "d1", "2", "add", "/redfish/v1/A"}}));
 }
