@@ -3,6 +3,7 @@ local ffi = require "ffi"
 local contract = require "contract"
 local encrypt = require "encrypt"
 local json = require "json"
+local log = require "log"
 local messages = require "messages"
 local requests = require "requests"
 local resources = require "resources"
@@ -90,7 +91,7 @@ function authentication.login(name, password)
     end
     local encrypted = encrypt(password)
     if not encrypted then
-        ngx.log(ngx.ERR, "the key file is missing or malformed")
+        log.error("the key file is missing or malformed")
         error(messages.unavailable())
     end
     local address = ngx.var.remote_addr

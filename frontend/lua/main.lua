@@ -4,6 +4,7 @@ local authentication = require "authentication"
 local contract = require "contract"
 local files = require "files"
 local json = require "json"
+local log = require "log"
 local messages = require "messages"
 local negotiation = require "negotiation"
 local privileges = require "privileges"
@@ -234,7 +235,7 @@ local function handle()
     local user = authentication.identify(uri)
     local succeeded, answer = pcall(serve, user, method, uri)
     if user.temporary and not pcall(sessions.remove, user.session) then
-        ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it will expire")
+        log.warn("a session of HTTP Basic could not be removed; it will expire")
     end
     if not succeeded then
         error(answer, 0)
@@ -281,16 +282,17 @@ local function answerOf(problem)
         }
     end
     if store.hasFailed(problem) then
-        ngx.log(ngx.WARN, "the store: ", problem.text)
+        log.warn("the store: " .. tostring(problem.text))
         return answerOf(messages.unavailable())
     end
     -- A fault of the front end's own.
-    ngx.log(ngx.ERR, tostring(problem))
+    log.error(tostring(problem))
     return answerOf(messages.problem(500, { messages.new("Base.1.12.InternalError") }))
 end
 
 -- Prepares a worker for its requests.
 function main.start()
+    log.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
         prepareEnd = function() end,
@@ -322,6 +324,7 @@ function main.refuse()
         return main.answer()
     end
     local status = ngx.status
+    log.warn("refused by the web server with status " .. status)
     local message = refusals[status] or { "ExtendedError.1.2.MalformedRequest" }
     local headers = message[2] and { ["Retry-After"] = message[2] }
     local problem = messages.problem(status, { messages.new(unpack(message)) }, headers)
