@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/resource_names.h"
 #include "sessionctl/output.h"
-#include "sessions/records.h"
+#include "support/fixed_clock.h"
 #include "support/resp_peer.h"
 
 namespace session_service::console {
@@ -33,19 +32,19 @@ TEST(StoredValue, ThatIsNoStringIsShownAsItIs) {
 }
 
 TEST(SessionView, TellsWhenItsSessionExpiresAsTheDaemonDoes) {
-    const std::string used = std::to_string(uptimeSeconds() - 100);
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}),
-                         resp::bulk("\"t\""),
-                         resp::bulkArray({lastAccessedField, used, timeoutField, "130 and more"})});
+    const FixedUptime uptime(5000);
+    const RespPeer peer({resp::bulkArray({"SessionType", "\"Redfish\""}), resp::bulk("\"t\""),
+                         resp::bulkArray({"LastAccessed", "4900", "Timeout", "130 and more"})});
     const SessionView view = readSession(peer.store(), "1");
     EXPECT_EQ(view.fault, "");
     ASSERT_TRUE(view.idle && view.expiresIn);
-    EXPECT_GE(*view.idle, 100);
-    EXPECT_EQ(*view.idle + *view.expiresIn, 130);
+    EXPECT_EQ(*view.idle, 100);
+    EXPECT_EQ(*view.expiresIn, 30);
 }
 
 TEST(SessionView, OfASessionWithoutATokenExpiresAtOnce) {
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}), resp::nil()});
+    const FixedUptime uptime(5000);
+    const RespPeer peer({resp::bulkArray({"SessionType", "\"Redfish\""}), resp::nil()});
     const SessionView view = readSession(peer.store(), "1");
     EXPECT_EQ(view.fault, "no token");
     EXPECT_FALSE(view.idle);
@@ -54,8 +53,8 @@ TEST(SessionView, OfASessionWithoutATokenExpiresAtOnce) {
 }
 
 TEST(SessionView, NamesAWrongKindOfTokenRecord) {
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}),
-                         resp::bulk("\"t\""), resp::error("WRONGTYPE x")});
+    const RespPeer peer({resp::bulkArray({"SessionType", "\"Redfish\""}), resp::bulk("\"t\""),
+                         resp::error("WRONGTYPE x")});
     EXPECT_EQ(readSession(peer.store(), "1").fault, "its token record is no hash");
 }
 

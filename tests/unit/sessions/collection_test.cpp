@@ -1,21 +1,26 @@
 #include "sessions/collection.h"
 
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
+#include "support/fixed_clock.h"
 #include "support/resp_peer.h"
 
 namespace session_service {
 namespace {
 
 const std::string members = "&&/redfish/v1/SessionService/Sessions/Members";
-const std::string collection = "/redfish/v1/SessionService/Sessions";
 
-unsigned long long wallClockMilliseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long long>(now.tv_usec) / 1000;
+// The entity tag that a resource gets.
+std::string stampedTag() {
+    const RespPeer peer({resp::error("ERR nobody looks at it")});
+    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
+    const Commands commands = peer.commands();
+    EXPECT_EQ(commands.size(), 1U);
+    Command command = commands.at(0);
+    const std::string tag = command.back();
+    command.pop_back();
+    EXPECT_EQ(command, (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
+    return tag;
 }
 
 TEST(MemberUri, IsWhatFollowsThePrefix) {
@@ -27,30 +32,39 @@ TEST(MemberUri, IsWhatFollowsThePrefix) {
 }
 
 TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
-    const auto before = wallClockMilliseconds();
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
-    const Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 1U);
-    ASSERT_EQ(commands[0].size(), 4U);
-    EXPECT_EQ(Command(commands[0].begin(), commands[0].end() - 1),
-              (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
-    const std::string tag = commands[0][3];
-    const auto milliseconds = std::stoull(tag.substr(1));
-    EXPECT_EQ(tag, '"' + std::to_string(milliseconds) + '"');
-    EXPECT_LE(before, milliseconds);
-    EXPECT_LE(milliseconds, wallClockMilliseconds());
+    FixedClock clock(1700000000, 123456);
+    EXPECT_EQ(stampedTag(), "\"1700000000123\"");
+    clock.set(1700000000, 999999);
+    EXPECT_EQ(stampedTag(), "\"1700000000999\"");
+    clock.set(1700000000, 999);
+    EXPECT_EQ(stampedTag(), "\"1700000000000\"");
+    clock.set(4294967296, 7000);
+    EXPECT_EQ(stampedTag(), "\"4294967296007\"");
+    clock.set(0, 42000);
+    EXPECT_EQ(stampedTag(), "\"42\"");
+}
+
+TEST(EntityTag, IsTheSameWithinAMillisecond) {
+    FixedClock clock(1700000000, 123000);
+    const std::string tag = stampedTag();
+    EXPECT_EQ(stampedTag(), tag);
+    clock.set(1700000000, 123999);
+    EXPECT_EQ(stampedTag(), tag);
+    clock.set(1700000000, 124000);
+    EXPECT_NE(stampedTag(), tag);
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {
+    const FixedClock clock(1700000000, 123456);
     const RespPeer peer({resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
     EXPECT_TRUE(addSessionMember(peer.store(), "0000a1b2"));
-    Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 3U);
-    EXPECT_EQ(commands[0], (Command{"LPUSH", members, "&&ObjectRef " + collection + "/0000a1b2"}));
-    commands[1].pop_back();
-    EXPECT_EQ(commands[1], (Command{"HSET", collection, "@odata.etag"}));
-    EXPECT_EQ(commands[2], (Command{"HINCRBY", collection, "Members@odata.count", "1"}));
+    EXPECT_EQ(
+        peer.commands(),
+        (Commands{
+            {"LPUSH", members, "&&ObjectRef /redfish/v1/SessionService/Sessions/0000a1b2"},
+            {"HSET", "/redfish/v1/SessionService/Sessions", "@odata.etag", "\"1700000000123\""},
+            {"HINCRBY", "/redfish/v1/SessionService/Sessions", "Members@odata.count", "1"},
+        }));
 }
 
 TEST(NewMember, ThatTheListRefusesChangesNothingElse) {
