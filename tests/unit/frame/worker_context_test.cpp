@@ -165,5 +165,12 @@ TEST_F(Lock, ThatFailsForAnotherReasonThanBeingHeldMeansStop) {
     EXPECT_FALSE(shouldStop(mutex));
 }
 
+TEST(SharedRecord, HoldsTheTwoLocksAndThenTheCondition) {
+    const WorkerContext context{};
+    const std::less<const void*> before;
+    EXPECT_TRUE(before(&context.stopMutex, &context.dataMutex));
+    EXPECT_TRUE(before(&context.dataMutex, &context.dataReady));
+}
+
 }  // namespace
 }  // namespace session_service

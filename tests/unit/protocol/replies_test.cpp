@@ -302,5 +302,50 @@ TEST(EarlyRefusal, HasAMessageListOfItsOwn) {
     EXPECT_EQ(peer.commands().size(), 12U);
 }
 
+TEST(Message, IsNumberedInThirtyTwoBits) {
+    const std::map<long long, std::string> entries = {
+        {-1, "list/0"},
+        {2147483646, "list/2147483647"},
+        {2147483647, "list/-2147483648"},
+        {4294967294, "list/-1"},
+        {4294967295, "list/0"},
+        {4294967296, "list/1"},
+        {9223372036854775806, "list/-1"},
+        {9223372036854775807, "list/0"},
+        {-9223372036854775807 - 1, "list/1"},
+    };
+    for (const auto& [length, entry] : entries) {
+        std::vector<std::string> replies = messageReplies(0);
+        replies[0] = integer(length);
+        const RespPeer peer(replies);
+        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        EXPECT_EQ(peer.commands(), (Commands{
+                                       {"LLEN", "list"},
+                                       readLifetime,
+                                       {"HSET", entry, "&&MessageId", "Base.1.12.Created"},
+                                       {"LPUSH", "list", entry},
+                                       {"EXPIRE", "list", "6"},
+                                       {"EXPIRE", entry, "6"},
+                                   }))
+            << length;
+    }
+}
+
+TEST(EarlyRefusal, WithoutAReplyKeyIsWrittenUnderTheEmptyOne) {
+    const RespPeer peer(afterTwoFields(messageReplies(0)));
+    writeEarlyRefusal(peer.store(), "", "UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled", {});
+    EXPECT_EQ(peer.commands(),
+              (Commands{
+                  {"HSET", "", "&&ReturnStatus", "UNAVAILABLE"},
+                  {"HSET", "", "&&ExtendedInfo", "/ExtendedInfo"},
+                  {"LLEN", "/ExtendedInfo"},
+                  readLifetime,
+                  {"HSET", "/ExtendedInfo/1", "&&MessageId", "ExtendedError.1.2.ServiceDisabled"},
+                  {"LPUSH", "/ExtendedInfo", "/ExtendedInfo/1"},
+                  {"EXPIRE", "/ExtendedInfo", "6"},
+                  {"EXPIRE", "/ExtendedInfo/1", "6"},
+              }));
+}
+
 }  // namespace
 }  // namespace session_service
