@@ -482,5 +482,27 @@ TEST_F(PatchOverABadConnection, DropsAnObjectThatCannotBeRead) {
     EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "300");
 }
 
+TEST_F(Patch, OfAnObjectIsDoneWithItsJsonText) {
+    controller.writeFile(persistentFile, "SessionTimeout=300\n");
+    store().hset("source", {{"Seconds", "600"}, {"Note", "a \"b\""}});
+    Request request = frontEnd().preparePatch({{"&&Object SessionTimeout source", "unused"}});
+    const std::string checklist = request.requestKey() + "/Checklist";
+    store().del(checklist);
+    store().hset(checklist, {{"/SessionTimeout", ""}, {"/Other", ""}});
+    request.send();
+    EXPECT_EQ(request.reply().status(), "OK");
+    const std::string json = R"({"Note":"a \"b\"","Seconds":600})";
+    EXPECT_EQ(timeout(), json);
+    EXPECT_EQ(controller.readFile(persistentFile), "SessionTimeout=" + json + "\n");
+    EXPECT_EQ(store().hgetall(checklist), (Fields{{"/Other", ""}}));
+    settle();
+    EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
+
+    // The same text once more is no change.
+    EXPECT_EQ(frontEnd().patch({{"&&Object SessionTimeout source", ""}}).status(), "OK");
+    settle();
+    EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
+}
+
 }  // namespace
 }  // namespace testbed
