@@ -229,5 +229,13 @@ TEST_F(RolePrivileges, KnowNoOtherBases) {
     EXPECT_EQ(userOf("user=0xg\n"), "0");
 }
 
+TEST_F(RolePrivileges, AreReadByALoginThatIsRefusedToo) {
+    controller.writeFile(privilegeFile, "user=5\n");
+    usePamTest("auth=PAM_AUTH_ERR");
+    EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
+    controller.removeFile(privilegeFile);
+    EXPECT_EQ(privilegeWith("aci_group=aciuser;"), "5");
+}
+
 }  // namespace
 }  // namespace testbed

@@ -504,5 +504,20 @@ TEST_F(Patch, OfAnObjectIsDoneWithItsJsonText) {
     EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
 }
 
+TEST_F(Patch, WithoutAReplyKeyThatTheStoreRefusesIsAnExceptionUnderTheEmptyKey) {
+    expectErrorLine("OperationFailed: Failed to SetMultipleFields.");
+    store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "9000000"}});
+    store().del(serviceUri);
+    store().run({"SET", serviceUri, "no hash"});
+    Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
+    request.send(request.requestKey() + " ");
+    EXPECT_EQ(request.published(), "");
+    const std::string messages = request.requestKey() + list;
+    EXPECT_EQ(store().hgetall(""),
+              (Fields{{"&&ReturnStatus", "EXCEPTION"}, {"&&ExtendedInfo", messages}}));
+    EXPECT_EQ(store().hgetall(messages + "/1"),
+              (Fields{{"&&MessageId", "Base.1.12.OperationFailed"}}));
+}
+
 }  // namespace
 }  // namespace testbed
