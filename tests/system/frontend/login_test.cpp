@@ -368,7 +368,7 @@ TEST_F(WebLoginWithoutTheService, IsUnavailableBeforeItHasEverRun) {
 class WebLoginToASlowService : public WebLogin {
   protected:
     WebLoginToASlowService() {
-        setting("answerTime", "0.3");
+        setting("answerTimeout", "0.3");
         usePamTest("env=PRIVILEGES=511");
         holdPam();
     }
@@ -465,26 +465,6 @@ TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
     }
     releasePam();
     threads_.clear();
-}
-
-class WebLoginGivenUp : public WebLoginAtATime {
-  protected:
-    WebLoginGivenUp() { setting("giveUpTime", "3"); }
-};
-
-TEST_F(WebLoginGivenUp, LeavesTheLateReplyToItsExpiry) {
-    EXPECT_EQ(client().login("any", "any").status, 503);
-    waitUntilPamHolds();
-    const Words keys = store().keys(requestKeys);
-    ASSERT_EQ(keys.size(), 1U);
-    releasePam();
-    // With the list of its messages and their only entry.
-    waitUntil("the late reply is there", [&] { return store().keys(requestKeys).size() == 3; });
-    EXPECT_NE(store().hget(keys[0], "&&X-Auth-Token"), "");
-    EXPECT_GT(store().run({"TTL", keys[0]}).integer, 0);
-    for (const std::string& key : store().keys(requestKeys)) {
-        store().del(key);
-    }
 }
 
 TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {

@@ -114,6 +114,7 @@ TEST_F(ConversationMemory, WithoutRoomForTheAnswersIsToldToPam) {
     EXPECT_EQ(converse({question, question}),
               "[Error]: Failed to calloc memory to response buffer.\n");
     EXPECT_EQ(status, PAM_BUF_ERR);
+    EXPECT_EQ(responses, nullptr);
     EXPECT_TRUE(heap.copies.empty());
 }
 

@@ -10,48 +10,32 @@ namespace {
 
 const std::string members = "&&/redfish/v1/SessionService/Sessions/Members";
 
-// The entity tag that a resource gets.
-std::string stampedTag() {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
-    const Commands commands = peer.commands();
-    EXPECT_EQ(commands.size(), 1U);
-    Command command = commands.at(0);
-    const std::string tag = command.back();
-    command.pop_back();
-    EXPECT_EQ(command, (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
-    return tag;
+TEST(MemberUris, AreWhatFollowsThePrefix) {
+    const RespPeer peer({resp::bulkArray({"&&ObjectRef /redfish/v1/A", "&&ObjectRef ",
+                                          "&&ObjectRef", "", "twelve chars and the rest"})});
+    EXPECT_EQ(memberUris(peer.store()),
+              (std::vector<std::string>{"/redfish/v1/A", "", "", "", " and the rest"}));
+    EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", members, "0", "-1"}}));
 }
 
-TEST(MemberUri, IsWhatFollowsThePrefix) {
-    EXPECT_EQ(memberUri("&&ObjectRef /redfish/v1/A"), "/redfish/v1/A");
-    EXPECT_EQ(memberUri("&&ObjectRef "), "");
-    EXPECT_EQ(memberUri("&&ObjectRef"), "");
-    EXPECT_EQ(memberUri(""), "");
-    EXPECT_EQ(memberUri("twelve chars and the rest"), " and the rest");
-}
+TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
+    const FixedClock clock(1700000000, 123456);
+    const RespPeer peer({resp::integer(1), resp::error("ERR not looked at"), resp::integer(0)});
+    removeSessionMember(peer.store(), "/redfish/v1/SessionService/Sessions/0000a1b2");
+    EXPECT_EQ(
+        peer.commands(),
+        (Commands{
+            {"LREM", members, "-1", "&&ObjectRef /redfish/v1/SessionService/Sessions/0000a1b2"},
+            {"HINCRBY", "/redfish/v1/SessionService/Sessions", "Members@odata.count", "-1"},
+            {"HSET", "/redfish/v1/SessionService/Sessions", "@odata.etag", "\"1700000000123\""},
+        }));
 
-TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    FixedClock clock(1700000000, 123456);
-    EXPECT_EQ(stampedTag(), "\"1700000000123\"");
-    clock.set(1700000000, 999999);
-    EXPECT_EQ(stampedTag(), "\"1700000000999\"");
-    clock.set(1700000000, 999);
-    EXPECT_EQ(stampedTag(), "\"1700000000000\"");
-    clock.set(4294967296, 7000);
-    EXPECT_EQ(stampedTag(), "\"4294967296007\"");
-    clock.set(0, 42000);
-    EXPECT_EQ(stampedTag(), "\"42\"");
-}
-
-TEST(EntityTag, IsTheSameWithinAMillisecond) {
-    FixedClock clock(1700000000, 123000);
-    const std::string tag = stampedTag();
-    EXPECT_EQ(stampedTag(), tag);
-    clock.set(1700000000, 123999);
-    EXPECT_EQ(stampedTag(), tag);
-    clock.set(1700000000, 124000);
-    EXPECT_NE(stampedTag(), tag);
+    for (const std::string& reply : {resp::integer(0), resp::integer(2), resp::integer(4294967297),
+                                     resp::bulk("1"), resp::error("WRONGTYPE")}) {
+        const RespPeer other({reply});
+        removeSessionMember(other.store(), "/a");
+        EXPECT_EQ(other.commands().size(), 1U) << reply;
+    }
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {

@@ -1,5 +1,5 @@
--- The form in which a password travels to the session service: hexadecimal digits of nonce,
--- ciphertext and tag, AES-256-GCM.
+-- Passwords as the session service reads them: hexadecimal digits of nonce, ciphertext and tag,
+-- AES-256-GCM.
 local cipher = require "openssl.cipher"
 local rand = require "openssl.rand"
 local files = require "files"
@@ -10,8 +10,8 @@ local nonceLength = 12
 local tagLength = 16
 
 -- Returns the key's 32 bytes, nil when its file is missing or malformed. It is read each time, as
--- the session service does.
-local function key()
+-- the session service does: the file may have been replaced.
+local function readKey()
     local digits = (files.read(settings.keyFile) or ""):match("^(%x+)\n?$")
     if not digits or #digits ~= 64 then
         return nil
@@ -21,14 +21,14 @@ local function key()
     end))
 end
 
--- Returns the enciphered text, nil when there is no usable key.
+-- Returns the encrypted text, nil when there is no usable key.
 return function(text)
-    local secret = key()
-    if not secret then
+    local key = readKey()
+    if not key then
         return nil
     end
     local nonce = rand.bytes(nonceLength)
-    local encryption = cipher.new("aes-256-gcm"):encrypt(secret, nonce)
+    local encryption = cipher.new("aes-256-gcm"):encrypt(key, nonce)
     local ciphertext = encryption:final(text)
     return hex(nonce .. ciphertext .. encryption:getTag(tagLength))
 end
