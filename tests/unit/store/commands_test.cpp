@@ -720,13 +720,5 @@ TEST(NumberBeyond32Bits, IsJudgedAsAWhole) {
               all);
 }
 
-// Disabled: today the last value is kept.
-TEST(HashRead, DISABLED_InsertsARepeatedFieldOnce) {
-    const RespPeer peer({bulkArray({"a", "1", "b", "2", "a", "3"})});
-    FieldMap fields;
-    EXPECT_TRUE(store::hgetall(peer.store(), "k", fields));
-    EXPECT_EQ(fields, (FieldMap{{"a", "1"}, {"b", "2"}}));
-}
-
 }  // namespace
 }  // namespace session_service
