@@ -1,35 +1,32 @@
 // Lengths of the queues at start that do not fit into 32 bits: their lower half counts.
-#include <algorithm>
-
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
 
 namespace testbed {
 namespace {
-
-constexpr char createQueue[] = "&&/redfish/v1/SessionService/Sessions/POSTCREATEQ";
-constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
 
 class QueueLength : public SystemTest {
   protected:
     void SetUp() override { startStore(); }
 
     void answer(const std::string& queue, const std::string& length) {
-        relay.judge([=](const Words& command) {
+        proxy.setFilter([=](const Words& command) {
             return command == Words{"LLEN", queue}
-                       ? StoreRelay::Verdict::answer(":" + length + "\r\n")
-                       : StoreRelay::Verdict::pass;
+                       ? StoreProxy::Verdict::reply(":" + length + "\r\n")
+                       : StoreProxy::Verdict::pass;
         });
     }
     void expectFailure(const Words& lines) {
-        expectEnding({.bySignal = false, .value = 255});
+        expectExitStatus({.bySignal = false, .value = 255});
         for (const std::string& line : lines) {
             expectErrorLine(line);
         }
         runDaemon({.environment = {{"TSAN_OPTIONS", "report_thread_leaks=0"}}});
     }
 
-    StoreRelay relay{controller};
+    static constexpr const char* createQueue = "&&/redfish/v1/SessionService/Sessions/POSTCREATEQ";
+    static constexpr const char* patchQueue = "&&/redfish/v1/SessionService/PATCHQ";
+    StoreProxy proxy{controller};
 };
 
 TEST_F(QueueLength, WithAnEmptyLowerHalfIsThatOfAnEmptiedStore) {

@@ -1,8 +1,8 @@
 // The condition that tells of a new session.
 #include <atomic>
 
-#include "support/store_relay.h"
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
+#include "support/store_proxy.h"
 
 // A sanitizer stands in front of the same call itself.
 #if !TESTBED_SANITIZED
@@ -10,33 +10,33 @@
 namespace testbed {
 namespace {
 
-class NewSessionSignal : public WelcomingTest {
+class NewSessionSignal : public PermissivePamTest {
   protected:
     void SetUp() override {
-        constexpr char library[] = "/usr/local/lib/condition_signals.so";
-        controller.install(TESTBED_CONDITION_SIGNALS, library);
-        usePamTest(welcome);
+        constexpr const char* library = "/usr/local/lib/condition_signals.so";
+        controller.install(TEST_CONDITION_SIGNALS, library);
+        usePamTest(allPrivileges);
         startStore();
         startDaemon({.environment = {{"LD_PRELOAD", library}, {"CONDITION_SIGNALS", signalFile}}});
     }
 
     long signals() { return static_cast<long>(controller.readFile(signalFile).size()); }
 
-    static constexpr char signalFile[] = "/tmp/condition.signals";
-    StoreRelay relay{controller};
+    static constexpr const char* signalFile = "/tmp/condition.signals";
+    StoreProxy proxy{controller};
 };
 
 TEST_F(NewSessionSignal, ComesOnceWhenTheCollectionHasTakenTheSession) {
     std::atomic<long> before = -1;
     std::atomic<long> after = -1;
     const std::string channel = "&&/request/signal/return";
-    relay.judge([&](const Words& command) {
+    proxy.setFilter([&](const Words& command) {
         if (command[0] == "HINCRBY" && command[1] == sessionsUri) {
             before = signals();
         } else if (command == Words{"HSET", channel, "&&ResponseData", ""}) {
             after = signals();
         }
-        return StoreRelay::Verdict::pass;
+        return StoreProxy::Verdict::pass;
     });
     EXPECT_EQ(login({.returnChannel = channel}).status(), "OK");
     EXPECT_EQ(before, 0);
@@ -55,7 +55,7 @@ TEST_F(NewSessionSignal, DoesNotComeForAnythingElse) {
     EXPECT_EQ(frontEnd().remove(frontEnd().insertSession().uri).status(), "OK_EMPTY");
     frontEnd().insertSession({.timeout = "0"});
     waitUntilExpired(2);
-    spoil(membersKey);
+    corrupt(membersKey);
     EXPECT_EQ(login().status(), "FAILURE");
     EXPECT_EQ(signals(), 0);
 }

@@ -1,27 +1,27 @@
 // What does not keep the others out: a logout that is about to publish its answer.
 #include <atomic>
 
-#include "support/store_relay.h"
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
+#include "support/store_proxy.h"
 
 namespace testbed {
 namespace {
 
-class LogoutThatPublishes : public WelcomingTest {
+class LogoutThatPublishes : public PermissivePamTest {
   protected:
     void SetUp() override {
-        relay.judge([this](const Words& command) {
+        proxy.setFilter([this](const Words& command) {
             if (command == Words{"PUBLISH", channel, replyKey}) {
                 reached = true;
                 held.wait(true);
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
-        WelcomingTest::SetUp();
+        PermissivePamTest::SetUp();
     }
     void TearDown() override {
         release();
-        WelcomingTest::TearDown();
+        PermissivePamTest::TearDown();
     }
 
     // A logout that has come as far as its answer.
@@ -41,7 +41,7 @@ class LogoutThatPublishes : public WelcomingTest {
     const std::string channel = "&&/request/held/return";
     std::atomic<bool> reached = false;
     std::atomic<bool> held = true;
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 TEST_F(LogoutThatPublishes, LetsALoginCountTheSessions) {

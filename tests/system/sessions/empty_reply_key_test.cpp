@@ -1,14 +1,14 @@
 // Requests that are refused early and whose notice names no reply: the answer lies under the empty
 // key, and an empty text is published.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class EmptyReplyKey : public WelcomingTest {
+class EmptyReplyKey : public PermissivePamTest {
   protected:
     void SetUp() override {
-        WelcomingTest::SetUp();
+        PermissivePamTest::SetUp();
         // Messages outlive the test.
         store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "9000000"}});
     }

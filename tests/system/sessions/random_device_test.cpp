@@ -5,7 +5,7 @@
 #include <array>
 #include <cstring>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
@@ -13,12 +13,12 @@ namespace {
 // Notes how a file is used.
 class Watch {
   public:
-    explicit Watch(const std::string& file) : descriptor_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-        if (inotify_add_watch(descriptor_, file.c_str(), IN_OPEN | IN_ACCESS | IN_CLOSE) < 0) {
+    explicit Watch(const std::string& file) : descriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+        if (inotify_add_watch(descriptor, file.c_str(), IN_OPEN | IN_ACCESS | IN_CLOSE) < 0) {
             throw Failure(file + " cannot be watched.");
         }
     }
-    ~Watch() { close(descriptor_); }
+    ~Watch() { close(descriptor); }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
@@ -27,7 +27,7 @@ class Watch {
         Words uses;
         std::array<char, 16384> buffer{};
         ssize_t length = 0;
-        while ((length = read(descriptor_, buffer.data(), buffer.size())) > 0) {
+        while ((length = read(descriptor, buffer.data(), buffer.size())) > 0) {
             const char* at = buffer.data();
             while (at < buffer.data() + length) {
                 inotify_event event{};
@@ -42,10 +42,10 @@ class Watch {
     }
 
   private:
-    int descriptor_;
+    int descriptor;
 };
 
-class RandomDevice : public WelcomingTest {
+class RandomDevice : public PermissivePamTest {
   protected:
     // Opened, read and closed so many times.
     static Words openings(int count) {

@@ -1,12 +1,12 @@
 // Requests whose answer nobody waits for: they are served like any other.
 #include <functional>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class UnheardAnswer : public WelcomingTest {
+class UnheardAnswer : public PermissivePamTest {
   protected:
     // Has the request answered where nobody listens, and waits until it has been served.
     void serve(Request& request, const std::function<void()>& serveAnother) {

@@ -30,9 +30,9 @@ class SocketFolder : public SystemTest {
     // The daemon ends in order with this error line, and has not even tried to open a file
     // that is not there.
     void expectEnd(const std::string& line) {
-        expectEnding({.bySignal = false, .value = 255});
+        expectExitStatus({.bySignal = false, .value = 255});
         expectErrorLine(line);
-        EXPECT_EQ(toText(runDaemon()), toText(Ending{.bySignal = false, .value = 255}));
+        EXPECT_EQ(toText(runDaemon()), toText(ExitStatus{.bySignal = false, .value = 255}));
         EXPECT_EQ(countLogged(line), ++ends);
         EXPECT_THAT(controller.daemonErrors(), testing::Not(testing::HasSubstr("fopen")));
     }
@@ -41,7 +41,7 @@ class SocketFolder : public SystemTest {
     long ends = 0;
 };
 
-constexpr char noConnection[] = "Failed to connect to Redis.";
+constexpr const char* noConnection = "Failed to connect to Redis.";
 
 TEST_F(SocketFolder, Of1012CharactersIsFollowed) {
     configure(nameOfLength(1012));

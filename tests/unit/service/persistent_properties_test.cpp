@@ -6,7 +6,7 @@
 
 #include "support/captured_output.h"
 #include "support/file_stand_in.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 #include "support/temporary_folder.h"
 
 namespace session_service {
@@ -31,8 +31,8 @@ class PropertyFile : public testing::Test {
 
 TEST_F(PropertyFile, IsLoadedOneCommandALine) {
     folder.write("properties", "# comment\nA=1\n\nB=two words\nA=3=4\n");
-    const RespPeer peer({resp::integer(1), resp::integer(1), resp::integer(0)});
-    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.store()); }), "");
+    const ScriptedStore peer({resp::integer(1), resp::integer(1), resp::integer(0)});
+    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.connection()); }), "");
     EXPECT_EQ(peer.commands(), (Commands{{"HSET", service, "A", "1"},
                                          {"HSET", service, "B", "two", "words"},
                                          {"HSET", service, "A", "3=4"}}));
@@ -40,9 +40,9 @@ TEST_F(PropertyFile, IsLoadedOneCommandALine) {
 
 TEST_F(PropertyFile, IsLoadedOnWhenAPropertyIsAnsweredWithAnythingButAnInteger) {
     folder.write("properties", "A=1\nB=2\nC=3\nD=4\nE=5\nF=6\n");
-    const RespPeer peer({resp::status("OK"), resp::nil(), resp::bulk("1"), resp::array({}),
-                         resp::error("ERR refused"), resp::integer(-1)});
-    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.store()); }),
+    const ScriptedStore peer({resp::status("OK"), resp::nil(), resp::bulk("1"), resp::array({}),
+                              resp::error("ERR refused"), resp::integer(-1)});
+    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.connection()); }),
               "[Debug]: Failed to set persistent property A.\n"
               "[Debug]: Failed to set persistent property B.\n"
               "[Debug]: Failed to set persistent property C.\n"
@@ -61,8 +61,8 @@ TEST_F(PropertyFile, IsWrittenAnewWithoutAnyProperty) {
 
 TEST(BrokenPropertyFile, IsLoadedAsFarAsItCanBeRead) {
     const FileStandIn broken(realPath, "A=1\nB=2\n", EIO);
-    const RespPeer peer({resp::integer(1), resp::integer(1)});
-    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.store()); }),
+    const ScriptedStore peer({resp::integer(1), resp::integer(1)});
+    EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.connection()); }),
               "[Debug]: Failed to get persistent properties: Input/output error.\n");
     EXPECT_EQ(peer.commands(),
               (Commands{{"HSET", service, "A", "1"}, {"HSET", service, "B", "2"}}));

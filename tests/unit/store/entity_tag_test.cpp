@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "support/fixed_clock.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
 
 // The entity tag that a resource gets.
 std::string stampedTag() {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
+    const ScriptedStore peer({resp::error("ERR nobody looks at it")});
+    updateEtag(peer.connection(), "/redfish/v1/Some Thing%s");
     const Commands commands = peer.commands();
     EXPECT_EQ(commands.size(), 1U);
     Command command = commands.at(0);
