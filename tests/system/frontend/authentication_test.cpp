@@ -445,10 +445,10 @@ TEST_F(WebHead, NeedsATokenAsAGetDoes) {
 using WebConnection = WebTest;
 
 TEST_F(WebConnection, SpeaksTls12And13AndNothingOlder) {
-    for (const TlsVersion version : {TlsVersion::v1_2, TlsVersion::v1_3}) {
+    for (const TlsVersion version : {TlsVersion::tls12, TlsVersion::tls13}) {
         EXPECT_EQ(newClient({.tls = version}).get("/redfish").status, 200);
     }
-    HttpClient old = newClient({.tls = TlsVersion::v1_1});
+    HttpClient old = newClient({.tls = TlsVersion::tls11});
     EXPECT_THROW(old.get("/redfish"), Failure);
 }
 

@@ -265,8 +265,9 @@ TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
 
 TEST(EarlyReply, HasAMessageListOfItsOwn) {
     const ScriptedStore peer(afterTwoFields(messageReplies(2)));
-    writeEarlyReply(peer.connection(), composeEarlyReply("r/reply"),
-                    {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
+    writeReplyFieldByField(
+        peer.connection(), composeEarlyReply("r/reply"),
+        {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");
     EXPECT_EQ(peer.commands().size(), 12U);
@@ -303,8 +304,8 @@ TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
 
 TEST(EarlyReply, WithoutAReplyKeyIsWrittenUnderTheEmptyOne) {
     const ScriptedStore peer(afterTwoFields(messageReplies(0)));
-    writeEarlyReply(peer.connection(), composeEarlyReply(""),
-                    {"UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled"});
+    writeReplyFieldByField(peer.connection(), composeEarlyReply(""),
+                           {"UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled"});
     EXPECT_EQ(peer.commands(),
               (Commands{
                   {"HSET", "", "&&ReturnStatus", "UNAVAILABLE"},
