@@ -68,16 +68,16 @@ std::string lineNumber(std::size_t index) {
 
 // A setting as the daemon reads it; nothing when the file lacks it.
 std::optional<std::string> readSetting(Report& report, const char* path, const char* key) {
-    std::array<char, 2 * maxSettingSize> value{};
+    std::array<char, 2 * settingBufferSize> value{};
     if (getPropertyValue(path, "=", key, value.data(), value.size()) != 0) {
         return std::nullopt;
     }
     std::string text = value.data();
-    if (text.size() >= maxSettingSize) {
+    if (text.size() >= settingBufferSize) {
         report.warn(path, std::string(key) + " is longer than " +
-                              std::to_string(maxSettingSize - 1) +
+                              std::to_string(settingBufferSize - 1) +
                               " characters: the rest is cut off.");
-        text.resize(maxSettingSize - 1);
+        text.resize(settingBufferSize - 1);
     }
     return text;
 }
@@ -123,7 +123,7 @@ void checkLog(Report& report, const char* path) {
                               "): the log goes to standard error.");
     }
     const std::string size = readSetting(report, path, logSizeSetting).value_or("");
-    const std::int32_t bytes = parseNumber(size).value.value_or(-1);
+    const std::int32_t bytes = parseInt32(size).value.value_or(-1);
     if (!size.empty() && bytes < 0) {
         report.warn(path, std::string(logSizeSetting) + " is no number: the log is not rotated.");
     } else if (!size.empty() && !isPlainNumber(size, bytes)) {
@@ -185,7 +185,7 @@ bool givesSeconds(const std::string& line, const std::string& property) {
         return false;
     }
     const std::vector<std::string> value = wordsOf(line.substr(separator + 1));
-    const std::int32_t seconds = value.size() == 1 ? parseNumber(value[0]).value.value_or(0) : 0;
+    const std::int32_t seconds = value.size() == 1 ? parseInt32(value[0]).value.value_or(0) : 0;
     return separator + 1 == line.size() || (seconds > 0 && isPlainNumber(value[0], seconds));
 }
 
@@ -228,7 +228,7 @@ void checkPrivileges(Report& report, const char* path) {
                 if (!contains(line, key)) {
                     continue;
                 }
-                if (!parsePrefixedInteger(line.substr(key.size())).hasDigits) {
+                if (!parsePrefixedInt64(line.substr(key.size())).hasDigits) {
                     report.fail(path, lineNumber(i) + " takes all privileges away: it must read " +
                                           std::string(key) + "NUMBER, from the line's start.");
                 } else if (!line.starts_with(key)) {

@@ -110,7 +110,7 @@ void checkMembers(Report& report, redisContext* connection, std::int32_t count) 
 void checkCollection(Report& report, redisContext* connection) {
     if (const auto collection = readResource(report, connection, collectionUri)) {
         const std::string stored = fieldOf(*collection, membersCountField);
-        const auto count = parseNumber(stored).value;
+        const auto count = parseInt32(stored).value;
         if (stored.empty()) {
             report.fail(collectionUri, membersCountField +
                                            " is missing: deletions leave members behind. Set it to "
@@ -134,7 +134,7 @@ void checkCollection(Report& report, redisContext* connection) {
 }
 
 std::string configured(const char* setting) {
-    return getConfigValue(configurationFile, setting, maxSettingSize);
+    return getConfigValue(configurationFile, setting, settingBufferSize);
 }
 
 // One script whose digest has to be registered and loaded.
@@ -178,7 +178,7 @@ void checkServer(Report& report, redisContext* connection) {
     const std::string information = ask(connection, {"INFO"}).text;
     const std::string version = infoOf(information, "redis_version");
     constexpr std::int64_t minVersion = 4;
-    if (parseInteger(version).value < minVersion) {
+    if (parseInt64(version).value < minVersion) {
         report.fail(subject, "Its version is \"" + escaped(version) + "\"; " +
                                  std::to_string(minVersion) + ".0 is the least.");
     }
@@ -200,13 +200,13 @@ void checkStoredSettings(Report& report, redisContext* connection) {
         report.warn(defaultValuesKey, escaped(answer.text) + ": the built-in values count.");
     }
     const std::string lifetime = fieldOf(settings, messageLifetimeField);
-    if (!lifetime.empty() && parseInteger(lifetime).value <= 0) {
+    if (!lifetime.empty() && parseInt64(lifetime).value <= 0) {
         report.warn(defaultValuesKey, std::string(messageLifetimeField) +
                                           " is no positive number: messages live for one second.");
     }
     const std::string maxId = fieldOf(settings, maxEventGroupField);
     if (!maxId.empty() &&
-        (maxId.find('.') != std::string::npos || parseNumber(maxId).value.value_or(0) <= 0)) {
+        (maxId.find('.') != std::string::npos || parseInt32(maxId).value.value_or(0) <= 0)) {
         report.warn(defaultValuesKey, std::string(maxEventGroupField) +
                                           " is no positive number: the built-in value counts.");
     }

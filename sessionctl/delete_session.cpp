@@ -195,7 +195,7 @@ int runDelete(const Options& options, const std::string& id) {
         }
     }
     const DaemonReply reply = requestDeletion(options, connection, id);
-    const bool deleted = reply.status == status::okEmpty;
+    const bool deleted = reply.status == reply_status::okEmpty;
     bool printed = true;
     if (options.json) {
         printed = print(jsonText({{"id", id},

@@ -52,7 +52,7 @@ void append(std::vector<Row>& rows, const Fields& fields) {
     }
 }
 
-std::string describe(const SessionView& view, bool member) {
+std::string describeNumberError(const SessionView& view, bool member) {
     std::vector<Row> rows{{"Session " + view.id},
                           {"  in the collection", member ? "yes" : "no"},
                           {"  idle for", idleText(view)},
@@ -100,7 +100,7 @@ int runShow(const Options& options, const std::string& id) {
         throw Problem(failed, "There is no session " + escaped(id) + ".");
     }
     if (!options.json) {
-        return print(describe(view, member)) ? done : failed;
+        return print(describeNumberError(view, member)) ? done : failed;
     }
     json document = summaryOf(view);
     document["uri"] = sessionUriOf(id);

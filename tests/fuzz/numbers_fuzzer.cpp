@@ -60,7 +60,7 @@ Reading readNumber(std::string_view text) {
 
 void checkNumber(const std::string& text) {
     const Reading expected = readNumber(text);
-    const ParsedNumber number = parseNumber(text);
+    const ParsedInt32 number = parseInt32(text);
     require(number.value.has_value() == (expected.verdict == Verdict::number),
             "a text gives a number when it begins with one of 32 bits");
     require(number.value.value_or(0) == expected.value, "the number is what the digits say");

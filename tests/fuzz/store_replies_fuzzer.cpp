@@ -123,10 +123,10 @@ void tryListCounts(const Replies& replies, const std::string& text, const ReplyP
             "only a lost connection is told on standard output");
 
     const auto length =
-        resultOf(replies, {"LLEN", sent}, [&](auto* s) { return store::llenReply(s, text); });
+        resultOf(replies, {"LLEN", sent}, [&](auto* s) { return store::llenUnchecked(s, text); });
     require(length.has_value() == static_cast<bool>(reply) &&
                 (!length || *length == integerOf(reply, 0)),
-            "llenReply counts what is no integer as 0");
+            "llenUnchecked counts what is no integer as 0");
 }
 
 void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& reply) {

@@ -71,7 +71,7 @@ void tryToken(const std::string& field, const Replies& replies) {
     const CapturedStream log(stderr);
     std::string property = "kept";
     std::string text = "kept";
-    const bool converted = convertToken(connection.get(), field, property, text);
+    const bool converted = convertTokenField(connection.get(), field, property, text);
     require(isLog(log.written()), "a token that is wrong is logged on one line");
     if (!converted) {
         require(property == "kept" && text == "kept", "a failure leaves the outputs alone");

@@ -281,8 +281,9 @@ TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
 
 TEST(EarlyReply, HasAMessageListOfItsOwn) {
     const ScriptedStore peer(afterTwoFields(messageReplies(2)));
-    writeEarlyReply(peer.connection(), composeEarlyReply("r/reply"),
-                    {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
+    writeReplyFieldByField(
+        peer.connection(), composeEarlyReply("r/reply"),
+        {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");
     EXPECT_EQ(peer.commands().size(), 12U);

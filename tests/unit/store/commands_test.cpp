@@ -115,7 +115,7 @@ const std::vector<std::function<void(redisContext*)>> operations = {
         store::sendForInteger(s, Command{"HSET", "key", "a", "b"});
     },
     [](redisContext* s) { store::hgetReply(s, "key", "field"); },
-    [](redisContext* s) { store::llenReply(s, "key"); },
+    [](redisContext* s) { store::llenUnchecked(s, "key"); },
     [](redisContext* s) { store::scan(s, 17, "pattern*"); },
     [](redisContext* s) {
         store::evalsha(s, "digest", {"2", "first", "second"});
@@ -445,7 +445,7 @@ TEST(HashFieldReply, TellsTheFieldsTextFromOtherRepliesAndFromNone) {
 
 TEST(ListLengthReply, CountsWhateverIsNoIntegerAsNothing) {
     const auto results = resultsOf<std::optional<long long>>(
-        [](redisContext* s) { return store::llenReply(s, "k"); });
+        [](redisContext* s) { return store::llenUnchecked(s, "k"); });
     for (const auto& [kind, length] : results) {
         if (kind == "lost") {
             EXPECT_EQ(length, std::nullopt);
