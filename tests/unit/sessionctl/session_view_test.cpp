@@ -63,8 +63,8 @@ TEST(SessionView, NeedsAnAnswer) {
     try {
         readSession(peer.store(), "1");
         FAIL();
-    } catch (const Problem& problem) {
-        EXPECT_EQ(problem.status, storeUnreachable);
+    } catch (const CommandError& error) {
+        EXPECT_EQ(error.status, exit_status::storeUnavailable);
     }
 }
 
