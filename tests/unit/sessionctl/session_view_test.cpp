@@ -64,8 +64,8 @@ TEST(SessionView, NeedsAnAnswer) {
     try {
         readSession(peer.connection(), "1");
         FAIL();
-    } catch (const Problem& problem) {
-        EXPECT_EQ(problem.status, storeUnreachable);
+    } catch (const CommandError& error) {
+        EXPECT_EQ(error.status, exit_status::storeUnavailable);
     }
 }
 
