@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "support/daemon_names.h"
 #include "support/store_relay.h"
 #include "support/system_test.h"
 #include "support/trail.h"
@@ -10,7 +11,6 @@ namespace {
 
 using Commands = std::vector<Words>;
 
-constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
 constexpr Ending failedStart{.bySignal = false, .value = 255};
 
 class ServiceBootstrap : public SystemTest {

@@ -12,8 +12,8 @@
 namespace testbed {
 namespace {
 
-const Lines noCount = together({noSessions, noEventScript});
-const Lines noEnd = together({noEventScript, noAuditLog});
+const Lines noCountOfAPass = together({noSessions, noEventScript});
+const Lines noEndOfAPass = together({noEventScript, noAuditLog});
 
 const Deeds theWholeDeletion{"removes the session",   "removes the token", "removes the member",
                              "lowers the count",      "tells of delete",   "tells of change",
@@ -30,37 +30,37 @@ const Road ofAnExpiredSession{
     {.command = {"HGET", "XAUTH"}, .answered = always({}), .without = {"removes the token"}},
     // Without a name the audit log's script gets a key less than it is promised.
     {.command = {"HGET", "UserName"},
-     .lost = together({noCounter, noMaximum, noCount}),
+     .lost = together({noCounter, noMaximum, noCountOfAPass}),
      .answered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
                          "greater than number of args"}),
      .without = {"writes the audit entry"}},
     {.command = {"UNLINK"},
      .does = {"removes the session", "removes the token"},
-     .lost = together({noCounter, noMaximum, noCount}),
+     .lost = together({noCounter, noMaximum, noCountOfAPass}),
      .answered = always({})},
     {.command = {"HINCRBY", "&&EVENT_GROUP_ID_COUNTER"},
-     .lost = together({noCounter, noMaximum, noCount}),
+     .lost = together({noCounter, noMaximum, noCountOfAPass}),
      .answered = always({noCounter.front()})},
     {.command = {"HGET", "MAX_EVENT_GROUP_ID"},
-     .lost = together({noMaximum, noCount}),
+     .lost = together({noMaximum, noCountOfAPass}),
      .answered = always(noMaximum)},
     {.command = {"HGET", "Members@odata.count"},
-     .lost = noCount,
+     .lost = noCountOfAPass,
      .answered = always(noSessions),
      .instead = {"tells of delete"},
      .leavesTheRoad = true},
     {.command = {"LREM"},
      .does = {"removes the member"},
-     .lost = noEnd,
+     .lost = noEndOfAPass,
      .answered = always({}),
      .without = {"lowers the count"}},
     {.command = {"HINCRBY", "Members@odata.count"},
      .does = {"lowers the count"},
-     .lost = noEnd,
+     .lost = noEndOfAPass,
      .answered = always({})},
-    {.command = {"HSET", "@odata.etag"}, .lost = noEnd, .answered = always({})},
+    {.command = {"HSET", "@odata.etag"}, .lost = noEndOfAPass, .answered = always({})},
     {.command = {"HGET", "resourceChange"},
-     .lost = noEnd,
+     .lost = noEndOfAPass,
      .answered = always(noEventScript),
      .without = {"tells of delete", "tells of change"}},
     {.command = {"EVALSHA", "delete"},
@@ -81,8 +81,8 @@ const Road ofALiveSession{
     {.command = {"HGET", "Timeout"}, .answered = always({}), .instead = theWholeDeletion},
 };
 
-const SessionOptions expired{.timeout = "0"};
-const SessionOptions live{.timeout = "2147483647"};
+const SessionOptions expiredSession{.timeout = "0"};
+const SessionOptions liveSession{.timeout = "2147483647"};
 
 const Words listing{"LRANGE", membersKey, "0", "-1"};
 
@@ -201,8 +201,8 @@ class LostExpiry : public FaultyExpiry {
         store().del(membersKey);
         store().del("&&EventStream");
         store().hset(sessionsUri, {{"Members@odata.count", "0"}});
-        const InsertedSession expiring = frontEnd().insertSession(expired);
-        const InsertedSession living = frontEnd().insertSession(live);
+        const InsertedSession expiring = frontEnd().insertSession(expiredSession);
+        const InsertedSession living = frontEnd().insertSession(liveSession);
         commands_ = 0;
         judge([this, at, verdict = fault.verdict, step = road[at]](const Words& command) {
             if (commands_++ != at) {
@@ -343,8 +343,8 @@ class MisledExpiry : public FaultyExpiry {
 };
 
 TEST_P(MisledExpiry, DoesToEachSessionWhatTheFaultLeavesPossible) {
-    plant(expired, ofAnExpiredSession);
-    plant(live, ofALiveSession);
+    plant(expiredSession, ofAnExpiredSession);
+    plant(liveSession, ofALiveSession);
     pass();
     expectWhatTheTablesSay();
 }
@@ -359,7 +359,7 @@ TEST_P(EndedExpiry, LeavesTheOthersAtWork) {
     const std::string line =
         "The thread of the session timeout ends: basic_string::_M_construct null not valid";
     expectErrorLine(line);
-    const InsertedSession session = frontEnd().insertSession(expired);
+    const InsertedSession session = frontEnd().insertSession(expiredSession);
     judge([verdict = GetParam().verdict](const Words&) { return verdict; });
     startDaemon();
     waitForLog(line);

@@ -3,13 +3,11 @@
 #include <algorithm>
 #include <iterator>
 
+#include "support/daemon_names.h"
 #include "support/sequence_test.h"
 
 namespace testbed {
 namespace {
-
-const std::string scriptDigests = "redisSHAScripts";
-const std::string defaults = "webDefaultValue";
 
 // One write of several fields, which go in ascending order.
 Words write(const std::string& key, const Fields& fields) {

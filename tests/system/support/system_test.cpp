@@ -21,10 +21,6 @@ constexpr std::array sanitizerReports{"ERROR: AddressSanitizer", "ERROR: LeakSan
                                       "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
                                       "runtime error:"};
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 void expectNoPassword(const std::string& text, const std::string& place) {
     for (const Account& account : {administrator, operatorAccount, reader, expired}) {
         EXPECT_FALSE(contains(text, account.password)) << place << ": " << text;
@@ -252,6 +248,10 @@ FrontEnd& SystemTest::frontEnd() {
         frontEnd_.emplace(controller.frontEnd());
     }
     return *frontEnd_;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
 }
 
 Words splitAtZeroBytes(const std::string& text) {

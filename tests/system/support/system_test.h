@@ -109,6 +109,8 @@ class RunningSystemTest : public SystemTest {
     void SetUp() override { start(); }
 };
 
+bool contains(const std::string& text, const std::string& part);
+
 // Pieces of a text, each with a zero byte behind it.
 Words splitAtZeroBytes(const std::string& text);
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <cctype>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 
@@ -15,10 +16,6 @@ namespace {
 
 constexpr char requestKeys[] = "&&/frontend/*";
 constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // As HTTP Basic sends them.
 std::string encodedCredentials(const Account& account) {
@@ -168,6 +165,15 @@ void WebTest::checkSecrets(const std::string& log) const {
         EXPECT_FALSE(contains(log, encodedCredentials(account))) << "The log tells credentials.";
     }
     EXPECT_FALSE(containsToken(log)) << "The log tells a token.";
+}
+
+Words messageIds(const HttpResponse& response) {
+    const nlohmann::json body = response.json();
+    Words ids;
+    for (const nlohmann::json& message : body.at("error").at("@Message.ExtendedInfo")) {
+        ids.push_back(message.at("MessageId"));
+    }
+    return ids;
 }
 
 }  // namespace testbed
