@@ -1,108 +1,127 @@
 -- Who sends a request.
 local ffi = require "ffi"
 local contract = require "contract"
-local encipher = require "encipher"
-local exchange = require "exchange"
+local encrypt = require "encrypt"
 local json = require "json"
 local messages = require "messages"
+local requests = require "requests"
+local resources = require "resources"
+local settings = require "settings"
 local store = require "store"
+local turns = require "turns"
 
 local authentication = {}
 
--- The record is as large as the kernel makes it on 64-bit machines, and more.
+local noValidSession = "Base.1.12.NoValidSession"
+
+-- The rest is larger than what the kernel writes.
 ffi.cdef [[
 struct frontend_sysinfo { long uptime; char rest[504]; };
 int sysinfo(struct frontend_sysinfo *info);
 ]]
-local information = ffi.new("struct frontend_sysinfo")
+local systemInformation = ffi.new("struct frontend_sysinfo")
 
 -- Seconds since the machine started: the clock of LastAccessed.
 local function uptime()
-    ffi.C.sysinfo(information)
-    return tonumber(information.uptime)
+    ffi.C.sysinfo(systemInformation)
+    return tonumber(systemInformation.uptime)
 end
 
--- Reads a token record and notes the use of its session, in one step: a session that ends in
--- between must not come into being again as a record of nothing but its last use.
-local use = [[
-local record = redis.call('HMGET', KEYS[1], 'UserName', 'Privilege', 'SessionID', 'LastAccessed',
-    'Timeout', '&&Origin')
-if not record[1] or not record[3] then
+-- Key: a token's record. Arguments: the uptime, a resource to read. Looking up and noting the use
+-- are one step: a record that is removed in between must not come back with nothing but its use.
+local lookUpScript = store.script(resources.collect .. [[
+local record = run('HMGET', KEYS[1], $token.user, $token.privilege, $token.session, $token.origin,
+    $token.lastAccessed, $token.timeout, $token.passwordChangeRequired)
+if not record or not record[1] or not record[3] then
     return false
 end
 local function number(text)
     return tonumber(string.match(text or '', '^%s*[-+]?%d+') or 0)
 end
-if tonumber(ARGV[1]) - number(record[4]) >= number(record[5]) then
+if tonumber(ARGV[1]) - number(record[5]) >= number(record[6]) then
     return false
 end
-redis.call('HSET', KEYS[1], 'LastAccessed', ARGV[1])
-return {record[1], record[2] or '', record[3], record[6] or '',
-    redis.call('HEXISTS', KEYS[1], '&&PasswordChangeRequired')}
-]]
-
-local largestPrivilege = 2147483647
+redis.call('HSET', KEYS[1], $token.lastAccessed, ARGV[1])
+return cjson.encode({
+    name = record[1],
+    privilege = record[2] or '',
+    session = record[3],
+    origin = record[4] or '',
+    mustChangePassword = record[7] and true or false,
+    tree = collect(ARGV[2]),
+})
+]])
 
 local function unauthorized(id)
     return messages.problem(401, { messages.new(id) },
         { ["WWW-Authenticate"] = 'Basic realm="Redfish"' })
 end
 
-local function userOf(connection, token)
-    if not token:find("^%x+$") or #token ~= 64 then
-        error(unauthorized("Base.1.12.NoValidSession"))
+-- Returns the user of a token, with the tree of the resource. Raises the problem 401 when the token
+-- is not valid.
+local function userOf(token, uri)
+    if not token:find("^%x+$") or #token ~= contract.tokenLength then
+        error(unauthorized(noValidSession))
     end
-    local record = store.run(connection, "eval", use, 1, contract.tokenKey(token), uptime())
-    if not record then
-        error(unauthorized("Base.1.12.NoValidSession"))
+    local user = store.with(function(connection)
+        return store.runScript(connection, lookUpScript, 1, contract.tokenKey(token), uptime(), uri)
+    end)
+    if not user then
+        error(unauthorized(noValidSession))
     end
-    local privilege = tonumber(record[2]:match("^%s*(%d+)")) or 0
-    return {
-        name = record[1],
-        -- The session service, too, takes a number beyond 32 bits for none.
-        privilege = privilege <= largestPrivilege and privilege or 0,
-        session = record[3],
-        origin = record[4],
-        mustChangePassword = record[5] == 1,
-    }
+    local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
+    user.privilege = privilege <= contract.maxPrivilege and privilege or 0
+    return user
 end
 
--- The failures of a login that the client can mend.
-local clientFaults = { ["Base.1.12.StringValueTooLong"] = true }
+-- Messages of failed logins that are the client's fault.
+local clientFaults = { [contract.message.stringValueTooLong] = true }
 
--- A name goes into logs, of which there may be little room.
+-- Names go into logs, for which there may be little room.
 local maxNameLength = 255
 
 -- Logs in through the session service. Returns its reply; raises the problem that a refusal is.
 function authentication.login(name, password)
     if #name > maxNameLength then
         error(messages.problem(400, {
-            messages.new("Base.1.12.StringValueTooLong", "(user name)", tostring(maxNameLength)),
+            messages.new(contract.message.stringValueTooLong, "(user name)",
+                tostring(maxNameLength)),
         }))
     end
-    local enciphered = encipher(password)
-    if not enciphered then
+    local encrypted = encrypt(password)
+    if not encrypted then
         ngx.log(ngx.ERR, "the key file is missing or malformed")
         error(messages.unavailable())
     end
-    local reply = exchange.call("login", {
-        ["&&OperationPrivileges"] = tostring(contract.privilege.login),
-        ["&&RemoteIP"] = ngx.var.remote_addr,
-        ["&&Origin"] = ngx.var.http_origin or "",
+    local address = ngx.var.remote_addr
+    local deadline = ngx.now() + settings.answerTimeout
+    if not turns.take(address, settings.answerTimeout) then
+        error(messages.unavailable())
+    end
+    local reply = requests.call("login", {
+        [contract.request.privileges] = tostring(contract.privilege.login),
+        [contract.request.address] = address,
+        [contract.request.origin] = ngx.var.http_origin or "",
     }, {
-        UserName = json.encode(name),
-        Password = json.encode(enciphered),
+        body = {
+            [contract.credentials.user] = json.encode(name),
+            [contract.credentials.password] = json.encode(encrypted),
+        },
+        deadline = deadline,
+        whenDone = function()
+            turns.give(address)
+        end,
     })
-    if reply.status == "AUTH_FAILED" then
-        local problem = unauthorized("ExtendedError.1.2.InvalidCredentials")
+    if reply.status == contract.status.authFailed then
+        local problem = unauthorized(contract.message.invalidCredentials)
         problem.messages = #reply.messages > 0 and reply.messages or problem.messages
         error(problem)
     end
-    exchange.expectSuccess(reply, clientFaults)
+    requests.expectSuccess(reply, clientFaults)
     return reply
 end
 
--- Takes a Basic header apart. Returns nothing when it is malformed.
+-- Returns the name and the password of a Basic header, nil when it is malformed.
 local function basicCredentials(header)
     local encoded = header:match("^[Bb][Aa][Ss][Ii][Cc] +(%S+) *$")
     local decoded = encoded and ngx.decode_base64(encoded)
@@ -112,30 +131,32 @@ local function basicCredentials(header)
     return decoded:match("^([^:]*):(.*)$")
 end
 
--- Returns the user of this request: name, privilege, session (an address), mustChangePassword,
--- and `temporary` when the session was made for this request alone (HTTP Basic) and has to be
--- removed with it. Raises the problem 401 when there is none.
-function authentication.identify(connection)
+-- Returns the user of this request, with the resource at an address:
+--   name, privilege, session (an address), mustChangePassword, tree (of the resource)
+--   temporary: the session was made for this request alone (HTTP Basic), to be removed with it
+-- Raises the problem 401 when there is no such user, 403 when the request comes from another origin
+-- than the login.
+function authentication.identify(uri)
     local token = ngx.var.http_x_auth_token
     local header = ngx.var.http_authorization
     local user
     if token then
-        user = userOf(connection, token)
+        user = userOf(token, uri)
     elseif header then
         local name, password = basicCredentials(header)
         if not name then
-            error(unauthorized("ExtendedError.1.2.InvalidCredentials"))
+            error(unauthorized(contract.message.invalidCredentials))
         end
         local reply = authentication.login(name, password)
-        local fine, found = pcall(userOf, connection, reply.token)
-        if not fine then
-            exchange.logOut(reply.location)
+        local succeeded, found = pcall(userOf, reply.token, uri)
+        if not succeeded then
+            requests.logOut(reply.location)
             error(found, 0)
         end
         user = found
         user.temporary = true
     else
-        error(unauthorized("Base.1.12.NoValidSession"))
+        error(unauthorized(noValidSession))
     end
     local origin = ngx.var.http_origin
     if user.origin ~= "" and origin and origin ~= user.origin then

@@ -1,10 +1,20 @@
--- The keys, fields and words that the front end shares with the session service.
+-- Everything the front end shares with the session service: keys, fields, words and limits.
 local contract = {}
 
 contract.root = "/redfish/v1"
 contract.service = "/redfish/v1/SessionService"
 contract.sessions = "/redfish/v1/SessionService/Sessions"
 contract.accounts = "/redfish/v1/AccountService/Accounts"
+
+-- The pattern of an address below a collection.
+function contract.memberPattern(collection)
+    return "^" .. collection .. "/[^/]+$"
+end
+
+-- The key of a collection's list of members.
+function contract.membersKey(collection)
+    return "&&" .. collection .. "/Members"
+end
 
 -- Lists that name the channel of each kind of request.
 contract.queues = {
@@ -13,12 +23,101 @@ contract.queues = {
     patch = "&&/redfish/v1/SessionService/PATCHQ",
 }
 
--- Of the front end's own keys, for one request each.
-contract.requests = "&&/frontend/"
+-- Fields of a request.
+contract.request = {
+    returnChannel = "&&ReturnChannel",
+    data = "&&RequestData",
+    privileges = "&&OperationPrivileges",
+    address = "&&RemoteIP",
+    origin = "&&Origin",
+    target = "&&TargetURI",
+    method = "&&RequestMethod",
+}
+
+-- The key of the list of properties that await a handler, and its field of a property.
+function contract.checklistKey(requestKey)
+    return requestKey .. "/Checklist"
+end
+
+function contract.checklistField(property)
+    return "/" .. property
+end
+
+-- Fields of a reply.
+contract.reply = {
+    status = "&&ReturnStatus",
+    messages = "&&ExtendedInfo",
+    location = "&&Location",
+    token = "&&X-Auth-Token",
+}
+
+-- Outcomes of a request.
+contract.status = {
+    ok = "OK",
+    okEmpty = "OK_EMPTY",
+    failure = "FAILURE",
+    unavailable = "UNAVAILABLE",
+    authFailed = "AUTH_FAILED",
+    forbidden = "FORBIDDEN",
+    exception = "EXCEPTION",
+}
+
+-- Fields of a stored message.
+contract.storedMessage = { id = "&&MessageId", arguments = "&&MessageArgs" }
+
+-- Identifiers of the messages that the session service sends.
+contract.message = {
+    created = "Base.1.12.Created",
+    databaseOperationError = "ExtendedError.1.2.DatabaseOperationError",
+    insufficientPrivilege = "Base.1.12.InsufficientPrivilege",
+    invalidCredentials = "ExtendedError.1.2.InvalidCredentials",
+    operationFailed = "Base.1.12.OperationFailed",
+    passwordChangeRequired = "Base.1.12.PasswordChangeRequired",
+    serviceDisabled = "ExtendedError.1.2.ServiceDisabled",
+    serviceTemporarilyUnavailable = "Base.1.12.ServiceTemporarilyUnavailable",
+    sessionLimitExceeded = "Base.1.12.SessionLimitExceeded",
+    stringValueTooLong = "Base.1.12.StringValueTooLong",
+    unprocessableEntity = "ExtendedError.1.2.UnprocessableEntity",
+}
+
+-- Fields of a stored resource.
+contract.resource = {
+    uri = "@odata.id",
+    type = "@odata.type",
+    etag = "@odata.etag",
+    methods = "&&AllowMethod",
+    owner = "&&OwnerName",
+}
+
+-- Fields of a stored session, and its type.
+contract.session = { user = "UserName", type = "SessionType", origin = "&&Origin" }
+contract.redfishType = '"Redfish"'
+
+-- Tells whether a stored field is not a property of its resource.
+function contract.isInternal(field)
+    return field:sub(1, 2) == "&&"
+end
+
+-- What begins a field or a list element whose value is stored elsewhere.
+contract.kind = { array = "&&Array", object = "&&Object", uri = "&&ObjectRef" }
 
 function contract.tokenKey(token)
     return "&&X-AUTH-TOKEN-" .. token
 end
+
+-- Hexadecimal digits of a token.
+contract.tokenLength = 64
+
+-- Fields of a token's record.
+contract.token = {
+    user = "UserName",
+    privilege = "Privilege",
+    session = "SessionID",
+    lastAccessed = "LastAccessed",
+    timeout = "Timeout",
+    origin = "&&Origin",
+    passwordChangeRequired = "&&PasswordChangeRequired",
+}
 
 -- Sums of these are privileges; a request asks for one of a list of sums.
 contract.privilege = {
@@ -28,5 +127,16 @@ contract.privilege = {
     configureSelf = 8,
     configureComponents = 16,
 }
+
+-- The session service takes a larger number for none.
+contract.maxPrivilege = 2147483647
+
+-- Properties of the service that it takes, and the range of the timeout in seconds.
+contract.property = { timeout = "SessionTimeout", enabled = "ServiceEnabled" }
+contract.minTimeout = 30
+contract.maxTimeout = 86400
+
+-- Properties of a login.
+contract.credentials = { user = "UserName", password = "Password" }
 
 return contract

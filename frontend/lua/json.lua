@@ -1,15 +1,15 @@
 -- JSON that comes from clients, strictly, and JSON that is put together from stored texts.
 local cjson = require("cjson").new()
 
-local deepest = 32
+local maxDepth = 32
 
-cjson.decode_max_depth(deepest)
+cjson.decode_max_depth(maxDepth)
 cjson.decode_invalid_numbers(false)
 
 local json = {}
 
--- Tells whether a text that cjson reads is JSON to others as well: cjson takes control characters
--- in strings, and numbers such as "1." and "-.5".
+-- Tells whether a text that cjson accepts is JSON: it also accepts control characters in strings,
+-- and numbers such as "1." and "-.5".
 local function isStrict(text)
     local strict = true
     local rest = text:gsub("\\.", ""):gsub('"([^"]*)"', function(characters)
@@ -58,7 +58,7 @@ local function hasDuplicateNames(text)
     end
 end
 
--- The parser passes over this, and what it took would make the answers invalid.
+-- Tells whether a text is UTF-8, which the parser does not look at.
 function json.isUtf8(text)
     return ngx.re.find(text, "^", "u") ~= nil
 end
@@ -84,7 +84,7 @@ function json.encode(value)
     if type(value) == "number" then
         return string.format("%.14g", value)
     end
-    -- What cjson does with "/" is allowed but hard to read.
+    -- The escaped "/" of cjson is allowed but hard to read.
     return (cjson.encode(value):gsub("\\/", "/"))
 end
 

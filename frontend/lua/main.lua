@@ -1,10 +1,12 @@
 -- One HTTP request: from its line to its answer.
+local answers = require "answers"
 local authentication = require "authentication"
 local contract = require "contract"
 local files = require "files"
 local json = require "json"
 local messages = require "messages"
 local privileges = require "privileges"
+local requests = require "requests"
 local resources = require "resources"
 local service = require "service"
 local sessions = require "sessions"
@@ -27,7 +29,7 @@ local methods = {
     DELETE = true, GET = true, HEAD = true, OPTIONS = true, PATCH = true, POST = true, PUT = true,
 }
 
--- What holds for every request, wherever it leads.
+-- Refuses what is refused at every address.
 local function checkRequest(method)
     if not methods[method] then
         refuse(501, "ExtendedError.1.2.MethodNotImplemented")
@@ -46,21 +48,21 @@ end
 local function checkAccept(mediaType)
     local given = ngx.req.get_headers().accept or ""
     local accept = (type(given) == "table" and table.concat(given, ",") or given):lower()
-    local family = mediaType:match("^[^/]*")
+    local mainType = mediaType:match("^[^/]*")
     if accept ~= "" and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
-        or accept:find(family .. "/*", 1, true)) then
+        or accept:find(mainType .. "/*", 1, true)) then
         refuse(406, "ExtendedError.1.2.MediaTypeNotSupported")
     end
 end
 
--- Returns the body as it came.
+-- Returns the bytes of the request's body.
 local function bodyText()
     local text = ngx.req.get_body_data()
     local file = not text and ngx.req.get_body_file()
     return text or file and files.read(file) or ""
 end
 
--- Returns the object that is the request's body, which has been received.
+-- Returns the JSON object that is the request's body, which has been received.
 local function readBody()
     local mediaType = (ngx.var.http_content_type or ""):match("^%s*([^;%s]*)"):lower()
     if mediaType ~= "application/json" then
@@ -74,8 +76,8 @@ local function readBody()
     return body
 end
 
--- Tells whether a list of entity tags, as a header has it, names this one.
-local function names(list, etag)
+-- Tells whether a header's list of entity tags holds this one.
+local function listsEtag(list, etag)
     if list:find("^%s*%*%s*$") then
         return true
     end
@@ -89,26 +91,26 @@ end
 
 local function checkPrecondition(resource)
     local wanted = ngx.var.http_if_match
-    if wanted and not names(wanted, resource.etag) then
+    if wanted and not listsEtag(wanted, resource.etag) then
         refuse(412, "Base.1.12.PreconditionFailed")
     end
 end
 
 -- Answers a GET of a resource that has been read.
-local function represent(connection, resource)
+local function answerGet(resource)
     local headers = {
         Allow = resource.allowText,
         ETag = resource.etagHeader,
     }
     local known = ngx.var.http_if_none_match
-    if known and resource.etag and names(known, resource.etag) then
+    if known and resource.etag and listsEtag(known, resource.etag) then
         return { status = 304, headers = headers }
     end
     return {
         status = 200,
         headers = headers,
         type = resource.type,
-        body = resources.text(connection, resource),
+        body = resources.text(resource),
     }
 end
 
@@ -117,7 +119,7 @@ local function versions()
 end
 
 -- The OData service document: what the service root links to.
-local function serviceDocument(connection)
+local function serviceDocument()
     local entries = {}
     local function add(name, uri)
         entries[#entries + 1] = json.object({
@@ -127,8 +129,9 @@ local function serviceDocument(connection)
         })
     end
     add("Service", contract.root .. "/")
-    for field in pairs(store.hash(connection, contract.root) or {}) do
-        local name, uri = field:match("^&&ObjectRef ([^ ]+) ([^ ]+)$")
+    local root = resources.read(contract.root)
+    for field in pairs(root and root.fields or {}) do
+        local name, uri = field:match("^" .. contract.kind.uri .. " ([^ ]+) ([^ ]+)$")
         if name then
             add(name, uri)
         end
@@ -149,35 +152,35 @@ local function metadata()
     return { status = 200, headers = { ["Content-Type"] = "application/xml" }, body = text }
 end
 
--- What everybody can read, by its path without a slash at the end.
+-- What can be read without a session, by its path without a slash at the end.
 local public = {
     ["/redfish"] = versions,
-    [contract.root] = function(connection)
-        local root = resources.read(connection, contract.root)
+    [contract.root] = function()
+        local root = resources.read(contract.root)
         if not root then
             error(messages.unavailable())
         end
-        return represent(connection, root)
+        return answerGet(root)
     end,
     [contract.root .. "/odata"] = serviceDocument,
     [contract.root .. "/$metadata"] = metadata,
 }
 
--- A user whose password has expired can change it and leave, and nothing else.
-local function checkPasswordChange(connection, user, method, uri)
+-- A user whose password has expired can change it and log out, and nothing else.
+local function checkPasswordChange(user, method, uri)
     if not user.mustChangePassword or method == "DELETE" and uri == user.session then
         return
     end
-    local account = resources.accountOf(connection, user.name)
+    local account = resources.accountOf(user.name)
     if not (method == "PATCH" and uri == account) then
-        refuse(403, "Base.1.12.PasswordChangeRequired", account)
+        refuse(403, contract.message.passwordChangeRequired, account)
     end
 end
 
--- Returns the user's resource after all that has to be right before its method is carried out.
-local function open(connection, user, method, uri)
-    checkPasswordChange(connection, user, method, uri)
-    local resource = resources.read(connection, uri)
+-- Returns the resource at an address after all checks that precede any method.
+local function checkedResource(user, method, uri)
+    checkPasswordChange(user, method, uri)
+    local resource = resources.from(user.tree, uri)
     if not resource then
         refuse(404, "Base.1.12.ResourceMissingAtURI", uri)
     end
@@ -189,16 +192,13 @@ local function open(connection, user, method, uri)
     return resource
 end
 
--- Carries out the user's request on a resource.
+-- Carries out the user's request on a resource and returns the answer.
 local function serve(user, method, uri)
-    local resource, answer
-    store.with(messages.unavailable, function(connection)
-        resource = open(connection, user, method, uri)
-        if method == "GET" then
-            answer = represent(connection, resource)
-        end
-    end)
-    if method == "DELETE" and uri:find("^" .. contract.sessions .. "/[^/]+$") then
+    local resource = checkedResource(user, method, uri)
+    local answer
+    if method == "GET" then
+        answer = answerGet(resource)
+    elseif method == "DELETE" and uri:find(contract.memberPattern(contract.sessions)) then
         sessions.remove(uri)
         user.temporary = user.temporary and uri ~= user.session
         answer = { status = 204 }
@@ -206,7 +206,7 @@ local function serve(user, method, uri)
         answer = service.patch(readBody(), resource)
     end
     if not answer then
-        -- It belongs to a service that this front end knows nothing about.
+        -- The resource belongs to a service that this front end does not know.
         refuse(501, "ExtendedError.1.2.MethodNotImplemented")
     end
     return answer
@@ -218,7 +218,7 @@ local function handle()
     method = method == "HEAD" and "GET" or method
     local uri = ngx.var.uri:gsub("(.)/$", "%1")
     if not json.isUtf8(uri) then
-        -- No resource is there, and no answer could name it.
+        -- An answer that names it would not be UTF-8 either.
         refuse(400, "Base.1.12.MissingOrMalformedPart")
     end
 
@@ -229,35 +229,36 @@ local function handle()
         if uri ~= contract.root .. "/$metadata" then
             checkAccept("application/json")
         end
-        return store.with(messages.unavailable, public[uri])
+        return public[uri]()
     end
     checkAccept("application/json")
-    -- The request ends in here when its body is too large or too slow. So nothing is under way yet.
+    -- nginx ends the request in here when the body is too large or too slow: before anything has
+    -- been started that would have to be undone.
     ngx.req.read_body()
     if method == "POST"
         and (uri == contract.sessions or uri == contract.sessions .. "/Members") then
         return sessions.create(readBody())
     end
 
-    local user = store.with(messages.unavailable, authentication.identify)
-    local fine, answer = pcall(serve, user, method, uri)
+    local user = authentication.identify(uri)
+    local succeeded, answer = pcall(serve, user, method, uri)
     if user.temporary and not pcall(sessions.remove, user.session) then
-        ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it has to expire")
+        ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it will expire")
     end
-    if not fine then
+    if not succeeded then
         error(answer, 0)
     end
     return answer
 end
 
--- The schema that describes answers of a type such as "#Session.v1_3_0.Session".
+-- Returns the schema's address for a type such as "#Session.v1_3_0.Session".
 local function schemaOf(type)
     local name = type and type:match("^#(.+)%.[^.]+$")
     return name and "http://redfish.dmtf.org/schemas/v1/" .. name .. ".json"
 end
 
 local function send(answer)
-    -- The web server would judge the answer by these once more, after the work is done.
+    -- They have been looked at; nginx would apply them once more to the answer.
     for _, condition in ipairs({ "If-Match", "If-None-Match", "If-Modified-Since",
         "If-Unmodified-Since" }) do
         ngx.req.clear_header(condition)
@@ -288,36 +289,45 @@ local function answerOf(problem)
             body = messages.errorBody(problem.messages),
         }
     end
-    -- A text: the store went away in between, or a fault of the front end's own.
-    problem = tostring(problem)
-    if problem:find("store: ", 1, true) then
-        ngx.log(ngx.WARN, problem)
+    if store.hasFailed(problem) then
+        ngx.log(ngx.WARN, "the store: ", problem.text)
         return answerOf(messages.unavailable())
     end
-    ngx.log(ngx.ERR, problem)
+    -- A fault of the front end's own.
+    ngx.log(ngx.ERR, tostring(problem))
     return answerOf(messages.problem(500, { messages.new("Base.1.12.InternalError") }))
 end
 
--- Answers the request at hand.
-function main.answer()
-    local fine, result = pcall(handle)
-    send(fine and result or answerOf(result))
+-- Prepares a worker for its requests.
+function main.start()
+    answers.start({
+        takeUnexpected = requests.takeUnexpected,
+        prepareEnd = function() end,
+        isBusy = function() return false end,
+    })
 end
 
+-- Answers the current request.
+function main.answer()
+    local succeeded, result = pcall(handle)
+    send(succeeded and result or answerOf(result))
+end
+
+-- The messages of nginx's own refusals, by their status.
 local refusals = {
     [408] = { "Base.1.12.MissingOrMalformedPart" },
     [413] = { "Base.1.12.PayloadTooLarge" },
     [414] = { "Base.1.12.PayloadTooLarge" },
-    [429] = { "Base.1.12.ServiceTemporarilyUnavailable", "1" },
+    [429] = { contract.message.serviceTemporarilyUnavailable, "1" },
     [500] = { "Base.1.12.InternalError" },
     [501] = { "ExtendedError.1.2.MethodNotImplemented" },
-    [503] = { "Base.1.12.ServiceTemporarilyUnavailable", "1" },
+    [503] = { contract.message.serviceTemporarilyUnavailable, "1" },
 }
 
--- Answers what the web server itself refuses: what is malformed, too large, too slow or too much.
+-- Answers a request that nginx itself refuses: malformed, too large, too slow or one too many.
 function main.refuse()
     if not ngx.req.is_internal() then
-        -- A client's own request for this address.
+        -- A client has asked for this address.
         return main.answer()
     end
     local status = ngx.status

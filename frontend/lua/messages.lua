@@ -1,4 +1,5 @@
 -- The messages that clients read: the registry's texts, and answers that carry them.
+local contract = require "contract"
 local json = require "json"
 
 local messages = {}
@@ -6,19 +7,19 @@ local messages = {}
 local retry = "Send the request again later."
 local correct = "Correct the request and send it again."
 
--- Identifier: text with %1, %2 for the arguments, severity, what to do.
+-- By identifier: the text with %1, %2 for the arguments, the severity, the resolution.
 local registry = {
     ["Base.1.12.AccessDenied"] = {
         "%1 cannot be reached with this origin.", "Critical", "Log in from this origin."
     },
-    ["Base.1.12.Created"] = { "The resource has been created.", "OK", "None." },
+    [contract.message.created] = { "The resource has been created.", "OK", "None." },
     ["Base.1.12.EmptyJSON"] = {
         "The request's object is empty, and properties are expected.", "Warning", correct
     },
     ["Base.1.12.GeneralError"] = {
         "The request failed. The details say why, if anything is known.", "Critical", "None."
     },
-    ["Base.1.12.InsufficientPrivilege"] = {
+    [contract.message.insufficientPrivilege] = {
         "The user's privileges do not suffice for this.", "Critical",
         "Log in as a user with more privileges, or have yours changed."
     },
@@ -37,14 +38,14 @@ local registry = {
     ["Base.1.12.NoValidSession"] = {
         "There is no valid session for this request.", "Critical", "Log in, then send it again."
     },
-    ["Base.1.12.OperationFailed"] = {
+    [contract.message.operationFailed] = {
         "An operation of the service failed as part of the request.", "Warning", retry
     },
     ["Base.1.12.OperationNotAllowed"] = {
         "The resource does not allow this method.", "Critical",
         "Use one of the methods that the Allow header names."
     },
-    ["Base.1.12.PasswordChangeRequired"] = {
+    [contract.message.passwordChangeRequired] = {
         "The password must be changed first, in the account %1.", "Critical",
         "Set another password with a PATCH of that account."
     },
@@ -82,20 +83,20 @@ local registry = {
     ["Base.1.12.ResourceMissingAtURI"] = {
         "There is no resource at %1.", "Critical", "Correct the address of the request."
     },
-    ["Base.1.12.ServiceTemporarilyUnavailable"] = {
+    [contract.message.serviceTemporarilyUnavailable] = {
         "The service cannot answer now. Try again in %1 seconds.", "Critical", retry
     },
-    ["Base.1.12.SessionLimitExceeded"] = {
+    [contract.message.sessionLimitExceeded] = {
         "There are as many sessions as there can be.", "Critical",
         "Log out of another session, or wait until one has expired."
     },
-    ["Base.1.12.StringValueTooLong"] = {
+    [contract.message.stringValueTooLong] = {
         "The value %1 is longer than %2 characters.", "Warning", correct
     },
-    ["ExtendedError.1.2.DatabaseOperationError"] = {
+    [contract.message.databaseOperationError] = {
         "The service could not store the change.", "Critical", retry
     },
-    ["ExtendedError.1.2.InvalidCredentials"] = {
+    [contract.message.invalidCredentials] = {
         "The user name or the password is wrong.", "Critical", correct
     },
     ["ExtendedError.1.2.MediaTypeNotSupported"] = {
@@ -104,10 +105,10 @@ local registry = {
     ["ExtendedError.1.2.MethodNotImplemented"] = {
         "The service does not know this.", "Warning", correct
     },
-    ["ExtendedError.1.2.ServiceDisabled"] = {
+    [contract.message.serviceDisabled] = {
         "The service is switched off.", "Warning", "Switch the service on."
     },
-    ["ExtendedError.1.2.UnprocessableEntity"] = {
+    [contract.message.unprocessableEntity] = {
         "The service cannot do this with that resource.", "Critical", correct
     },
     ["ExtendedError.1.2.VersionNotSupported"] = {
@@ -166,12 +167,12 @@ function messages.texts(list)
     for i, message in ipairs(list) do
         texts[i] = textOf(message)
     end
-    -- Those about properties come in no order of their own.
+    -- Messages about properties come in the order of a table's keys, which is none.
     table.sort(texts)
     return json.array(texts)
 end
 
--- A problem is what a refused request raises: the status, messages, and headers of the answer.
+-- Returns what a refused request raises: the status, messages and headers of its answer.
 function messages.problem(status, list, headers)
     return { status = status, messages = list, headers = headers or {} }
 end
@@ -179,7 +180,7 @@ end
 -- The problem of a service that is not there now.
 function messages.unavailable(seconds)
     seconds = tostring(seconds or 5)
-    local message = messages.new("Base.1.12.ServiceTemporarilyUnavailable", seconds)
+    local message = messages.new(contract.message.serviceTemporarilyUnavailable, seconds)
     return messages.problem(503, { message }, { ["Retry-After"] = seconds })
 end
 

@@ -18,7 +18,7 @@ local function has(needed)
 end
 
 local function isOwn(user, resource)
-    return resource.fields["&&OwnerName"] == user.name
+    return resource.fields[contract.resource.owner] == user.name
 end
 
 -- One's own, or anybody's with the privilege for all.
@@ -36,17 +36,17 @@ local function itselfOr(rule)
     end
 end
 
--- By the resource's address: what each method asks for. What is not named here can be read with
+-- What each method asks for, by the resource's address. What is not named here can be read with
 -- Login and not be changed.
 local rules = {
     { pattern = "^" .. contract.service .. "$", PATCH = has(privilege.configureManager) },
     {
-        pattern = "^" .. contract.sessions .. "/[^/]+$",
+        pattern = contract.memberPattern(contract.sessions),
         GET = ownOr(privilege.configureManager),
         DELETE = itselfOr(ownOr(privilege.configureManager)),
     },
     {
-        pattern = "^" .. contract.accounts .. "/[^/]+$",
+        pattern = contract.memberPattern(contract.accounts),
         GET = ownOr(privilege.configureUsers),
         PATCH = ownOr(privilege.configureUsers),
     },
@@ -56,15 +56,15 @@ local defaults = { GET = has(privilege.login) }
 
 -- Raises the problem 403 unless the user may do this with the resource.
 function privileges.check(user, method, resource)
-    local needed = defaults
-    for _, rule in ipairs(rules) do
-        if resource.uri:find(rule.pattern) then
-            needed = rule
+    local rule = defaults
+    for _, candidate in ipairs(rules) do
+        if resource.uri:find(candidate.pattern) then
+            rule = candidate
         end
     end
-    local allowed = needed[method] or defaults[method]
-    if not (allowed and allowed(user, resource)) then
-        error(messages.problem(403, { messages.new("Base.1.12.InsufficientPrivilege") }))
+    local allows = rule[method] or defaults[method]
+    if not (allows and allows(user, resource)) then
+        error(messages.problem(403, { messages.new(contract.message.insufficientPrivilege) }))
     end
 end
 

@@ -1,31 +1,79 @@
--- Resources as they stand in the store, and their JSON.
+-- Resources as they are stored, and their JSON.
 local contract = require "contract"
 local json = require "json"
 local store = require "store"
 
 local resources = {}
 
-local deepest = 32
+local maxDepth = 32
 
-local function reference(uri)
-    return json.object({ ["@odata.id"] = json.encode(uri) })
+-- For scripts: collects a stored resource and all that it is made of, in one moment.
+resources.collect = [[
+local maxCollected = 1024
+local function collect(uri)
+    local tree = {hashes = {}, lists = {}}
+    local pending = {{$kind.object, uri}}
+    for _ = 1, maxCollected do
+        local next = table.remove(pending)
+        if not next then
+            break
+        end
+        local kind, key = next[1], next[2]
+        if kind == $kind.object and not tree.hashes[key] then
+            local fields = run('HGETALL', key) or {}
+            tree.hashes[key] = fields
+            for i = 1, #fields, 2 do
+                if string.byte(fields[i]) == 38 then
+                    local inner, source = string.match(fields[i], '^(&&%a+) [^ ]+ ([^ ]+)$')
+                    pending[#pending + 1] = inner and {inner, source}
+                end
+            end
+        elseif kind == $kind.array and not tree.lists[key] then
+            local elements = run('LRANGE', key, 0, -1) or {}
+            tree.lists[key] = elements
+            for _, element in ipairs(elements) do
+                local inner, source = string.match(element, '^(&&%a+) ([^ ]+)$')
+                pending[#pending + 1] = inner and {inner, source}
+            end
+        end
+    end
+    return tree
+end
+]]
+
+local readScript = store.script(resources.collect .. [[
+return cjson.encode(collect(ARGV[1]))
+]])
+
+local function fieldsOf(tree, key)
+    local reply = tree.hashes[key]
+    if not reply or #reply == 0 then
+        return nil
+    end
+    local fields = {}
+    for i = 1, #reply, 2 do
+        fields[reply[i]] = reply[i + 1]
+    end
+    return fields
 end
 
-local tokens = { ["&&Array"] = true, ["&&Object"] = true, ["&&ObjectRef"] = true }
+local function reference(uri)
+    return json.object({ [contract.resource.uri] = json.encode(uri) })
+end
 
 local convertHash, convertList
 
--- What a token stands for; nil for one that is none, or that leads nowhere.
-local function convert(connection, token, source, depth)
-    if depth > deepest then
-        error("resource: nested too deeply")
-    elseif token == "&&ObjectRef" then
+-- Returns the JSON text that a reference leads to; nil when there is none.
+local function convert(tree, kind, source, depth)
+    if depth > maxDepth then
+        error("a resource is nested too deeply")
+    elseif kind == contract.kind.uri then
         return reference(source)
-    elseif token == "&&Array" then
-        return convertList(connection, source, depth)
-    elseif token == "&&Object" then
-        local fields = store.hash(connection, source)
-        return fields and convertHash(connection, fields, depth)
+    elseif kind == contract.kind.array then
+        return convertList(tree, source, depth)
+    elseif kind == contract.kind.object then
+        local fields = fieldsOf(tree, source)
+        return fields and convertHash(tree, fields, depth)
     end
     return nil
 end
@@ -34,33 +82,34 @@ local function value(text)
     return json.isValid(text) and text or json.encode(text)
 end
 
--- The members' texts by their names.
-local function convertFields(connection, fields, depth)
+-- Returns the members' texts by their names.
+local function convertFields(tree, fields, depth)
     local members = {}
     for name, text in pairs(fields) do
-        if name:sub(1, 2) ~= "&&" then
+        if not contract.isInternal(name) then
             members[name] = value(text)
         else
-            local token, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
-            if token and fields[property] == nil then
-                members[property] = convert(connection, token, source, depth + 1)
+            local kind, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
+            if kind and fields[property] == nil then
+                members[property] = convert(tree, kind, source, depth + 1)
             end
         end
     end
     return members
 end
 
-function convertHash(connection, fields, depth)
-    return json.object(convertFields(connection, fields, depth))
+function convertHash(tree, fields, depth)
+    return json.object(convertFields(tree, fields, depth))
 end
 
-function convertList(connection, key, depth)
+function convertList(tree, key, depth)
     local elements = {}
-    for _, element in ipairs(store.run(connection, "lrange", key, 0, -1) or {}) do
-        local token, source = element:match("^(&&%a+) ([^ ]+)$")
+    for _, element in ipairs(tree.lists[key] or {}) do
+        local kind, source = element:match("^(&&%a+) ([^ ]+)$")
         local text
-        if tokens[token] then
-            text = convert(connection, token, source, depth + 1)
+        if kind == contract.kind.array or kind == contract.kind.object
+            or kind == contract.kind.uri then
+            text = convert(tree, kind, source, depth + 1)
         else
             text = value(element)
         end
@@ -69,25 +118,27 @@ function convertList(connection, key, depth)
     return json.array(elements)
 end
 
+-- Returns the string that a JSON text is, nil when it is none.
 local function stringOf(text)
     local string = text and json.decode(text)
     return type(string) == "string" and string or nil
 end
 
--- Returns the resource at an address, nil when there is none:
---   uri, fields (as stored), type, etag (without quotes; as a header has it in etagHeader), allow
---   (a set of methods; a list in allowText)
-function resources.read(connection, uri)
-    local fields = store.hash(connection, uri)
-    if not fields or stringOf(fields["@odata.id"]) ~= uri then
+-- Returns the resource at an address from what `collect` has returned, nil when there is none:
+--   uri, tree, fields (as stored), type, etag (without quotes; as a header has it in etagHeader),
+--   allow (a set of methods; a list in allowText)
+function resources.from(tree, uri)
+    local fields = fieldsOf(tree, uri)
+    if not fields or stringOf(fields[contract.resource.uri]) ~= uri then
         return nil
     end
     local resource = {
         uri = uri,
+        tree = tree,
         fields = fields,
-        type = stringOf(fields["@odata.type"]),
-        etag = stringOf(fields["@odata.etag"]),
-        allowText = fields["&&AllowMethod"] or "GET,HEAD",
+        type = stringOf(fields[contract.resource.type]),
+        etag = stringOf(fields[contract.resource.etag]),
+        allowText = fields[contract.resource.methods] or "GET,HEAD",
         allow = {},
     }
     -- Some services store it as a header has it.
@@ -101,25 +152,38 @@ function resources.read(connection, uri)
     return resource
 end
 
+-- Reads the resource at an address, nil when there is none.
+function resources.read(uri)
+    return resources.from(store.with(function(connection)
+        return store.runScript(connection, readScript, 0, uri)
+    end), uri)
+end
+
 -- Returns the JSON text of a resource; `annotations` are further members, or nil.
-function resources.text(connection, resource, annotations)
-    local members = convertFields(connection, resource.fields, 0)
+function resources.text(resource, annotations)
+    local members = convertFields(resource.tree, resource.fields, 0)
     for name, text in pairs(annotations or {}) do
         members[name] = text
     end
     return json.object(members)
 end
 
--- Returns the address of the account of a user, an empty text when there is none.
-function resources.accountOf(connection, user)
-    local members = "&&" .. contract.accounts .. "/Members"
-    for _, element in ipairs(store.run(connection, "lrange", members, 0, -1) or {}) do
-        local uri = element:match("^&&ObjectRef (.+)$")
-        if uri and store.run(connection, "hget", uri, "&&OwnerName") == user then
-            return uri
-        end
+local accountScript = store.script([[
+for _, element in ipairs(run('LRANGE', ARGV[1], 0, -1) or {}) do
+    local kind, uri = string.match(element, '^(&&%a+) (.+)$')
+    if kind == $kind.uri and run('HGET', uri, $resource.owner) == ARGV[2] then
+        return cjson.encode(uri)
     end
-    return ""
+end
+return false
+]])
+
+-- Returns the address of the account of a user, an empty text when there is none.
+function resources.accountOf(user)
+    return store.with(function(connection)
+        return store.runScript(connection, accountScript, 0,
+            contract.membersKey(contract.accounts), user)
+    end) or ""
 end
 
 return resources

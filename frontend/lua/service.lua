@@ -1,35 +1,34 @@
 -- Changes to the session service's settings.
 local contract = require "contract"
-local exchange = require "exchange"
 local json = require "json"
 local messages = require "messages"
+local requests = require "requests"
 local resources = require "resources"
-local store = require "store"
 
 local service = {}
 
-local shortest = 30
-local longest = 86400
+local property = contract.property
 
--- A value as a message shows it.
-local function shown(value)
+-- Returns a value as a message's argument.
+local function argumentOf(value)
     if type(value) == "table" then
         return "(value)"
     end
     return type(value) == "string" and value or json.encode(value)
 end
 
--- Each property that can be queued: returns the text to store, or the message's identifier.
+-- For each property that can be changed: returns the text to store, or nil and the identifier of
+-- the message that says what is wrong.
 local writable = {
-    SessionTimeout = function(value)
+    [property.timeout] = function(value)
         if type(value) ~= "number" or value ~= math.floor(value) then
             return nil, "Base.1.12.PropertyValueTypeError"
-        elseif value < shortest or value > longest then
+        elseif value < contract.minTimeout or value > contract.maxTimeout then
             return nil, "Base.1.12.PropertyValueOutOfRange"
         end
         return string.format("%d", value)
     end,
-    ServiceEnabled = function(value)
+    [property.enabled] = function(value)
         if type(value) ~= "boolean" then
             return nil, "Base.1.12.PropertyValueTypeError"
         end
@@ -37,7 +36,7 @@ local writable = {
     end,
 }
 
--- What the schema has besides, whether or not it stands in the store.
+-- The schema's other properties, whether or not they are in the store.
 local readOnly = {
     Actions = true,
     Description = true,
@@ -48,63 +47,63 @@ local readOnly = {
     Status = true,
 }
 
--- Sorts the properties of a body: returns those to queue, and messages about the others.
-local function sort(body, resource)
-    local queued = {}
+-- Returns the properties of a body to change, messages about the others, and the number of all.
+local function classify(body, resource)
+    local changes = {}
     local faults = {}
-    local properties = 0
+    local count = 0
     local known = {}
     for name in pairs(resource.fields) do
         known[name:match("^&&%a+ ([^ ]+) ") or name] = true
     end
-    for property, value in pairs(body) do
-        -- Annotations come back from a client that sends what it has read; they change nothing.
-        if not property:find("@") then
-            properties = properties + 1
-            if writable[property] then
-                local text, id = writable[property](value)
-                queued[property] = text
+    for name, value in pairs(body) do
+        -- A client that sends back what it has read sends annotations; they change nothing.
+        if not name:find("@") then
+            count = count + 1
+            if writable[name] then
+                local text, id = writable[name](value)
+                changes[name] = text
                 if not text then
-                    messages.add(faults, property, id, shown(value), property)
+                    messages.add(faults, name, id, argumentOf(value), name)
                 end
-            elseif readOnly[property] or known[property] and property:sub(1, 2) ~= "&&" then
-                messages.add(faults, property, "Base.1.12.PropertyNotWritable", property)
+            elseif readOnly[name] or known[name] and not contract.isInternal(name) then
+                messages.add(faults, name, "Base.1.12.PropertyNotWritable", name)
             else
-                messages.add(faults, property, "Base.1.12.PropertyUnknown", property)
+                messages.add(faults, name, "Base.1.12.PropertyUnknown", name)
             end
         end
     end
-    return queued, faults, properties
+    return changes, faults, count
 end
 
--- Answers a PATCH of the service: 200 with what can be changed changed and messages about the
--- rest; 400 when nothing can be.
+-- Answers a PATCH of the service. What can be changed is changed, and messages tell about the
+-- rest; when nothing can be changed the answer is 400.
 function service.patch(body, resource)
     if next(body) == nil then
         error(messages.problem(400, { messages.new("Base.1.12.EmptyJSON") }))
     end
-    local queued, faults, properties = sort(body, resource)
-    if properties == 0 then
+    local changes, faults, count = classify(body, resource)
+    if count == 0 then
         error(messages.problem(400, { messages.new("Base.1.12.NoOperation") }))
     end
-    if next(queued) == nil then
+    if next(changes) == nil then
         error(messages.problem(400, faults))
     end
 
     local checklist = {}
-    for property in pairs(queued) do
-        checklist["/" .. property] = ""
+    for name in pairs(changes) do
+        checklist[contract.checklistField(name)] = ""
     end
-    local reply = exchange.call("patch", {
-        ["&&RequestMethod"] = "PATCH",
-        ["&&TargetURI"] = contract.service,
-    }, queued, checklist)
-    exchange.expectSuccess(reply, {})
+    local reply = requests.call("patch", {
+        [contract.request.method] = "PATCH",
+        [contract.request.target] = contract.service,
+    }, { body = changes, checklist = checklist, read = contract.service })
+    requests.expectSuccess(reply, {})
 
     local applied = false
-    for property in pairs(queued) do
-        if reply.unhandled[property] then
-            messages.add(faults, property, "Base.1.12.PropertyNotWritable", property)
+    for name in pairs(changes) do
+        if reply.unhandled[contract.checklistField(name)] then
+            messages.add(faults, name, "Base.1.12.PropertyNotWritable", name)
         else
             applied = true
         end
@@ -117,16 +116,12 @@ function service.patch(body, resource)
     for _, fault in ipairs(faults) do
         annotations[fault.property .. "@Message.ExtendedInfo"] = messages.texts({ fault })
     end
-    local changed, text
-    store.with(messages.unavailable, function(connection)
-        changed = resources.read(connection, contract.service) or resource
-        text = resources.text(connection, changed, annotations)
-    end)
+    local changed = resources.from(reply.tree, contract.service) or resource
     return {
         status = 200,
         headers = { ETag = changed.etagHeader },
         type = changed.type,
-        body = text,
+        body = resources.text(changed, annotations),
     }
 end
 

@@ -1,13 +1,13 @@
 -- Logging in and out.
 local authentication = require "authentication"
-local exchange = require "exchange"
+local contract = require "contract"
 local messages = require "messages"
+local requests = require "requests"
 local resources = require "resources"
-local store = require "store"
 
 local sessions = {}
 
--- The other properties of a session; the service gives them.
+-- The other properties of a session, which the service sets.
 local readOnly = {
     ClientOriginIPAddress = true,
     CreatedTime = true,
@@ -18,18 +18,20 @@ local readOnly = {
     SessionType = true,
 }
 
--- Returns the list of what is wrong with the body of a login.
+local credentials = contract.credentials
+
+-- Returns messages about what is wrong with the body of a login.
 local function faultsOf(body)
     local faults = {}
-    for _, property in ipairs({ "UserName", "Password" }) do
+    for _, property in ipairs({ credentials.user, credentials.password }) do
         local value = body[property]
         if value == nil then
             messages.add(faults, property, "Base.1.12.PropertyMissing", property)
         elseif type(value) ~= "string" then
-            -- Whatever it is, it may be a secret.
+            -- The value may be a secret.
             messages.add(faults, property, "Base.1.12.PropertyValueTypeError", "(value)", property)
         elseif value:find("%z") then
-            -- The service would take what stands before the zero byte for the whole.
+            -- To the service, a text ends at its first zero byte.
             messages.add(faults, property, "Base.1.12.PropertyValueFormatError", "(value)",
                 property)
         end
@@ -37,7 +39,8 @@ local function faultsOf(body)
     for property in pairs(body) do
         if readOnly[property] then
             messages.add(faults, property, "Base.1.12.PropertyNotWritable", property)
-        elseif property ~= "UserName" and property ~= "Password" and not property:find("@") then
+        elseif property ~= credentials.user and property ~= credentials.password
+            and not property:find("@") then
             messages.add(faults, property, "Base.1.12.PropertyUnknown", property)
         end
     end
@@ -50,21 +53,13 @@ function sessions.create(body)
     if #faults > 0 then
         error(messages.problem(400, faults))
     end
-    local reply = authentication.login(body.UserName, body.Password)
+    local reply = authentication.login(body[credentials.user], body[credentials.password])
     local annotations = {}
-    if reply.messages[1] and reply.messages[1].id == "Base.1.12.PasswordChangeRequired" then
+    if reply.messages[1] and reply.messages[1].id == contract.message.passwordChangeRequired then
         annotations["@Message.ExtendedInfo"] = messages.texts(reply.messages)
     end
-    local text, session
-    local fine, failure = pcall(store.with, messages.unavailable, function(connection)
-        session = resources.read(connection, reply.location)
-        text = session and resources.text(connection, session, annotations)
-    end)
-    if not fine then
-        exchange.logOut(reply.location)
-        error(failure, 0)
-    end
-    if not text then
+    local session = resources.from(reply.tree, reply.location)
+    if not session then
         -- It has expired or been removed already.
         error(messages.unavailable())
     end
@@ -76,17 +71,17 @@ function sessions.create(body)
             ["ETag"] = session.etagHeader,
         },
         type = session.type,
-        body = text,
+        body = resources.text(session, annotations),
     }
 end
 
--- The failures of a logout that the client can mend.
-local clientFaults = { ["ExtendedError.1.2.UnprocessableEntity"] = true }
+-- Messages of failed logouts that are the client's fault.
+local clientFaults = { [contract.message.unprocessableEntity] = true }
 
 -- Removes a session through the service.
 function sessions.remove(uri)
-    local reply = exchange.call("logout", { ["&&TargetURI"] = uri })
-    exchange.expectSuccess(reply, clientFaults)
+    local reply = requests.call("logout", { [contract.request.target] = uri }, {})
+    requests.expectSuccess(reply, clientFaults)
 end
 
 return sessions

@@ -1,6 +1,5 @@
--- Turns of clients at what takes the session service long: it checks one password at a time, and a
--- wrong one takes seconds. So an address has few logins under way; its others wait here, where they
--- hold up nobody else's.
+-- The session service checks one password at a time, and a wrong one takes seconds. So an address
+-- has few logins under way; its others wait here and do not delay those of other addresses.
 local semaphore = require "ngx.semaphore"
 local settings = require "settings"
 
@@ -20,7 +19,7 @@ end
 function turns.take(address, seconds)
     local line = lines[address]
     if not line then
-        line = { free = semaphore.new(settings.loginsAtATime), users = 0 }
+        line = { free = semaphore.new(settings.maxLoginsOfAddress), users = 0 }
         lines[address] = line
     end
     line.users = line.users + 1

@@ -12,10 +12,10 @@
 #include "base/number.h"
 #include "protocol/replies.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/pieces.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -58,31 +58,16 @@ Reading readNumber(std::string_view text) {
     return {Verdict::number, static_cast<std::int32_t>(*number)};
 }
 
-// What the conversion logs.
-std::string faultLine(const std::string& tag, Verdict verdict) {
-    switch (verdict) {
-        case Verdict::noDigits:
-            return tag + ": no digits stoi\n";
-        case Verdict::outOfRange:
-            return tag + ": out of range stoi\n";
-        default:
-            return {};
-    }
-}
-
 void checkNumber(const std::string& text) {
-    constexpr NumberFaults faults{"no digits", "out of range"};
     const Reading expected = readNumber(text);
-    for (const FaultLevel level : {FaultLevel::error, FaultLevel::debug}) {
-        const CapturedStream log(stderr);
-        const std::optional<std::int32_t> number = parseNumber(text, faults, level);
-        require(number.has_value() == (expected.verdict == Verdict::number),
-                "a text gives a number when it begins with one of 32 bits");
-        require(number.value_or(0) == expected.value, "the number is what the digits say");
-        require(log.written() ==
-                    faultLine(level == FaultLevel::error ? "[Error]" : "[Debug]", expected.verdict),
-                "what is no number makes one line of the level asked for");
-    }
+    const ParsedNumber number = parseNumber(text);
+    require(number.value.has_value() == (expected.verdict == Verdict::number),
+            "a text gives a number when it begins with one of 32 bits");
+    require(number.value.value_or(0) == expected.value, "the number is what the digits say");
+    require(
+        (number.error == NumberError::noDigits) == (expected.verdict == Verdict::noDigits) &&
+            (number.error == NumberError::outOfRange) == (expected.verdict == Verdict::outOfRange),
+        "what is no number is told by its reason");
 }
 
 void checkPrivilegeList(const std::string& text) {
@@ -124,13 +109,13 @@ void checkRequiredPrivilege(const std::string& user, const std::string& list) {
 
 // The setting is the text, in milliseconds.
 void checkLifetime(const std::string& setting) {
-    const std::string text = cText(setting);
+    const std::string text = upToNull(setting);
     const std::int64_t seconds = readDigits(text).value_or(0) / 1000;
     const std::int64_t lifetime =
         text.empty() ? 6 : std::clamp<std::int64_t>(seconds, 0, largest - 1) + 1;
-    const StandInStore store({resp::integer(0), resp::bulk(text), resp::integer(1),
-                              resp::integer(1), resp::integer(1), resp::integer(1)});
-    writeExtendedMessage(store.store(), "list", "Base.1.12.Success", {});
+    const FakeConnection store({resp::integer(0), resp::bulk(text), resp::integer(1),
+                                resp::integer(1), resp::integer(1), resp::integer(1)});
+    writeExtendedMessage(store.get(), "list", "Base.1.12.Success", {});
     const Commands commands = store.takeCommands();
     require(commands.size() == 6, "a message is six commands");
     require(commands[4] == Command{"EXPIRE", "list", std::to_string(lifetime)} &&
@@ -141,16 +126,16 @@ void checkLifetime(const std::string& setting) {
 }  // namespace
 }  // namespace session_service
 
-// The pieces: a number, a list of privileges, a user's privilege.
+// The sections: a number, a list of privileges, a user's privilege.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     openLog();
-    Pieces pieces(data, size);
-    const std::string text = pieces.next();
-    const std::string list = pieces.next();
+    InputSections sections(data, size);
+    const std::string text = sections.next();
+    const std::string list = sections.next();
     checkNumber(text);
     checkLifetime(text);
     checkPrivilegeList(list);
-    checkRequiredPrivilege(pieces.next(), list);
+    checkRequiredPrivilege(sections.next(), list);
     return 0;
 }

@@ -13,7 +13,7 @@ class FailingPam : public LoginTest {
 
     void startWithFailing(const std::string& calls) {
         constexpr char library[] = "/usr/local/lib/pam_failures.so";
-        controller.install(TESTBED_PAM_FAILURES, library);
+        controller.install(TEST_PAM_FAILURES, library);
         startStore();
         // A sanitizer's library is not the first one then; it wants to be told.
         startDaemon({.environment = {{"LD_PRELOAD", library},

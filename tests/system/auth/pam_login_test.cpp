@@ -102,12 +102,12 @@ TEST_F(PamLogin, LetsInWhoeverHasToChangeThePassword) {
 
 TEST_F(PamLogin, KeepsThePasswordOutOfAllThatItWrites) {
     const std::string password = "Kept-1-secret";
-    useKadminStandIn("aci_group: aciuser;");
+    useFakeKadmin("aci_group: aciuser;");
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
     usePamTest("env=pam_module=kerberos password=" + password);
     EXPECT_EQ(privilegeOf("somebody", password), "9");
     EXPECT_EQ(privilegeOf("somebody", password + "!"), "AUTH_FAILED");
-    endDaemon();
+    stopDaemon();
     for (const std::string& text :
          {controller.readFile(logFile), controller.daemonErrors(), controller.daemonOutput()}) {
         EXPECT_EQ(text.find(password), std::string::npos) << text;

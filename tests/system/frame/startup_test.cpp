@@ -8,9 +8,9 @@
 #include <set>
 
 #include "support/daemon_names.h"
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -21,7 +21,7 @@ using testing::UnorderedElementsAre;
 
 constexpr char ready[] = "SessionService is ready for service.";
 constexpr char initializedAlready[] = "SessionService resource has been initialized already.";
-constexpr Ending failure{.bySignal = false, .value = 255};
+constexpr ExitStatus failure{.bySignal = false, .value = 255};
 
 // "[Debug]: message" of each line.
 Words tagged(const std::vector<LogLine>& lines) {
@@ -202,7 +202,7 @@ TEST_F(NextStart, OnAnEmptiedStoreInitializesItAnew) {
 // Every test of this suite expects the daemon to end by itself.
 class FailedStart : public SystemTest {
   protected:
-    void SetUp() override { expectEnding(failure); }
+    void SetUp() override { expectExitStatus(failure); }
 };
 
 TEST_F(FailedStart, WithoutAStore) {
@@ -213,12 +213,12 @@ TEST_F(FailedStart, WithoutAStore) {
 }
 
 TEST_F(FailedStart, WhenTheStoreHangsUp) {
-    StoreRelay relay(controller);
-    relay.refuseConnections(true);
+    StoreProxy proxy(controller);
+    proxy.refuseConnections(true);
     startStore();
     expectErrorLine("Failed to connect to Redis.");
     runDaemon();
-    EXPECT_EQ(relay.connections(), 1);
+    EXPECT_EQ(proxy.connections(), 1);
 }
 
 TEST_F(FailedStart, WhenTheCreateQueueIsNoList) {
@@ -233,9 +233,9 @@ TEST_F(FailedStart, WhenTheCreateQueueIsNoList) {
 }
 
 TEST_F(FailedStart, WhenTheQueueLengthIsNeverAnswered) {
-    StoreRelay relay(controller);
-    relay.judge([](const Words& command) {
-        return command[0] == "LLEN" ? StoreRelay::Verdict::cut : StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([](const Words& command) {
+        return command[0] == "LLEN" ? StoreProxy::Verdict::cut : StoreProxy::Verdict::pass;
     });
     startStore();
     expectErrorLine("Failed to access Redis.");
@@ -277,10 +277,10 @@ TEST_F(FailedStart, WhenThePatchQueueIsNoListThoughWorkersRun) {
 }
 
 TEST_F(FailedStart, WhenTheStoreTakesNoConnectionAfterTheFirst) {
-    StoreRelay relay(controller);
-    relay.judge([&relay](const Words& command) {
-        relay.refuseConnections(command[0] == "LPUSH" && command[1] == deleteQueue);
-        return StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([&proxy](const Words& command) {
+        proxy.refuseConnections(command[0] == "LPUSH" && command[1] == deleteQueue);
+        return StoreProxy::Verdict::pass;
     });
     startStore();
     expectErrorLine("Failed to connect to Redis.");

@@ -315,7 +315,7 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogoutOnly)
 // --- nobody answers
 
 TEST_F(WebLogin, IsUnavailableWhileTheServiceDoesNotRun) {
-    expectEnding({.bySignal = true, .value = SIGKILL});
+    expectExitStatus({.bySignal = true, .value = SIGKILL});
     controller.daemon().kill();
     const HttpResponse answer = login();
     expectRefusal(answer, 503, {"Base.1.12.ServiceTemporarilyUnavailable"});
@@ -358,7 +358,7 @@ TEST_F(WebLoginWithoutTheService, IsUnavailableBeforeItHasEverRun) {
 class WebLoginToASlowService : public WebLogin {
   protected:
     WebLoginToASlowService() {
-        setting("answerTime", "0.3");
+        changeSetting("answerTimeout", "0.3");
         usePamTest("env=PRIVILEGES=511");
         holdPam();
     }
@@ -455,26 +455,6 @@ TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
     }
     releasePam();
     threads_.clear();
-}
-
-class WebLoginGivenUp : public WebLoginAtATime {
-  protected:
-    WebLoginGivenUp() { setting("giveUpTime", "3"); }
-};
-
-TEST_F(WebLoginGivenUp, LeavesTheLateReplyToItsExpiry) {
-    EXPECT_EQ(client().login("any", "any").status, 503);
-    waitUntilPamHolds();
-    const Words keys = store().keys(requestKeys);
-    ASSERT_EQ(keys.size(), 1U);
-    releasePam();
-    // With the list of its messages and their only entry.
-    waitUntil("the late reply is there", [&] { return store().keys(requestKeys).size() == 3; });
-    EXPECT_NE(store().hget(keys[0], "&&X-Auth-Token"), "");
-    EXPECT_GT(store().run({"TTL", keys[0]}).integer, 0);
-    for (const std::string& key : store().keys(requestKeys)) {
-        store().del(key);
-    }
 }
 
 TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
@@ -619,7 +599,7 @@ TEST_F(WebLogin, TakesABodyInTheSmallestChunks) {
     }
     TlsConnection connection = newClient().connect();
     EXPECT_TRUE(connection.send("POST " + std::string(sessionsUri) +
-                                " HTTP/1.1\r\nHost: bench\r\nTransfer-Encoding: chunked\r\n"
+                                " HTTP/1.1\r\nHost: testbed\r\nTransfer-Encoding: chunked\r\n"
                                 "Content-Type: application/json\r\nConnection: close\r\n\r\n" +
                                 chunks + "0\r\n\r\n"));
     EXPECT_THAT(connection.receiveAll(), testing::StartsWith("HTTP/1.1 201 "));
@@ -648,8 +628,8 @@ TEST_F(WebLogin, TakesBodiesOf64KibibytesAndNoLongerOnes) {
 class WebLoginRate : public WebLogin {
   protected:
     WebLoginRate() {
-        limit("rate=100000r/s", "rate=1r/m");
-        limit("burst=10000", "burst=1");
+        changeLimit("rate=100000r/s", "rate=1r/m");
+        changeLimit("burst=10000", "burst=1");
     }
     void expectTooMany(const HttpResponse& answer) {
         EXPECT_EQ(answer.status, 429);
@@ -805,7 +785,7 @@ TEST_F(WebLogout, WhileTheServiceIsSwitchedOffIsUnavailable) {
 }
 
 TEST_F(WebLogout, WhileTheServiceDoesNotRunIsUnavailable) {
-    expectEnding({.bySignal = true, .value = SIGKILL});
+    expectExitStatus({.bySignal = true, .value = SIGKILL});
     const InsertedSession session = frontEnd().insertSession();
     client().useToken(session.token);
     controller.daemon().kill();

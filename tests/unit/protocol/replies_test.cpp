@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -32,8 +32,8 @@ std::vector<std::string> messageReplies(std::size_t argumentCount, int length = 
 
 // The lifetime that a message gets; the setting's reply is given.
 std::string lifetimeFor(const std::string& setting) {
-    const RespPeer peer(messageReplies(0, 0, setting));
-    writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+    const ScriptedStore peer(messageReplies(0, 0, setting));
+    writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
     const Commands commands = peer.commands();
     return commands.size() == 6 && commands.back() == Command{"EXPIRE", "list/1", commands[4][2]}
                ? commands[4][2]
@@ -51,46 +51,33 @@ TEST(QuoteArg, EscapesQuotesAndBackslashes) {
 }
 
 TEST(ReplyKeys, PutTheMessagesBesideTheReply) {
-    ReplyFields fields = {{"other", "kept"}};
-    MessageInfo message;
-    composeReplyKeys("&&reply/17/key", fields, message);
-    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"},
-                                   {"&&ExtendedInfo", "&&reply/17/ExtendedInfo"},
-                                   {"RetStatusHashKey", "&&reply/17/key"}}));
-    EXPECT_EQ(message, (MessageInfo{{"ExtendInfoHashKey", "&&reply/17/ExtendedInfo"}}));
+    const Reply reply = composeReplyKeys("&&reply/17/key");
+    EXPECT_EQ(reply.key, "&&reply/17/key");
+    EXPECT_EQ(reply.messageList, "&&reply/17/ExtendedInfo");
+    EXPECT_TRUE(reply.fields.empty());
+    EXPECT_TRUE(isExpected(reply));
 }
 
 TEST(ReplyKeys, KeepNothingOfAKeyWithoutASlash) {
-    const auto listFor = [](const std::string& replyKey) {
-        ReplyFields fields;
-        MessageInfo message;
-        composeReplyKeys(replyKey, fields, message);
-        return fieldOf(message, "ExtendInfoHashKey");
-    };
-    EXPECT_EQ(listFor("reply"), "ExtendedInfo");
-    EXPECT_EQ(listFor("/"), "/ExtendedInfo");
-    EXPECT_EQ(listFor("reply/"), "reply/ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("reply").messageList, "ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("/").messageList, "/ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("reply/").messageList, "reply/ExtendedInfo");
 }
 
 TEST(ReplyKeys, AreNotComposedForAnEmptyReplyKey) {
-    ReplyFields fields = {{"other", "kept"}};
-    MessageInfo message;
-    composeReplyKeys("", fields, message);
-    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"}}));
-    EXPECT_TRUE(message.empty());
+    const Reply reply = composeReplyKeys("");
+    EXPECT_FALSE(isExpected(reply));
+    EXPECT_EQ(reply.messageList, "");
 }
 
 TEST(Reply, IsWrittenBeforeItsMessage) {
     std::vector<std::string> replies = messageReplies(2, 4);
     replies.insert(replies.begin(), integer(3));
-    const RespPeer peer(replies);
-    ReplyFields fields;
-    MessageInfo message;
-    composeReplyKeys("r/reply", fields, message);
-    fields["&&ReturnStatus"] = "FAILURE";
-    fields["&&Location"] = "";
-    message["MessageId"] = "Base.1.12.StringValueTooLong";
-    writeReply(peer.store(), fields, message, {"(password \"string\")", "1024"});
+    const ScriptedStore peer(replies);
+    Reply reply = composeReplyKeys("r/reply");
+    reply.fields["&&Location"] = "";
+    writeReply(peer.connection(), reply,
+               {"FAILURE", "Base.1.12.StringValueTooLong", {"(password \"string\")", "1024"}});
 
     EXPECT_EQ(peer.commands(),
               (Commands{
@@ -107,42 +94,38 @@ TEST(Reply, IsWrittenBeforeItsMessage) {
                   {"EXPIRE", "r/ExtendedInfo", "6"},
                   {"EXPIRE", "r/ExtendedInfo/5", "6"},
               }));
-    EXPECT_EQ(fields.count("RetStatusHashKey"), 0U);
 }
 
 TEST(Reply, WithoutAReplyKeyIsNotWritten) {
-    const RespPeer peer;
-    ReplyFields fields = {{"&&ReturnStatus", "OK"}, {"RetStatusHashKey", ""}};
-    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
-    fields.erase("RetStatusHashKey");
-    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
+    const ScriptedStore peer;
+    Reply reply = composeReplyKeys("");
+    writeReply(peer.connection(), reply, {"OK", "Base.1.12.Created"});
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(Reply, WithoutAMessageIdentifierLeavesTheMessagesAlone) {
-    const RespPeer peer({integer(1)});
-    ReplyFields fields;
-    MessageInfo message;
-    composeReplyKeys("r/reply", fields, message);
-    writeReply(peer.store(), fields, message);
-    EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo"}}));
+    const ScriptedStore peer({integer(1)});
+    Reply reply = composeReplyKeys("r/reply");
+    writeReply(peer.connection(), reply, {"OK_EMPTY"});
+    EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo",
+                                          "&&ReturnStatus", "OK_EMPTY"}}));
 }
 
 TEST(Reply, ThatTheStoreRefusesIsLoggedAndItsMessageWritten) {
     std::vector<std::string> replies = messageReplies(0);
     replies.insert(replies.begin(), error("ERR refused"));
-    const RespPeer peer(replies);
-    ReplyFields fields;
-    MessageInfo message = {{"MessageId", "Base.1.12.Created"}};
-    composeReplyKeys("r/reply", fields, message);
-    EXPECT_EQ(standardErrorOf([&] { writeReply(peer.store(), fields, message); }),
+    const ScriptedStore peer(replies);
+    Reply reply = composeReplyKeys("r/reply");
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeReply(peer.connection(), reply, {"OK", "Base.1.12.Created"});
+              }),
               "[Error]: Failed to update Return Status.\n");
     EXPECT_EQ(peer.commands().size(), 7U);
 }
 
 TEST(Message, WithoutArgumentsHasNoArgumentList) {
-    const RespPeer peer(messageReplies(0));
-    writeExtendedMessage(peer.store(), "r/ExtendedInfo", "Base.1.12.Created", {});
+    const ScriptedStore peer(messageReplies(0));
+    writeExtendedMessage(peer.connection(), "r/ExtendedInfo", "Base.1.12.Created", {});
     EXPECT_EQ(peer.commands(), (Commands{
                                    {"LLEN", "r/ExtendedInfo"},
                                    readLifetime,
@@ -187,33 +170,35 @@ TEST(Message, IsTheFirstOfAListWhoseLengthIsNoNumber) {
     for (const std::string& length : {error("WRONGTYPE"), nil(), bulk("7"), resp::array({})}) {
         std::vector<std::string> replies = messageReplies(0);
         replies[0] = length;
-        const RespPeer peer(replies);
-        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        const ScriptedStore peer(replies);
+        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
         EXPECT_EQ(peer.commands().at(2).at(1), "list/1") << length;
     }
 }
 
 TEST(Message, IsNotWrittenWhenTheLengthCannotBeAskedFor) {
-    const RespPeer peer;
-    EXPECT_EQ(standardErrorOf(
-                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+    const ScriptedStore peer;
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {"x"});
+              }),
               "[Error]: Failed to get length of extended info array.\n");
     EXPECT_EQ(peer.commands(), (Commands{{"LLEN", "list"}}));
 }
 
 TEST(Message, GoesOnWhateverTheStoreAnswers) {
     const std::vector<std::string> refusals(20, error("ERR refused"));
-    const RespPeer peer(refusals);
-    EXPECT_EQ(standardErrorOf(
-                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+    const ScriptedStore peer(refusals);
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {"x"});
+              }),
               "");
     EXPECT_EQ(peer.commands().size(), 9U);
 }
 
 TEST(Message, WithoutAnIdentifierIsAProgrammingError) {
-    const RespPeer peer({integer(0), nil()});
+    const ScriptedStore peer({integer(0), nil()});
     try {
-        writeExtendedMessage(peer.store(), "list", nullptr, {});
+        writeExtendedMessage(peer.connection(), "list", nullptr, {});
         ADD_FAILURE() << "nothing thrown";
     } catch (const std::logic_error& failure) {
         EXPECT_STREQ(failure.what(), "basic_string::_M_construct null not valid");
@@ -228,8 +213,8 @@ TEST(Message, HasAnEntryKeyOfAtMost511Bytes) {
         const std::string list(length, 'l');
         const std::string entry = list.substr(0, 511) + ending;
         const std::string argumentList = entry + "/MessageArgs";
-        const RespPeer peer(messageReplies(1));
-        writeExtendedMessage(peer.store(), list, "Base.1.12.Created", {"x"});
+        const ScriptedStore peer(messageReplies(1));
+        writeExtendedMessage(peer.connection(), list, "Base.1.12.Created", {"x"});
         EXPECT_EQ(entry.size(), 511U);
         EXPECT_EQ(peer.commands(), (Commands{
                                        {"LLEN", list},
@@ -247,26 +232,27 @@ TEST(Message, HasAnEntryKeyOfAtMost511Bytes) {
 }
 
 TEST(Message, KeepsArgumentsWithBlanksAndPercentSignsWhole) {
-    const RespPeer peer(messageReplies(2));
-    writeExtendedMessage(peer.store(), "a list%d", "Base.1.12.Created", {"two words %s", ""});
+    const ScriptedStore peer(messageReplies(2));
+    writeExtendedMessage(peer.connection(), "a list%d", "Base.1.12.Created", {"two words %s", ""});
     const Commands commands = peer.commands();
     EXPECT_EQ(commands.at(3), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"two words %s\""}));
     EXPECT_EQ(commands.at(4), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"\""}));
 }
 
-TEST(Message, OfOneArgumentMayHaveNone) {
-    const RespPeer with(messageReplies(1));
-    writeExtendedMessageOneArg(with.store(), "list", "Base.1.12.Created", "argument");
-    EXPECT_EQ(with.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"argument\""}));
-    EXPECT_EQ(with.commands().size(), 9U);
-
-    const RespPeer empty(messageReplies(1));
-    writeExtendedMessageOneArg(empty.store(), "list", "Base.1.12.Created", "");
-    EXPECT_EQ(empty.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"\""}));
-
-    const RespPeer without(messageReplies(0));
-    writeExtendedMessageOneArg(without.store(), "list", "Base.1.12.Created", nullptr);
-    EXPECT_EQ(without.commands().size(), 6U);
+TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
+    const std::map<std::string, std::string> entries = {
+        {"2147483646", "list/2147483647"},
+        {"2147483647", "list/-2147483648"},
+        {"4294967295", "list/0"},
+        {"9223372036854775807", "list/0"},
+    };
+    for (const auto& [length, entry] : entries) {
+        std::vector<std::string> replies = messageReplies(0);
+        replies[0] = ":" + length + "\r\n";
+        const ScriptedStore peer(replies);
+        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
+        EXPECT_EQ(peer.commands().at(2).at(1), entry) << length;
+    }
 }
 
 // The commands of a refusal that writes its fields one by one, in front of its message.
@@ -285,18 +271,18 @@ std::vector<std::string> afterTwoFields(std::vector<std::string> replies) {
 }
 
 TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
-    const RespPeer peer(afterTwoFields(messageReplies(0)));
-    writeExceptionReply(peer.store(), "r/reply", "request/ExtendedInfo",
+    const ScriptedStore peer(afterTwoFields(messageReplies(0)));
+    writeExceptionReply(peer.connection(), {"r/reply", "request/ExtendedInfo"},
                         "Base.1.12.OperationFailed");
     expectFieldsThenMessage(peer.commands(), "EXCEPTION", "request/ExtendedInfo",
                             "Base.1.12.OperationFailed");
     EXPECT_EQ(peer.commands().size(), 8U);
 }
 
-TEST(EarlyRefusal, HasAMessageListOfItsOwn) {
-    const RespPeer peer(afterTwoFields(messageReplies(2)));
-    writeEarlyRefusal(peer.store(), "r/reply", "FAILURE", "Base.1.12.StringValueTooLong",
-                      {"(password string)", "1024"});
+TEST(EarlyReply, HasAMessageListOfItsOwn) {
+    const ScriptedStore peer(afterTwoFields(messageReplies(2)));
+    writeEarlyReply(peer.connection(), composeEarlyReply("r/reply"),
+                    {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");
     EXPECT_EQ(peer.commands().size(), 12U);
