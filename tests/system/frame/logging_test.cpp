@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <ostream>
 
+#include "support/daemon_names.h"
 #include "support/system_test.h"
 
 namespace testbed {
@@ -19,7 +20,6 @@ using testing::MatchesRegex;
 using testing::Not;
 
 constexpr char backupFile[] = "/var/log/session-service.old";
-constexpr char starting[] = "SessionService log is starting ...";
 constexpr char noConnection[] = "Failed to connect to Redis.";
 
 class LogTest : public SystemTest {
