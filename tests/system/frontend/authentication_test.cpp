@@ -6,15 +6,6 @@
 namespace testbed {
 namespace {
 
-Words messageIds(const HttpResponse& response) {
-    const nlohmann::json body = response.json();
-    Words ids;
-    for (const nlohmann::json& message : body.at("error").at("@Message.ExtendedInfo")) {
-        ids.push_back(message.at("MessageId"));
-    }
-    return ids;
-}
-
 void expectUnauthorized(const HttpResponse& response, const std::string& id) {
     EXPECT_EQ(response.status, 401);
     EXPECT_EQ(response.header("www-authenticate"), "Basic realm=\"Redfish\"");

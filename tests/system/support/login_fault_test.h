@@ -131,7 +131,8 @@ class LoginFaultTest : public LoginTest {
         });
         EXPECT_FALSE(store().exists(session.uri));
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "600"}}).status(), "OK");
-        // The reply comes before the event: that of this change, of nothing, comes after it.
+        // The event of a change follows its reply; this request, which changes nothing, is served
+        // after both.
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "600"}}).status(), "OK");
         EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
     }

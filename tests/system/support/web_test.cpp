@@ -6,6 +6,7 @@
 #include <array>
 #include <cctype>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <regex>
 
 namespace testbed {
@@ -168,6 +169,15 @@ void WebTest::checkSecrets(const std::string& log) const {
         EXPECT_FALSE(contains(log, encodedCredentials(account))) << "The log tells credentials.";
     }
     EXPECT_FALSE(containsToken(log)) << "The log tells a token.";
+}
+
+Words messageIds(const HttpResponse& response) {
+    const nlohmann::json body = response.json();
+    Words ids;
+    for (const nlohmann::json& message : body.at("error").at("@Message.ExtendedInfo")) {
+        ids.push_back(message.at("MessageId"));
+    }
+    return ids;
 }
 
 }  // namespace testbed

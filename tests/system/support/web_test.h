@@ -50,4 +50,7 @@ class WebTest : public SystemTest {
     std::vector<std::string> expectedWebErrors;
 };
 
+// The identifiers of an error answer's messages.
+Words messageIds(const HttpResponse& response);
+
 }  // namespace testbed
