@@ -102,7 +102,6 @@ class Load {
     bool run(std::chrono::seconds duration);
 
   private:
-    void liftLoginLimit();
     Usage usage();
     void printRequests(const std::vector<Work>& works, double seconds) const;
     static void printUsage(const Usage& start, const Usage& tenth, const Usage& end,
@@ -114,16 +113,6 @@ class Load {
     std::optional<testbed::StoreClient> store_;
     pid_t nginxWorker_ = -1;
 };
-
-void Load::liftLoginLimit() {
-    std::string limits = controller_.readFile(testbed::webLimitsFile);
-    const std::string limit = "limit_req zone=";
-    const std::size_t at = limits.find(limit);
-    if (at == std::string::npos) {
-        throw Failure("There is no limit on logins to be lifted.");
-    }
-    controller_.writeFile(testbed::webLimitsFile, limits.insert(at, "# "));
-}
 
 Usage Load::usage() {
     return {.nginxSeconds = testbed::processorSeconds(nginxWorker_),
@@ -211,7 +200,6 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
 }
 
 bool Load::run(std::chrono::seconds duration) {
-    liftLoginLimit();
     controller_.start();
     web_.start();
     store_.emplace(controller_.connect());

@@ -9,8 +9,18 @@ return {
     -- Seconds after which a stored request expires that was never answered.
     requestExpiry = 600,
 
-    -- Logins of one address that are under way at a time; its others wait.
-    maxLoginsOfAddress = 2,
+    -- Logins that the session service has at a time. It checks one password after another.
+    maxLogins = 2,
+    -- Logins that wait: of all clients, and of one address (an IPv6 /64 counts as one).
+    maxWaiting = 256,
+    maxWaitingOfAddress = 32,
+    -- Failed logins of an address that only put the next one further back in the queue. Beyond them
+    -- it also waits until one is forgotten, which takes so many seconds for each.
+    maxFailures = 10,
+    failureSeconds = 5,
+    -- Seconds in which a login without a name is refused, until a wrong password has shown how long
+    -- that takes.
+    refusalSeconds = 2,
     -- Requests to the session service that are under way at a time, of all clients.
     maxRequests = 128,
 }

@@ -1,14 +1,11 @@
 -- Who sends a request.
 local ffi = require "ffi"
 local contract = require "contract"
-local encrypt = require "encrypt"
-local json = require "json"
+local logins = require "logins"
 local messages = require "messages"
 local requests = require "requests"
 local resources = require "resources"
-local settings = require "settings"
 local store = require "store"
-local turns = require "turns"
 
 local authentication = {}
 
@@ -53,8 +50,7 @@ return cjson.encode({
 ]])
 
 local function unauthorized(id)
-    return messages.problem(401, { messages.new(id) },
-        { ["WWW-Authenticate"] = 'Basic realm="Redfish"' })
+    return messages.unauthorized({ messages.new(id) })
 end
 
 -- Returns the user of a token, with the tree of the resource. Raises the problem 401 when the token
@@ -72,53 +68,6 @@ local function userOf(token, uri)
     local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
     user.privilege = privilege <= contract.maxPrivilege and privilege or 0
     return user
-end
-
--- Messages of failed logins that are the client's fault.
-local clientFaults = { [contract.message.stringValueTooLong] = true }
-
--- Names go into logs, for which there may be little room.
-local maxNameLength = 255
-
--- Logs in through the session service. Returns its reply; raises the problem that a refusal is.
-function authentication.login(name, password)
-    if #name > maxNameLength then
-        error(messages.problem(400, {
-            messages.new(contract.message.stringValueTooLong, "(user name)",
-                tostring(maxNameLength)),
-        }))
-    end
-    local encrypted = encrypt(password)
-    if not encrypted then
-        ngx.log(ngx.ERR, "the key file is missing or malformed")
-        error(messages.unavailable())
-    end
-    local address = ngx.var.remote_addr
-    local deadline = ngx.now() + settings.answerTimeout
-    if not turns.take(address, settings.answerTimeout) then
-        error(messages.unavailable())
-    end
-    local reply = requests.call("login", {
-        [contract.request.privileges] = tostring(contract.privilege.login),
-        [contract.request.address] = address,
-        [contract.request.origin] = ngx.var.http_origin or "",
-    }, {
-        body = {
-            [contract.credentials.user] = json.encode(name),
-            [contract.credentials.password] = json.encode(encrypted),
-        },
-        deadline = deadline,
-        whenDone = function()
-            turns.give(address)
-        end,
-    })
-    if reply.status == contract.status.authFailed then
-        local problem = unauthorized(contract.message.invalidCredentials)
-        problem.messages = #reply.messages > 0 and reply.messages or problem.messages
-        error(problem)
-    end
-    requests.expectSuccess(reply, clientFaults)
-    return reply
 end
 
 -- Returns the name and the password of a Basic header, nil when it is malformed.
@@ -147,7 +96,7 @@ function authentication.identify(uri)
         if not name then
             error(unauthorized(contract.message.invalidCredentials))
         end
-        local reply = authentication.login(name, password)
+        local reply = logins.logIn(name, password, { origin = ngx.var.http_origin or "" })
         local succeeded, found = pcall(userOf, reply.token, uri)
         if not succeeded then
             requests.logOut(reply.location)

@@ -88,6 +88,28 @@ function json.encode(value)
     return (cjson.encode(value):gsub("\\/", "/"))
 end
 
+-- Returns the JSON text of a string, in ASCII and without control characters. What is not UTF-8 is
+-- replaced.
+function json.encodeAscii(text)
+    if not json.isUtf8(text) then
+        text = text:gsub("[\128-\255]", "\239\191\189")
+    end
+    return (json.encode(text):gsub("[\194-\244][\128-\191]+", function(character)
+        local code = character:byte()
+        -- The first byte's own bits: 5, 4 or 3 of them.
+        code = code < 224 and code - 192 or code < 240 and code - 224 or code - 240
+        for i = 2, #character do
+            code = code * 64 + character:byte(i) - 128
+        end
+        if code < 0x10000 then
+            return string.format("\\u%04x", code)
+        end
+        code = code - 0x10000
+        return string.format("\\u%04x\\u%04x", 0xd800 + math.floor(code / 1024),
+            0xdc00 + code % 1024)
+    end))
+end
+
 -- Returns the text of an object from its members' texts, in the order of their names.
 function json.object(members)
     local names = {}

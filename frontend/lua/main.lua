@@ -318,7 +318,6 @@ local refusals = {
     [408] = { "Base.1.12.MissingOrMalformedPart" },
     [413] = { "Base.1.12.PayloadTooLarge" },
     [414] = { "Base.1.12.PayloadTooLarge" },
-    [429] = { contract.message.serviceTemporarilyUnavailable, "1" },
     [500] = { "Base.1.12.InternalError" },
     [501] = { "ExtendedError.1.2.MethodNotImplemented" },
     [503] = { contract.message.serviceTemporarilyUnavailable, "1" },

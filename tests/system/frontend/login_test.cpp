@@ -416,57 +416,6 @@ TEST_F(WebLoginToASlowService, DoesNotHoldUpOtherRequests) {
     expectTheLateSessionToGo(1);
 }
 
-class WebLoginAtATime : public WebLogin {
-  protected:
-    WebLoginAtATime() {
-        usePamTest("env=PRIVILEGES=511");
-        holdPam();
-    }
-    void startLogin(const std::string& sourceAddress) {
-        threads_.emplace_back([this, sourceAddress] {
-            try {
-                EXPECT_EQ(newClient({.sourceAddress = sourceAddress}).login("any", "any").status,
-                          201);
-            } catch (const Failure& failure) {
-                ADD_FAILURE() << failure.what();
-            }
-        });
-    }
-    void waitForRequests(std::size_t count) {
-        waitUntil(std::to_string(count) + " requests are under way",
-                  [&] { return requests().size() == count; });
-    }
-    Words requests() { return store().keys("&&/frontend/*/request"); }
-
-    std::vector<std::jthread> threads_;
-};
-
-TEST_F(WebLoginAtATime, IsUnderWayTwiceForAnAddressAndNotInTheWayOfOthers) {
-    for (int i = 0; i < 4; ++i) {
-        startLogin("127.0.0.1");
-    }
-    waitForRequests(2);
-    startLogin("127.0.0.2");
-    waitForRequests(3);
-    startLogin("127.0.0.2");
-    waitForRequests(4);
-    releasePam();
-    threads_.clear();
-    EXPECT_EQ(store().llen(membersKey), 6);
-}
-
-TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
-    startLogin("127.0.0.1");
-    waitUntilPamHolds();
-    const Words keys = store().keys(requestKeys);
-    EXPECT_EQ(keys.size(), 3U);
-    for (const std::string& key : keys) {
-        EXPECT_GT(store().run({"TTL", key}).integer, 0) << key;
-    }
-    releasePam();
-    threads_.clear();
-}
-
 TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
     Monitor monitor = controller.monitor();
     store().run({"CONFIG", "SET", "maxmemory", "1"});
@@ -631,49 +580,6 @@ TEST_F(WebLogin, TakesBodiesOf64KibibytesAndNoLongerOnes) {
         EXPECT_EQ(messageIds(answer), Words{"Base.1.12.PayloadTooLarge"});
     }
     EXPECT_EQ(store().llen(membersKey), 2);
-}
-
-// --- the rate
-
-class WebLoginRate : public WebLogin {
-  protected:
-    WebLoginRate() {
-        limit("rate=100000r/s", "rate=1r/m");
-        limit("burst=10000", "burst=1");
-    }
-    void expectTooMany(const HttpResponse& answer) {
-        EXPECT_EQ(answer.status, 429);
-        EXPECT_EQ(messageIds(answer), Words{"Base.1.12.ServiceTemporarilyUnavailable"});
-        EXPECT_NE(answer.header("retry-after"), "");
-        EXPECT_EQ(answer.token(), "");
-    }
-    HttpResponse basicGet(HttpClient asking) {
-        asking.useBasic(reader.name, reader.password);
-        return asking.get(serviceUri);
-    }
-};
-
-TEST_F(WebLoginRate, IsLimitedForAnAddressAndNotForAnother) {
-    EXPECT_EQ(login().status, 201);
-    EXPECT_EQ(newClient().post(sessionsUri + std::string("/Members"), "{}").status, 400);
-    expectTooMany(newClient().login(administrator.name, administrator.password));
-    expectTooMany(newClient().post(sessionsUri + std::string("/Members"), "{}"));
-    expectTooMany(basicGet(newClient()));
-    // Requests with a token are no logins.
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(client().get(serviceUri).status, 200);
-    }
-    HttpClient elsewhere = newClient({.sourceAddress = "127.0.0.9"});
-    EXPECT_EQ(elsewhere.login(reader.name, reader.password).status, 201);
-    EXPECT_EQ(store().llen(membersKey), 2);
-}
-
-TEST_F(WebLoginRate, CountsRequestsWithCredentials) {
-    EXPECT_EQ(basicGet(newClient()).status, 200);
-    EXPECT_EQ(basicGet(newClient()).status, 200);
-    expectTooMany(basicGet(newClient()));
-    expectTooMany(login());
-    EXPECT_EQ(store().llen(membersKey), 0);
 }
 
 // --- logging out

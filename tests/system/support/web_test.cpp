@@ -42,10 +42,7 @@ bool containsToken(const std::string& text) {
 
 }  // namespace
 
-WebTest::WebTest(const ControllerOptions& options) : SystemTest(options) {
-    limit("rate=5r/s", "rate=100000r/s");
-    limit("burst=20", "burst=10000");
-}
+WebTest::WebTest(const ControllerOptions& options) : SystemTest(options) {}
 
 void WebTest::SetUp() {
     start();
