@@ -1,12 +1,16 @@
 #include <algorithm>
 
-#include "frame/file_names.h"
+#include "auth/group_settings.h"
+#include "auth/pam_login.h"
+#include "frame/configuration.h"
+#include "service/persistent_properties.h"
 #include "sessionctl/check_files.h"
 #include "sessionctl/check_store.h"
 #include "sessionctl/commands.h"
 #include "sessionctl/output.h"
 #include "sessionctl/pam_service.h"
 #include "sessionctl/store_access.h"
+#include "sessions/create_session.h"
 
 namespace session_service::console {
 namespace {
@@ -14,17 +18,17 @@ namespace {
 using nlohmann::json;
 
 // What lies in the store is left out when that cannot be reached.
-void checkStore(Report& report, std::chrono::seconds patience) {
+void checkStore(Report& report, std::chrono::seconds timeout) {
     const char* subject = "store";
     try {
-        const OpenStore opened = openStore(patience);
-        redisContext* store = opened.connection.get();
+        const OpenStore opened = openStore(timeout);
+        redisContext* connection = opened.connection.get();
         report.conclude(subject, "answers at " + opened.address);
-        checkServer(report, store);
-        checkResources(report, store);
-        checkStoredSettings(report, store);
-        checkScripts(report, store);
-        checkDaemon(report, store);
+        checkServer(report, connection);
+        checkResources(report, connection);
+        checkStoredSettings(report, connection);
+        checkScripts(report, connection);
+        checkDaemon(report, connection);
     } catch (const Problem& problem) {
         report.fail(subject, problem.what());
     }
@@ -64,9 +68,9 @@ std::string toText(const std::vector<Finding>& findings) {
 
 }  // namespace
 
-int checkSetUp(const Options& options) {
+int runCheck(const Options& options) {
     Report report;
-    checkStore(report, options.patience);
+    checkStore(report, options.timeout);
     checkConfiguration(report, configurationFile);
     checkPamService(report, pamService);
     checkGroups(report, groupFile);

@@ -9,25 +9,24 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string_view>
 
 #include "auth/group_settings.h"
 #include "base/file_descriptor.h"
+#include "base/number.h"
 #include "base/secret.h"
 #include "base/shell.h"
 #include "base/text_file.h"
 #include "events/audit_log.h"
 #include "events/life_cycle.h"
-#include "frame/file_names.h"
+#include "frame/configuration.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
 #include "platform/config_file.h"
-#include "sessionctl/numbers.h"
 #include "sessionctl/output.h"
 #include "store/commands.h"
+#include "store/resource_names.h"
 
 namespace session_service::console {
 namespace {
@@ -39,7 +38,6 @@ using Lines = std::vector<std::string>;
 std::optional<Lines> readFile(Report& report, const char* path, Result severity,
                               const char* consequence) {
     Lines lines;
-    errno = 0;
     const ReadOutcome outcome = readLines(path, [&](const std::string& line) {
         lines.push_back(line);
         return true;
@@ -47,8 +45,7 @@ std::optional<Lines> readFile(Report& report, const char* path, Result severity,
     if (outcome.status == ReadStatus::complete) {
         return lines;
     }
-    const int error = outcome.status == ReadStatus::failed ? outcome.error : errno;
-    const std::string text = std::string(std::strerror(error)) + ": " + consequence;
+    const std::string text = std::string(std::strerror(outcome.error)) + ": " + consequence;
     if (severity == Result::warning) {
         report.warn(path, text);
     } else {
@@ -71,15 +68,16 @@ std::string lineNumber(std::size_t index) {
 
 // A setting as the daemon reads it; nothing when the file lacks it.
 std::optional<std::string> readSetting(Report& report, const char* path, const char* key) {
-    std::array<char, 2 * settingSize> value{};
+    std::array<char, 2 * maxSettingSize> value{};
     if (getPropertyValue(path, "=", key, value.data(), value.size()) != 0) {
         return std::nullopt;
     }
     std::string text = value.data();
-    if (text.size() >= settingSize) {
-        report.warn(path, std::string(key) + " is longer than " + std::to_string(settingSize - 1) +
+    if (text.size() >= maxSettingSize) {
+        report.warn(path, std::string(key) + " is longer than " +
+                              std::to_string(maxSettingSize - 1) +
                               " characters: the rest is cut off.");
-        text.resize(settingSize - 1);
+        text.resize(maxSettingSize - 1);
     }
     return text;
 }
@@ -120,15 +118,15 @@ void checkLog(Report& report, const char* path) {
         report.warn(path,
                     std::string(logFileSetting) + " is not given: the log goes to standard error.");
     } else if (const std::string fault = logFault(logFile); !fault.empty()) {
-        report.fail(path, std::string(logFileSetting) + ": " + harmless(logFile) +
+        report.fail(path, std::string(logFileSetting) + ": " + escaped(logFile) +
                               " cannot be written (" + fault +
                               "): the log goes to standard error.");
     }
     const std::string size = readSetting(report, path, logSizeSetting).value_or("");
-    const std::int32_t bytes = leadingNumber(size).value_or(-1);
+    const std::int32_t bytes = parseNumber(size).value.value_or(-1);
     if (!size.empty() && bytes < 0) {
         report.warn(path, std::string(logSizeSetting) + " is no number: the log is not rotated.");
-    } else if (!size.empty() && !isPlain(size, bytes)) {
+    } else if (!size.empty() && !isPlainNumber(size, bytes)) {
         report.warn(
             path, std::string(logSizeSetting) + " counts as " + std::to_string(bytes) + " bytes.");
     }
@@ -187,14 +185,8 @@ bool givesSeconds(const std::string& line, const std::string& property) {
         return false;
     }
     const std::vector<std::string> value = wordsOf(line.substr(separator + 1));
-    const std::int32_t seconds = value.size() == 1 ? leadingNumber(value[0]).value_or(0) : 0;
-    return separator + 1 == line.size() || (seconds > 0 && isPlain(value[0], seconds));
-}
-
-bool startsWithNumber(const std::string& text) {
-    char* end = nullptr;
-    std::strtol(text.c_str(), &end, 0);
-    return end != text.c_str();
+    const std::int32_t seconds = value.size() == 1 ? parseNumber(value[0]).value.value_or(0) : 0;
+    return separator + 1 == line.size() || (seconds > 0 && isPlainNumber(value[0], seconds));
 }
 
 }  // namespace
@@ -236,7 +228,7 @@ void checkPrivileges(Report& report, const char* path) {
                 if (!contains(line, key)) {
                     continue;
                 }
-                if (!startsWithNumber(line.substr(key.size()))) {
+                if (!parsePrefixedInteger(line.substr(key.size())).hasDigits) {
                     report.fail(path, lineNumber(i) + " takes all privileges away: it must read " +
                                           std::string(key) + "NUMBER, from the line's start.");
                 } else if (!line.starts_with(key)) {

@@ -3,21 +3,24 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string_view>
 
+#include "base/number.h"
 #include "events/audit_log.h"
+#include "events/event_group.h"
 #include "events/life_cycle.h"
-#include "frame/file_names.h"
-#include "frame/resource_names.h"
+#include "frame/configuration.h"
 #include "platform/config_file.h"
-#include "sessionctl/numbers.h"
+#include "protocol/replies.h"
+#include "protocol/request_channels.h"
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
 #include "sessionctl/store_access.h"
+#include "sessions/collection.h"
 #include "sessions/create_session.h"
 #include "sessions/records.h"
+#include "store/resource_names.h"
 
 namespace session_service::console {
 namespace {
@@ -37,10 +40,11 @@ std::string infoOf(const std::string& information, const std::string& name) {
 }
 
 // The hash at the key. Nothing, with the reason told, when there is none.
-std::optional<Fields> readResource(Report& report, redisContext* store, const std::string& key) {
-    const store::Answer answer = ask(store, {"HGETALL", key});
+std::optional<Fields> readResource(Report& report, redisContext* connection,
+                                   const std::string& key) {
+    const store::Answer answer = ask(connection, {"HGETALL", key});
     if (answer.kind == Kind::refused) {
-        report.fail(key, harmless(answer.text) + ": remove the key. " + seedAdvice);
+        report.fail(key, escaped(answer.text) + ": remove the key. " + seedAdvice);
         return std::nullopt;
     }
     if (answer.elements.empty()) {
@@ -50,15 +54,15 @@ std::optional<Fields> readResource(Report& report, redisContext* store, const st
     return store::fieldsOf(answer);
 }
 
-void checkService(Report& report, redisContext* store) {
-    if (const auto service = readResource(report, store, serviceUri)) {
+void checkService(Report& report, redisContext* connection) {
+    if (const auto service = readResource(report, connection, serviceUri)) {
         const std::string timeout = fieldOf(*service, sessionTimeoutField);
         const std::string found =
-            std::string(sessionTimeoutField) + " is \"" + harmless(timeout) + "\"";
+            std::string(sessionTimeoutField) + " is \"" + escaped(timeout) + "\"";
         const std::int32_t seconds = parseSeconds(timeout);
         if (seconds <= 0) {
             report.fail(serviceUri, found + ": sessions expire at once. Give it seconds.");
-        } else if (!isPlain(timeout, seconds)) {
+        } else if (!isPlainNumber(timeout, seconds)) {
             report.warn(serviceUri, found + ", which counts as " + std::to_string(seconds) + ".");
         }
         const std::string enabled = fieldOf(*service, serviceEnabledField);
@@ -66,8 +70,8 @@ void checkService(Report& report, redisContext* store) {
             report.warn(serviceUri, std::string(serviceEnabledField) +
                                         " is false: logins and deletions are refused.");
         } else if (enabled != "true") {
-            report.warn(serviceUri, std::string(serviceEnabledField) + " is \"" +
-                                        harmless(enabled) + "\", which counts as true.");
+            report.warn(serviceUri, std::string(serviceEnabledField) + " is \"" + escaped(enabled) +
+                                        "\", which counts as true.");
         }
     }
     report.conclude(serviceUri, "there, enabled, with a timeout");
@@ -80,8 +84,8 @@ std::string adviceFor(const SessionView& view) {
     return view.fault == noSessionRecord ? "; \"sessionctl delete\" it" : "";
 }
 
-void checkMembers(Report& report, redisContext* store, std::int32_t count) {
-    const std::vector<std::string> members = readMembers(store);
+void checkMembers(Report& report, redisContext* connection, std::int32_t count) {
+    const std::vector<std::string> members = readMembers(connection);
     if (static_cast<std::size_t>(count) != members.size()) {
         report.warn(collectionUri, membersCountField + " is " + std::to_string(count) +
                                        ", but the list has " + std::to_string(members.size()) +
@@ -89,11 +93,11 @@ void checkMembers(Report& report, redisContext* store, std::int32_t count) {
     }
     int taken = 0;
     for (const std::string& member : members) {
-        const SessionView view = readMember(store, member);
+        const SessionView view = readMember(connection, member);
         taken += view.counted ? 1 : 0;
         if (!view.fault.empty()) {
             report.warn(collectionUri,
-                        "Member " + harmless(view.id) + ": " + view.fault + adviceFor(view) + ".");
+                        "Member " + escaped(view.id) + ": " + view.fault + adviceFor(view) + ".");
         }
     }
     if (taken >= maxSessions) {
@@ -103,21 +107,21 @@ void checkMembers(Report& report, redisContext* store, std::int32_t count) {
     }
 }
 
-void checkCollection(Report& report, redisContext* store) {
-    if (const auto collection = readResource(report, store, collectionUri)) {
+void checkCollection(Report& report, redisContext* connection) {
+    if (const auto collection = readResource(report, connection, collectionUri)) {
         const std::string stored = fieldOf(*collection, membersCountField);
-        const auto count = leadingNumber(stored);
+        const auto count = parseNumber(stored).value;
         if (stored.empty()) {
             report.fail(collectionUri, membersCountField +
                                            " is missing: deletions leave members behind. Set it to "
                                            "their number.");
-        } else if (!count || !isPlain(stored, *count)) {
-            report.warn(collectionUri, membersCountField + " is \"" + harmless(stored) +
+        } else if (!count || !isPlainNumber(stored, *count)) {
+            report.warn(collectionUri, membersCountField + " is \"" + escaped(stored) +
                                            "\", with which the store cannot count. Set it to the "
                                            "number of members.");
         } else {
             try {
-                checkMembers(report, store, *count);
+                checkMembers(report, connection, *count);
             } catch (const Problem& problem) {
                 if (problem.status == storeUnreachable) {
                     throw;
@@ -130,19 +134,19 @@ void checkCollection(Report& report, redisContext* store) {
 }
 
 std::string configured(const char* setting) {
-    return getConfigValue(configurationFile, setting, settingSize);
+    return getConfigValue(configurationFile, setting, maxSettingSize);
 }
 
 // One script whose digest has to be registered and loaded.
-void checkScript(Report& report, redisContext* store, const char* script) {
+void checkScript(Report& report, redisContext* connection, const char* script) {
     const std::string subject = std::string("script ") + script;
-    const store::Answer digest = ask(store, {"HGET", scriptDigestsKey, script});
+    const store::Answer digest = ask(connection, {"HGET", scriptDigestsKey, script});
     if (digest.kind != Kind::text || digest.text.empty()) {
         report.fail(subject, "It is not registered in " + scriptDigestsKey +
                                  ": start the service that loads it.");
         return;
     }
-    const store::Answer known = ask(store, {"SCRIPT", "EXISTS", digest.text});
+    const store::Answer known = ask(connection, {"SCRIPT", "EXISTS", digest.text});
     if (known.elements.size() != 1 || known.elements.front().integer != 1) {
         report.fail(subject,
                     "It is registered, but not loaded, as after a restart of the store: "
@@ -151,11 +155,11 @@ void checkScript(Report& report, redisContext* store, const char* script) {
     report.conclude(subject, "registered and loaded");
 }
 
-void checkQueue(Report& report, redisContext* store, const std::string& queue,
+void checkQueue(Report& report, redisContext* connection, const std::string& queue,
                 const std::string& channel) {
-    const store::Answer answer = ask(store, {"LRANGE", queue, "0", "-1"});
+    const store::Answer answer = ask(connection, {"LRANGE", queue, "0", "-1"});
     if (answer.kind == Kind::refused) {
-        report.fail(queue, harmless(answer.text) + ": remove the key, and start the daemon again.");
+        report.fail(queue, escaped(answer.text) + ": remove the key, and start the daemon again.");
     } else if (answer.elements.empty()) {
         report.fail(queue, "It is empty: front ends do not find the daemon. Start it again.");
     } else if (!std::all_of(
@@ -169,70 +173,70 @@ void checkQueue(Report& report, redisContext* store, const std::string& queue,
 
 }  // namespace
 
-void checkServer(Report& report, redisContext* store) {
+void checkServer(Report& report, redisContext* connection) {
     const std::string subject = "Redis server";
-    const std::string information = ask(store, {"INFO"}).text;
+    const std::string information = ask(connection, {"INFO"}).text;
     const std::string version = infoOf(information, "redis_version");
-    constexpr long leastVersion = 4;
-    if (std::strtol(version.c_str(), nullptr, 10) < leastVersion) {
-        report.fail(subject, "Its version is \"" + harmless(version) + "\"; " +
-                                 std::to_string(leastVersion) + ".0 is the least.");
+    constexpr std::int64_t minVersion = 4;
+    if (parseInteger(version).value < minVersion) {
+        report.fail(subject, "Its version is \"" + escaped(version) + "\"; " +
+                                 std::to_string(minVersion) + ".0 is the least.");
     }
     if (infoOf(information, "role") == "slave") {
         report.fail(subject, "It is a replica and may refuse writes: use the primary server.");
     }
-    report.conclude(subject, "version " + harmless(version));
+    report.conclude(subject, "version " + escaped(version));
 }
 
-void checkResources(Report& report, redisContext* store) {
-    checkService(report, store);
-    checkCollection(report, store);
+void checkResources(Report& report, redisContext* connection) {
+    checkService(report, connection);
+    checkCollection(report, connection);
 }
 
-void checkStoredSettings(Report& report, redisContext* store) {
-    const store::Answer answer = ask(store, {"HGETALL", defaultValuesKey});
+void checkStoredSettings(Report& report, redisContext* connection) {
+    const store::Answer answer = ask(connection, {"HGETALL", defaultValuesKey});
     const Fields settings = store::fieldsOf(answer);
     if (answer.kind == Kind::refused) {
-        report.warn(defaultValuesKey, harmless(answer.text) + ": the built-in values count.");
+        report.warn(defaultValuesKey, escaped(answer.text) + ": the built-in values count.");
     }
     const std::string lifetime = fieldOf(settings, messageLifetimeField);
-    if (!lifetime.empty() && std::strtoll(lifetime.c_str(), nullptr, 10) <= 0) {
+    if (!lifetime.empty() && parseInteger(lifetime).value <= 0) {
         report.warn(defaultValuesKey, std::string(messageLifetimeField) +
                                           " is no positive number: messages live for one second.");
     }
-    const std::string largest = fieldOf(settings, maxEventGroupField);
-    if (!largest.empty() &&
-        (largest.find('.') != std::string::npos || leadingNumber(largest).value_or(0) <= 0)) {
+    const std::string maxId = fieldOf(settings, maxEventGroupField);
+    if (!maxId.empty() &&
+        (maxId.find('.') != std::string::npos || parseNumber(maxId).value.value_or(0) <= 0)) {
         report.warn(defaultValuesKey, std::string(maxEventGroupField) +
                                           " is no positive number: the built-in value counts.");
     }
     report.conclude(defaultValuesKey, "no bad values");
 }
 
-void checkScripts(Report& report, redisContext* store) {
+void checkScripts(Report& report, redisContext* connection) {
     if (configured(eventSetting) != "false") {
-        checkScript(report, store, eventScript);
+        checkScript(report, connection, eventScript);
     }
     const std::string collection = configured(auditSetting);
     if (collection.empty()) {
         return;
     }
-    if (ask(store, {"EXISTS", collection}).integer == 1) {
-        checkScript(report, store, auditScript);
+    if (ask(connection, {"EXISTS", collection}).integer == 1) {
+        checkScript(report, connection, auditScript);
     } else {
         report.warn(auditSetting,
-                    harmless(collection) + " is not in the store: there are no audit entries.");
+                    escaped(collection) + " is not in the store: there are no audit entries.");
     }
 }
 
-void checkDaemon(Report& report, redisContext* store) {
-    checkQueue(report, store, createQueue, createChannel);
-    checkQueue(report, store, deleteQueue, deleteChannel);
-    checkQueue(report, store, patchQueue, patchChannel);
+void checkDaemon(Report& report, redisContext* connection) {
+    checkQueue(report, connection, createQueue, createChannel);
+    checkQueue(report, connection, deleteQueue, deleteChannel);
+    checkQueue(report, connection, patchQueue, patchChannel);
 
     const std::string subject = "daemon";
     const store::Answer counts =
-        ask(store, {"PUBSUB", "NUMSUB", createChannel, deleteChannel, patchChannel});
+        ask(connection, {"PUBSUB", "NUMSUB", createChannel, deleteChannel, patchChannel});
     const std::array<const char*, 3> tasks{"logins", "deletions", "changes"};
     for (std::size_t i = 0; i < tasks.size(); ++i) {
         const long long listeners =

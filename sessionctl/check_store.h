@@ -10,18 +10,18 @@ struct redisContext;
 namespace session_service::console {
 
 // The server's version, and that it takes writes.
-void checkServer(Report& report, redisContext* store);
+void checkServer(Report& report, redisContext* connection);
 
 // The service resource, the collection and its members, and the places that are left.
-void checkResources(Report& report, redisContext* store);
+void checkResources(Report& report, redisContext* connection);
 
 // The settings that lie in the store.
-void checkStoredSettings(Report& report, redisContext* store);
+void checkStoredSettings(Report& report, redisContext* connection);
 
 // The scripts of the event and log services, as far as the configuration asks for them.
-void checkScripts(Report& report, redisContext* store);
+void checkScripts(Report& report, redisContext* connection);
 
 // The queues that name the channels, and the daemon at their ends.
-void checkDaemon(Report& report, redisContext* store);
+void checkDaemon(Report& report, redisContext* connection);
 
 }  // namespace session_service::console

@@ -9,23 +9,23 @@ namespace session_service::console {
 
 struct Options {
     bool json = false;
-    std::chrono::seconds patience{10};  // with the store and with the daemon's reply
+    std::chrono::seconds timeout{10};  // with the store and with the daemon's reply
 };
 
-int listSessions(const Options& options);
+int runList(const Options& options);
 
-int showSession(const Options& options, const std::string& id);
+int runShow(const Options& options, const std::string& id);
 
 // Sends a deletion through the daemon, as a front end does. A member of the collection
 // without a session record can be deleted, too.
-int removeSession(const Options& options, const std::string& id);
+int runDelete(const Options& options, const std::string& id);
 
 // Asks for the password and tries it as the daemon would; makes no session.
-int tryLogin(const Options& options, const std::string& user);
+int runLogin(const Options& options, const std::string& user);
 
 // Follows the collection until SIGINT or SIGTERM, or until nobody reads the output any more.
-int watchSessions(const Options& options);
+int runWatch(const Options& options);
 
-int checkSetUp(const Options& options);
+int runCheck(const Options& options);
 
 }  // namespace session_service::console

@@ -67,11 +67,11 @@ std::string describe(const SessionView& view, bool member) {
 
 }  // namespace
 
-int listSessions(const Options& options) {
-    const OpenStore store = openStore(options.patience);
+int runList(const Options& options) {
+    const OpenStore connection = openStore(options.timeout);
     std::vector<SessionView> views;
-    for (const std::string& member : readMembers(store.connection.get())) {
-        views.push_back(readMember(store.connection.get(), member));
+    for (const std::string& member : readMembers(connection.connection.get())) {
+        views.push_back(readMember(connection.connection.get(), member));
     }
     if (options.json) {
         json sessions = json::array();
@@ -91,13 +91,13 @@ int listSessions(const Options& options) {
                : failed;
 }
 
-int showSession(const Options& options, const std::string& id) {
-    const OpenStore store = openStore(options.patience);
-    const SessionView view = readSession(store.connection.get(), id);
-    const std::vector<std::string> members = readMembers(store.connection.get());
+int runShow(const Options& options, const std::string& id) {
+    const OpenStore connection = openStore(options.timeout);
+    const SessionView view = readSession(connection.connection.get(), id);
+    const std::vector<std::string> members = readMembers(connection.connection.get());
     const bool member = std::find(members.begin(), members.end(), memberOf(id)) != members.end();
     if (!view.recorded && !member) {
-        throw Problem(failed, "There is no session " + harmless(id) + ".");
+        throw Problem(failed, "There is no session " + escaped(id) + ".");
     }
     if (!options.json) {
         return print(describe(view, member)) ? done : failed;

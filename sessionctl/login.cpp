@@ -74,17 +74,17 @@ struct Verdict {
     std::string source;
 };
 
-Verdict judge(int result, const std::string& privilegeText, const LoginFindings& findings) {
+Verdict judge(const LoginResult& login) {
     Verdict verdict;
-    if (result == loginRefused) {
-        verdict.reason = std::string(findings.refusedBy) + ": " + findings.reason;
+    if (login.decision == LoginDecision::refused) {
+        verdict.reason = login.refusedBy + ": " + login.reason;
         return verdict;
     }
-    verdict.mustChangePassword = result == loginNeedsNewPassword;
-    verdict.source = sourceText(findings.source);
-    if (!privilegeText.empty()) {
-        verdict.privilege = parseUserPrivilege(privilegeText);
-        verdict.role = roleOf(verdict.privilege, findings.source);
+    verdict.mustChangePassword = login.decision == LoginDecision::mustChangePassword;
+    verdict.source = sourceText(login.source);
+    if (!login.privilege.empty()) {
+        verdict.privilege = parseUserPrivilege(login.privilege);
+        verdict.role = roleOf(verdict.privilege, login.source);
     }
     verdict.admitted = hasRequiredPrivilege(verdict.privilege, {loginPrivilege.mask});
     if (!verdict.admitted) {
@@ -127,26 +127,22 @@ bool report(const Options& options, const std::string& user, const Verdict& verd
 
 }  // namespace
 
-int tryLogin(const Options& options, const std::string& user) {
+int runLogin(const Options& options, const std::string& user) {
     disableCoreDumps();
     if (geteuid() != 0) {
         std::fputs("sessionctl: not run as root, as the daemon is; PAM may answer otherwise.\n",
                    stderr);
     }
-    const SecretText password = readPassword("Password of " + harmless(user) + ": ");
+    const SecretText password = readPassword("Password of " + escaped(user) + ": ");
     saveProcessState();
-    constexpr int privilegeSize = 512;
-    std::array<char, privilegeSize> privilege{};
-    LoginFindings findings;
-    int result = loginRefused;
+    LoginResult login;
     {
         // What modules tell the user belongs to no document, and nobody answers the daemon's.
         const Redirection messages(STDOUT_FILENO, STDERR_FILENO);
         const Redirection answers(STDIN_FILENO, openNowhere().get());
-        result = authenticateUser(user.c_str(), password.text.c_str(), "", privilege.data(),
-                                  privilegeSize, findings);
+        login = authenticateUser(user, password.text, "");
     }
-    const Verdict verdict = judge(result, privilege.data(), findings);
+    const Verdict verdict = judge(login);
     return report(options, user, verdict) && verdict.admitted ? done : failed;
 }
 

@@ -10,9 +10,9 @@
 
 #include "base/process_state.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
 #include "sessionctl/commands.h"
 #include "sessionctl/output.h"
+#include "sessions/records.h"
 
 namespace session_service::console {
 namespace {
@@ -37,12 +37,13 @@ constexpr const char* usage =
     throw Problem(wrongUsage, sentence + " See \"sessionctl --help\".");
 }
 
-std::chrono::seconds parseSeconds(std::string_view text) {
-    constexpr int most = 3600;
+std::chrono::seconds parseTimeout(std::string_view text) {
+    constexpr int maxSeconds = 3600;
     int seconds = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size() || seconds < 1 || seconds > most) {
-        misused("--timeout takes a number from 1 to " + std::to_string(most) + ".");
+    if (error != std::errc() || end != text.data() + text.size() || seconds < 1 ||
+        seconds > maxSeconds) {
+        misused("--timeout takes a number from 1 to " + std::to_string(maxSeconds) + ".");
     }
     return std::chrono::seconds(seconds);
 }
@@ -54,20 +55,20 @@ std::string parseIdentifier(std::string text) {
         text.erase(0, sessionUriPrefix.size());
     }
     if (text.empty() || text.find('/') != std::string::npos) {
-        misused("\"" + harmless(text) + "\" is no session identifier.");
+        misused("\"" + escaped(text) + "\" is no session identifier.");
     }
     return text;
 }
 
 int runPlain(const Options& options, const std::string& command) {
     if (command == "list") {
-        return listSessions(options);
+        return runList(options);
     }
     if (command == "watch") {
-        return watchSessions(options);
+        return runWatch(options);
     }
     if (command == "check") {
-        return checkSetUp(options);
+        return runCheck(options);
     }
     if (command == "show" || command == "delete") {
         misused("\"" + command + "\" takes the identifier of a session.");
@@ -75,20 +76,20 @@ int runPlain(const Options& options, const std::string& command) {
     if (command == "login") {
         misused("\"" + command + "\" takes the name of a user.");
     }
-    misused("\"" + harmless(command) + "\" is no command.");
+    misused("\"" + escaped(command) + "\" is no command.");
 }
 
 int runWith(const Options& options, const std::string& command, const std::string& argument) {
     if (command == "show") {
-        return showSession(options, parseIdentifier(argument));
+        return runShow(options, parseIdentifier(argument));
     }
     if (command == "delete") {
-        return removeSession(options, parseIdentifier(argument));
+        return runDelete(options, parseIdentifier(argument));
     }
     if (command == "login") {
-        return tryLogin(options, argument);
+        return runLogin(options, argument);
     }
-    misused("\"" + harmless(command) + "\" is no command that takes an argument.");
+    misused("\"" + escaped(command) + "\" is no command that takes an argument.");
 }
 
 int run(int argumentCount, char** arguments, Options& options) {
@@ -107,7 +108,7 @@ int run(int argumentCount, char** arguments, Options& options) {
                 options.json = true;
                 break;
             case timeout:
-                options.patience = parseSeconds(optarg);
+                options.timeout = parseTimeout(optarg);
                 break;
             case help:
                 return print(usage) ? done : failed;
@@ -117,7 +118,7 @@ int run(int argumentCount, char** arguments, Options& options) {
                 const bool isLetter = optopt != 0 && optopt < json;
                 const std::string refused = isLetter ? std::string{'-', static_cast<char>(optopt)}
                                                      : std::string(arguments[optind - 1]);
-                misused("\"" + harmless(refused) + "\" is no option, or lacks its value.");
+                misused("\"" + escaped(refused) + "\" is no option, or lacks its value.");
             }
         }
     }

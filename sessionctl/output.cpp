@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
 namespace session_service::console {
 
-std::string harmless(std::string_view text) {
+std::string escaped(std::string_view text) {
     constexpr std::string_view digits = "0123456789abcdef";
     std::string shown;
     shown.reserve(text.size());
@@ -54,7 +55,7 @@ std::string tableText(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
         Row& cells = shown.emplace_back();
         for (const std::string& cell : row) {
-            cells.push_back(cell.empty() && cells.size() + 1 < row.size() ? "-" : harmless(cell));
+            cells.push_back(cell.empty() && cells.size() + 1 < row.size() ? "-" : escaped(cell));
         }
         widths.resize(std::max(widths.size(), cells.size()));
         for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
@@ -80,9 +81,13 @@ std::string jsonText(const nlohmann::json& document, int indentation) {
     return document.dump(indentation, ' ', true, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
+int writeOutput(const std::string& text) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    return written && std::fflush(stdout) == 0 ? 0 : errno;
+}
+
 bool print(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    return writeOutput(text) == 0;
 }
 
 }  // namespace session_service::console

@@ -24,13 +24,13 @@ struct Problem : std::runtime_error {
 
 // The text with everything but printable ASCII as \xNN, and a backslash doubled: what
 // comes from the store or a file must not steer the terminal, of whatever encoding that is.
-std::string harmless(std::string_view text);
+std::string escaped(std::string_view text);
 
 // The seconds as "45s", "3m05s", "2h00m" or "1d04h", with a "-" in front of a negative number.
 std::string durationText(long long seconds);
 
 using Row = std::vector<std::string>;
-// The rows as lines, their cells made harmless and in columns; a row's last cell takes the room
+// The rows as lines, their cells made escaped and in columns; a row's last cell takes the room
 // that it needs. An empty cell is a "-", a row's last one nothing.
 std::string tableText(const std::vector<Row>& rows);
 
@@ -38,7 +38,10 @@ std::string tableText(const std::vector<Row>& rows);
 // An indentation of -1 gives one line.
 std::string jsonText(const nlohmann::json& document, int indentation = 2);
 
-// Writes to standard output and hands over at once. False when that cannot be written.
+// Writes to standard output and hands over at once. Returns 0, or the errno that says why it cannot
+// be written.
+int writeOutput(const std::string& text);
+// The same; whether it was written.
 bool print(const std::string& text);
 
 }  // namespace session_service::console

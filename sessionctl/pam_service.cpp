@@ -94,7 +94,7 @@ class ServiceCheck {
         }
         const auto lines = readService(service);
         if (!lines) {
-            report.fail(subject, harmless(service) + " is not there, or cannot be read.");
+            report.fail(subject, escaped(service) + " is not there, or cannot be read.");
             complete = false;
             return;
         }
@@ -142,7 +142,7 @@ class ServiceCheck {
             access(path.c_str(), R_OK) == 0) {
             return;
         }
-        report.fail(subject, "The module " + harmless(path) +
+        report.fail(subject, "The module " + escaped(path) +
                                  " is not there: install it, or "
                                  "take its rule out.");
     }

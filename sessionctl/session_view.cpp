@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "base/secret.h"
-#include "frame/resource_names.h"
 #include "sessionctl/output.h"
 #include "sessionctl/store_access.h"
 #include "sessions/collection.h"
 #include "sessions/records.h"
+#include "store/resource_names.h"
 
 namespace session_service::console {
 namespace {
@@ -17,7 +17,7 @@ using Kind = store::Answer::Kind;
 std::string faultOf(const store::Answer& refusal, const char* key) {
     return key + (refusal.text.starts_with("WRONGTYPE")
                       ? std::string(" is no hash")
-                      : " cannot be read: " + harmless(refusal.text));
+                      : " cannot be read: " + escaped(refusal.text));
 }
 
 long long secondsOf(const Fields& fields, const char* name) {
@@ -26,16 +26,17 @@ long long secondsOf(const Fields& fields, const char* name) {
 
 // Reads the token's record. What keeps the daemon from telling when the session was used
 // counts as 0 there, so that the session expires.
-void readTokenRecord(redisContext* store, const std::string& uri, SessionView& view) {
-    store::Answer reference = ask(store, {"HGET", tokenReferencePrefix + uri, tokenReferenceField});
+void readTokenRecord(redisContext* connection, const std::string& uri, SessionView& view) {
+    store::Answer reference =
+        ask(connection, {"HGET", tokenReferenceKeyOf(uri), tokenReferenceField});
     const SecretText quoted{reference.kind == Kind::text ? std::move(reference.text)
                                                          : std::string()};
     if (quoted.text.empty()) {
         view.fault = "no token";
     } else {
         const SecretText token{stripQuotes(quoted.text)};
-        const SecretText key{tokenRecordPrefix + token.text};
-        const store::Answer answer = ask(store, {"HGETALL", key.text});
+        const SecretText key = tokenRecordKeyOf(token.text);
+        const store::Answer answer = ask(connection, {"HGETALL", key.text});
         view.tokenRecord = store::fieldsOf(answer);
         if (answer.kind == Kind::refused) {
             view.fault = faultOf(answer, "its token record");
@@ -52,11 +53,11 @@ void readTokenRecord(redisContext* store, const std::string& uri, SessionView& v
 
 }  // namespace
 
-std::vector<std::string> readMembers(redisContext* store) {
-    const store::Answer answer = ask(store, {"LRANGE", membersKey, "0", "-1"});
+std::vector<std::string> readMembers(redisContext* connection) {
+    const store::Answer answer = ask(connection, {"LRANGE", membersKey, "0", "-1"});
     if (answer.kind == Kind::refused) {
         throw Problem(failed, "The list of sessions, " + membersKey +
-                                  ", cannot be read: " + harmless(answer.text) + ".");
+                                  ", cannot be read: " + escaped(answer.text) + ".");
     }
     std::vector<std::string> members;
     for (const store::Answer& element : answer.elements) {
@@ -65,18 +66,18 @@ std::vector<std::string> readMembers(redisContext* store) {
     return members;
 }
 
-SessionView readMember(redisContext* store, const std::string& member) {
+SessionView readMember(redisContext* connection, const std::string& member) {
     const std::string prefix = memberOf("");
     const std::string id = member.starts_with(prefix) ? member.substr(prefix.size()) : "";
     if (id.empty() || id.find('/') != std::string::npos) {
         return {.id = member, .fault = namesNoSession};
     }
-    return readSession(store, id);
+    return readSession(connection, id);
 }
 
-SessionView readSession(redisContext* store, const std::string& id) {
+SessionView readSession(redisContext* connection, const std::string& id) {
     const std::string uri = sessionUriOf(id);
-    const store::Answer answer = ask(store, {"HGETALL", uri});
+    const store::Answer answer = ask(connection, {"HGETALL", uri});
     SessionView view{.id = id, .resource = store::fieldsOf(answer)};
     if (view.resource.empty()) {
         view.fault = answer.kind == Kind::refused ? faultOf(answer, "its key") : noSessionRecord;
@@ -86,7 +87,7 @@ SessionView readSession(redisContext* store, const std::string& id) {
     view.user = plainValue(fieldOf(view.resource, userNameField));
     view.client = plainValue(fieldOf(view.resource, clientAddressField));
     view.counted = fieldOf(view.resource, sessionTypeField) == redfishSessionType;
-    readTokenRecord(store, uri, view);
+    readTokenRecord(connection, uri, view);
     if (!view.counted) {
         view.expiresIn.reset();
         view.fault = "not of type Redfish: it never expires";

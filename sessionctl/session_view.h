@@ -29,16 +29,16 @@ struct SessionView {
 // The members of the collection as its list has them, newest first.
 // All functions here throw Problem when the store does not answer; this one also when the
 // list is none.
-std::vector<std::string> readMembers(redisContext* store);
+std::vector<std::string> readMembers(redisContext* connection);
 
 // Faults of a member that can be mended.
 inline constexpr const char* namesNoSession = "names no session";
 inline constexpr const char* noSessionRecord = "no session record";
 
 // The session that a member of the list names, or what is wrong with that member.
-SessionView readMember(redisContext* store, const std::string& member);
+SessionView readMember(redisContext* connection, const std::string& member);
 
-SessionView readSession(redisContext* store, const std::string& id);
+SessionView readSession(redisContext* connection, const std::string& id);
 
 // The member of the list that names the session.
 std::string memberOf(const std::string& id);

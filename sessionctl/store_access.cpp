@@ -28,7 +28,7 @@ InfoPtr findStore() {
 
 std::string addressOf(const ConnectionInfo& info) {
     return info.connectionKind == CONNECTION_KIND_UNIX
-               ? harmless(info.socketPath)
+               ? escaped(info.socketPath)
                : "127.0.0.1, port " + std::to_string(info.port);
 }
 
@@ -44,13 +44,13 @@ void requireAnswer(const store::Answer& answer, const std::string& address,
     }
     if (answer.kind == Kind::refused) {
         const std::string reason = answer.text.substr(0, answer.text.find_first_of(end));
-        fail("The store at " + address + " refuses: " + harmless(reason) + ". " + advice);
+        fail("The store at " + address + " refuses: " + escaped(reason) + ". " + advice);
     }
 }
 
 }  // namespace
 
-OpenStore openStore(std::chrono::seconds patience) {
+OpenStore openStore(std::chrono::seconds timeout) {
     const InfoPtr info = findStore();
     if (!info) {
         fail(
@@ -66,7 +66,7 @@ OpenStore openStore(std::chrono::seconds patience) {
     if (!connection) {
         fail("Nobody listens at " + opened.address + ". Is the Redis server running?");
     }
-    if (!store::limitWaits(connection, patience)) {
+    if (!store::limitWaits(connection, timeout)) {
         fail("The time limit of the store's connection cannot be set.");
     }
     if (info->password[0] != '\0') {
@@ -82,8 +82,8 @@ OpenStore openStore(std::chrono::seconds patience) {
     return opened;
 }
 
-store::Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments) {
-    store::Answer answer = store::ask(store, arguments);
+store::Answer ask(redisContext* connection, std::initializer_list<std::string_view> arguments) {
+    store::Answer answer = store::ask(connection, arguments);
     if (answer.kind == Kind::lost) {
         fail("The store has stopped answering.");
     }

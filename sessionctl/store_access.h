@@ -16,12 +16,12 @@ struct OpenStore {
 };
 
 // Finds the store, connects and authenticates as the daemon does, and asks for a sign of
-// life. Each wait for the connection ends after `patience`.
+// life. Each wait for the connection ends after `timeout`.
 // Throws Problem, with the status storeUnreachable, when the store cannot be used.
-OpenStore openStore(std::chrono::seconds patience);
+OpenStore openStore(std::chrono::seconds timeout);
 
 // A command that the store has to answer: throws Problem, with the status
 // storeUnreachable, when it does not.
-store::Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments);
+store::Answer ask(redisContext* connection, std::initializer_list<std::string_view> arguments);
 
 }  // namespace session_service::console

@@ -17,64 +17,72 @@ namespace {
 // The store tells nobody of changes unless it is configured to.
 constexpr int pauseMilliseconds = 1000;
 
-// Whole lines have been written, and nothing is to be cleared away.
+// Whole lines have been written, and there is nothing to clean up.
 void end(int /*signal*/) {
     _exit(done);
 }
 
-bool report(const Options& options, const char* event, const SessionView& view) {
+int report(const Options& options, const char* event, const SessionView& view) {
     const std::string time = currentTimestamp();
     if (options.json) {
-        return print(jsonText({{"time", time},
-                               {"event", event},
-                               {"id", view.id},
-                               {"user", view.user},
-                               {"client", view.client}},
-                              -1));
+        return writeOutput(jsonText({{"time", time},
+                                     {"event", event},
+                                     {"id", view.id},
+                                     {"user", view.user},
+                                     {"client", view.client}},
+                                    -1));
     }
     constexpr std::size_t eventWidth = sizeof("present");
     std::string padded = event;
     padded.resize(eventWidth, ' ');
-    return print(time + "  " + padded + ' ' +
-                 tableText({{view.id, view.user, view.client, view.fault}}));
+    return writeOutput(time + "  " + padded + ' ' +
+                       tableText({{view.id, view.user, view.client, view.fault}}));
 }
 
 // By member of the collection.
 using Views = std::map<std::string, SessionView>;
 
-// Reports what changed since the last look. False when nobody reads any more.
-bool look(const Options& options, redisContext* store, const char* newcomer, Views& known) {
+// Reports what changed since the last look. Returns 0, or the error of the output.
+int look(const Options& options, redisContext* connection, const char* newcomer, Views& known) {
     Views now;
-    for (const std::string& member : readMembers(store)) {
+    for (const std::string& member : readMembers(connection)) {
         const auto found = known.find(member);
         if (found != known.end()) {
             now.insert(*found);
         } else if (now.find(member) == now.end()) {
-            const SessionView view = readMember(store, member);
+            const SessionView view = readMember(connection, member);
             now.emplace(member, view);
-            if (!report(options, newcomer, view)) {
-                return false;
+            if (const int error = report(options, newcomer, view); error != 0) {
+                return error;
             }
         }
     }
     for (const auto& [member, view] : known) {
-        if (now.find(member) == now.end() && !report(options, "gone", view)) {
-            return false;
+        if (now.find(member) != now.end()) {
+            continue;
+        }
+        if (const int error = report(options, "gone", view); error != 0) {
+            return error;
         }
     }
     known = std::move(now);
-    return true;
+    return 0;
 }
 
 }  // namespace
 
-int watchSessions(const Options& options) {
-    const OpenStore store = openStore(options.patience);
+int runWatch(const Options& options) {
+    const OpenStore opened = openStore(options.timeout);
     signal(SIGINT, end);
     signal(SIGTERM, end);
     Views known;
     const char* newcomer = "present";
-    while (look(options, store.connection.get(), newcomer, known)) {
+    for (;;) {
+        const int error = look(options, opened.connection.get(), newcomer, known);
+        if (error != 0) {
+            // Nobody reads any more.
+            return error == EPIPE ? done : failed;
+        }
         // No event is asked for: what ends the wait early is that nobody reads any more.
         pollfd output{.fd = STDOUT_FILENO, .events = 0, .revents = 0};
         if (poll(&output, 1, pauseMilliseconds) != 0) {
@@ -82,7 +90,6 @@ int watchSessions(const Options& options) {
         }
         newcomer = "new";
     }
-    return errno == EPIPE ? done : failed;
 }
 
 }  // namespace session_service::console

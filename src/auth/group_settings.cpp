@@ -1,9 +1,7 @@
 #include "auth/group_settings.h"
 
-#include <cstdlib>
-
+#include "base/number.h"
 #include "base/text_file.h"
-#include "frame/file_names.h"
 
 namespace session_service {
 
@@ -16,21 +14,16 @@ bool contains(const std::string& line, std::string_view text) {
     return line.find(text) != std::string::npos;
 }
 
-template <typename HasGroup>
-std::optional<std::int32_t> firstRoleWith(HasGroup hasGroup) {
-    if (hasGroup(groupSettings.administrator)) {
-        return rolePrivileges.administrator;
-    }
-    if (hasGroup(groupSettings.operatorGroup)) {
-        return rolePrivileges.operatorRole;
-    }
-    if (hasGroup(groupSettings.user)) {
-        return rolePrivileges.user;
-    }
-    return std::nullopt;
-}
-
 }  // namespace
+
+void refreshGroupSettings() {
+    readGroupSetting(attributeKey, groupSettings.attribute);
+    readGroupSetting(administratorKey, groupSettings.administrator);
+    readGroupSetting(operatorKey, groupSettings.operatorGroup);
+    readGroupSetting(userKey, groupSettings.user);
+    groupSettings.kerberosGrouping = isKrbAttrGroupingEnabled();
+    loadGroupPrivileges();
+}
 
 void readGroupSetting(const std::string& key, std::string& value) {
     const std::size_t keptSemicolon = key == attributeKey ? 0 : 1;
@@ -69,7 +62,7 @@ void loadGroupPrivileges() {
             if (contains(line, role.key)) {
                 // The key is expected at the start of the line, wherever it was found.
                 role.privilege = static_cast<std::int32_t>(
-                    std::strtoll(line.c_str() + role.key.size(), nullptr, 0));
+                    parsePrefixedInteger(line.substr(role.key.size())).value);
                 break;
             }
         }
@@ -77,14 +70,23 @@ void loadGroupPrivileges() {
     });
 }
 
-std::optional<std::int32_t> privilegeAmongAttributes(std::string_view attributes) {
-    return firstRoleWith([&](const std::string& group) {
-        return attributes.find(groupSettings.attribute + ": " + group) != std::string_view::npos;
-    });
+std::optional<std::int32_t> privilegeOfFirstRole(
+    const std::function<bool(const std::string& group)>& hasGroup) {
+    if (hasGroup(groupSettings.administrator)) {
+        return rolePrivileges.administrator;
+    }
+    if (hasGroup(groupSettings.operatorGroup)) {
+        return rolePrivileges.operatorRole;
+    }
+    if (hasGroup(groupSettings.user)) {
+        return rolePrivileges.user;
+    }
+    return std::nullopt;
 }
 
 std::optional<std::int32_t> privilegeOfAttribute(std::string_view value) {
-    return firstRoleWith([&](const std::string& group) { return value.starts_with(group); });
+    return privilegeOfFirstRole(
+        [value](const std::string& group) { return value.starts_with(group); });
 }
 
 }  // namespace session_service

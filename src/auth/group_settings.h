@@ -1,5 +1,5 @@
 // The group attribute, the groups of the three roles and the roles' privilege values,
-// read from two small files under /etc/pam.d at every login.
+// read from two small files at every login.
 //
 // The settings are process-wide and keep their last value where a file does not give
 // one. Only the thread that serves logins may call these functions. A file that cannot be
@@ -7,11 +7,15 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace session_service {
+
+inline constexpr const char* groupFile = "/etc/pam.d/q73.conf";
+inline constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";
 
 // The keys of the groups' file, and the text that switches Kerberos groups on.
 inline constexpr const char* attributeKey = "Attribute";
@@ -32,6 +36,7 @@ struct GroupSettings {
     std::string administrator = "aciadmin;";
     std::string operatorGroup = "aciopera;";
     std::string user = "aciuser;";
+    bool kerberosGrouping = false;
 };
 
 // Privilege bit masks.
@@ -44,6 +49,10 @@ struct RolePrivileges {
 extern GroupSettings groupSettings;
 extern RolePrivileges rolePrivileges;
 
+// Reads both files again, in the order in which a login needs it: the attribute and the groups, the
+// switch of Kerberos groups, the privileges.
+void refreshGroupSettings();
+
 // Sets `value` from the last line of /etc/pam.d/q73.conf that gives the key: the text from
 // after the line's first "=" to the next ";", which is kept for every key but "Attribute".
 void readGroupSetting(const std::string& key, std::string& value);
@@ -55,11 +64,12 @@ bool isKrbAttrGroupingEnabled();
 // from the start of the line and may be decimal, octal (0) or hexadecimal (0x).
 void loadGroupPrivileges();
 
-// The privilege value of the first role, from administrator down to user, whose group
-// stands as "ATTRIBUTE: GROUP" anywhere in a list of attributes. Empty when none does.
-std::optional<std::int32_t> privilegeAmongAttributes(std::string_view attributes);
+// The privilege value of the first role, from administrator down to user, for whose group
+// `hasGroup` says yes. Empty when it does for none.
+std::optional<std::int32_t> privilegeOfFirstRole(
+    const std::function<bool(const std::string& group)>& hasGroup);
 
-// The same for the group attribute's own value, which has to begin with the group.
+// That of the first role with whose group the value of the group attribute begins.
 std::optional<std::int32_t> privilegeOfAttribute(std::string_view value);
 
 }  // namespace session_service

@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "auth/group_settings.h"
+#include "base/secret.h"
 #include "base/shell.h"
 #include "frame/logger.h"
 
@@ -10,7 +12,7 @@ namespace {
 
 constexpr std::string_view escapedQuote = "'\\''";
 
-std::size_t quotedLength(std::string_view text) {
+std::size_t quotedLength(const std::string& text) {
     std::size_t length = 2;
     for (const char character : text) {
         length += character == '\'' ? escapedQuote.size() : 1;
@@ -18,7 +20,7 @@ std::size_t quotedLength(std::string_view text) {
     return length;
 }
 
-void appendQuoted(std::string& command, std::string_view text) {
+void appendQuoted(std::string& command, const std::string& text) {
     command += '\'';
     for (const char character : text) {
         if (character == '\'') {
@@ -32,19 +34,13 @@ void appendQuoted(std::string& command, std::string_view text) {
 
 }  // namespace
 
-std::string executeCommand(const std::string& commandLine) {
-    std::string output;
-    const bool started = readCommand(commandLine.c_str(), [&](std::string_view chunk) {
-        output += chunk;
-        return true;
-    });
-    if (!started) {
-        logger->error("Failed to execute command.");
-    }
-    return output;
+std::optional<std::int32_t> privilegeFromKerberos(const std::string& userName,
+                                                  const std::string& password) {
+    const SecretText command{composeKadminCommand(userName, password)};
+    return privilegeAmongAttributes(executeCommand(command.text));
 }
 
-std::string composeKadminCommand(const char* userName, const char* password) {
+std::string composeKadminCommand(const std::string& userName, const std::string& password) {
     constexpr std::string_view start = "kadmin -p ";
     constexpr std::string_view withPassword = " -w ";
     constexpr std::string_view query = " getstrs ";
@@ -59,6 +55,24 @@ std::string composeKadminCommand(const char* userName, const char* password) {
     command += query;
     appendQuoted(command, userName);
     return command;
+}
+
+std::string executeCommand(const std::string& commandLine) {
+    std::string output;
+    const bool started = readCommand(commandLine.c_str(), [&](std::string_view chunk) {
+        output += chunk;
+        return true;
+    });
+    if (!started) {
+        logger->error("Failed to execute command.");
+    }
+    return output;
+}
+
+std::optional<std::int32_t> privilegeAmongAttributes(const std::string& attributes) {
+    return privilegeOfFirstRole([&](const std::string& group) {
+        return attributes.find(groupSettings.attribute + ": " + group) != std::string::npos;
+    });
 }
 
 }  // namespace session_service

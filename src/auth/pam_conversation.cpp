@@ -71,6 +71,9 @@ bool converse(const pam_message& message, pam_response& response, const char* pa
 
 int pamConversation(int messageCount, const pam_message** messages, pam_response** responses,
                     void* applicationData) {
+    if (responses) {
+        *responses = nullptr;
+    }
     if (!messages || !responses || !applicationData || messageCount <= 0 ||
         messageCount > maxMessages) {
         logger->error("PAM converse - input data error.");
@@ -86,7 +89,6 @@ int pamConversation(int messageCount, const pam_message** messages, pam_response
     const char* password = static_cast<const char*>(applicationData);
     for (int i = 0; i < messageCount; ++i) {
         if (!messages[i] || !converse(*messages[i], answers.get()[i], password)) {
-            *responses = nullptr;
             return PAM_CONV_ERR;
         }
     }

@@ -10,7 +10,7 @@ namespace session_service {
 // Answers the hidden prompt "Password: " with the password, visible prompts with a line of
 // standard input, and passes messages on to standard error and standard output. Any other
 // hidden prompt, any other style and a missing input line fail the whole conversation:
-// then every answer is wiped and freed and *responses is null.
+// then every answer is wiped and freed. *responses is null unless it succeeds.
 // Returns PAM_SUCCESS, PAM_BUF_ERR or PAM_CONV_ERR. On success the module frees the
 // answers with free.
 int pamConversation(int messageCount, const pam_message** messages, pam_response** responses,

@@ -1,12 +1,19 @@
 // The login through PAM.
 #pragma once
 
+#include <cstddef>
+#include <string>
+
 namespace session_service {
 
-// What a login attempt came to.
-inline constexpr int loginRefused = -1;
-inline constexpr int loginNeedsNewPassword = 0;
-inline constexpr int loginAccepted = 1;
+// Who may log in: a service of this name under /etc/pam.d.
+inline constexpr const char* pamService = "q73";
+
+enum class LoginDecision {
+    refused,
+    mustChangePassword,  // the password is right but must be changed
+    admitted,
+};
 
 // Where a privilege value came from.
 enum class PrivilegeSource {
@@ -17,30 +24,24 @@ enum class PrivilegeSource {
     privilegesVariable,  // the PAM variable PRIVILEGES
 };
 
-// What a login attempt met with, for whoever tries a set-up.
-struct LoginFindings {
-    const char* refusedBy = "";  // the PAM call that failed; empty when none did
-    const char* reason = "";     // what its status means
+// Longer privilege texts are cut.
+inline constexpr std::size_t maxPrivilegeLength = 511;
+
+struct LoginResult {
+    LoginDecision decision = LoginDecision::refused;
+    // Unless refused: the privilege value as decimal text, or whatever PRIVILEGES holds; empty
+    // without a source.
+    std::string privilege{};
     PrivilegeSource source = PrivilegeSource::none;
+    // When refused: the PAM call that failed, and what its status means.
+    std::string refusedBy{};
+    std::string reason{};
 };
 
-// Checks the user's password and account with the PAM service "q73" and finds the
-// user's privilege value.
-//
-// Returns loginAccepted, loginNeedsNewPassword (the password is right but must be
-// changed), or loginRefused for any failure. Unless refused, the privilege value is
-// copied into `privilegeOut` as decimal text, cut to privilegeOutSize - 1 characters and
-// without a terminator of its own: pass a zeroed buffer. Without a value, or when
-// refused, the buffer stays as it was.
-//
-// The settings files are read again at each call. Blocks for as long as PAM modules and
-// the Kerberos administration tool take. One call at a time: the settings are
-// process-wide.
-int authenticateUser(const char* userName, const char* password, const char* remoteHost,
-                     char* privilegeOut, int privilegeOutSize);
-
-// The same; `findings` tells how it came to that.
-int authenticateUser(const char* userName, const char* password, const char* remoteHost,
-                     char* privilegeOut, int privilegeOutSize, LoginFindings& findings);
+// Checks the user's password and account with the PAM service and finds the user's privilege
+// value. The settings files are read again at each call. Blocks for as long as PAM modules and
+// the Kerberos administration tool take. One call at a time: the settings are process-wide.
+LoginResult authenticateUser(const std::string& userName, const std::string& password,
+                             const std::string& remoteHost);
 
 }  // namespace session_service

@@ -4,17 +4,30 @@
 #include <optional>
 
 #include "base/number.h"
+#include "frame/logger.h"
 
 namespace session_service {
+namespace {
+
+// Logs why a text is no privilege value. The two sentences end in what this service's log has
+// always had there: a colon for the user's own value, none for those of a list.
+void logError(NumberError error, const char* noDigits, const char* outOfRange) {
+    logger->error("%s", describe(error, noDigits, outOfRange).c_str());
+}
+
+}  // namespace
+
 std::vector<std::int32_t> parsePrivilegeList(const std::string& text) {
-    constexpr NumberFaults faults{"Privilege value type error", "Privilege value out of range"};
     std::vector<std::int32_t> masks;
     std::size_t start = 0;
     for (;;) {
         const std::size_t comma = text.find(',', start);
+        const ParsedNumber mask = parseNumber(text.substr(start, comma - start));
+        if (!mask.value) {
+            logError(mask.error, "Privilege value type error", "Privilege value out of range");
+        }
         const std::int32_t previous = masks.empty() ? 0 : masks.back();
-        masks.push_back(parseNumber(text.substr(start, comma - start), faults, FaultLevel::error)
-                            .value_or(previous));
+        masks.push_back(mask.value.value_or(previous));
         if (comma == std::string::npos) {
             return masks;
         }
@@ -23,8 +36,11 @@ std::vector<std::int32_t> parsePrivilegeList(const std::string& text) {
 }
 
 std::int32_t parseUserPrivilege(const std::string& text) {
-    constexpr NumberFaults faults{"Privilege value type error:", "Privilege value out of range:"};
-    return parseNumber(text, faults, FaultLevel::error).value_or(0);
+    const ParsedNumber privilege = parseNumber(text);
+    if (!privilege.value) {
+        logError(privilege.error, "Privilege value type error:", "Privilege value out of range:");
+    }
+    return privilege.value.value_or(0);
 }
 
 bool hasRequiredPrivilege(std::int32_t userPrivilege, const std::vector<std::int32_t>& required) {
@@ -33,17 +49,18 @@ bool hasRequiredPrivilege(std::int32_t userPrivilege, const std::vector<std::int
                        [=](std::int32_t mask) { return (mask & ~userPrivilege) == 0; });
 }
 
-std::string findAccountByOwner(redisContext* store, const std::string& userName) {
+std::string findAccountByOwner(redisContext* connection, const std::string& userName) {
     const std::string pattern = "/redfish/v1/AccountService/Accounts/*";
     std::int32_t cursor = 0;
     do {
-        const std::optional<store::ScanPage> page = store::scan(store, cursor, pattern);
+        const std::optional<store::ScanPage> page = store::scan(connection, cursor, pattern);
         if (!page) {
             return {};
         }
         for (const std::string& account : page->keys) {
             // An account without an owner is nobody's, the user without a name included.
-            if (store::hgetText(store, account, "&&OwnerName") == userName) {
+            const store::FieldReply owner = store::hgetReply(connection, account, "&&OwnerName");
+            if (owner.kind == store::FieldReply::Kind::text && owner.text == userName) {
                 return account;
             }
         }

@@ -23,6 +23,6 @@ bool hasRequiredPrivilege(std::int32_t userPrivilege, const std::vector<std::int
 
 // The key of the first account whose &&OwnerName is the user name; empty when there is
 // none or the accounts cannot be listed. Logs nothing.
-std::string findAccountByOwner(redisContext* store, const std::string& userName);
+std::string findAccountByOwner(redisContext* connection, const std::string& userName);
 
 }  // namespace session_service

@@ -24,7 +24,7 @@ struct LineBuffer {
 ReadOutcome readLines(const char* path, const std::function<bool(const std::string&)>& handle) {
     const FilePtr file(std::fopen(path, "re"));
     if (!file) {
-        return {ReadStatus::notOpened};
+        return {ReadStatus::notOpened, errno};
     }
     LineBuffer buffer;
     ssize_t length = 0;

@@ -21,7 +21,7 @@ enum class ReadStatus {
 
 struct ReadOutcome {
     ReadStatus status;
-    int error = 0;  // where it failed: the errno that says why
+    int error = 0;  // unless complete: the errno that says why
 };
 
 // Hands each line, without its line feed, to `handle` until that returns false.

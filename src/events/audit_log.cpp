@@ -5,17 +5,17 @@
 #include <ctime>
 
 #include "base/local_time.h"
-#include "frame/file_names.h"
+#include "frame/configuration.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
 #include "platform/config_file.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 namespace {
 
 const std::string& logEntryCollection() {
     static const std::string collection =
-        getConfigValue(configurationFile, auditSetting, settingSize);
+        getConfigValue(configurationFile, auditSetting, maxSettingSize);
     return collection;
 }
 
@@ -58,15 +58,15 @@ std::string currentTimestamp() {
     return text;
 }
 
-void generateAuditLogEntry(redisContext* store, const std::string& messageArg,
+void generateAuditLogEntry(redisContext* connection, const std::string& messageArg,
                            const std::string& messageId, const std::string& origin) {
     const std::string& collection = logEntryCollection();
-    if (collection.empty() || !store::exists(store, collection)) {
+    if (collection.empty() || !store::exists(connection, collection)) {
         logger->debug(
             "LogEntry collection doesn't exist, Session Service will not generate audit log.");
         return;
     }
-    const std::string digest = store::hget(store, scriptDigestsKey, auditScript);
+    const std::string digest = store::hget(connection, scriptDigestsKey, auditScript);
     if (digest.empty()) {
         logger->error("Cannot get SHA script logGeneratorHelper.");
         return;
@@ -76,7 +76,7 @@ void generateAuditLogEntry(redisContext* store, const std::string& messageArg,
     // The argument may well be empty or of several words: the declared number of keys is
     // then wrong, and the store's refusal is logged.
     store::appendWords(pieces, messageArg);
-    logAnswer(store::evalsha(store, digest, pieces));
+    logAnswer(store::evalsha(connection, digest, pieces));
 }
 
 }  // namespace session_service

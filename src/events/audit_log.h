@@ -16,7 +16,7 @@ inline constexpr const char* auditSetting = "LogEntryCollection";
 // one argument (the user name); it splits at blanks and vanishes when empty. `origin` is
 // the URI of the resource concerned. Every outcome but success and a lost connection is
 // logged; none is reported.
-void generateAuditLogEntry(redisContext* store, const std::string& messageArg,
+void generateAuditLogEntry(redisContext* connection, const std::string& messageArg,
                            const std::string& messageId, const std::string& origin);
 
 // Local time in whole seconds with the zone's offset: 2024-05-06T07:08:09+08:00.

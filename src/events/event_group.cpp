@@ -6,7 +6,7 @@
 
 #include "base/number.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 namespace {
@@ -15,52 +15,56 @@ const std::string counterKey = "/redfish/v1/EventService";
 const std::string counterField = "&&EVENT_GROUP_ID_COUNTER";
 
 // Also the mark that no valid maximum has been read yet.
-constexpr std::int32_t noMaximum = std::numeric_limits<std::int32_t>::max();
-std::atomic<std::int32_t> cachedMaximum{noMaximum};
+constexpr std::int32_t defaultMaxId = std::numeric_limits<std::int32_t>::max();
+std::atomic<std::int32_t> cachedMaxId{defaultMaxId};
 
-void setCounter(redisContext* store, const char* value) {
-    if (!store::sendForInteger(store, {"HSET", counterKey, counterField, value})) {
+void setCounter(redisContext* connection, const char* value) {
+    if (!store::sendForInteger(connection, {"HSET", counterKey, counterField, value})) {
         logger->debug("Failed to reset the EventGroupId counter.");
     }
 }
 
 }  // namespace
 
-std::int32_t maxEventGroupId(redisContext* store) {
-    const std::int32_t kept = cachedMaximum;
-    if (kept != noMaximum) {
+std::int32_t maxEventGroupId(redisContext* connection) {
+    const std::int32_t kept = cachedMaxId;
+    if (kept != defaultMaxId) {
         return kept;
     }
-    const std::string setting = store::hget(store, defaultValuesKey, maxEventGroupField);
+    const std::string setting = store::hget(connection, defaultValuesKey, maxEventGroupField);
     if (setting.find('.') != std::string::npos) {
-        return noMaximum;
+        return defaultMaxId;
     }
-    constexpr NumberFaults faults{"Max EventGroupId value type error",
-                                  "Max EventGroupId value out of range"};
-    const std::int32_t maximum = parseNumber(setting, faults, FaultLevel::debug).value_or(0);
-    if (maximum <= 0) {
+    const ParsedNumber number = parseNumber(setting);
+    if (!number.value) {
+        logger->debug("%s", describe(number.error, "Max EventGroupId value type error",
+                                     "Max EventGroupId value out of range")
+                                .c_str());
+    }
+    const std::int32_t maxId = number.value.value_or(0);
+    if (maxId <= 0) {
         logger->debug("The default max value was set to invalid value.");
-        return noMaximum;
+        return defaultMaxId;
     }
-    cachedMaximum = maximum;
-    return maximum;
+    cachedMaxId = maxId;
+    return maxId;
 }
 
-std::uint32_t nextEventGroupId(redisContext* store) {
-    std::uint32_t drawn = 1;
+std::uint32_t nextEventGroupId(redisContext* connection) {
+    std::uint32_t id = 1;
     if (const auto counter =
-            store::sendForInteger(store, {"HINCRBY", counterKey, counterField, "1"})) {
-        drawn = static_cast<std::uint32_t>(*counter);
+            store::sendForInteger(connection, {"HINCRBY", counterKey, counterField, "1"})) {
+        id = static_cast<std::uint32_t>(*counter);
     } else {
         logger->debug("Failed to increase the counter %s", counterField.c_str());
-        setCounter(store, "1");
+        setCounter(connection, "1");
     }
-    const auto maximum = static_cast<std::uint32_t>(maxEventGroupId(store));
-    if (drawn > 0 && drawn < maximum) {
-        return drawn;
+    const auto maxId = static_cast<std::uint32_t>(maxEventGroupId(connection));
+    if (id > 0 && id < maxId) {
+        return id;
     }
-    setCounter(store, "0");
-    return maximum;
+    setCounter(connection, "0");
+    return maxId;
 }
 
 }  // namespace session_service

@@ -21,10 +21,9 @@ void appendEvent(EventList& events, const char* action, const std::string& uri, 
                  const std::string& groupId);
 
 // Hands the list to the event service's script in the store, every item as one key.
-// Returns 1 when the script answered with an integer and when the setting
-// GenerateResourceEvent (read once per process) switches events off; otherwise 0.
+// Does nothing when the setting GenerateResourceEvent (read once per process) switches events off.
 // Failures are logged as errors, but for a list of fewer than two items and a lost
 // connection, which are silent.
-int generateLifeCycleEvents(redisContext* store, const EventList& events);
+void generateLifeCycleEvents(redisContext* connection, const EventList& events);
 
 }  // namespace session_service

@@ -3,29 +3,43 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <exception>
 #include <stdexcept>
 #include <string_view>
 
 #include "base/file_descriptor.h"
 #include "base/local_time.h"
+#include "base/number.h"
 #include "base/shell.h"
-#include "frame/file_names.h"
+#include "frame/configuration.h"
 #include "platform/config_file.h"
 
 namespace session_service {
 
 Logger* logger = nullptr;
 
+void startLog(const char* configPath) {
+    logger = new Logger;
+    logger->init(configPath);
+    if (logger->isFileEnabled()) {
+        logger->debug("SessionService log is starting ...");
+    }
+}
+
+void endLog() {
+    delete logger;
+    logger = nullptr;
+}
+
 namespace {
 
 constexpr std::array<const char*, 2> tags = {"[Error]", "[Debug]"};
 constexpr mode_t logFileMode = 0666;
 
-using SettingBuffer = std::array<char, settingSize>;
+using SettingBuffer = std::array<char, maxSettingSize>;
 
 bool readSetting(const char* configPath, const char* key, SettingBuffer& value) {
     value.fill('\0');
@@ -55,15 +69,14 @@ bool isControl(char character) {
 
 // Names and addresses come from clients: none of them may begin a line of its own.
 std::string escapeControls(const std::string& message) {
-    constexpr std::string_view digits = "0123456789abcdef";
     std::string escaped;
     escaped.reserve(message.size());
     for (const char character : message) {
         if (isControl(character)) {
-            const auto code = static_cast<unsigned char>(character);
-            escaped += "\\x";
-            escaped += digits[code >> 4];
-            escaped += digits[code & 0xf];
+            std::array<char, sizeof("\\xff")> code{};
+            std::snprintf(code.data(), code.size(), "\\x%02x",
+                          static_cast<unsigned>(static_cast<unsigned char>(character)));
+            escaped += code.data();
         } else {
             escaped += character;
         }
@@ -115,15 +128,11 @@ void Logger::init(const char* configPath) {
         backup = value.data();
     }
     if (readSetting(configPath, logSizeSetting, value) && value[0] != '\0') {
-        try {
-            maximumSize = std::stoi(value.data());
-        } catch (const std::exception& failure) {
-            std::fprintf(stderr, "Error: %s\n", failure.what());
-            maximumSize = 0;
+        const ParsedNumber size = parseNumber(value.data());
+        if (!size.value) {
+            std::fprintf(stderr, "Error: %s\n", numberErrorText);
         }
-        if (maximumSize < 0) {
-            maximumSize = 0;
-        }
+        maxSize = std::max(size.value.value_or(0), 0);
     }
     if (readSetting(configPath, logLevelSetting, value) &&
         std::string_view(value.data()) == "error") {
@@ -189,7 +198,7 @@ bool Logger::writeToFile(Kind kind, const std::string& message) const {
 }
 
 void Logger::rotateIfNeeded(std::time_t now) const {
-    if (maximumSize == 0 || fileEnabled == 0) {
+    if (maxSize == 0 || fileEnabled == 0) {
         return;
     }
     off_t size = 0;
@@ -200,7 +209,7 @@ void Logger::rotateIfNeeded(std::time_t now) const {
         }
         size = lseek(file.get(), 0, SEEK_END);
     }
-    if (maximumSize > size) {
+    if (maxSize > size) {
         return;
     }
     try {

@@ -46,11 +46,16 @@ class Logger {
 
     std::int32_t fileEnabled = 0;
     std::string logFile;
-    std::int64_t maximumSize = 0;  // bytes; 0: no rotation
-    std::int32_t level = 1;        // 1: debug messages are written, 0: errors only
+    std::int64_t maxSize = 0;  // bytes; 0: no rotation
+    std::int32_t level = 1;    // 1: debug messages are written, 0: errors only
 };
 
 // The process's logger; set before any other thread exists.
 extern Logger* logger;
+
+// Makes the logger with the settings of that file, and its first line.
+void startLog(const char* configPath);
+// Destroys the logger, when no other thread uses it.
+void endLog();
 
 }  // namespace session_service

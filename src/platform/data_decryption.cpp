@@ -1,16 +1,18 @@
 #include "platform/data_decryption.h"
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <climits>
 #include <memory>
 #include <optional>
-#include <string_view>
 #include <vector>
 
 #include "base/file_descriptor.h"
@@ -19,6 +21,7 @@
 namespace {
 
 using session_service::FileDescriptor;
+using session_service::SecretText;
 using session_service::wipe;
 
 constexpr std::size_t nonceSize = 12;
@@ -47,7 +50,7 @@ struct FreeAlgorithm {
     void operator()(EVP_CIPHER* algorithm) const noexcept { EVP_CIPHER_free(algorithm); }
 };
 
-// Looked up once: the search among the providers takes longer than a password's deciphering.
+// Looked up once: the search among the providers takes longer than the decryption of a password.
 const EVP_CIPHER* algorithm() {
     static const std::unique_ptr<EVP_CIPHER, FreeAlgorithm> found = [] {
         // Nothing here tells errors apart, and their texts take half a megabyte.
@@ -55,47 +58,25 @@ const EVP_CIPHER* algorithm() {
         return std::unique_ptr<EVP_CIPHER, FreeAlgorithm>(
             EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr));
     }();
-    // Without memory for it at the first password, later ones must still be deciphered.
+    // Without memory for it at the first password, later ones must still be decrypted.
     return found ? found.get() : EVP_aes_256_gcm();
 }
 
-int digitValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    if (digit >= 'a' && digit <= 'f') {
-        return digit - 'a' + 10;
-    }
-    if (digit >= 'A' && digit <= 'F') {
-        return digit - 'A' + 10;
-    }
-    return -1;
-}
-
 // Writes half as many bytes as there are digits to `bytes`. False for odd or foreign digits.
-bool parseHex(std::string_view digits, unsigned char* bytes) {
-    if (digits.size() % 2 != 0) {
-        return false;
-    }
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        const int high = digitValue(digits[i]);
-        const int low = digitValue(digits[i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        bytes[i / 2] = static_cast<unsigned char>(high * 16 + low);
-    }
-    return true;
+bool parseHex(const std::string& digits, unsigned char* bytes) {
+    std::size_t length = 0;
+    // The library takes a text to its first zero byte, which is a foreign digit here.
+    return digits.find('\0') == std::string::npos &&
+           OPENSSL_hexstr2buf_ex(bytes, digits.size() / 2, &length, digits.c_str(), '\0') == 1;
 }
 
+// In lower case.
 std::string formatHex(const Bytes& bytes) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0xf];
-    }
+    std::vector<char> digits(2 * bytes.size() + 1);
+    OPENSSL_buf2hexstr_ex(digits.data(), digits.size(), nullptr, bytes.data(), bytes.size(), '\0');
+    std::string text(digits.data());
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char digit) { return static_cast<char>(std::tolower(digit)); });
     return text;
 }
 
@@ -105,25 +86,23 @@ bool readKey(const std::string& path, Key& key) {
         return false;
     }
     // One byte more than a key and its line feed: a longer file is no key file.
-    std::array<char, keyDigits + 2> text{};
+    SecretText digits{std::string(keyDigits + 2, '\0')};
     std::size_t length = 0;
     ssize_t count = 0;
-    while (length < text.size() &&
-           (count = read(file.get(), text.data() + length, text.size() - length)) > 0) {
+    while (length < digits.text.size() && (count = read(file.get(), digits.text.data() + length,
+                                                        digits.text.size() - length)) > 0) {
         length += static_cast<std::size_t>(count);
     }
-    std::string_view digits(text.data(), length);
-    if (digits.ends_with('\n')) {
-        digits.remove_suffix(1);
+    if (length > 0 && digits.text[length - 1] == '\n') {
+        --length;
     }
-    const bool valid = digits.size() == keyDigits && parseHex(digits, key.bytes.data());
-    explicit_bzero(text.data(), text.size());
-    return valid;
+    digits.text.resize(length);
+    return length == keyDigits && parseHex(digits.text, key.bytes.data());
 }
 
-// Deciphers into `plain`, which has the ciphertext's size. False for a wrong tag.
-bool decipher(const Key& key, const unsigned char* nonce, const unsigned char* ciphertext,
-              unsigned char* tag, std::string& plain) {
+// Decrypts into `plain`, which has the ciphertext's size. False for a wrong tag.
+bool decrypt(const Key& key, const unsigned char* nonce, const unsigned char* ciphertext,
+             unsigned char* tag, std::string& plain) {
     const CipherPtr cipher(EVP_CIPHER_CTX_new());
     auto* output = reinterpret_cast<unsigned char*>(plain.data());
     int length = 0;
@@ -135,8 +114,8 @@ bool decipher(const Key& key, const unsigned char* nonce, const unsigned char* c
            EVP_DecryptFinal_ex(cipher.get(), output + length, &length) == 1;
 }
 
-// Enciphers `plain` to `message`, which holds the nonce and has room for the rest.
-bool encipher(const Key& key, const std::string& plain, Bytes& message) {
+// Encrypts `plain` to `message`, which holds the nonce and has room for the rest.
+bool encrypt(const Key& key, const std::string& plain, Bytes& message) {
     const CipherPtr cipher(EVP_CIPHER_CTX_new());
     unsigned char* output = message.data() + nonceSize;
     int length = 0;
@@ -166,7 +145,7 @@ std::string decryptHexString(const std::string& hexText, const std::string& keyF
     }
     plain.resize(message.size() - nonceSize - tagSize);
     unsigned char* ciphertext = message.data() + nonceSize;
-    if (!decipher(key, message.data(), ciphertext, ciphertext + plain.size(), plain)) {
+    if (!decrypt(key, message.data(), ciphertext, ciphertext + plain.size(), plain)) {
         wipe(plain);
     }
     return plain;
@@ -176,7 +155,7 @@ std::string encryptToHexString(const std::string& plainText, const std::string& 
     Key key;
     Bytes message(nonceSize + plainText.size() + tagSize);
     if (message.size() > INT_MAX || !readKey(keyFilePath, key) ||
-        RAND_bytes(message.data(), nonceSize) != 1 || !encipher(key, plainText, message)) {
+        RAND_bytes(message.data(), nonceSize) != 1 || !encrypt(key, plainText, message)) {
         return {};
     }
     return formatHex(message);

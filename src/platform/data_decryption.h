@@ -8,12 +8,12 @@
 
 #include <string>
 
-// Returns the deciphered text, or an empty text when it cannot be deciphered: foreign
+// Returns the decrypted text, or an empty text when it cannot be decrypted: foreign
 // or odd digits, too short, wrong tag, missing or malformed key file. The caller wipes
 // the result; working copies are wiped here. Safe to call from several threads.
 std::string decryptHexString(const std::string& hexText, const std::string& keyFilePath);
 
-// The other side, for whoever stores requests: enciphers with a fresh random nonce.
+// The other side, for whoever stores requests: encrypts with a fresh random nonce.
 // Returns lower-case hexadecimal digits, or an empty text when the key file cannot be
 // used or no random bytes are to be had.
 std::string encryptToHexString(const std::string& plainText, const std::string& keyFilePath);

@@ -15,21 +15,21 @@ struct Free {
 
 }  // namespace
 
-void convertBody(redisContext* store, FieldMap& body) {
+void convertBody(redisContext* connection, FieldMap& body) {
     FieldMap properties;
     for (const auto& [name, value] : body) {
         std::string property;
         std::string json;
         if (name.rfind("&&", 0) != 0) {
             properties[name] = value;
-        } else if (convertToken(store, name, property, json)) {
+        } else if (convertToken(connection, name, property, json)) {
             properties[property] = json;
         }
     }
     body = std::move(properties);
 }
 
-bool convertToken(redisContext* store, const std::string& fieldName, std::string& property,
+bool convertToken(redisContext* connection, const std::string& fieldName, std::string& property,
                   std::string& json) {
     const std::vector<std::string> words = splitWords(fieldName, ' ');
     if (words.size() != 3) {
@@ -42,7 +42,7 @@ bool convertToken(redisContext* store, const std::string& fieldName, std::string
     if (token == "&&Object") {
         converted.reset(convertRedisDataToJsonString(source));
     } else if (token == "&&Array") {
-        converted.reset(convertArrayDataToJsonString(store, source));
+        converted.reset(convertArrayDataToJsonString(connection, source));
     } else if (token == "&&ObjectRef") {
         converted.reset(convertObjectRefDataToJsonString(nullptr, source));
     } else {

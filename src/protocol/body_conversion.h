@@ -16,10 +16,10 @@ namespace session_service {
 // their property name and JSON text, in the order of the fields' names; a later one wins.
 // A token field that cannot be converted is dropped (and logged as an error when its form
 // or its token is wrong).
-void convertBody(redisContext* store, FieldMap& body);
+void convertBody(redisContext* connection, FieldMap& body);
 
 // Converts one token field. On success `property` and `json` are set.
-bool convertToken(redisContext* store, const std::string& fieldName, std::string& property,
+bool convertToken(redisContext* connection, const std::string& fieldName, std::string& property,
                   std::string& json);
 
 // The pieces between separators, empty ones included; a text without one is one piece.

@@ -1,29 +1,36 @@
 #include "protocol/replies.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <limits>
 #include <optional>
 #include <stdexcept>
 
+#include "base/number.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 namespace {
 
-constexpr std::size_t entryKeySize = 511;
+constexpr std::size_t maxEntryKeyLength = 511;
 constexpr int defaultLifetime = 6;
 
 // The seconds that messages are kept.
-int messageLifetime(redisContext* store) {
-    const std::string setting = store::hget(store, defaultValuesKey, messageLifetimeField);
+int messageLifetime(redisContext* connection) {
+    const std::string setting = store::hget(connection, defaultValuesKey, messageLifetimeField);
     if (setting.empty()) {
         return defaultLifetime;
     }
-    constexpr long long most = std::numeric_limits<int>::max() - 1;
-    const long long seconds = std::strtoll(setting.c_str(), nullptr, 10) / 1000;
-    return static_cast<int>(std::clamp(seconds, 0LL, most)) + 1;
+    constexpr std::int64_t maxSeconds = std::numeric_limits<int>::max() - 1;
+    const std::int64_t seconds = parseInteger(setting).value / 1000;
+    return static_cast<int>(std::clamp(seconds, std::int64_t{0}, maxSeconds)) + 1;
+}
+
+// The number of the entry that follows so many, cut to 32 bits. Unsigned: the store may claim any
+// length.
+std::int32_t entryNumber(long long count) {
+    return static_cast<std::int32_t>(static_cast<std::uint64_t>(count) + 1);
 }
 
 }  // namespace
@@ -43,83 +50,67 @@ std::string quoteArg(const std::string& text) {
     return quoted;
 }
 
-void composeReplyKeys(const std::string& replyKey, ReplyFields& fields, MessageInfo& message) {
+Reply composeReplyKeys(const std::string& replyKey) {
     if (replyKey.empty()) {
-        return;
+        return {};
     }
     // Without a slash nothing of the key is kept: npos + 1 is 0.
-    const std::string list = replyKey.substr(0, replyKey.rfind('/') + 1) + "ExtendedInfo";
-    message[messageListItem] = list;
-    fields[extendedInfoField] = list;
-    fields[replyKeyItem] = replyKey;
+    return {replyKey, replyKey.substr(0, replyKey.rfind('/') + 1) + "ExtendedInfo"};
 }
 
-void writeReply(redisContext* store, ReplyFields& fields, const MessageInfo& message,
-                const MessageArguments& arguments) {
-    const std::string replyKey = fieldOf(fields, replyKeyItem);
-    if (replyKey.empty()) {
+Reply composeEarlyReply(const std::string& replyKey) {
+    return {replyKey, replyKey + "/ExtendedInfo"};
+}
+
+void writeReply(redisContext* connection, Reply& reply, const Outcome& outcome) {
+    if (!isExpected(reply)) {
         return;
     }
-    fields.erase(replyKeyItem);
-    if (!store::hsetMany(store, replyKey, fields)) {
+    reply.fields[returnStatusField] = outcome.status;
+    reply.fields[extendedInfoField] = reply.messageList;
+    if (!store::hsetMany(connection, reply.key, reply.fields)) {
         logger->error("Failed to update Return Status.");
     }
-    const auto messageId = message.find(messageIdItem);
-    if (messageId != message.end()) {
-        writeExtendedMessage(store, fieldOf(message, messageListItem), messageId->second.c_str(),
-                             arguments);
+    if (outcome.messageId) {
+        writeExtendedMessage(connection, reply.messageList, outcome.messageId, outcome.arguments);
     }
 }
 
-void writeExtendedMessage(redisContext* store, const std::string& list, const char* messageId,
+void writeEarlyReply(redisContext* connection, const Reply& reply, const Outcome& outcome) {
+    store::hset(connection, reply.key, returnStatusField, outcome.status);
+    store::hset(connection, reply.key, extendedInfoField, reply.messageList);
+    writeExtendedMessage(connection, reply.messageList, outcome.messageId, outcome.arguments);
+}
+
+void writeExceptionReply(redisContext* connection, const Reply& reply, const char* messageId) {
+    writeEarlyReply(connection, reply, {status::exception, messageId});
+}
+
+void writeExtendedMessage(redisContext* connection, const std::string& list, const char* messageId,
                           const MessageArguments& arguments) {
-    const std::optional<long long> count = store::llenReply(store, list);
+    const std::optional<long long> count = store::llenReply(connection, list);
     if (!count) {
         logger->error("Failed to get length of extended info array.");
         return;
     }
-    const int lifetime = messageLifetime(store);
+    const int lifetime = messageLifetime(connection);
     const std::string entryKey =
-        (list + '/' + std::to_string(static_cast<int>(*count + 1))).substr(0, entryKeySize);
+        (list + '/' + std::to_string(entryNumber(*count))).substr(0, maxEntryKeyLength);
     if (!messageId) {
         throw std::logic_error("basic_string::_M_construct null not valid");
     }
-    store::hset(store, entryKey, messageIdField, messageId);
+    store::hset(connection, entryKey, messageIdField, messageId);
     if (!arguments.empty()) {
         const std::string argumentsKey = entryKey + "/MessageArgs";
         for (const std::string& argument : arguments) {
-            store::send(store, {"RPUSH", argumentsKey, quoteArg(argument)});
+            store::send(connection, {"RPUSH", argumentsKey, quoteArg(argument)});
         }
-        store::hset(store, entryKey, messageArgsField, argumentsKey);
-        store::expire(store, argumentsKey, lifetime);
+        store::hset(connection, entryKey, messageArgsField, argumentsKey);
+        store::expire(connection, argumentsKey, lifetime);
     }
-    store::send(store, {"LPUSH", list, entryKey});
-    store::expire(store, list, lifetime);
-    store::expire(store, entryKey, lifetime);
-}
-
-void writeExtendedMessageOneArg(redisContext* store, const std::string& list, const char* messageId,
-                                const char* argument) {
-    MessageArguments arguments;
-    if (argument) {
-        arguments.emplace_back(argument);
-    }
-    writeExtendedMessage(store, list, messageId, arguments);
-}
-
-void writeExceptionReply(redisContext* store, const std::string& replyKey, const std::string& list,
-                         const char* messageId) {
-    store::hset(store, replyKey, returnStatusField, "EXCEPTION");
-    store::hset(store, replyKey, extendedInfoField, list);
-    writeExtendedMessageOneArg(store, list, messageId, nullptr);
-}
-
-void writeEarlyRefusal(redisContext* store, const std::string& replyKey, const char* status,
-                       const char* messageId, const MessageArguments& arguments) {
-    const std::string list = replyKey + "/ExtendedInfo";
-    store::hset(store, replyKey, returnStatusField, status);
-    store::hset(store, replyKey, extendedInfoField, list);
-    writeExtendedMessage(store, list, messageId, arguments);
+    store::send(connection, {"LPUSH", list, entryKey});
+    store::expire(connection, list, lifetime);
+    store::expire(connection, entryKey, lifetime);
 }
 
 }  // namespace session_service

@@ -1,7 +1,5 @@
 #include "protocol/request_channels.h"
 
-#include <exception>
-
 #include "frame/logger.h"
 #include "store/commands.h"
 
@@ -9,19 +7,6 @@ namespace session_service {
 namespace {
 
 const std::string exitNotice = "&&EXIT";
-
-void handleNotices(redisContext* store, WorkerContext& context, RequestHandler handle) {
-    while (const auto announcement = store::readAnnouncement(store)) {
-        if (!announcement->text || announcement->text->empty()) {
-            continue;
-        }
-        if (*announcement->text == exitNotice) {
-            return;
-        }
-        const Notice notice = splitNotice(*announcement->text);
-        handle(notice.requestKey, notice.replyKey, context);
-    }
-}
 
 }  // namespace
 
@@ -33,17 +18,21 @@ Notice splitNotice(const std::string& payload) {
     return {payload.substr(0, blank), payload.substr(blank + 1)};
 }
 
-void serveRequests(const std::string& channel, WorkerContext& context, RequestHandler handle) {
-    const ConnectionPtr store = store::connect();
-    if (!store) {
+void serveRequests(const std::string& channel, const std::function<void(const Notice&)>& handle) {
+    const ConnectionPtr connection = store::connect();
+    if (!connection) {
         logger->error("Failed to connect to Redis.");
         return;
     }
-    store::subscribe(store.get(), channel);
-    try {
-        handleNotices(store.get(), context, handle);
-    } catch (const std::exception& failure) {
-        logger->error("The thread of %s ends: %s", channel.c_str(), failure.what());
+    store::subscribe(connection.get(), channel);
+    while (const auto notice = store::readNotice(connection.get())) {
+        if (!notice->text || notice->text->empty()) {
+            continue;
+        }
+        if (*notice->text == exitNotice) {
+            return;
+        }
+        handle(splitNotice(*notice->text));
     }
 }
 

@@ -17,7 +17,7 @@ enum class BodyStatus {
 // Reads and converts the body hash at `bodyKey`. `properties` gets SessionTimeout where
 // the body gives it a value; `changed` is set when that differs, as text, from what the
 // target holds. What is wrong with the body is logged.
-BodyStatus validateBody(redisContext* store, const std::string& targetUri,
+BodyStatus validateBody(redisContext* connection, const std::string& targetUri,
                         const std::string& bodyKey, bool& changed, FieldMap& properties);
 
 // The worker's body; its argument is not used. Serves requests one after another until its

@@ -1,19 +1,20 @@
 #include "service/persistent_properties.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "base/text_file.h"
-#include "frame/file_names.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 namespace {
 
-void loadLine(redisContext* store, const std::string& text) {
+void loadLine(redisContext* connection, const std::string& text) {
     const std::string line = text.substr(0, text.find('\0'));
     const std::size_t separator = line.find('=');
     if (line.empty() || line.front() == '#' || separator == std::string::npos ||
@@ -24,7 +25,7 @@ void loadLine(redisContext* store, const std::string& text) {
     std::vector<std::string> arguments{"HSET", serviceUri};
     store::appendWords(arguments, name);
     store::appendWords(arguments, line.substr(separator + 1));
-    if (!store::sendForInteger(store, arguments)) {
+    if (!store::sendForInteger(connection, arguments)) {
         logger->debug("Failed to set persistent property %s.", name.c_str());
     }
 }
@@ -37,9 +38,9 @@ std::string formatLine(const FieldMap::value_type& property) {
 
 }  // namespace
 
-void loadPersistentProperties(redisContext* store) {
-    const ReadOutcome outcome = readLines(propertyFile, [store](const std::string& line) {
-        loadLine(store, line);
+void loadPersistentProperties(redisContext* connection) {
+    const ReadOutcome outcome = readLines(propertyFile, [connection](const std::string& line) {
+        loadLine(connection, line);
         return true;
     });
     if (outcome.status == ReadStatus::failed) {
@@ -69,6 +70,8 @@ void savePersistentProperties(const FieldMap& properties) {
         std::fputc('\n', file.get());
         std::fflush(file.get());
     }
+    // A power cut right after the change was answered must not take it back.
+    fsync(fileno(file.get()));
 }
 
 }  // namespace session_service

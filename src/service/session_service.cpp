@@ -7,8 +7,9 @@
 
 #include "base/number.h"
 #include "frame/logger.h"
-#include "frame/resource_names.h"
+#include "protocol/request_channels.h"
 #include "service/patch.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 namespace {
@@ -20,24 +21,24 @@ namespace {
 }
 
 // Puts the PATCH channel into the queue where the front end finds it.
-void registerPatchChannel(redisContext* store) {
-    const std::int32_t length = store::llen(store, patchQueue);
+void registerPatchChannel(redisContext* connection) {
+    const std::int32_t length = store::llen(connection, patchQueue);
     if (length < 0) {
         logger->error("Failed to get %s queue length.", patchQueue.c_str());
         throw std::runtime_error("Failed to get queue length");
     }
-    if (length == 0 && !store::lpush(store, patchQueue, patchChannel)) {
+    if (length == 0 && !store::lpush(connection, patchQueue, patchChannel)) {
         fail("Failed to push queue");
     }
 }
 
 // Checks that the store takes the subscription; the worker subscribes on its own.
 void checkSubscription() {
-    const ConnectionPtr store = store::connect();
-    if (!store) {
+    const ConnectionPtr connection = store::connect();
+    if (!connection) {
         fail("Failed to connect to redis");
     }
-    if (!store::subscribe(store.get(), patchChannel)) {
+    if (!store::subscribe(connection.get(), patchChannel)) {
         fail("Failed to subscribe channel");
     }
 }
@@ -58,12 +59,12 @@ void runPatchThread() {
 
 SessionService::SessionService() {
     {
-        const ConnectionPtr store = store::connect();
-        if (!store) {
+        const ConnectionPtr connection = store::connect();
+        if (!connection) {
             fail("Failed to connect to Redis");
         }
-        registerPatchChannel(store.get());
-        readSettings(store.get());
+        registerPatchChannel(connection.get());
+        readSettings(connection.get());
     }
     checkSubscription();
     runPatchThread();
@@ -79,12 +80,16 @@ std::int32_t SessionService::sessionTimeout() const noexcept {
     return timeout;
 }
 
-void SessionService::readSettings(redisContext* store) {
-    const std::string stored = store::hget(store, serviceUri, sessionTimeoutField);
-    constexpr NumberFaults faults{"SessionTimeout value type error",
-                                  "SessionTimeout value out of range"};
-    timeout = parseNumber(stored, faults, FaultLevel::debug).value_or(timeout);
-    enabled = store::hget(store, serviceUri, serviceEnabledField) == "true";
+void SessionService::readSettings(redisContext* connection) {
+    const std::string stored = store::hget(connection, serviceUri, sessionTimeoutField);
+    const ParsedNumber seconds = parseNumber(stored);
+    if (!seconds.value) {
+        logger->debug("%s", describe(seconds.error, "SessionTimeout value type error",
+                                     "SessionTimeout value out of range")
+                                .c_str());
+    }
+    timeout = seconds.value.value_or(timeout);
+    enabled = store::hget(connection, serviceUri, serviceEnabledField) == "true";
 }
 
 }  // namespace session_service

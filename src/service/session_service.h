@@ -23,7 +23,7 @@ class SessionService {
     [[nodiscard]] std::int32_t sessionTimeout() const noexcept;
 
   private:
-    void readSettings(redisContext* store);
+    void readSettings(redisContext* connection);
 
     bool enabled = false;
     std::int32_t timeout = 0;  // seconds

@@ -1,50 +1,55 @@
 #include "sessions/collection.h"
 
-#include <sys/time.h>
+#include <algorithm>
 
-#include <cstdint>
-#include <vector>
-
-#include "frame/resource_names.h"
 #include "sessions/records.h"
+#include "store/entity_tag.h"
+#include "store/resource_names.h"
 
 namespace session_service {
 
-bool addSessionMember(redisContext* store, const char* id) {
-    if (!store || !id) {
+bool addSessionMember(redisContext* connection, const char* id) {
+    if (!connection || !id) {
         return false;
     }
-    if (!store::lpush(store, membersKey, memberPrefix + sessionUriPrefix + id)) {
+    if (!store::lpush(connection, membersKey, memberPrefix + sessionUriOf(id))) {
         return false;
     }
-    updateEtag(store, collectionUri);
-    store::send(store, {"HINCRBY", collectionUri, membersCountField, "1"});
+    updateEtag(connection, collectionUri);
+    store::send(connection, {"HINCRBY", collectionUri, membersCountField, "1"});
     return true;
 }
 
-int countRedfishSessions(redisContext* store) {
-    std::vector<std::string> members;
-    store::lrange(store, membersKey, members);
-    int count = 0;
-    for (const std::string& member : members) {
-        if (store::hget(store, memberUri(member), sessionTypeField) == redfishSessionType) {
-            ++count;
-        }
+void removeSessionMember(redisContext* connection, const std::string& uri) {
+    if (store::sendForInteger(connection, {"LREM", membersKey, "-1", memberPrefix + uri}) == 1) {
+        store::send(connection, {"HINCRBY", collectionUri, membersCountField, "-1"});
+        updateEtag(connection, collectionUri);
     }
-    return count;
 }
 
-std::string memberUri(const std::string& member) {
-    return member.size() < memberPrefix.size() ? std::string() : member.substr(memberPrefix.size());
+bool canReadMembers(redisContext* connection) {
+    return store::send(connection, {"LRANGE", membersKey, "0", "-1"});
 }
 
-void updateEtag(redisContext* store, const std::string& resourceKey) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const std::uint64_t milliseconds = static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-                                       static_cast<std::uint64_t>(now.tv_usec) / 1000;
-    store::send(store,
-                {"HSET", resourceKey, "@odata.etag", '"' + std::to_string(milliseconds) + '"'});
+bool hasMemberCount(redisContext* connection) {
+    return !store::hget(connection, collectionUri, membersCountField).empty();
+}
+
+std::vector<std::string> memberUris(redisContext* connection) {
+    std::vector<std::string> members;
+    store::lrange(connection, membersKey, members);
+    for (std::string& member : members) {
+        // A shorter one becomes empty.
+        member.erase(0, memberPrefix.size());
+    }
+    return members;
+}
+
+int countRedfishSessions(redisContext* connection) {
+    const std::vector<std::string> uris = memberUris(connection);
+    return static_cast<int>(std::count_if(
+        uris.begin(), uris.end(),
+        [connection](const std::string& uri) { return isRedfishSession(connection, uri); }));
 }
 
 }  // namespace session_service

@@ -15,7 +15,7 @@ namespace session_service {
 void* deleteSessionThread(void* workerContext);
 
 // Serves the request at `requestKey` over a connection of its own. Who may delete a
-// session was settled before the request was announced. An empty request key is ignored;
+// session was settled before the request got here. An empty request key is ignored;
 // a missing store, return channel or target is logged and not answered. Otherwise the
 // reply key is published last; an empty one only by the refusals that come before the
 // deletion. Waits for the data mutex at most dataMutexSeconds.
@@ -24,10 +24,8 @@ void handleDeleteSessionRequest(const std::string& requestKey, const std::string
 
 // Removes the session with the (bare) identifier, its token record and its collection
 // entry, and sends the life-cycle events and the audit entry. Nothing is rolled back. The
-// caller holds the data mutex. The reply is written when `fields` says where; expiry
-// passes empty maps and gets none. Returns 1 when the collection held the session and its
-// count was decremented, else 0.
-int deleteSession(redisContext* store, const std::string& sessionId, ReplyFields fields,
-                  MessageInfo message, WorkerContext& context);
+// reply is written when somebody waits for it; expiry passes an empty one.
+void deleteSession(redisContext* connection, const std::string& sessionId, Reply& reply,
+                   WorkerContext& context) REQUIRES(context.dataMutex);
 
 }  // namespace session_service

@@ -1,6 +1,8 @@
 // The expiry of idle sessions.
 #pragma once
 
+#include <string>
+
 namespace session_service {
 
 // The thread's body; the argument is the WorkerContext. Once a second it deletes, under the
@@ -9,8 +11,7 @@ namespace session_service {
 // release, or at once (logged) when its connection cannot be opened.
 void* sessionTimeoutThread(void* workerContext);
 
-// Removes the first occurrence of `text` from the zero-terminated `buffer`, in place.
-// Returns 1 when something was removed, 0 when there is none or an argument is null.
-int removeSubstring(char* buffer, const char* text);
+// Removes the first occurrence of `part`, if there is one.
+void removeSubstring(std::string& text, const std::string& part);
 
 }  // namespace session_service

@@ -12,17 +12,16 @@
 
 #include "base/file_descriptor.h"
 #include "base/secret.h"
-#include "frame/resource_names.h"
 #include "sessions/records.h"
 
 namespace session_service {
 
-// A chunk of fewer bytes is to fill the low end of its number.
+// A chunk of fewer than four bytes must fill the low end of its number.
 static_assert(std::endian::native == std::endian::little);
 
 std::string generateRandomHex(unsigned byteCount) {
     std::string digits;
-    // Tokens are drawn here: the text must not leave copies behind by growing.
+    // Tokens are made here: the text must not leave copies behind by growing.
     digits.reserve(std::size_t{byteCount} * 2);
     while (byteCount != 0) {
         const FileDescriptor device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
@@ -46,20 +45,19 @@ std::string generateRandomHex(unsigned byteCount) {
     return digits;
 }
 
-std::string generateSessionId(redisContext* store) {
+std::string generateSessionId(redisContext* connection) {
     for (;;) {
         std::string id = generateRandomHex(sessionIdBytes);
-        if (store::hget(store, sessionUriPrefix + id, "Id").empty()) {
+        if (!isSessionIdTaken(connection, id)) {
             return id;
         }
     }
 }
 
-std::string generateToken(redisContext* store) {
+std::string generateToken(redisContext* connection) {
     for (;;) {
         std::string token = generateRandomHex(tokenBytes);
-        const SecretText recordKey{tokenRecordPrefix + token};
-        if (store::hget(store, recordKey.text, userNameField).empty()) {
+        if (!isTokenTaken(connection, token)) {
             return token;
         }
         wipe(token);

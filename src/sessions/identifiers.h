@@ -15,10 +15,9 @@ inline constexpr unsigned tokenBytes = 32;
 // without end.
 std::string generateRandomHex(unsigned byteCount);
 
-// An identifier whose session URI names no session yet, and a token without a token
-// record. Both repeat the draw until the value is free; an unreadable random device
-// gives an empty value.
-std::string generateSessionId(redisContext* store);
-std::string generateToken(redisContext* store);
+// An identifier and a token that no session has yet. Both try again until the value is free; an
+// unreadable random device gives an empty value.
+std::string generateSessionId(redisContext* connection);
+std::string generateToken(redisContext* connection);
 
 }  // namespace session_service

@@ -2,16 +2,35 @@
 
 #include <sys/sysinfo.h>
 
-#include <cstdlib>
-
-#include "frame/resource_names.h"
+#include "base/number.h"
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
+#include "sessions/collection.h"
 
 namespace session_service {
+namespace {
+
+const std::string tokenRecordPrefix = "&&X-AUTH-TOKEN-";
+
+void eraseFirst(std::string& text, char character) {
+    const std::size_t position = text.find(character);
+    if (position != std::string::npos) {
+        text.erase(position, 1);
+    }
+}
+
+}  // namespace
 
 std::string sessionUriOf(const std::string& id) {
     return sessionUriPrefix + id;
+}
+
+std::string tokenReferenceKeyOf(const std::string& uri) {
+    return "&&" + uri;
+}
+
+SecretText tokenRecordKeyOf(const std::string& token) {
+    return {tokenRecordPrefix + token};
 }
 
 std::string stripQuotes(const std::string& text) {
@@ -19,7 +38,7 @@ std::string stripQuotes(const std::string& text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-bool writeSessionRecord(redisContext* store, const NewSession& session) {
+bool writeSessionRecord(redisContext* connection, const NewSession& session) {
     const std::string uri = sessionUriOf(session.id);
     FieldMap fields = {
         {"@odata.context", "\"/redfish/v1/$metadata#Session.Session\""},
@@ -40,17 +59,17 @@ bool writeSessionRecord(redisContext* store, const NewSession& session) {
     if (!session.origin.empty()) {
         fields[originField] = session.origin;
     }
-    return store::hsetMany(store, uri, fields);
+    return store::hsetMany(connection, uri, fields);
 }
 
-void writeTokenReference(redisContext* store, const NewSession& session) {
+void writeTokenReference(redisContext* connection, const NewSession& session) {
     const std::string uri = sessionUriOf(session.id);
     const SecretText quotedToken{quoteArg(session.token.text)};
-    store::hset(store, tokenReferencePrefix + uri, tokenReferenceField, quotedToken.text);
-    store::hset(store, uri, "&&CRUDprefix", "&&/redfish/v1/SessionService/Sessions");
+    store::hset(connection, tokenReferenceKeyOf(uri), tokenReferenceField, quotedToken.text);
+    store::hset(connection, uri, "&&CRUDprefix", "&&/redfish/v1/SessionService/Sessions");
 }
 
-bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
+bool writeMetaSessionRecord(redisContext* connection, const NewSession& session,
                             const std::string& timeout) {
     FieldMap fields = {
         {userNameField, session.userName},
@@ -65,18 +84,70 @@ bool writeMetaSessionRecord(redisContext* store, const NewSession& session,
     if (session.mustChangePassword) {
         fields[passwordChangeField] = "";
     }
-    const SecretText key{tokenRecordPrefix + session.token.text};
-    return store::hsetMany(store, key.text, fields);
+    const SecretText key = tokenRecordKeyOf(session.token.text);
+    return store::hsetMany(connection, key.text, fields);
+}
+
+bool isSessionIdTaken(redisContext* connection, const std::string& id) {
+    return !store::hget(connection, sessionUriOf(id), "Id").empty();
+}
+
+bool isTokenTaken(redisContext* connection, const std::string& token) {
+    const SecretText key = tokenRecordKeyOf(token);
+    return !store::hget(connection, key.text, userNameField).empty();
+}
+
+bool isRedfishSession(redisContext* connection, const std::string& uri) {
+    return store::hget(connection, uri, sessionTypeField) == redfishSessionType;
+}
+
+SecretText tokenRecordKeyForExpiry(redisContext* connection, const std::string& uri) {
+    const SecretText quoted{store::hget(connection, tokenReferenceKeyOf(uri), tokenReferenceField)};
+    const SecretText token{stripQuotes(quoted.text)};
+    return tokenRecordKeyOf(token.text);
+}
+
+bool tokenRecordKeyForDeletion(redisContext* connection, const std::string& uri, SecretText& key) {
+    store::FieldReply reply =
+        store::hgetReply(connection, tokenReferenceKeyOf(uri), tokenReferenceField);
+    if (reply.kind == store::FieldReply::Kind::lost) {
+        return false;
+    }
+    const SecretText quoted{reply.text ? std::move(*reply.text) : "(nil)"};
+    key.text = tokenRecordPrefix + quoted.text;
+    eraseFirst(key.text, '"');
+    eraseFirst(key.text, '"');
+    return true;
+}
+
+Activity readActivity(redisContext* connection, const std::string& tokenRecordKey) {
+    const std::int32_t lastAccessed =
+        parseSeconds(store::hget(connection, tokenRecordKey, lastAccessedField));
+    const std::int32_t timeout =
+        parseSeconds(store::hget(connection, tokenRecordKey, timeoutField));
+    return {lastAccessed, timeout};
 }
 
 std::int32_t parseSeconds(const std::string& text) {
-    return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
+    return static_cast<std::int32_t>(parseInteger(text).value);
 }
 
 long uptimeSeconds() {
     struct sysinfo info {};
     sysinfo(&info);
     return info.uptime;
+}
+
+void removeSessionKeys(redisContext* connection, const std::string& tokenRecordKey,
+                       const std::string& uri) {
+    const std::string tokenReferenceKey = tokenReferenceKeyOf(uri);
+    // Targets come from clients: "Members" and its like name lists of this service.
+    if (tokenReferenceKey == membersKey || tokenReferenceKey == createQueue ||
+        tokenReferenceKey == deleteQueue) {
+        store::send(connection, {"UNLINK", tokenRecordKey, uri});
+    } else {
+        store::send(connection, {"UNLINK", tokenRecordKey, uri, tokenReferenceKey});
+    }
 }
 
 }  // namespace session_service

@@ -2,9 +2,9 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 
+#include "base/number.h"
 #include "store/reply.h"
 
 namespace session_service::store {
@@ -30,7 +30,7 @@ std::size_t elementCount(const ReplyPtr& reply) {
     return reply->type == REDIS_REPLY_ARRAY ? reply->elements : 0;
 }
 
-ReplyPtr setFields(redisContext* store, const std::string& key, const FieldMap& fields) {
+ReplyPtr setFields(redisContext* connection, const std::string& key, const FieldMap& fields) {
     std::vector<std::string_view> arguments;
     arguments.reserve(2 + 2 * fields.size());
     arguments.emplace_back("HSET");
@@ -39,22 +39,22 @@ ReplyPtr setFields(redisContext* store, const std::string& key, const FieldMap& 
         arguments.emplace_back(field);
         arguments.emplace_back(value);
     }
-    return sendArguments(store, arguments);
+    return sendArguments(connection, arguments);
 }
 
 }  // namespace
 
-ReplyPtr sendCommand(redisContext* store, std::span<const char*> words,
+ReplyPtr sendCommand(redisContext* connection, std::span<const char*> words,
                      const std::size_t* lengths) {
     // Commands sent after the loss would pile up in the output buffer.
-    if (store->err != 0) {
+    if (connection->err != 0) {
         return nullptr;
     }
     return ReplyPtr(static_cast<redisReply*>(
-        redisCommandArgv(store, static_cast<int>(words.size()), words.data(), lengths)));
+        redisCommandArgv(connection, static_cast<int>(words.size()), words.data(), lengths)));
 }
 
-ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments) {
+ReplyPtr sendArguments(redisContext* connection, std::span<const std::string_view> arguments) {
     std::vector<const char*> starts;
     std::vector<std::size_t> lengths;
     starts.reserve(arguments.size());
@@ -63,31 +63,39 @@ ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> ar
         starts.push_back(argument.data());
         lengths.push_back(argument.size());
     }
-    return sendCommand(store, starts, lengths.data());
+    return sendCommand(connection, starts, lengths.data());
 }
 
-std::optional<std::string> hgetText(redisContext* store, const std::string& key,
-                                    const std::string& field) {
-    const ReplyPtr reply = sendWords(store, "HGET", key, field);
-    if (!reply || reply->type != REDIS_REPLY_STRING) {
-        return std::nullopt;
+std::string hget(redisContext* connection, const std::string& key, const std::string& field) {
+    const FieldReply reply = hgetReply(connection, key, field);
+    return reply.kind == FieldReply::Kind::text ? *reply.text : std::string();
+}
+
+FieldReply hgetReply(redisContext* connection, const std::string& key, const std::string& field) {
+    const ReplyPtr reply = sendWords(connection, "HGET", key, field);
+    if (!reply) {
+        return {};
     }
-    return textOf(reply.get());
+    FieldReply result;
+    result.kind = FieldReply::Kind::other;
+    if (reply->str) {
+        result.text = textOf(reply.get());
+        if (reply->type == REDIS_REPLY_STRING) {
+            result.kind = FieldReply::Kind::text;
+        }
+    }
+    return result;
 }
 
-std::string hget(redisContext* store, const std::string& key, const std::string& field) {
-    return hgetText(store, key, field).value_or("");
-}
-
-bool hset(redisContext* store, const std::string& key, const std::string& field,
+bool hset(redisContext* connection, const std::string& key, const std::string& field,
           const std::string& value) {
-    const ReplyPtr reply = sendWords(store, "HSET", key, field, value);
+    const ReplyPtr reply = sendWords(connection, "HSET", key, field, value);
     return isInteger(reply) && static_cast<unsigned long long>(reply->integer) <= 1;
 }
 
-bool lpush(redisContext* store, const std::string& key, const std::string& value,
+bool lpush(redisContext* connection, const std::string& key, const std::string& value,
            std::int32_t& newLength) {
-    const ReplyPtr reply = sendWords(store, "LPUSH", key, value);
+    const ReplyPtr reply = sendWords(connection, "LPUSH", key, value);
     if (!isInteger(reply)) {
         return false;
     }
@@ -95,68 +103,68 @@ bool lpush(redisContext* store, const std::string& key, const std::string& value
     return true;
 }
 
-bool lpush(redisContext* store, const std::string& key, const std::string& value) {
+bool lpush(redisContext* connection, const std::string& key, const std::string& value) {
     std::int32_t newLength = 0;
-    return lpush(store, key, value, newLength);
+    return lpush(connection, key, value, newLength);
 }
 
-std::int32_t llen(redisContext* store, const std::string& key) {
-    const ReplyPtr reply = sendWords(store, "LLEN", key);
+std::int32_t llen(redisContext* connection, const std::string& key) {
+    const ReplyPtr reply = sendWords(connection, "LLEN", key);
     if (!reply) {
         std::printf(">>> Failed to get list length on %s.\n", key.c_str());
     }
     return isInteger(reply) ? static_cast<std::int32_t>(reply->integer) : -1;
 }
 
-bool publish(redisContext* store, const std::string& channel, const std::string& message) {
-    const ReplyPtr reply = sendWords(store, "PUBLISH", channel, message);
+bool publish(redisContext* connection, const std::string& channel, const std::string& message) {
+    const ReplyPtr reply = sendWords(connection, "PUBLISH", channel, message);
     return isInteger(reply) && reply->integer > 0;
 }
 
-bool publishAny(redisContext* store, const std::string& channel, const std::string& message) {
-    return isInteger(sendWords(store, "PUBLISH", channel, message));
+bool publishAny(redisContext* connection, const std::string& channel, const std::string& message) {
+    return isInteger(sendWords(connection, "PUBLISH", channel, message));
 }
 
-bool del(redisContext* store, const std::string& key) {
-    return isOne(sendWords(store, "DEL", key));
+bool del(redisContext* connection, const std::string& key) {
+    return isOne(sendWords(connection, "DEL", key));
 }
 
-bool expire(redisContext* store, const std::string& key, int seconds) {
-    return isOne(sendWords(store, "EXPIRE", key, std::to_string(seconds)));
+bool expire(redisContext* connection, const std::string& key, int seconds) {
+    return isOne(sendWords(connection, "EXPIRE", key, std::to_string(seconds)));
 }
 
-std::int32_t lrem(redisContext* store, const std::string& key, int count,
+std::int32_t lrem(redisContext* connection, const std::string& key, int count,
                   const std::string& value) {
-    const ReplyPtr reply = sendWords(store, "LREM", key, std::to_string(count), value);
+    const ReplyPtr reply = sendWords(connection, "LREM", key, std::to_string(count), value);
     if (!reply) {
         std::printf(">>> Failed to remove %s element in %s.\n", value.c_str(), key.c_str());
     }
     return isInteger(reply) ? static_cast<std::int32_t>(reply->integer) : 0;
 }
 
-bool hexists(redisContext* store, const std::string& key, const std::string& field) {
-    return isOne(sendWords(store, "HEXISTS", key, field));
+bool hexists(redisContext* connection, const std::string& key, const std::string& field) {
+    return isOne(sendWords(connection, "HEXISTS", key, field));
 }
 
-bool hincrby(redisContext* store, const std::string& key, const std::string& field, int step,
+bool hincrby(redisContext* connection, const std::string& key, const std::string& field, int step,
              std::int32_t& newValue) {
-    const ReplyPtr reply = sendWords(store, "HINCRBY", key, field, std::to_string(step));
+    const ReplyPtr reply = sendWords(connection, "HINCRBY", key, field, std::to_string(step));
     if (isInteger(reply)) {
         newValue = static_cast<std::int32_t>(reply->integer);
     }
     return reply != nullptr;
 }
 
-bool hdel(redisContext* store, const std::string& key, const std::string& field) {
-    return isOne(sendWords(store, "HDEL", key, field));
+bool hdel(redisContext* connection, const std::string& key, const std::string& field) {
+    return isOne(sendWords(connection, "HDEL", key, field));
 }
 
-bool exists(redisContext* store, const std::string& key) {
-    return isOne(sendWords(store, "EXISTS", key));
+bool exists(redisContext* connection, const std::string& key) {
+    return isOne(sendWords(connection, "EXISTS", key));
 }
 
-bool hgetall(redisContext* store, const std::string& key, FieldMap& fields) {
-    const ReplyPtr reply = sendWords(store, "HGETALL", key);
+bool hgetall(redisContext* connection, const std::string& key, FieldMap& fields) {
+    const ReplyPtr reply = sendWords(connection, "HGETALL", key);
     if (!reply) {
         return false;
     }
@@ -167,8 +175,8 @@ bool hgetall(redisContext* store, const std::string& key, FieldMap& fields) {
     return true;
 }
 
-bool lrange(redisContext* store, const std::string& key, std::vector<std::string>& list) {
-    const ReplyPtr reply = sendWords(store, "LRANGE", key, "0", "-1");
+bool lrange(redisContext* connection, const std::string& key, std::vector<std::string>& list) {
+    const ReplyPtr reply = sendWords(connection, "LRANGE", key, "0", "-1");
     if (!reply) {
         return false;
     }
@@ -178,29 +186,29 @@ bool lrange(redisContext* store, const std::string& key, std::vector<std::string
     return true;
 }
 
-bool hsetMany(redisContext* store, const std::string& key, const FieldMap& fields) {
-    const ReplyPtr reply = setFields(store, key, fields);
+bool hsetMany(redisContext* connection, const std::string& key, const FieldMap& fields) {
+    const ReplyPtr reply = setFields(connection, key, fields);
     return reply && reply->type != REDIS_REPLY_ERROR;
 }
 
-bool hsetFields(redisContext* store, const std::string& key, const FieldMap& fields) {
-    const ReplyPtr reply = setFields(store, key, fields);
+bool hsetFields(redisContext* connection, const std::string& key, const FieldMap& fields) {
+    const ReplyPtr reply = setFields(connection, key, fields);
     return isInteger(reply) && reply->integer >= 0;
 }
 
-bool send(redisContext* store, std::initializer_list<std::string_view> arguments) {
-    return sendArguments(store, arguments) != nullptr;
+bool send(redisContext* connection, std::initializer_list<std::string_view> arguments) {
+    return sendArguments(connection, arguments) != nullptr;
 }
 
-std::optional<long long> sendForInteger(redisContext* store,
+std::optional<long long> sendForInteger(redisContext* connection,
                                         std::initializer_list<std::string_view> arguments) {
-    return integerOf(sendArguments(store, arguments));
+    return integerOf(sendArguments(connection, arguments));
 }
 
-std::optional<long long> sendForInteger(redisContext* store,
+std::optional<long long> sendForInteger(redisContext* connection,
                                         const std::vector<std::string>& arguments) {
     const std::vector<std::string_view> views(arguments.begin(), arguments.end());
-    return integerOf(sendArguments(store, views));
+    return integerOf(sendArguments(connection, views));
 }
 
 void appendWords(std::vector<std::string>& arguments, const std::string& text) {
@@ -212,29 +220,21 @@ void appendWords(std::vector<std::string>& arguments, const std::string& text) {
     }
 }
 
-std::optional<std::string> hgetReply(redisContext* store, const std::string& key,
-                                     const std::string& field, const char* otherwise) {
-    const ReplyPtr reply = sendWords(store, "HGET", key, field);
-    if (!reply) {
-        return std::nullopt;
-    }
-    return reply->str ? textOf(reply.get()) : std::string(otherwise);
-}
-
-std::optional<long long> llenReply(redisContext* store, const std::string& key) {
-    const ReplyPtr reply = sendWords(store, "LLEN", key);
+std::optional<long long> llenReply(redisContext* connection, const std::string& key) {
+    const ReplyPtr reply = sendWords(connection, "LLEN", key);
     return reply ? std::optional<long long>(reply->integer) : std::nullopt;
 }
 
-std::optional<ScanPage> scan(redisContext* store, std::int32_t cursor, const std::string& pattern) {
+std::optional<ScanPage> scan(redisContext* connection, std::int32_t cursor,
+                             const std::string& pattern) {
     const ReplyPtr reply =
-        sendWords(store, "SCAN", std::to_string(cursor), "MATCH", pattern, "COUNT", "1000");
+        sendWords(connection, "SCAN", std::to_string(cursor), "MATCH", pattern, "COUNT", "1000");
     if (!reply || elementCount(reply) < 2 || !reply->element[0]->str ||
         reply->element[1]->type != REDIS_REPLY_ARRAY) {
         return std::nullopt;
     }
     ScanPage page;
-    page.nextCursor = static_cast<std::int32_t>(std::strtoll(reply->element[0]->str, nullptr, 10));
+    page.nextCursor = static_cast<std::int32_t>(parseInteger(reply->element[0]->str).value);
     const redisReply* keys = reply->element[1];
     page.keys.reserve(keys->elements);
     for (std::size_t i = 0; i < keys->elements; ++i) {
@@ -245,11 +245,11 @@ std::optional<ScanPage> scan(redisContext* store, std::int32_t cursor, const std
     return page;
 }
 
-ScriptAnswer evalsha(redisContext* store, const std::string& digest,
+ScriptAnswer evalsha(redisContext* connection, const std::string& digest,
                      const std::vector<std::string>& pieces) {
     std::vector<std::string_view> arguments{"EVALSHA", digest};
     arguments.insert(arguments.end(), pieces.begin(), pieces.end());
-    const ReplyPtr reply = sendArguments(store, arguments);
+    const ReplyPtr reply = sendArguments(connection, arguments);
 
     ScriptAnswer answer;
     if (!reply) {
@@ -269,26 +269,26 @@ ScriptAnswer evalsha(redisContext* store, const std::string& digest,
     return answer;
 }
 
-bool subscribe(redisContext* store, const std::string& channel) {
-    return sendWords(store, "SUBSCRIBE", channel) != nullptr;
+bool subscribe(redisContext* connection, const std::string& channel) {
+    return sendWords(connection, "SUBSCRIBE", channel) != nullptr;
 }
 
-std::optional<Announcement> readAnnouncement(redisContext* store) {
+std::optional<ReceivedNotice> readNotice(redisContext* connection) {
     void* received = nullptr;
-    const int status = redisGetReply(store, &received);
+    const int status = redisGetReply(connection, &received);
     const ReplyPtr reply(static_cast<redisReply*>(received));
     if (status != REDIS_OK || !reply) {
         return std::nullopt;
     }
-    Announcement announcement;
-    announcement.elements = elementCount(reply);
-    if (announcement.elements > 0) {
-        const redisReply* last = reply->element[announcement.elements - 1];
+    ReceivedNotice notice;
+    notice.elements = elementCount(reply);
+    if (notice.elements > 0) {
+        const redisReply* last = reply->element[notice.elements - 1];
         if (last->str) {
-            announcement.text = last->str;
+            notice.text = last->str;
         }
     }
-    return announcement;
+    return notice;
 }
 
 }  // namespace session_service::store

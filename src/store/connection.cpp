@@ -1,20 +1,21 @@
 #include "store/connection.h"
 
-#include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 
+#include "base/number.h"
 #include "base/shell.h"
 #include "base/text_file.h"
 #include "store/reply.h"
+#include "store/socket.h"
 
 namespace {
 
@@ -63,17 +64,16 @@ bool findSocketDirectory(char (&directory)[lineSize]) {
 }
 
 // False when the text is no port number: only digits and line feeds are allowed.
-bool parsePort(const char* text, std::int64_t& port) noexcept {
+bool parsePort(const char* text, std::int64_t& port) {
     if (*text == '\0' || text[std::strspn(text, "0123456789\n")] != '\0') {
         return false;
     }
-    errno = 0;
-    const long value = std::strtol(text, nullptr, 10);
-    if (errno == ERANGE && value == LONG_MAX) {
-        perror("strtol");
+    const session_service::ParsedInteger number = session_service::parseInteger(text);
+    if (number.outOfRange) {
+        std::fprintf(stderr, "strtol: %s\n", std::strerror(ERANGE));
         return false;
     }
-    port = value;
+    port = number.value;
     return true;
 }
 
@@ -153,24 +153,22 @@ redisContext* connectToRedis(ConnectionInfo* info) noexcept {
     if (!info) {
         return nullptr;
     }
-    redisContext* context = nullptr;
+    int socket = -1;
     if (info->connectionKind == CONNECTION_KIND_UNIX) {
-        context = redisConnectUnix(info->socketPath);
+        socket = session_service::store::connectUnixSocket(info->socketPath);
     } else if (info->connectionKind == CONNECTION_KIND_TCP) {
         if (!info->host) {
             info->host = "127.0.0.1";
         }
-        context = redisConnect(info->host, static_cast<int>(info->port));
+        socket = session_service::store::connectTcpSocket(info->host, static_cast<int>(info->port));
     }
+    if (socket < 0) {
+        return nullptr;
+    }
+    redisContext* context = redisConnectFd(socket);
     if (!context) {
-        return nullptr;
+        close(socket);
     }
-    if (context->err != 0) {
-        redisFree(context);
-        return nullptr;
-    }
-    // PAM modules fork helpers; they must not inherit the store.
-    fcntl(context->fd, F_SETFD, FD_CLOEXEC);
     return context;
 }
 

@@ -33,7 +33,7 @@ struct ConnectionInfo {
 
 extern "C" {
 
-// Discovers, connects and authenticates: the only entry that the daemon itself uses.
+// Discovers, connects and authenticates.
 // Returns a context to be closed with redisDisconnectContext, or null. The context's
 // socket is close-on-exec; no timeouts are set, so commands on it block.
 SESSION_SERVICE_EXPORT redisContext* redisConnectContext(void) noexcept;

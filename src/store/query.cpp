@@ -38,8 +38,8 @@ Answer toAnswer(const redisReply& reply) {
 
 }  // namespace
 
-Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments) {
-    const ReplyPtr reply = sendArguments(store, arguments);
+Answer ask(redisContext* connection, std::initializer_list<std::string_view> arguments) {
+    const ReplyPtr reply = sendArguments(connection, arguments);
     return reply ? toAnswer(*reply) : Answer{};
 }
 
@@ -51,12 +51,12 @@ std::map<std::string, std::string> fieldsOf(const Answer& answer) {
     return fields;
 }
 
-int descriptorOf(const redisContext* store) {
-    return store->fd;
+int descriptorOf(const redisContext* connection) {
+    return connection->fd;
 }
 
-bool limitWaits(redisContext* store, std::chrono::seconds limit) {
-    return redisSetTimeout(store, timeval{.tv_sec = limit.count(), .tv_usec = 0}) == REDIS_OK;
+bool limitWaits(redisContext* connection, std::chrono::seconds limit) {
+    return redisSetTimeout(connection, timeval{.tv_sec = limit.count(), .tv_usec = 0}) == REDIS_OK;
 }
 
 }  // namespace session_service::store

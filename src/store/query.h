@@ -29,16 +29,16 @@ struct Answer {
 };
 
 // Sends one command, each argument as it is, and waits for the reply. Logs nothing.
-Answer ask(redisContext* store, std::initializer_list<std::string_view> arguments);
+Answer ask(redisContext* connection, std::initializer_list<std::string_view> arguments);
 
 // The fields of a list of names and values; empty when the answer is no list.
 std::map<std::string, std::string> fieldsOf(const Answer& answer);
 
 // The connection's socket, for waiting on.
-int descriptorOf(const redisContext* store);
+int descriptorOf(const redisContext* connection);
 
 // From now on a wait for this connection ends after so long, and the connection with it.
 // False when the limit cannot be set.
-bool limitWaits(redisContext* store, std::chrono::seconds limit);
+bool limitWaits(redisContext* connection, std::chrono::seconds limit);
 
 }  // namespace session_service::store

@@ -21,7 +21,8 @@ using ReplyPtr = std::unique_ptr<redisReply, FreeReply>;
 
 // Sends one command, given as its words and their lengths, and waits for its reply. Null: the
 // connection is lost.
-ReplyPtr sendCommand(redisContext* store, std::span<const char*> words, const std::size_t* lengths);
+ReplyPtr sendCommand(redisContext* connection, std::span<const char*> words,
+                     const std::size_t* lengths);
 
 inline const char* startOf(const char* text) {
     return text;
@@ -32,14 +33,14 @@ inline const char* startOf(const std::string& text) {
 
 // The same for words that end at their first zero byte.
 template <typename... Words>
-ReplyPtr sendWords(redisContext* store, const Words&... words) {
+ReplyPtr sendWords(redisContext* connection, const Words&... words) {
     std::array<const char*, sizeof...(words)> starts{startOf(words)...};
     const std::array<std::size_t, sizeof...(words)> lengths{std::strlen(startOf(words))...};
-    return sendCommand(store, starts, lengths.data());
+    return sendCommand(connection, starts, lengths.data());
 }
 
 // The same for words that may hold any bytes.
-ReplyPtr sendArguments(redisContext* store, std::span<const std::string_view> arguments);
+ReplyPtr sendArguments(redisContext* connection, std::span<const std::string_view> arguments);
 
 inline bool isInteger(const ReplyPtr& reply) {
     return reply && reply->type == REDIS_REPLY_INTEGER;

@@ -4,7 +4,6 @@
 
 #include <optional>
 
-#include "frame/resource_names.h"
 #include "service/patch.h"
 #include "support/captured_stream.h"
 #include "support/input.h"
@@ -14,26 +13,25 @@
 namespace session_service {
 namespace {
 
-using Announcements = std::vector<store::Announcement>;
+using ReceivedNotices = std::vector<store::ReceivedNotice>;
 
 std::vector<Notice> handled;
 
-void recordNotice(const std::string& requestKey, const std::string& replyKey,
-                  WorkerContext& /*context*/) {
-    handled.push_back({requestKey, replyKey});
+void recordNotice(const Notice& notice) {
+    handled.push_back(notice);
 }
 
 // What arrives after the confirmation of the subscription; empty when there is none.
-std::optional<Announcements> announcementsIn(const std::string& bytes) {
+std::optional<ReceivedNotices> noticesIn(const std::string& bytes) {
     const StandInStore connection({bytes});
     if (!store::subscribe(connection.store(), "channel")) {
         return std::nullopt;
     }
-    Announcements announcements;
-    while (const auto announcement = store::readAnnouncement(connection.store())) {
-        announcements.push_back(*announcement);
+    ReceivedNotices notices;
+    while (const auto received = store::readNotice(connection.store())) {
+        notices.push_back(*received);
     }
-    return announcements;
+    return notices;
 }
 
 void trySplit(const std::string& payload) {
@@ -47,10 +45,10 @@ void trySplit(const std::string& payload) {
     }
 }
 
-void tryRequestThread(const std::string& bytes, const Announcements& announcements) {
+void tryRequestThread(const std::string& bytes, const ReceivedNotices& notices) {
     std::vector<std::string> expected;
-    for (const store::Announcement& announcement : announcements) {
-        const std::string payload = announcement.text.value_or("");
+    for (const store::ReceivedNotice& received : notices) {
+        const std::string payload = received.text.value_or("");
         if (payload == "&&EXIT") {
             break;
         }
@@ -60,10 +58,9 @@ void tryRequestThread(const std::string& bytes, const Announcements& announcemen
     }
 
     handled.clear();
-    WorkerContext context{};
     StandInServer server({{bytes}});
     const CapturedStream log(stderr);
-    serveRequests(createChannel, context, recordNotice);
+    serveRequests(createChannel, recordNotice);
     require(handled.size() == expected.size(), "every notice up to the exit notice is handled");
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const Notice notice = splitNotice(expected[i]);
@@ -77,17 +74,17 @@ void tryRequestThread(const std::string& bytes, const Announcements& announcemen
 }
 
 // Requests are not found here: each is answered without a reply.
-void tryPatchThread(const std::string& bytes, const Announcements& announcements,
+void tryPatchThread(const std::string& bytes, const ReceivedNotices& notices,
                     std::string expectedLog) {
     std::vector<std::string> expected;
-    for (const store::Announcement& announcement : announcements) {
-        if (announcement.elements != 3 || !announcement.text) {
+    for (const store::ReceivedNotice& received : notices) {
+        if (received.elements != 3 || !received.text) {
             continue;
         }
-        if (announcement.text->find(' ') == std::string::npos) {
+        if (received.text->find(' ') == std::string::npos) {
             expectedLog += debugLine("Request data format is incorrect.");
         } else {
-            expected.push_back(*announcement.text);
+            expected.push_back(*received.text);
         }
     }
 
@@ -111,11 +108,11 @@ void tryPatchThread(const std::string& bytes, const Announcements& announcements
 }
 
 void tryChannel(const std::string& bytes) {
-    const std::optional<Announcements> announcements = announcementsIn(bytes);
-    tryRequestThread(bytes, announcements.value_or(Announcements()));
-    tryPatchThread(bytes, announcements.value_or(Announcements()),
-                   announcements ? std::string()
-                                 : errorLine("Failed to subscribe channel " + patchChannel + '.'));
+    const std::optional<ReceivedNotices> notices = noticesIn(bytes);
+    tryRequestThread(bytes, notices.value_or(ReceivedNotices()));
+    tryPatchThread(
+        bytes, notices.value_or(ReceivedNotices()),
+        notices ? std::string() : errorLine("Failed to subscribe channel " + patchChannel + '.'));
 }
 
 }  // namespace

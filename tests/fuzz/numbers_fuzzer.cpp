@@ -58,31 +58,16 @@ Reading readNumber(std::string_view text) {
     return {Verdict::number, static_cast<std::int32_t>(*number)};
 }
 
-// What the conversion logs.
-std::string faultLine(const std::string& tag, Verdict verdict) {
-    switch (verdict) {
-        case Verdict::noDigits:
-            return tag + ": no digits stoi\n";
-        case Verdict::outOfRange:
-            return tag + ": out of range stoi\n";
-        default:
-            return {};
-    }
-}
-
 void checkNumber(const std::string& text) {
-    constexpr NumberFaults faults{"no digits", "out of range"};
     const Reading expected = readNumber(text);
-    for (const FaultLevel level : {FaultLevel::error, FaultLevel::debug}) {
-        const CapturedStream log(stderr);
-        const std::optional<std::int32_t> number = parseNumber(text, faults, level);
-        require(number.has_value() == (expected.verdict == Verdict::number),
-                "a text gives a number when it begins with one of 32 bits");
-        require(number.value_or(0) == expected.value, "the number is what the digits say");
-        require(log.written() ==
-                    faultLine(level == FaultLevel::error ? "[Error]" : "[Debug]", expected.verdict),
-                "what is no number makes one line of the level asked for");
-    }
+    const ParsedNumber number = parseNumber(text);
+    require(number.value.has_value() == (expected.verdict == Verdict::number),
+            "a text gives a number when it begins with one of 32 bits");
+    require(number.value.value_or(0) == expected.value, "the number is what the digits say");
+    require(
+        (number.error == NumberError::noDigits) == (expected.verdict == Verdict::noDigits) &&
+            (number.error == NumberError::outOfRange) == (expected.verdict == Verdict::outOfRange),
+        "what is no number is told by its reason");
 }
 
 void checkPrivilegeList(const std::string& text) {

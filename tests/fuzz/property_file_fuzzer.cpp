@@ -17,8 +17,6 @@
 namespace session_service {
 namespace {
 
-constexpr const char* propertyFile = "/var/nginx/SessionPersistentProp.conf";
-
 struct Entry {
     std::string name;
     std::string value;

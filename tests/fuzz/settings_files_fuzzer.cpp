@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "auth/group_settings.h"
+#include "auth/kerberos_groups.h"
 #include "support/file_stand_in.h"
 #include "support/input.h"
 #include "support/pieces.h"

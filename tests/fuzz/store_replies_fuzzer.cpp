@@ -136,10 +136,13 @@ void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& 
                 (isText ? std::string(reply->str) : std::string()),
             "hget gives a text up to its first zero byte");
     const auto field =
-        resultOf(replies, hget, [&](auto* s) { return store::hgetReply(s, text, text, "none"); });
-    require(field.has_value() == (reply != nullptr) &&
-                (!field || *field == (reply->str ? reply->str : "none")),
-            "hgetReply tells no reply from one without text");
+        resultOf(replies, hget, [&](auto* s) { return store::hgetReply(s, text, text); });
+    using Kind = store::FieldReply::Kind;
+    require((field.kind == Kind::lost) == (reply == nullptr) &&
+                (field.kind == Kind::text) == isText &&
+                field.text ==
+                    (reply && reply->str ? std::optional<std::string>(reply->str) : std::nullopt),
+            "hgetReply tells a field's text from other replies and from none");
     require(resultOf(replies, {"HEXISTS", sent, sent},
                      [&](auto* s) { return store::hexists(s, text, text); }) ==
                 (integerOf(reply, 0) == 1),
@@ -242,8 +245,8 @@ void trySubscription(const Replies& replies, const std::string& text, const Repl
     const StandInStore connection(replies);
     require(store::subscribe(connection.store(), text) == (reply != nullptr),
             "a subscription is confirmed by any reply");
-    while (const auto announcement = store::readAnnouncement(connection.store())) {
-        require(!announcement->text || announcement->elements > 0, "a text is that of an element");
+    while (const auto notice = store::readNotice(connection.store())) {
+        require(!notice->text || notice->elements > 0, "a text is that of an element");
     }
     require(connection.takeCommands() == Commands{{"SUBSCRIBE", cText(text)}},
             "a subscribed connection only reads");

@@ -8,13 +8,14 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "frame/resource_names.h"
 #include "frame/worker_context.h"
 #include "protocol/replies.h"
+#include "protocol/request_channels.h"
 #include "sessions/collection.h"
 #include "sessions/delete_session.h"
 #include "sessions/expiry.h"
 #include "sessions/records.h"
+#include "store/resource_names.h"
 #include "support/captured_stream.h"
 #include "support/input.h"
 #include "support/property.h"
@@ -32,8 +33,8 @@ struct Fields {
     std::string member;
 };
 
-WorkerContext context{PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                      PTHREAD_COND_INITIALIZER};
+WorkerContext context{
+    {PTHREAD_MUTEX_INITIALIZER}, {PTHREAD_MUTEX_INITIALIZER}, PTHREAD_COND_INITIALIZER};
 
 void tryQuotes(const std::string& text) {
     require(stripQuotes('"' + text + '"') == text, "one enclosing pair of quotes goes");
@@ -55,20 +56,19 @@ void tryQuotes(const std::string& text) {
 }
 
 void tryRemoval(const std::string& text, const std::string& removed) {
-    std::string buffer = text;
+    std::string left = text;
     std::string expected = text;
     const std::size_t position = text.find(removed);
     if (position != std::string::npos) {
         expected.erase(position, removed.size());
     }
-    const int result = removeSubstring(buffer.data(), removed.c_str());
-    require(result == (position != std::string::npos ? 1 : 0) && cText(buffer) == expected,
-            "the first occurrence goes");
+    removeSubstring(left, removed);
+    require(left == expected, "the first occurrence goes");
 }
 
 // Without its first two quotes.
 std::string deletedTokenKey(const std::string& storedToken) {
-    std::string key = tokenRecordPrefix + storedToken;
+    std::string key = "&&X-AUTH-TOKEN-" + storedToken;
     for (int quote = 0; quote < 2; ++quote) {
         const std::size_t position = key.find('"');
         if (position != std::string::npos) {
@@ -93,7 +93,7 @@ Replies deletionReplies(const Fields& fields) {
 // The commands of a deletion up to the one that takes the session out of the collection.
 Commands deletionCommands(const std::string& id, const std::string& storedToken) {
     const std::string uri = sessionUriPrefix + id;
-    const std::string reference = tokenReferencePrefix + uri;
+    const std::string reference = "&&" + uri;
     Command unlink{"UNLINK", deletedTokenKey(storedToken), uri};
     if (reference != membersKey && reference != createQueue && reference != deleteQueue) {
         unlink.push_back(reference);
@@ -116,8 +116,9 @@ bool startsWith(const Commands& commands, const Commands& expected) {
 void tryDeletion(const Fields& fields) {
     const StandInStore connection(deletionReplies(fields));
     const CapturedStream log(stderr);
-    require(deleteSession(connection.store(), fields.id, {}, {}, context) == 1,
-            "a member of the collection is deleted");
+    Reply nobodyWaits;
+    const MutexGuard lock(context.dataMutex);
+    deleteSession(connection.store(), fields.id, nobodyWaits, context);
     require(startsWith(connection.takeCommands(), deletionCommands(fields.id, fields.storedToken)),
             "a deletion names the session's own keys");
     require(isLog(log.written()), "a deletion logs whole lines");
@@ -133,8 +134,9 @@ bool hasExpired(const Fields& fields, long uptime) {
 
 // One pass over a collection of one member.
 void tryExpiry(const Fields& fields) {
-    const std::string uri = memberUri(fields.member);
-    const std::string tokenKey = tokenRecordPrefix + stripQuotes(fields.storedToken);
+    const std::string uri =
+        fields.member.substr(std::min(fields.member.size(), memberPrefix.size()));
+    const std::string tokenKey = "&&X-AUTH-TOKEN-" + stripQuotes(fields.storedToken);
     Replies replies{resp::bulkArray({fields.member}), resp::bulk(redfishSessionType),
                     resp::bulk(fields.storedToken), resp::bulk(fields.lastAccessed),
                     resp::bulk(fields.timeout)};
@@ -142,14 +144,14 @@ void tryExpiry(const Fields& fields) {
     replies.insert(replies.end(), deletion.begin(), deletion.end());
     Commands reads{{"LRANGE", membersKey, "0", "-1"},
                    {"HGET", uri, "SessionType"},
-                   {"HGET", tokenReferencePrefix + uri, "XAUTH"},
+                   {"HGET", "&&" + uri, "XAUTH"},
                    {"HGET", tokenKey, "LastAccessed"},
                    {"HGET", tokenKey, "Timeout"}};
 
     StandInServer server({replies});
     const CapturedStream log(stderr);
     const long before = uptimeSeconds();
-    pthread_mutex_lock(&context.stopMutex);
+    pthread_mutex_lock(&context.stopMutex.handle);
     sessionTimeoutThread(&context);
     const long after = uptimeSeconds();
     require(isLog(log.written()), "an expiry logs whole lines");
@@ -203,12 +205,11 @@ void tryRecords(const Fields& fields) {
                 valueOf(commands[0], "&&OwnerName") == fields.userName,
             "the resource holds the user name, whatever it is");
     require(commands[1].size() == 2 + 10 + origin &&
-                commands[1][1] == tokenRecordPrefix + fields.storedToken &&
+                commands[1][1] == "&&X-AUTH-TOKEN-" + fields.storedToken &&
                 valueOf(commands[1], "SessionID") == uri &&
                 valueOf(commands[1], "UserName") == fields.userName,
             "the token record names its session");
-    require(commands[2] ==
-                Command{"HSET", tokenReferencePrefix + uri, "XAUTH", quoteArg(fields.storedToken)},
+    require(commands[2] == Command{"HSET", "&&" + uri, "XAUTH", quoteArg(fields.storedToken)},
             "the token reference holds the quoted token");
 }
 
@@ -217,7 +218,7 @@ void tryRecords(const Fields& fields) {
 
 // Stands in for the wait before a pass: it is over at once, and the pass is the last one.
 extern "C" int usleep(useconds_t /*time*/) {
-    pthread_mutex_unlock(&session_service::context.stopMutex);
+    pthread_mutex_unlock(&session_service::context.stopMutex.handle);
     return 0;
 }
 

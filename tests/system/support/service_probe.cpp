@@ -2,7 +2,7 @@
 // prints its settings once its worker has ended: "enabled 1 timeout 300".
 #include <cstdio>
 
-#include "frame/file_names.h"
+#include "frame/configuration.h"
 #include "frame/logger.h"
 #include "service/session_service.h"
 

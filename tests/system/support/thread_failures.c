@@ -46,13 +46,13 @@ __attribute__((visibility("default"))) int pthread_join(pthread_t thread, void**
     return is_failing("join", ++count) ? EINVAL : status;
 }
 
-__attribute__((visibility("default"))) void* redisConnectUnix(const char* path) {
+__attribute__((visibility("default"))) void* redisConnectFd(int descriptor) {
     const char* given = getenv("THREAD_FAILURES");
-    void* (*next)(const char*);
+    void* (*next)(int);
 
     if (given != NULL && strcmp(given, "connection") == 0 && gettid() != getpid()) {
         return NULL;
     }
-    *(void**)&next = dlsym(RTLD_NEXT, "redisConnectUnix");
-    return next(path);
+    *(void**)&next = dlsym(RTLD_NEXT, "redisConnectFd");
+    return next(descriptor);
 }

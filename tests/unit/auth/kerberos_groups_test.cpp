@@ -23,7 +23,7 @@ class KadminCommand : public testing::Test {
 
     // What the tool receives from the shell.
     Arguments argumentsFor(const std::string& userName, const std::string& password) {
-        const std::string command = composeKadminCommand(userName.c_str(), password.c_str());
+        const std::string command = composeKadminCommand(userName, password);
         const std::string output = executeCommand("PATH='" + folder.path() + "':\"$PATH\"; cd '" +
                                                   folder.path() + "'; " + command);
         Arguments arguments;

@@ -2,12 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/captured_output.h"
+#include <limits>
 
 namespace session_service {
 namespace {
-
-constexpr NumberFaults faults{"No digits:", "Too large:"};
 
 TEST(Number, StandsAtTheStartOfTheText) {
     for (const auto& [text, value] :
@@ -23,36 +21,70 @@ TEST(Number, StandsAtTheStartOfTheText) {
                                              {"0x10", 0},
                                              {"2147483647", 2147483647},
                                              {"-2147483648", -2147483647 - 1}}) {
-        EXPECT_EQ(standardErrorOf([&, &given = text, &expected = value] {
-                      EXPECT_EQ(parseNumber(given, faults, FaultLevel::error), expected) << given;
-                  }),
-                  "");
+        EXPECT_EQ(parseNumber(text).value, value) << text;
+        EXPECT_EQ(parseNumber(text).error, NumberError::none) << text;
     }
 }
 
 TEST(Number, IsNoneWithoutDigits) {
     for (const char* text : {"", " ", "-", "+", "abc", "- 1", "--1", "\"5\"", ".5"}) {
-        EXPECT_EQ(standardErrorOf([&] {
-                      EXPECT_EQ(parseNumber(text, faults, FaultLevel::error), std::nullopt) << text;
-                  }),
-                  "[Error]: No digits: stoi\n");
+        EXPECT_EQ(parseNumber(text).value, std::nullopt) << text;
+        EXPECT_EQ(parseNumber(text).error, NumberError::noDigits) << text;
     }
 }
 
 TEST(Number, IsNoneBeyond32Bits) {
     for (const char* text : {"2147483648", "-2147483649", "99999999999999999999"}) {
-        EXPECT_EQ(standardErrorOf([&] {
-                      EXPECT_EQ(parseNumber(text, faults, FaultLevel::error), std::nullopt) << text;
-                  }),
-                  "[Error]: Too large: stoi\n");
+        EXPECT_EQ(parseNumber(text).value, std::nullopt) << text;
+        EXPECT_EQ(parseNumber(text).error, NumberError::outOfRange) << text;
     }
 }
 
-TEST(Number, FaultsAreLoggedAtTheGivenLevel) {
-    EXPECT_EQ(standardErrorOf([] { parseNumber("", faults, FaultLevel::debug); }),
-              "[Debug]: No digits: stoi\n");
-    EXPECT_EQ(standardErrorOf([] { parseNumber("2147483648", faults, FaultLevel::debug); }),
-              "[Debug]: Too large: stoi\n");
+TEST(Number, ErrorsAreDescribedWithTheConversionsOwnText) {
+    EXPECT_EQ(describe(NumberError::noDigits, "No digits:", "Too large:"), "No digits: stoi");
+    EXPECT_EQ(describe(NumberError::outOfRange, "No digits:", "Too large:"), "Too large: stoi");
+}
+
+TEST(Integer, IsClampedTo64Bits) {
+    EXPECT_EQ(parseInteger("-42 and more").value, -42);
+    EXPECT_EQ(parseInteger("4294967296").value, 4294967296);
+    EXPECT_FALSE(parseInteger("9223372036854775807").outOfRange);
+    EXPECT_EQ(parseInteger("9223372036854775808").value, std::numeric_limits<std::int64_t>::max());
+    EXPECT_TRUE(parseInteger("9223372036854775808").outOfRange);
+    EXPECT_EQ(parseInteger("-9223372036854775809").value, std::numeric_limits<std::int64_t>::min());
+    EXPECT_TRUE(parseInteger("-9223372036854775809").outOfRange);
+}
+
+TEST(Integer, IsZeroWithoutDigits) {
+    EXPECT_EQ(parseInteger("x1").value, 0);
+    EXPECT_FALSE(parseInteger("x1").hasDigits);
+    EXPECT_TRUE(parseInteger("0").hasDigits);
+}
+
+TEST(Integer, TakesItsBaseFromItsPrefix) {
+    for (const auto& [text, value] : std::map<std::string, std::int64_t>{{"121", 121},
+                                                                         {"0x1F", 31},
+                                                                         {"0X1f", 31},
+                                                                         {"0777", 511},
+                                                                         {"0", 0},
+                                                                         {"-0x10", -16},
+                                                                         {" \t+010", 8},
+                                                                         {"08", 0},
+                                                                         {"0x", 0},
+                                                                         {"0b11", 0},
+                                                                         {"0B11", 0},
+                                                                         {"0o17", 0},
+                                                                         {"abc", 0},
+                                                                         {"", 0}}) {
+        EXPECT_EQ(parsePrefixedInteger(text).value, value) << text;
+    }
+}
+
+TEST(PlainNumber, HasNothingAroundIt) {
+    EXPECT_TRUE(isPlainNumber("-7", -7));
+    for (const char* text : {"+7", " 7", "7 ", "07", "7s", ""}) {
+        EXPECT_FALSE(isPlainNumber(text, 7)) << text;
+    }
 }
 
 }  // namespace

@@ -18,14 +18,14 @@ TEST(EventListOf, ARequestGrowsInGroupsOfFive) {
 
 TEST(EventListOf, LessThanTwoItemsIsNotSent) {
     const RespPeer peer;
-    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {}), 0);
-    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {"add"}), 0);
+    generateLifeCycleEvents(peer.store(), {});
+    generateLifeCycleEvents(peer.store(), {"add"});
     EXPECT_EQ(peer.commands(), Commands{});
 }
 
 TEST(EventListOf, TwoItemsIsSentAsItIs) {
     const RespPeer peer({resp::bulk("d1"), resp::integer(1)});
-    EXPECT_EQ(generateLifeCycleEvents(peer.store(), {"add", "/redfish/v1/A"}), 1);
+    generateLifeCycleEvents(peer.store(), {"add", "/redfish/v1/A"});
     EXPECT_EQ(peer.commands(), (Commands{{"HGET", "redisSHAScripts", "resourceChange"},
                                          {"EVALSHA", "d1", "2", "add", "/redfish/v1/A"}}));
 }

@@ -51,46 +51,33 @@ TEST(QuoteArg, EscapesQuotesAndBackslashes) {
 }
 
 TEST(ReplyKeys, PutTheMessagesBesideTheReply) {
-    ReplyFields fields = {{"other", "kept"}};
-    MessageInfo message;
-    composeReplyKeys("&&reply/17/key", fields, message);
-    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"},
-                                   {"&&ExtendedInfo", "&&reply/17/ExtendedInfo"},
-                                   {"RetStatusHashKey", "&&reply/17/key"}}));
-    EXPECT_EQ(message, (MessageInfo{{"ExtendInfoHashKey", "&&reply/17/ExtendedInfo"}}));
+    const Reply reply = composeReplyKeys("&&reply/17/key");
+    EXPECT_EQ(reply.key, "&&reply/17/key");
+    EXPECT_EQ(reply.messageList, "&&reply/17/ExtendedInfo");
+    EXPECT_TRUE(reply.fields.empty());
+    EXPECT_TRUE(isExpected(reply));
 }
 
 TEST(ReplyKeys, KeepNothingOfAKeyWithoutASlash) {
-    const auto listFor = [](const std::string& replyKey) {
-        ReplyFields fields;
-        MessageInfo message;
-        composeReplyKeys(replyKey, fields, message);
-        return fieldOf(message, "ExtendInfoHashKey");
-    };
-    EXPECT_EQ(listFor("reply"), "ExtendedInfo");
-    EXPECT_EQ(listFor("/"), "/ExtendedInfo");
-    EXPECT_EQ(listFor("reply/"), "reply/ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("reply").messageList, "ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("/").messageList, "/ExtendedInfo");
+    EXPECT_EQ(composeReplyKeys("reply/").messageList, "reply/ExtendedInfo");
 }
 
 TEST(ReplyKeys, AreNotComposedForAnEmptyReplyKey) {
-    ReplyFields fields = {{"other", "kept"}};
-    MessageInfo message;
-    composeReplyKeys("", fields, message);
-    EXPECT_EQ(fields, (ReplyFields{{"other", "kept"}}));
-    EXPECT_TRUE(message.empty());
+    const Reply reply = composeReplyKeys("");
+    EXPECT_FALSE(isExpected(reply));
+    EXPECT_EQ(reply.messageList, "");
 }
 
 TEST(Reply, IsWrittenBeforeItsMessage) {
     std::vector<std::string> replies = messageReplies(2, 4);
     replies.insert(replies.begin(), integer(3));
     const RespPeer peer(replies);
-    ReplyFields fields;
-    MessageInfo message;
-    composeReplyKeys("r/reply", fields, message);
-    fields["&&ReturnStatus"] = "FAILURE";
-    fields["&&Location"] = "";
-    message["MessageId"] = "Base.1.12.StringValueTooLong";
-    writeReply(peer.store(), fields, message, {"(password \"string\")", "1024"});
+    Reply reply = composeReplyKeys("r/reply");
+    reply.fields["&&Location"] = "";
+    writeReply(peer.store(), reply,
+               {"FAILURE", "Base.1.12.StringValueTooLong", {"(password \"string\")", "1024"}});
 
     EXPECT_EQ(peer.commands(),
               (Commands{
@@ -107,35 +94,31 @@ TEST(Reply, IsWrittenBeforeItsMessage) {
                   {"EXPIRE", "r/ExtendedInfo", "6"},
                   {"EXPIRE", "r/ExtendedInfo/5", "6"},
               }));
-    EXPECT_EQ(fields.count("RetStatusHashKey"), 0U);
 }
 
 TEST(Reply, WithoutAReplyKeyIsNotWritten) {
     const RespPeer peer;
-    ReplyFields fields = {{"&&ReturnStatus", "OK"}, {"RetStatusHashKey", ""}};
-    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
-    fields.erase("RetStatusHashKey");
-    writeReply(peer.store(), fields, {{"MessageId", "Base.1.12.Created"}});
+    Reply reply = composeReplyKeys("");
+    writeReply(peer.store(), reply, {"OK", "Base.1.12.Created"});
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(Reply, WithoutAMessageIdentifierLeavesTheMessagesAlone) {
     const RespPeer peer({integer(1)});
-    ReplyFields fields;
-    MessageInfo message;
-    composeReplyKeys("r/reply", fields, message);
-    writeReply(peer.store(), fields, message);
-    EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo"}}));
+    Reply reply = composeReplyKeys("r/reply");
+    writeReply(peer.store(), reply, {"OK_EMPTY"});
+    EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo",
+                                          "&&ReturnStatus", "OK_EMPTY"}}));
 }
 
 TEST(Reply, ThatTheStoreRefusesIsLoggedAndItsMessageWritten) {
     std::vector<std::string> replies = messageReplies(0);
     replies.insert(replies.begin(), error("ERR refused"));
     const RespPeer peer(replies);
-    ReplyFields fields;
-    MessageInfo message = {{"MessageId", "Base.1.12.Created"}};
-    composeReplyKeys("r/reply", fields, message);
-    EXPECT_EQ(standardErrorOf([&] { writeReply(peer.store(), fields, message); }),
+    Reply reply = composeReplyKeys("r/reply");
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeReply(peer.store(), reply, {"OK", "Base.1.12.Created"});
+              }),
               "[Error]: Failed to update Return Status.\n");
     EXPECT_EQ(peer.commands().size(), 7U);
 }
@@ -254,19 +237,20 @@ TEST(Message, KeepsArgumentsWithBlanksAndPercentSignsWhole) {
     EXPECT_EQ(commands.at(4), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"\""}));
 }
 
-TEST(Message, OfOneArgumentMayHaveNone) {
-    const RespPeer with(messageReplies(1));
-    writeExtendedMessageOneArg(with.store(), "list", "Base.1.12.Created", "argument");
-    EXPECT_EQ(with.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"argument\""}));
-    EXPECT_EQ(with.commands().size(), 9U);
-
-    const RespPeer empty(messageReplies(1));
-    writeExtendedMessageOneArg(empty.store(), "list", "Base.1.12.Created", "");
-    EXPECT_EQ(empty.commands().at(3), (Command{"RPUSH", "list/1/MessageArgs", "\"\""}));
-
-    const RespPeer without(messageReplies(0));
-    writeExtendedMessageOneArg(without.store(), "list", "Base.1.12.Created", nullptr);
-    EXPECT_EQ(without.commands().size(), 6U);
+TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
+    const std::map<std::string, std::string> entries = {
+        {"2147483646", "list/2147483647"},
+        {"2147483647", "list/-2147483648"},
+        {"4294967295", "list/0"},
+        {"9223372036854775807", "list/0"},
+    };
+    for (const auto& [length, entry] : entries) {
+        std::vector<std::string> replies = messageReplies(0);
+        replies[0] = ":" + length + "\r\n";
+        const RespPeer peer(replies);
+        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        EXPECT_EQ(peer.commands().at(2).at(1), entry) << length;
+    }
 }
 
 // The commands of a refusal that writes its fields one by one, in front of its message.
@@ -286,17 +270,17 @@ std::vector<std::string> afterTwoFields(std::vector<std::string> replies) {
 
 TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
     const RespPeer peer(afterTwoFields(messageReplies(0)));
-    writeExceptionReply(peer.store(), "r/reply", "request/ExtendedInfo",
+    writeExceptionReply(peer.store(), {"r/reply", "request/ExtendedInfo"},
                         "Base.1.12.OperationFailed");
     expectFieldsThenMessage(peer.commands(), "EXCEPTION", "request/ExtendedInfo",
                             "Base.1.12.OperationFailed");
     EXPECT_EQ(peer.commands().size(), 8U);
 }
 
-TEST(EarlyRefusal, HasAMessageListOfItsOwn) {
+TEST(EarlyReply, HasAMessageListOfItsOwn) {
     const RespPeer peer(afterTwoFields(messageReplies(2)));
-    writeEarlyRefusal(peer.store(), "r/reply", "FAILURE", "Base.1.12.StringValueTooLong",
-                      {"(password string)", "1024"});
+    writeEarlyReply(peer.store(), composeEarlyReply("r/reply"),
+                    {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");
     EXPECT_EQ(peer.commands().size(), 12U);

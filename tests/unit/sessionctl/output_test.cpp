@@ -5,18 +5,18 @@
 namespace session_service::console {
 namespace {
 
-TEST(HarmlessText, KeepsPrintableAsciiOnly) {
-    EXPECT_EQ(harmless(""), "");
-    EXPECT_EQ(harmless(" az~"), " az~");
-    EXPECT_EQ(harmless("\x1b[2J\n\x7f"), R"(\x1b[2J\x0a\x7f)");
-    EXPECT_EQ(harmless(std::string("a\0b", 3)), R"(a\x00b)");
+TEST(EscapedText, KeepsPrintableAsciiOnly) {
+    EXPECT_EQ(escaped(""), "");
+    EXPECT_EQ(escaped(" az~"), " az~");
+    EXPECT_EQ(escaped("\x1b[2J\n\x7f"), R"(\x1b[2J\x0a\x7f)");
+    EXPECT_EQ(escaped(std::string("a\0b", 3)), R"(a\x00b)");
     // A terminal with an 8-bit encoding takes the byte 9b for the start of a sequence, though
     // it be a part of a letter.
-    EXPECT_EQ(harmless("\xc3\x9b"), R"(\xc3\x9b)");
+    EXPECT_EQ(escaped("\xc3\x9b"), R"(\xc3\x9b)");
 }
 
-TEST(HarmlessText, TellsABackslashFromAnEscape) {
-    EXPECT_EQ(harmless(R"(\x1b)"), R"(\\x1b)");
+TEST(EscapedText, TellsABackslashFromAnEscape) {
+    EXPECT_EQ(escaped(R"(\x1b)"), R"(\\x1b)");
 }
 
 TEST(Duration, IsTheTwoLargestUnits) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/resource_names.h"
 #include "sessionctl/output.h"
 #include "sessions/records.h"
 #include "support/resp_peer.h"

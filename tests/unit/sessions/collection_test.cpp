@@ -1,7 +1,6 @@
 #include "sessions/collection.h"
 
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include "support/resp_peer.h"
 
@@ -11,35 +10,31 @@ namespace {
 const std::string members = "&&/redfish/v1/SessionService/Sessions/Members";
 const std::string collection = "/redfish/v1/SessionService/Sessions";
 
-unsigned long long wallClockMilliseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long long>(now.tv_usec) / 1000;
+TEST(MemberUris, AreWhatFollowsThePrefix) {
+    const RespPeer peer({resp::bulkArray({"&&ObjectRef /redfish/v1/A", "&&ObjectRef ",
+                                          "&&ObjectRef", "", "twelve chars and the rest"})});
+    EXPECT_EQ(memberUris(peer.store()),
+              (std::vector<std::string>{"/redfish/v1/A", "", "", "", " and the rest"}));
+    EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", members, "0", "-1"}}));
 }
 
-TEST(MemberUri, IsWhatFollowsThePrefix) {
-    EXPECT_EQ(memberUri("&&ObjectRef /redfish/v1/A"), "/redfish/v1/A");
-    EXPECT_EQ(memberUri("&&ObjectRef "), "");
-    EXPECT_EQ(memberUri("&&ObjectRef"), "");
-    EXPECT_EQ(memberUri(""), "");
-    EXPECT_EQ(memberUri("twelve chars and the rest"), " and the rest");
-}
+TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
+    const RespPeer peer({resp::integer(1), resp::error("ERR not looked at"), resp::integer(0)});
+    removeSessionMember(peer.store(), collection + "/0000a1b2");
+    Commands commands = peer.commands();
+    ASSERT_EQ(commands.size(), 3U);
+    EXPECT_EQ(commands[0],
+              (Command{"LREM", members, "-1", "&&ObjectRef " + collection + "/0000a1b2"}));
+    EXPECT_EQ(commands[1], (Command{"HINCRBY", collection, "Members@odata.count", "-1"}));
+    commands[2].pop_back();
+    EXPECT_EQ(commands[2], (Command{"HSET", collection, "@odata.etag"}));
 
-TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
-    const auto before = wallClockMilliseconds();
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
-    const Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 1U);
-    ASSERT_EQ(commands[0].size(), 4U);
-    EXPECT_EQ(Command(commands[0].begin(), commands[0].end() - 1),
-              (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
-    const std::string tag = commands[0][3];
-    const auto milliseconds = std::stoull(tag.substr(1));
-    EXPECT_EQ(tag, '"' + std::to_string(milliseconds) + '"');
-    EXPECT_LE(before, milliseconds);
-    EXPECT_LE(milliseconds, wallClockMilliseconds());
+    for (const std::string& reply :
+         {resp::integer(0), resp::integer(2), resp::error("WRONGTYPE")}) {
+        const RespPeer other({reply});
+        removeSessionMember(other.store(), "/a");
+        EXPECT_EQ(other.commands().size(), 1U) << reply;
+    }
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {

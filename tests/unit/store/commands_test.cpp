@@ -114,7 +114,7 @@ const std::vector<std::function<void(redisContext*)>> operations = {
     [](redisContext* s) {
         store::sendForInteger(s, Command{"HSET", "key", "a", "b"});
     },
-    [](redisContext* s) { store::hgetReply(s, "key", "field", ""); },
+    [](redisContext* s) { store::hgetReply(s, "key", "field"); },
     [](redisContext* s) { store::llenReply(s, "key"); },
     [](redisContext* s) { store::scan(s, 17, "pattern*"); },
     [](redisContext* s) {
@@ -419,23 +419,26 @@ TEST(OtherCommand, GivesTheValueOfAnIntegerOnly) {
     }
 }
 
-TEST(HashFieldReply, TellsNoReplyFromAReplyWithoutText) {
-    const auto results = resultsOf<std::optional<std::string>>(
-        [](redisContext* s) { return store::hgetReply(s, "k", "f", "(none)"); });
-    for (const auto& [kind, text] : results) {
-        if (kind == "lost") {
-            EXPECT_EQ(text, std::nullopt);
-        } else if (kind == "string") {
-            EXPECT_EQ(text, "text");
-        } else if (kind == "empty string") {
-            EXPECT_EQ(text, "");
-        } else if (kind == "status") {
-            EXPECT_EQ(text, "OK");
-        } else if (kind == "error") {
-            EXPECT_EQ(text, "ERR refused");
-        } else {
-            EXPECT_EQ(text, "(none)") << kind;
-        }
+TEST(HashFieldReply, TellsTheFieldsTextFromOtherRepliesAndFromNone) {
+    using Kind = store::FieldReply::Kind;
+    struct Expectation {
+        Kind kind;
+        std::optional<std::string> text;
+    };
+    const std::map<std::string, Expectation> expectations = {
+        {"lost", {Kind::lost, std::nullopt}},    {"string", {Kind::text, "text"}},
+        {"empty string", {Kind::text, ""}},      {"status", {Kind::other, "OK"}},
+        {"error", {Kind::other, "ERR refused"}},
+    };
+    const auto results =
+        resultsOf<store::FieldReply>([](redisContext* s) { return store::hgetReply(s, "k", "f"); });
+    for (const auto& [kind, reply] : results) {
+        const auto expected = expectations.find(kind);
+        const Expectation expectation = expected == expectations.end()
+                                            ? Expectation{Kind::other, std::nullopt}
+                                            : expected->second;
+        EXPECT_EQ(reply.kind, expectation.kind) << kind;
+        EXPECT_EQ(reply.text, expectation.text) << kind;
     }
 }
 
@@ -521,46 +524,46 @@ TEST(Script, GivesTheValueOfAnInteger) {
     EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).value, 2);
 }
 
-TEST(Subscription, ReadsWhatIsAnnounced) {
+TEST(Subscription, ReadsWhatIsPublished) {
     RespPeer peer({array({bulk("subscribe"), bulk("c"), integer(1)}) +
                    bulkArray({"message", "c", "request reply"}) +
                    array({bulk("message"), bulk("c"), nil()}) + bulkArray({"one"}) + array({}) +
                    status("odd") + error("odder")});
     ASSERT_TRUE(store::subscribe(peer.store(), "c"));
-    auto announcement = store::readAnnouncement(peer.store());
-    ASSERT_TRUE(announcement);
-    EXPECT_EQ(announcement->elements, 3U);
-    EXPECT_EQ(announcement->text, "request reply");
+    auto notice = store::readNotice(peer.store());
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->elements, 3U);
+    EXPECT_EQ(notice->text, "request reply");
 
-    announcement = store::readAnnouncement(peer.store());
-    ASSERT_TRUE(announcement);
-    EXPECT_EQ(announcement->elements, 3U);
-    EXPECT_EQ(announcement->text, std::nullopt) << "a nil";
+    notice = store::readNotice(peer.store());
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->elements, 3U);
+    EXPECT_EQ(notice->text, std::nullopt) << "a nil";
 
-    announcement = store::readAnnouncement(peer.store());
-    ASSERT_TRUE(announcement);
-    EXPECT_EQ(announcement->elements, 1U);
-    EXPECT_EQ(announcement->text, "one");
+    notice = store::readNotice(peer.store());
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->elements, 1U);
+    EXPECT_EQ(notice->text, "one");
 
     for (const char* kind : {"empty array", "status", "error"}) {
-        announcement = store::readAnnouncement(peer.store());
-        ASSERT_TRUE(announcement) << kind;
-        EXPECT_EQ(announcement->elements, 0U) << kind;
-        EXPECT_EQ(announcement->text, std::nullopt) << kind;
+        notice = store::readNotice(peer.store());
+        ASSERT_TRUE(notice) << kind;
+        EXPECT_EQ(notice->elements, 0U) << kind;
+        EXPECT_EQ(notice->text, std::nullopt) << kind;
     }
 
     peer.hangUp();
-    EXPECT_FALSE(store::readAnnouncement(peer.store()));
-    EXPECT_FALSE(store::readAnnouncement(peer.store())) << "it stays lost";
+    EXPECT_FALSE(store::readNotice(peer.store()));
+    EXPECT_FALSE(store::readNotice(peer.store())) << "it stays lost";
 }
 
 TEST(Subscription, GivesNoTextForTheCountOfItsConfirmation) {
     RespPeer peer({status("first") + array({bulk("subscribe"), bulk("c"), integer(1)})});
     ASSERT_TRUE(store::subscribe(peer.store(), "c"));
-    const auto announcement = store::readAnnouncement(peer.store());
-    ASSERT_TRUE(announcement);
-    EXPECT_EQ(announcement->elements, 3U);
-    EXPECT_EQ(announcement->text, std::nullopt);
+    const auto notice = store::readNotice(peer.store());
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->elements, 3U);
+    EXPECT_EQ(notice->text, std::nullopt);
 }
 
 TEST(Words, SplitAtBlanksAndVanishWhenEmpty) {
