@@ -21,6 +21,14 @@ return {
     -- Seconds in which a login without a name is refused, until a wrong password has shown how long
     -- that takes.
     refusalSeconds = 2,
+    -- Sessions of HTTP Basic: how many there are at a time, how many seconds one is kept after its
+    -- last use and how many it is shared at most.
+    maxBasicSessions = 2,
+    basicIdleSeconds = 2,
+    maxBasicSeconds = 30,
+    -- The passwords of this machine's accounts. A change ends the sharing of sessions.
+    accountFiles = { "/etc/shadow" },
+
     -- Requests to the session service that are under way at a time, of all clients.
     maxRequests = 128,
 }

@@ -11,6 +11,8 @@ local answers = {}
 
 -- The subscription has nothing to do while nothing comes.
 local idleMilliseconds = 3600000
+-- How often it looks whether the worker may end.
+local endMilliseconds = 100
 
 -- Seconds between tries to subscribe: the first pause, and what it is doubled up to.
 local firstPause = 0.1
@@ -50,6 +52,9 @@ local function listen(lost)
         takeUnexpected(table.remove(lost))
     end
     while not mayEnd() do
+        if ngx.worker.exiting() then
+            subscription:set_timeout(endMilliseconds)
+        end
         local message, failure = subscription:read_reply()
         local answer = message and expected[message[3]]
         if answer then

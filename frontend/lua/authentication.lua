@@ -3,9 +3,9 @@ local ffi = require "ffi"
 local contract = require "contract"
 local logins = require "logins"
 local messages = require "messages"
-local requests = require "requests"
 local resources = require "resources"
 local store = require "store"
+local temporary = require "temporary_sessions"
 
 local authentication = {}
 
@@ -63,7 +63,9 @@ local function userOf(token, uri)
         return store.runScript(connection, lookUpScript, 1, contract.tokenKey(token), uptime(), uri)
     end)
     if not user then
-        error(unauthorized(noValidSession))
+        local problem = unauthorized(noValidSession)
+        problem.isInvalidToken = true
+        error(problem)
     end
     local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
     user.privilege = privilege <= contract.maxPrivilege and privilege or 0
@@ -80,38 +82,58 @@ local function basicCredentials(header)
     return decoded:match("^([^:]*):(.*)$")
 end
 
+-- Returns the user of a request with credentials; `temporary` is the session that it shares.
+local function userOfCredentials(name, password, uri)
+    local session = temporary.take(name, password, function(mayStart, starts)
+        return logins.logIn(name, password,
+            { origin = contract.temporaryOrigin, mayStart = mayStart, starts = starts })
+    end)
+    local succeeded, user = pcall(userOf, session.token, uri)
+    if not succeeded then
+        temporary.release(session, type(user) == "table" and user.isInvalidToken)
+        error(user, 0)
+    end
+    user.temporary = session
+    return user
+end
+
 -- Returns the user of this request, with the resource at an address:
 --   name, privilege, session (an address), mustChangePassword, tree (of the resource)
---   temporary: the session was made for this request alone (HTTP Basic), to be removed with it
--- Raises the problem 401 when there is no such user, 403 when the request comes from another origin
--- than the login.
+-- authentication.release has to follow. Raises the problem 401 when there is no such user, 403 when
+-- the request comes from another origin than the login.
 function authentication.identify(uri)
     local token = ngx.var.http_x_auth_token
-    local header = ngx.var.http_authorization
-    local user
     if token then
-        user = userOf(token, uri)
-    elseif header then
-        local name, password = basicCredentials(header)
-        if not name then
-            error(unauthorized(contract.message.invalidCredentials))
+        local user = userOf(token, uri)
+        local origin = ngx.var.http_origin
+        if user.origin ~= "" and origin and origin ~= user.origin then
+            error(messages.problem(403, { messages.new("Base.1.12.AccessDenied", ngx.var.uri) }))
         end
-        local reply = logins.logIn(name, password, { origin = ngx.var.http_origin or "" })
-        local succeeded, found = pcall(userOf, reply.token, uri)
-        if not succeeded then
-            requests.logOut(reply.location)
-            error(found, 0)
-        end
-        user = found
-        user.temporary = true
-    else
+        return user
+    end
+    local header = ngx.var.http_authorization
+    if not header then
         error(unauthorized(noValidSession))
     end
-    local origin = ngx.var.http_origin
-    if user.origin ~= "" and origin and origin ~= user.origin then
-        error(messages.problem(403, { messages.new("Base.1.12.AccessDenied", ngx.var.uri) }))
+    local name, password = basicCredentials(header)
+    if not name then
+        error(unauthorized(contract.message.invalidCredentials))
+    end
+    local succeeded, user = pcall(userOfCredentials, name, password, uri)
+    if not succeeded and type(user) == "table" and user.isInvalidToken then
+        -- The shared session has ended meanwhile.
+        return userOfCredentials(name, password, uri)
+    elseif not succeeded then
+        error(user, 0)
     end
     return user
+end
+
+-- Ends what the request of a user needed.
+function authentication.release(user)
+    if user.temporary then
+        temporary.release(user.temporary)
+    end
 end
 
 return authentication

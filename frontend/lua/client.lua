@@ -1,5 +1,6 @@
 -- The client at the other end of the current request's connection.
 local ffi = require "ffi"
+local contract = require "contract"
 local request = require "resty.core.base".get_request
 
 local client = {}
@@ -25,6 +26,12 @@ function client.watch()
         local polled = ffi.new("struct frontend_poll", descriptor, hasClosed, 0)
         return ffi.C.poll(polled, 1, 0) == 1
     end
+end
+
+-- Returns the origin of the page that asks, an empty text when there is none.
+function client.origin()
+    local origin = ngx.var.http_origin or ""
+    return origin ~= contract.temporaryOrigin and origin or ""
 end
 
 local mappedPrefix = ("\0"):rep(10) .. "\255\255"

@@ -6,14 +6,16 @@ contract.service = "/redfish/v1/SessionService"
 contract.sessions = "/redfish/v1/SessionService/Sessions"
 contract.accounts = "/redfish/v1/AccountService/Accounts"
 
+-- The lists of the members of collections.
+contract.accountMembers = "&&/redfish/v1/AccountService/Accounts/Members"
+contract.sessionMembers = "&&/redfish/v1/SessionService/Sessions/Members"
+
+-- Stands for the origin of a session that clients must not see. No page has it.
+contract.temporaryOrigin = "&&temporary"
+
 -- The pattern of an address below a collection.
 function contract.memberPattern(collection)
     return "^" .. collection .. "/[^/]+$"
-end
-
--- The key of a collection's list of members.
-function contract.membersKey(collection)
-    return "&&" .. collection .. "/Members"
 end
 
 -- Lists that name the channel of each kind of request.
@@ -88,6 +90,11 @@ contract.resource = {
     methods = "&&AllowMethod",
     owner = "&&OwnerName",
 }
+
+-- The field that counts a list.
+function contract.countOf(property)
+    return property .. "@odata.count"
+end
 
 -- Fields of a stored session, and its type.
 contract.session = { user = "UserName", type = "SessionType", origin = "&&Origin" }

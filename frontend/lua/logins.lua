@@ -8,6 +8,7 @@ local messages = require "messages"
 local queue = require "login_queue"
 local requests = require "requests"
 local settings = require "settings"
+local temporary = require "temporary_sessions"
 
 local logins = {}
 
@@ -43,6 +44,11 @@ local function awaitTurn(login)
     end
 end
 
+local function isLimitExceeded(reply)
+    local first = reply.messages[1]
+    return first and first.id == contract.message.sessionLimitExceeded
+end
+
 -- Raises the problem of a reply that is no success.
 local function checkReply(reply, network, seconds)
     if reply.status == contract.status.authFailed then
@@ -76,26 +82,36 @@ local function attempt(name, password, options)
         error(messages.unavailable())
     end
     local deadline = ngx.now() + settings.answerTimeout
-    awaitTurn({ network = network, deadline = deadline, isGone = client.watch() })
-    local start = ngx.now()
-    local reply = requests.call("login", {
-        [contract.request.privileges] = tostring(contract.privilege.login),
-        [contract.request.address] = ngx.var.remote_addr,
-        [contract.request.origin] = options.origin,
-    }, {
-        body = {
-            [contract.credentials.user] = json.encode(name),
-            [contract.credentials.password] = json.encode(encrypted),
-        },
-        deadline = deadline,
-        whenDone = queue.leave,
-    })
+    local start, reply
+    repeat
+        awaitTurn({
+            network = network,
+            deadline = deadline,
+            isGone = client.watch(),
+            mayStart = options.mayStart,
+            starts = options.starts,
+        })
+        start = ngx.now()
+        reply = requests.call("login", {
+            [contract.request.privileges] = tostring(contract.privilege.login),
+            [contract.request.address] = ngx.var.remote_addr,
+            [contract.request.origin] = options.origin,
+        }, {
+            body = {
+                [contract.credentials.user] = json.encode(name),
+                [contract.credentials.password] = json.encode(encrypted),
+            },
+            deadline = deadline,
+            whenDone = queue.leave,
+        })
+    until not isLimitExceeded(reply) or not temporary.makeRoom(deadline)
     checkReply(reply, network, ngx.now() - start)
     return reply
 end
 
 -- Logs in through the session service and returns its reply. Raises the problem that a refusal is,
--- and leaves a line in the log of refused logins. Options: origin (of the page that asks).
+-- and leaves a line in the log of refused logins. Options: origin (of the page that asks); mayStart
+-- and starts, as the queue has them, or nil.
 function logins.logIn(name, password, options)
     local succeeded, result = pcall(attempt, name, password, options)
     if not succeeded then

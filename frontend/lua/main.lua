@@ -11,6 +11,7 @@ local resources = require "resources"
 local service = require "service"
 local sessions = require "sessions"
 local store = require "store"
+local temporary = require "temporary_sessions"
 
 local main = {}
 
@@ -200,7 +201,6 @@ local function serve(user, method, uri)
         answer = answerGet(resource)
     elseif method == "DELETE" and uri:find(contract.memberPattern(contract.sessions)) then
         sessions.remove(uri)
-        user.temporary = user.temporary and uri ~= user.session
         answer = { status = 204 }
     elseif method == "PATCH" and uri == contract.service then
         answer = service.patch(readBody(), resource)
@@ -242,9 +242,7 @@ local function handle()
 
     local user = authentication.identify(uri)
     local succeeded, answer = pcall(serve, user, method, uri)
-    if user.temporary and not pcall(sessions.remove, user.session) then
-        ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it will expire")
-    end
+    authentication.release(user)
     if not succeeded then
         error(answer, 0)
     end
@@ -302,8 +300,8 @@ end
 function main.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
-        prepareEnd = function() end,
-        isBusy = function() return false end,
+        prepareEnd = temporary.endAll,
+        isBusy = temporary.exist,
     })
 end
 

@@ -29,11 +29,15 @@ local function collect(uri)
                 end
             end
         elseif kind == $kind.array and not tree.lists[key] then
-            local elements = run('LRANGE', key, 0, -1) or {}
+            local elements = {}
             tree.lists[key] = elements
-            for _, element in ipairs(elements) do
+            for _, element in ipairs(run('LRANGE', key, 0, -1) or {}) do
                 local inner, source = string.match(element, '^(&&%a+) ([^ ]+)$')
-                pending[#pending + 1] = inner and {inner, source}
+                if not (key == $sessionMembers and source
+                    and run('HGET', source, $session.origin) == $temporaryOrigin) then
+                    elements[#elements + 1] = element
+                    pending[#pending + 1] = inner and {inner, source}
+                end
             end
         end
     end
@@ -85,6 +89,7 @@ end
 -- Returns the members' texts by their names.
 local function convertFields(tree, fields, depth)
     local members = {}
+    local counts = {}
     for name, text in pairs(fields) do
         if not contract.isInternal(name) then
             members[name] = value(text)
@@ -93,7 +98,14 @@ local function convertFields(tree, fields, depth)
             if kind and fields[property] == nil then
                 members[property] = convert(tree, kind, source, depth + 1)
             end
+            if kind == contract.kind.array then
+                counts[contract.countOf(property)] = #(tree.lists[source] or {})
+            end
         end
+    end
+    for name, count in pairs(counts) do
+        -- What is counted is what is shown.
+        members[name] = members[name] and json.encode(count)
     end
     return members
 end
@@ -181,8 +193,7 @@ return false
 -- Returns the address of the account of a user, an empty text when there is none.
 function resources.accountOf(user)
     return store.with(function(connection)
-        return store.runScript(connection, accountScript, 0,
-            contract.membersKey(contract.accounts), user)
+        return store.runScript(connection, accountScript, 0, contract.accountMembers, user)
     end) or ""
 end
 

@@ -56,7 +56,7 @@ function sessions.create(body)
     end
     local isGone = client.watch()
     local reply = logins.logIn(body[credentials.user], body[credentials.password],
-        { origin = ngx.var.http_origin or "" })
+        { origin = client.origin() })
     if isGone() then
         -- Nobody would hold the session.
         requests.logOut(reply.location)

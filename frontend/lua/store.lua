@@ -63,7 +63,12 @@ function store.with(action)
         connection:close()
         error(result, 0)
     end
-    connection:set_keepalive(idleMilliseconds, maxIdleConnections)
+    if ngx.worker.exiting() then
+        -- The pool has been closed already.
+        connection:close()
+    else
+        connection:set_keepalive(idleMilliseconds, maxIdleConnections)
+    end
     return result
 end
 
