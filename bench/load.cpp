@@ -108,22 +108,22 @@ class Load {
                            double seconds);
     bool check(const std::vector<Work>& works, const Usage& tenth, const Usage& end);
 
-    testbed::Controller controller_;
-    testbed::WebFrontEnd web_{controller_};
-    std::optional<testbed::StoreClient> store_;
-    pid_t nginxWorker_ = -1;
+    testbed::Controller controller;
+    testbed::WebFrontEnd web{controller};
+    std::optional<testbed::StoreClient> store;
+    pid_t nginxWorker = -1;
 };
 
 Usage Load::usage() {
-    return {.nginxSeconds = testbed::processorSeconds(nginxWorker_),
-            .daemonSeconds = testbed::processorSeconds(controller_.daemon().pid()),
-            .storeSeconds = testbed::storeFigure(*store_, "cpu", "used_cpu_user") +
-                            testbed::storeFigure(*store_, "cpu", "used_cpu_sys"),
+    return {.nginxSeconds = bench::processorSeconds(nginxWorker),
+            .daemonSeconds = bench::processorSeconds(controller.daemon().pid()),
+            .storeSeconds = bench::storeValue(*store, "cpu", "used_cpu_user") +
+                            bench::storeValue(*store, "cpu", "used_cpu_sys"),
             .clientSeconds = ownSeconds(),
-            .nginxKib = testbed::statusFigure(nginxWorker_, "VmRSS"),
-            .daemonKib = testbed::statusFigure(controller_.daemon().pid(), "VmRSS"),
-            .storeKib = static_cast<long>(
-                testbed::storeFigure(*store_, "memory", "used_memory_rss") / 1024)};
+            .nginxKib = bench::statusValue(nginxWorker, "VmRSS"),
+            .daemonKib = bench::statusValue(controller.daemon().pid(), "VmRSS"),
+            .storeKib =
+                static_cast<long>(bench::storeValue(*store, "memory", "used_memory_rss") / 1024)};
 }
 
 // `sorted` is in ascending order and not empty.
@@ -189,10 +189,10 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
         }
     }
     say(answered, "each request was answered as it has to be");
-    say(store_->llen(testbed::membersKey) == 0 && store_->keys(testbed::tokenKey("*")).empty() &&
-            store_->keys(std::string(testbed::sessionsUri) + "/*").empty(),
+    say(store->llen(testbed::membersKey) == 0 && store->keys(testbed::tokenKey("*")).empty() &&
+            store->keys(std::string(testbed::sessionsUri) + "/*").empty(),
         "no session is left");
-    say(store_->keys("&&/frontend/*").empty(), "no request is left in the store");
+    say(store->keys("&&/frontend/*").empty(), "no request is left in the store");
     const std::string bound = "by more than " + std::to_string(allowedGrowth) + " KiB";
     say(end.nginxKib - tenth.nginxKib <= allowedGrowth, "nginx has not grown " + bound);
     say(end.daemonKib - tenth.daemonKib <= allowedGrowth, "the daemon has not grown " + bound);
@@ -216,7 +216,7 @@ bool Load::run(std::chrono::seconds duration) {
         threads.emplace_back([&, i] {
             try {
                 testbed::HttpClient client(
-                    {.url = web_.url(), .certificatePath = web_.certificatePath()});
+                    {.url = web.url(), .certificatePath = web.certificatePath()});
                 work(client, i == 0, start + duration, works[i]);
             } catch (const std::exception& failure) {
                 works[i].failure = failure.what();

@@ -10,34 +10,34 @@
 
 #include "testbed/process.h"
 
-namespace testbed {
+namespace bench {
 
 namespace {
 
-[[noreturn]] void hasEnded(pid_t pid) {
-    throw Failure("Process " + std::to_string(pid) + " has ended.");
+[[noreturn]] void throwEnded(pid_t pid) {
+    throw testbed::Failure("Process " + std::to_string(pid) + " has ended.");
 }
 
 // The number behind "NAME:" in a file under /proc.
-long namedFigure(pid_t pid, const std::string& path, const std::string& name) {
-    std::ifstream file(procFile(pid, path));
+long namedValue(pid_t pid, const std::string& path, const std::string& name) {
+    std::ifstream file(testbed::procFile(pid, path));
     for (std::string word; file >> word;) {
         if (word == name + ":") {
-            long figure = 0;
-            file >> figure;
-            return figure;
+            long value = 0;
+            file >> value;
+            return value;
         }
     }
-    hasEnded(pid);
+    throwEnded(pid);
 }
 
 }  // namespace
 
 double processorSeconds(pid_t pid) {
-    std::ifstream file(procFile(pid, "stat"));
+    std::ifstream file(testbed::procFile(pid, "stat"));
     std::string text;
     if (!std::getline(file, text)) {
-        hasEnded(pid);
+        throwEnded(pid);
     }
     // The name may hold blanks; eleven fields stand between it and the times.
     std::istringstream fields(text.substr(text.rfind(')') + 1));
@@ -53,32 +53,32 @@ double processorSeconds(pid_t pid) {
            static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-long statusFigure(pid_t pid, const std::string& name) {
-    return namedFigure(pid, "status", name);
+long statusValue(pid_t pid, const std::string& name) {
+    return namedValue(pid, "status", name);
 }
 
-long threadFigure(pid_t pid, pid_t thread, const std::string& name) {
-    return namedFigure(pid, "task/" + std::to_string(thread) + "/status", name);
+long threadStatusValue(pid_t pid, pid_t thread, const std::string& name) {
+    return namedValue(pid, "task/" + std::to_string(thread) + "/status", name);
 }
 
-long memoryFigure(pid_t pid, const std::string& name) {
-    return namedFigure(pid, "smaps_rollup", name);
+long memoryKib(pid_t pid, const std::string& name) {
+    return namedValue(pid, "smaps_rollup", name);
 }
 
 long openDescriptors(pid_t pid) {
     std::error_code failure;
-    const std::filesystem::directory_iterator descriptors(procFile(pid, "fd"), failure);
+    const std::filesystem::directory_iterator descriptors(testbed::procFile(pid, "fd"), failure);
     if (failure) {
-        hasEnded(pid);
+        throwEnded(pid);
     }
     return std::distance(begin(descriptors), end(descriptors));
 }
 
 std::vector<ThreadUse> threadUse(pid_t pid) {
     std::error_code failure;
-    const std::filesystem::directory_iterator threads(procFile(pid, "task"), failure);
+    const std::filesystem::directory_iterator threads(testbed::procFile(pid, "task"), failure);
     if (failure) {
-        hasEnded(pid);
+        throwEnded(pid);
     }
     std::vector<ThreadUse> uses;
     for (const auto& thread : threads) {
@@ -94,13 +94,14 @@ std::vector<ThreadUse> threadUse(pid_t pid) {
     return uses;
 }
 
-double storeFigure(StoreClient& store, const std::string& section, const std::string& name) {
+double storeValue(testbed::StoreClient& store, const std::string& section,
+                  const std::string& name) {
     const std::string text = store.run({"INFO", section}).text;
     const std::size_t at = text.find("\n" + name + ":");
     if (at == std::string::npos) {
-        throw Failure("The store does not tell " + name + ".");
+        throw testbed::Failure("The store does not tell " + name + ".");
     }
     return std::stod(text.substr(at + name.size() + 2));
 }
 
-}  // namespace testbed
+}  // namespace bench

@@ -1,4 +1,4 @@
-// What the kernel and the store tell of a running program.
+// Statistics of a running program, from the kernel and the store.
 #pragma once
 
 #include <sys/types.h>
@@ -8,18 +8,18 @@
 
 #include "testbed/store_client.h"
 
-namespace testbed {
+namespace bench {
 
 // All of these throw Failure when the process has ended.
 
 // Of the program and the children that it has waited for.
 double processorSeconds(pid_t pid);
 // A number from the status file, such as "VmRSS" (KiB) or "Threads".
-long statusFigure(pid_t pid, const std::string& name);
+long statusValue(pid_t pid, const std::string& name);
 // The same of one of its threads.
-long threadFigure(pid_t pid, pid_t thread, const std::string& name);
+long threadStatusValue(pid_t pid, pid_t thread, const std::string& name);
 // A number from the memory map's summary, such as "Pss" or "Private_Dirty" (KiB).
-long memoryFigure(pid_t pid, const std::string& name);
+long memoryKib(pid_t pid, const std::string& name);
 // How many descriptors the process has open.
 long openDescriptors(pid_t pid);
 
@@ -30,12 +30,12 @@ struct ThreadUse {
     long switches = 0;
 };
 // The daemon's threads.
-enum ThreadIndex : std::size_t { createThread = 1, deleteThread, sweeperThread, patchThread };
+enum ThreadIndex : std::size_t { createThread = 1, deleteThread, expiryThread, patchThread };
 // In the order in which the threads were started, which is how the kernel lists them; their
 // numbers may have begun anew in between.
 std::vector<ThreadUse> threadUse(pid_t pid);
 
 // A number that the store tells of itself in a section of INFO.
-double storeFigure(StoreClient& store, const std::string& section, const std::string& name);
+double storeValue(testbed::StoreClient& store, const std::string& section, const std::string& name);
 
-}  // namespace testbed
+}  // namespace bench

@@ -3,96 +3,102 @@
 #include <chrono>
 #include <utility>
 
-namespace testbed {
+namespace bench {
+
+using testbed::Controller;
+using testbed::Monitor;
+using testbed::MonitoredCommand;
+using testbed::Request;
+using testbed::Words;
 
 namespace {
 
-constexpr char yesModule[] = "/usr/local/lib/security/pam_test.so";
-constexpr char eventsSent[] = "EVALSHA";
+constexpr const char* pamModule = "/usr/local/lib/security/pam_test.so";
 
 }  // namespace
 
-void letEverybodyIn(Controller& controller, const std::string& more) {
-    controller.install(TESTBED_YES_MODULE, yesModule);
-    const std::string module = std::string(" required ") + yesModule + " env=PRIVILEGES=511 ";
-    controller.writeFile(pamServiceFile, "auth" + module + "\naccount" + module + more + "\n");
+void permitAllLogins(Controller& controller, const std::string& more) {
+    controller.install(BENCH_PAM_MODULE, pamModule);
+    const std::string module = std::string(" required ") + pamModule + " env=PRIVILEGES=511 ";
+    controller.writeFile(testbed::pamServiceFile,
+                         "auth" + module + "\naccount" + module + more + "\n");
 }
 
-Exchanges::Exchanges(Controller& controller, const std::string& user)
-    : controller_(controller), store_(controller.connect()), frontEnd_(controller.frontEnd()) {
-    exchanges_.emplace(Kind::login, Exchange{frontEnd_.prepareLogin(user, "a password")});
-    exchanges_.emplace(Kind::logout, Exchange{frontEnd_.prepareRemove(sessionsUri)});
-    exchanges_.emplace(Kind::change, Exchange{frontEnd_.preparePatch({{"SessionTimeout", "300"}})});
+RepeatedRequests::RepeatedRequests(Controller& host, const std::string& user)
+    : controller(host), store(controller.connect()), frontEnd(controller.frontEnd()) {
+    requests.emplace(Kind::login, RepeatedRequest{frontEnd.prepareLogin(user, "a password")});
+    requests.emplace(Kind::logout, RepeatedRequest{frontEnd.prepareRemove(testbed::sessionsUri)});
+    requests.emplace(Kind::change,
+                     RepeatedRequest{frontEnd.preparePatch({{"SessionTimeout", "300"}})});
 }
 
-// What a front end writes before it announces a request, under names that have been used.
-void Exchanges::prepare(Kind kind) {
+// What a front end writes before the notice of a request, under names that have been used.
+void RepeatedRequests::prepare(Kind kind) {
     Request& request = requestOf(kind);
     if (kind == Kind::logout) {
-        store_.hset(
-            request.requestKey(),
-            {{"&&TargetURI", store_.hget(requestOf(Kind::login).replyKey(), "&&Location")}});
+        const std::string session = store.hget(requestOf(Kind::login).replyKey(), "&&Location");
+        store.hset(request.requestKey(), {{"&&TargetURI", session}});
     }
     if (kind == Kind::change) {
-        timeout_ = timeout_ == 300 ? 301 : 300;
-        store_.hset(request.bodyKey(), {{"SessionTimeout", std::to_string(timeout_)}});
-        store_.hset(request.requestKey() + "/Checklist", {{"/SessionTimeout", ""}});
+        timeout = timeout == 300 ? 301 : 300;
+        store.hset(request.bodyKey(), {{"SessionTimeout", std::to_string(timeout)}});
+        store.hset(request.requestKey() + "/Checklist", {{"/SessionTimeout", ""}});
     }
-    store_.run({"DEL", request.replyKey(), request.replyKey() + "/ExtendedInfo"});
+    store.run({"DEL", request.replyKey(), request.replyKey() + "/ExtendedInfo"});
 }
 
-double Exchanges::ask(Kind kind, Server server) {
+double RepeatedRequests::send(Kind kind, Server server) {
     prepare(kind);
-    Exchange& exchange = exchanges_.at(kind);
+    RepeatedRequest& repeated = requests.at(kind);
     const auto start = std::chrono::steady_clock::now();
     if (server == Server::daemon) {
-        exchange.request.send();
+        repeated.request.send();
     } else {
-        exchange.floor->announce();
+        repeated.baseline->notify();
     }
-    exchange.request.published();
+    repeated.request.published();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-Recording Exchanges::recordingOf(Kind kind) {
+Recording RepeatedRequests::recordingOf(Kind kind) {
     prepare(kind);
     Request& request = requestOf(kind);
-    Monitor monitor = controller_.monitor();
+    Monitor monitor = controller.monitor();
     request.send();
     bool answered = false;
     std::vector<MonitoredCommand> commands = monitor.until([&](const MonitoredCommand& command) {
         answered = answered ||
                    command.words == Words{"PUBLISH", request.returnChannel(), request.replyKey()};
-        // The events of a change come after its answer.
-        return answered && (kind != Kind::change || command.words.front() == eventsSent);
+        // A change sends its events, with EVALSHA, after its reply.
+        return answered && (kind != Kind::change || command.words.front() == "EVALSHA");
     });
     request.published();
-    // The announcement is not the daemon's.
+    // The notice is not the daemon's.
     commands.erase(commands.begin());
-    return record(commands, controller_.storePassword());
+    return record(commands, controller.storePassword());
 }
 
-void Exchanges::recordFloors(const std::vector<Kind>& kinds) {
-    // The sweeper may come between: then it is more than there should be.
+void RepeatedRequests::recordBaselines(const std::vector<Kind>& kinds) {
+    // A pass of the expiry may come between; the shortest recording is the one without it.
     constexpr int attempts = 5;
-    std::size_t fewest = 0;
+    std::size_t minCommands = 0;
     for (int i = 0; i < attempts; ++i) {
-        // The floor of a logout takes away what the floor of its login has made.
+        // All of one round, because a logout's commands remove what its login's have made.
         std::map<Kind, Recording> fresh;
         std::size_t commands = 0;
         for (const Kind kind : kinds) {
             fresh[kind] = recordingOf(kind);
             commands += fresh[kind].size();
         }
-        if (i == 0 || commands < fewest) {
-            fewest = commands;
-            recordings_ = std::move(fresh);
+        if (i == 0 || commands < minCommands) {
+            minCommands = commands;
+            recordings = std::move(fresh);
         }
     }
-    for (const auto& [kind, recording] : recordings_) {
-        exchanges_.at(kind).floor = std::make_unique<Floor>(
-            controller_, "&&/floor/" + std::to_string(static_cast<int>(kind)), recording);
+    for (const auto& [kind, recording] : recordings) {
+        requests.at(kind).baseline = std::make_unique<Baseline>(
+            controller, "&&/baseline/" + std::to_string(static_cast<int>(kind)), recording);
     }
 }
 
-}  // namespace testbed
+}  // namespace bench

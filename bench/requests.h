@@ -1,5 +1,5 @@
-// Requests that are asked again and again under the same names, of the daemon or of the floor
-// under it.
+// Requests that are repeated under the same names, sent to the daemon or to the baseline that is
+// measured beside it.
 #pragma once
 
 #include <map>
@@ -7,49 +7,49 @@
 #include <string>
 #include <vector>
 
-#include "bench/floor.h"
+#include "bench/baseline.h"
 #include "testbed/controller.h"
 
-namespace testbed {
+namespace bench {
 
-enum class Server { daemon, floor };
+enum class Server { daemon, baseline };
 enum class Kind { login, logout, change };
 
-// Lets everybody in at once, with every privilege; `more` is added to the arguments of the PAM
-// module. To be called before anything else.
-void letEverybodyIn(Controller& controller, const std::string& more = {});
+// Has PAM let every login in at once, with every privilege; `more` is added to the arguments of
+// the PAM module. To be called before anything is started.
+void permitAllLogins(testbed::Controller& controller, const std::string& more = {});
 
-class Exchanges {
+class RepeatedRequests {
   public:
-    // Everything runs. The user of the logins.
-    Exchanges(Controller& controller, const std::string& user);
+    // All logins are the user's. The controller has been started.
+    RepeatedRequests(testbed::Controller& host, const std::string& user);
 
-    // Notes what the daemon sends for requests of these kinds, a login before its logout, and has
-    // floors send the same.
-    void recordFloors(const std::vector<Kind>& kinds);
+    // Records the commands that the daemon sends for requests of these kinds, a login before its
+    // logout, and starts baselines that replay them.
+    void recordBaselines(const std::vector<Kind>& kinds);
     // How many commands a request sends, its own AUTH and its last PUBLISH included.
-    std::size_t commandsOf(Kind kind) const { return recordings_.at(kind).size(); }
+    std::size_t commandsOf(Kind kind) const { return recordings.at(kind).size(); }
 
-    // Asks and waits for the answer. A logout is that of the last login. Returns the seconds
-    // from the announcement to the arrival of the answer.
-    double ask(Kind kind, Server server);
+    // Sends a request and waits for its reply. A logout is that of the last login. Returns the
+    // seconds from the notice to the arrival of the reply.
+    double send(Kind kind, Server server);
 
   private:
-    struct Exchange {
-        Request request;
-        std::unique_ptr<Floor> floor{};
+    struct RepeatedRequest {
+        testbed::Request request;
+        std::unique_ptr<Baseline> baseline{};
     };
 
     void prepare(Kind kind);
     Recording recordingOf(Kind kind);
-    Request& requestOf(Kind kind) { return exchanges_.at(kind).request; }
+    testbed::Request& requestOf(Kind kind) { return requests.at(kind).request; }
 
-    Controller& controller_;
-    StoreClient store_;
-    FrontEnd frontEnd_;
-    std::map<Kind, Exchange> exchanges_;
-    std::map<Kind, Recording> recordings_;
-    int timeout_ = 300;
+    testbed::Controller& controller;
+    testbed::StoreClient store;
+    testbed::FakeFrontEnd frontEnd;
+    std::map<Kind, RepeatedRequest> requests;
+    std::map<Kind, Recording> recordings;
+    int timeout = 300;
 };
 
-}  // namespace testbed
+}  // namespace bench

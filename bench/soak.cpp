@@ -29,34 +29,35 @@ constexpr int loginWorkers = 2;
 constexpr int expiringSessions = 3;  // with the others' fewer than the eight that are admitted
 constexpr int readsPerLogin = 1000;
 constexpr int loginsPerRefusal = 5000;  // a refusal takes PAM two seconds
-constexpr long mostRows = 30;
+constexpr long maxRows = 30;
 constexpr long allowedGrowth = 512;        // KiB, of the daemon
 constexpr long allowedStoreGrowth = 1024;  // KiB
-constexpr char keptEntries[] = "100";
+constexpr const char* keptEntries = "100";
 
 // What the log service and the event service of a controller do: they take away what is old.
-constexpr char housekeeping[] = R"(
+constexpr const char* trimScript = R"(
     redis.call('XTRIM', KEYS[1], 'MAXLEN', ARGV[1])
     while redis.call('LLEN', KEYS[2]) > tonumber(ARGV[1]) do
         redis.call('DEL', redis.call('RPOP', KEYS[2]):sub(#'&&ObjectRef ' + 1))
         redis.call('HINCRBY', KEYS[3], 'Members@odata.count', -1)
     end)";
-constexpr char eventStream[] = "&&EventStream";
-constexpr char auditMembers[] = "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
-constexpr char auditEntries[] = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
+constexpr const char* eventStream = "&&EventStream";
+constexpr const char* auditMembers =
+    "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
+constexpr const char* auditEntries = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
 
 enum Kind : std::size_t { login, refusal, read, change, logout, expiry };
 constexpr std::array kindNames{"logins", "refusals", "reads", "changes", "logouts", "expiries"};
 
 // What is held at one moment.
-struct Holdings {
+struct Footprint {
     long daemonKib = 0;
     long descriptors = 0;
     long threads = 0;
     long keys = 0;
     long storeKib = 0;
 
-    void raiseTo(const Holdings& other) {
+    void raiseTo(const Footprint& other) {
         daemonKib = std::max(daemonKib, other.daemonKib);
         descriptors = std::max(descriptors, other.descriptors);
         threads = std::max(threads, other.threads);
@@ -73,120 +74,121 @@ class Soak {
   private:
     // Repeats the round until the soak ends; keeps the first failure of all workers.
     void work(const std::function<void()>& round);
-    Reply ask(testbed::StoreClient& store, testbed::Request request, Kind kind,
+    Reply ask(testbed::StoreClient& client, testbed::Request request, Kind kind,
               const std::string& status);
     void loginRounds(bool refusals);
     void changeRounds();
     void expiryRounds();
     void readRounds();
 
-    void keepHouse(const std::string& kept);
-    Holdings holdings();
+    void trimRecords(const std::string& kept);
+    Footprint footprint();
     // Everything has come to its end: what is left, and what it holds.
     Words quiet();
-    void printRow(const std::string& time, const Holdings& holdings) const;
-    bool check(const Words& keysBefore, const Words& keysAfter, const Holdings& before,
-               const Holdings& most, const Holdings& after);
+    void printRow(const std::string& time, const Footprint& footprint) const;
+    bool check(const Words& keysBefore, const Words& keysAfter, const Footprint& before,
+               const Footprint& most, const Footprint& after);
 
-    testbed::Controller controller_;
-    testbed::WebFrontEnd web_{controller_};
-    std::optional<testbed::StoreClient> store_;
-    std::array<std::atomic<long>, kindNames.size()> done_{};
-    std::atomic<bool> ending_ = false;
-    std::mutex mutex_;  // guards failure_
-    std::string failure_;
+    testbed::Controller controller;
+    testbed::WebFrontEnd web{controller};
+    std::optional<testbed::StoreClient> store;
+    std::array<std::atomic<long>, kindNames.size()> done{};
+    std::atomic<bool> ending = false;
+    std::mutex mutex;  // guards failure
+    std::string failure;
 };
 
 void Soak::work(const std::function<void()>& round) {
     try {
         do {
             round();
-        } while (!ending_);
-    } catch (const std::exception& failure) {
-        const std::lock_guard lock(mutex_);
-        if (failure_.empty()) {
-            failure_ = failure.what();
+        } while (!ending);
+    } catch (const std::exception& thrown) {
+        const std::lock_guard lock(mutex);
+        if (failure.empty()) {
+            failure = thrown.what();
         }
-        ending_ = true;
+        ending = true;
     }
 }
 
 // As a front end does it: it takes away what it stored itself.
-Reply Soak::ask(testbed::StoreClient& store, testbed::Request request, Kind kind,
+Reply Soak::ask(testbed::StoreClient& client, testbed::Request request, Kind kind,
                 const std::string& status) {
     request.send();
     Reply reply = request.reply();
-    store.run({"DEL", request.requestKey(), request.requestKey() + "/Checklist", request.bodyKey(),
-               request.replyKey(), request.returnChannel()});
+    client.run({"DEL", request.requestKey(), request.requestKey() + "/Checklist", request.bodyKey(),
+                request.replyKey(), request.returnChannel()});
     if (reply.status() != status) {
         throw Failure("One of the " + std::string(kindNames.at(kind)) + " was answered " +
                       reply.status() + " in place of " + status + ".");
     }
-    ++done_.at(kind);
+    ++done.at(kind);
     return reply;
 }
 
 void Soak::loginRounds(bool refusals) {
-    testbed::FrontEnd frontEnd = controller_.frontEnd();
-    testbed::StoreClient store = controller_.connect();
+    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
+    testbed::StoreClient client = controller.connect();
     const testbed::Account& account = testbed::administrator;
     int count = 0;
     work([&] {
         const Reply session =
-            ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
-        ask(store, frontEnd.prepareRemove(session.location()), logout, "OK_EMPTY");
+            ask(client, frontEnd.prepareLogin(account.name, account.password), login, "OK");
+        ask(client, frontEnd.prepareRemove(session.location()), logout, "OK_EMPTY");
         if (refusals && ++count % loginsPerRefusal == 1) {
-            ask(store, frontEnd.prepareLogin(account.name, testbed::reader.password), refusal,
+            ask(client, frontEnd.prepareLogin(account.name, testbed::reader.password), refusal,
                 "AUTH_FAILED");
         }
     });
 }
 
 void Soak::changeRounds() {
-    testbed::FrontEnd frontEnd = controller_.frontEnd();
-    testbed::StoreClient store = controller_.connect();
+    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
+    testbed::StoreClient client = controller.connect();
     int count = 0;
     work([&] {
-        ask(store, frontEnd.preparePatch({{"SessionTimeout", std::to_string(300 + ++count % 100)}}),
+        ask(client,
+            frontEnd.preparePatch({{"SessionTimeout", std::to_string(300 + ++count % 100)}}),
             change, "OK");
     });
 }
 
 // Sessions of clients that went away.
 void Soak::expiryRounds() {
-    testbed::FrontEnd frontEnd = controller_.frontEnd();
-    testbed::StoreClient store = controller_.connect();
+    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
+    testbed::StoreClient client = controller.connect();
     const testbed::Account& account = testbed::operatorAccount;
     work([&] {
         Words sessions;
         for (int i = 0; i < expiringSessions; ++i) {
             const Reply session =
-                ask(store, frontEnd.prepareLogin(account.name, account.password), login, "OK");
-            store.hset(testbed::tokenKey(session.token()),
-                       {{"LastAccessed", std::to_string(testbed::uptime() - 1000)}});
+                ask(client, frontEnd.prepareLogin(account.name, account.password), login, "OK");
+            client.hset(testbed::tokenKey(session.token()),
+                        {{"LastAccessed", std::to_string(testbed::uptime() - 1000)}});
             sessions.push_back(session.location());
         }
         for (const std::string& session : sessions) {
-            testbed::waitUntil("a session has expired", [&] { return !store.exists(session); });
-            ++done_.at(expiry);
+            testbed::waitUntil("a session has expired", [&] { return !client.exists(session); });
+            ++done.at(expiry);
         }
     });
 }
 
 void Soak::readRounds() {
-    testbed::HttpClient client({.url = web_.url(), .certificatePath = web_.certificatePath()});
+    testbed::HttpClient client({.url = web.url(), .certificatePath = web.certificatePath()});
     const auto expect = [&](const testbed::HttpResponse& response, long status, Kind kind) {
         if (response.status != status) {
             throw Failure("One of the " + std::string(kindNames.at(kind)) + " was answered " +
                           std::to_string(response.status) + ": " + response.body);
         }
-        ++done_.at(kind);
+        ++done.at(kind);
     };
     work([&] {
         const testbed::HttpResponse session =
             client.login(testbed::reader.name, testbed::reader.password);
         expect(session, 201, login);
-        for (int i = 0; i < readsPerLogin && !ending_; ++i) {
+        for (int i = 0; i < readsPerLogin && !ending; ++i) {
             expect(client.get(session.location()), 200, read);
         }
         expect(client.remove(session.location()), 204, logout);
@@ -194,40 +196,40 @@ void Soak::readRounds() {
     });
 }
 
-void Soak::keepHouse(const std::string& kept) {
-    store_->run({"EVAL", housekeeping, "3", eventStream, auditMembers, auditEntries, kept});
+void Soak::trimRecords(const std::string& kept) {
+    store->run({"EVAL", trimScript, "3", eventStream, auditMembers, auditEntries, kept});
 }
 
-Holdings Soak::holdings() {
-    const pid_t daemon = controller_.daemon().pid();
-    return {.daemonKib = testbed::statusFigure(daemon, "VmRSS"),
-            .descriptors = testbed::openDescriptors(daemon),
-            .threads = testbed::statusFigure(daemon, "Threads"),
-            .keys = static_cast<long>(store_->run({"DBSIZE"}).integer),
-            .storeKib =
-                static_cast<long>(testbed::storeFigure(*store_, "memory", "used_memory") / 1024)};
+Footprint Soak::footprint() {
+    const pid_t daemon = controller.daemon().pid();
+    return {
+        .daemonKib = bench::statusValue(daemon, "VmRSS"),
+        .descriptors = bench::openDescriptors(daemon),
+        .threads = bench::statusValue(daemon, "Threads"),
+        .keys = static_cast<long>(store->run({"DBSIZE"}).integer),
+        .storeKib = static_cast<long>(bench::storeValue(*store, "memory", "used_memory") / 1024)};
 }
 
 Words Soak::quiet() {
     testbed::waitUntil("the replies and their messages have expired", [&] {
-        return store_->run({"INFO", "keyspace"}).text.find("expires=0") != std::string::npos;
+        return store->run({"INFO", "keyspace"}).text.find("expires=0") != std::string::npos;
     });
-    keepHouse("0");
-    return store_->keys("*");
+    trimRecords("0");
+    return store->keys("*");
 }
 
-void Soak::printRow(const std::string& time, const Holdings& holdings) const {
-    std::cout << std::setw(8) << time << std::setw(9) << holdings.daemonKib << " KiB"
-              << std::setw(9) << holdings.descriptors << std::setw(9) << holdings.threads
-              << std::setw(9) << holdings.keys << std::setw(9) << holdings.storeKib << " KiB";
-    for (const std::atomic<long>& each : done_) {
+void Soak::printRow(const std::string& time, const Footprint& footprint) const {
+    std::cout << std::setw(8) << time << std::setw(9) << footprint.daemonKib << " KiB"
+              << std::setw(9) << footprint.descriptors << std::setw(9) << footprint.threads
+              << std::setw(9) << footprint.keys << std::setw(9) << footprint.storeKib << " KiB";
+    for (const std::atomic<long>& each : done) {
         std::cout << std::setw(10) << each;
     }
     std::cout << std::endl;
 }
 
-bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Holdings& before,
-                 const Holdings& most, const Holdings& after) {
+bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Footprint& before,
+                 const Footprint& most, const Footprint& after) {
     bool allRight = true;
     const auto say = [&](bool right, const std::string& statement) {
         std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
@@ -235,8 +237,8 @@ bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Holdings
     };
     const auto bound = [](long kib) { return " by more than " + std::to_string(kib) + " KiB"; };
     std::cout << "\n";
-    say(failure_.empty(), "each request was answered as it has to be" +
-                              (failure_.empty() ? failure_ : ", but: " + failure_));
+    say(failure.empty(), "each request was answered as it has to be" +
+                             (failure.empty() ? failure : ", but: " + failure));
     // While it works, its memory goes up and down with the modules that PAM loads.
     say(after.daemonKib - before.daemonKib <= allowedGrowth,
         "the daemon has not grown" + bound(allowedGrowth));
@@ -254,9 +256,9 @@ bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Holdings
 }
 
 bool Soak::run(std::chrono::seconds duration) {
-    controller_.start();
-    web_.start();
-    store_.emplace(controller_.connect());
+    controller.start();
+    web.start();
+    store.emplace(controller.connect());
     const auto allWorkers = [this] {
         std::vector<std::jthread> threads;
         threads.reserve(loginWorkers + 3);
@@ -270,11 +272,11 @@ bool Soak::run(std::chrono::seconds duration) {
     };
 
     // One round of each: what is loaded or made at first use is there from then on.
-    ending_ = true;
+    ending = true;
     allWorkers().clear();
     const Words keysBefore = quiet();
-    const Holdings before = holdings();
-    for (std::atomic<long>& each : done_) {
+    const Footprint before = footprint();
+    for (std::atomic<long>& each : done) {
         each = 0;
     }
 
@@ -284,26 +286,26 @@ bool Soak::run(std::chrono::seconds duration) {
     }
     std::cout << "\n";
     printRow("before", before);
-    ending_ = !failure_.empty();
+    ending = !failure.empty();
     std::vector<std::jthread> threads = allWorkers();
     const auto start = Clock::now();
-    const long rows = std::min(mostRows, static_cast<long>(duration.count()));
-    Holdings most;
-    for (long row = 1; row <= rows && !ending_; ++row) {
-        Holdings ofRow = holdings();
-        while (!ending_ && Clock::now() < start + duration * row / rows) {
+    const long rows = std::min(maxRows, static_cast<long>(duration.count()));
+    Footprint most;
+    for (long row = 1; row <= rows && !ending; ++row) {
+        Footprint ofRow = footprint();
+        while (!ending && Clock::now() < start + duration * row / rows) {
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            keepHouse(keptEntries);
-            ofRow.raiseTo(holdings());
+            trimRecords(keptEntries);
+            ofRow.raiseTo(footprint());
         }
         const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
         printRow(std::to_string(elapsed.count()) + " s", ofRow);
         most.raiseTo(ofRow);
     }
-    ending_ = true;
+    ending = true;
     threads.clear();
     const Words keysAfter = quiet();
-    const Holdings after = holdings();
+    const Footprint after = footprint();
     printRow("after", after);
     return check(keysBefore, keysAfter, before, most, after);
 }

@@ -4,11 +4,11 @@
 #include <iostream>
 #include <sstream>
 
-namespace testbed {
+namespace bench {
 
-std::string fixed(double figure, int places) {
+std::string fixed(double number, int places) {
     std::ostringstream text;
-    text << std::fixed << std::setprecision(places) << figure;
+    text << std::fixed << std::setprecision(places) << number;
     return text.str();
 }
 
@@ -28,9 +28,9 @@ void Table::row(const std::vector<std::string>& cells) {
 void Table::judge(std::vector<std::string> cells, bool met) {
     if (!met) {
         cells.back() += ", **missed**";
-        allMet_ = false;
+        metSoFar = false;
     }
     row(cells);
 }
 
-}  // namespace testbed
+}  // namespace bench

@@ -1,13 +1,13 @@
-// The table that a bench prints, in Markdown.
+// The tables that a benchmark prints, in Markdown.
 #pragma once
 
 #include <string>
 #include <vector>
 
-namespace testbed {
+namespace bench {
 
 // A number with so many decimal places.
-std::string fixed(double figure, int places);
+std::string fixed(double number, int places);
 
 class Table {
   public:
@@ -16,10 +16,10 @@ class Table {
     void row(const std::vector<std::string>& cells);
     // A row whose last cell is a target; a missed one is marked.
     void judge(std::vector<std::string> cells, bool met);
-    bool allMet() const { return allMet_; }
+    bool allMet() const { return metSoFar; }
 
   private:
-    bool allMet_ = true;
+    bool metSoFar = true;
 };
 
-}  // namespace testbed
+}  // namespace bench

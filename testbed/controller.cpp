@@ -17,9 +17,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char daemonPath[] = "/usr/local/sbin/session-service";
-constexpr char seedFile[] = TESTBED_FILES "/seed/resources.txt";
-constexpr char suppressionFile[] = "/usr/local/share/memcheck.supp";
+constexpr const char* daemonPath = "/usr/local/sbin/session-service";
+constexpr const char* seedFile = TESTBED_FILES "/seed/resources.txt";
+constexpr const char* suppressionFile = "/usr/local/share/memcheck.supp";
 constexpr std::array scripts{"resourceChange", "logGeneratorHelper"};
 constexpr std::array channels{
     "&&/redfish/v1/SessionService/Sessions/CreateNewSession",
@@ -67,35 +67,33 @@ long long calls(StoreClient& store, const std::string& name) {
 
 // What the kernel calls a program that valgrind runs.
 #ifdef __aarch64__
-constexpr char memcheckName[] = "memcheck-arm64-linux";
+constexpr const char* memcheckName = "memcheck-arm64-linux";
 #else
-constexpr char memcheckName[] = "memcheck-amd64-linux";
+constexpr const char* memcheckName = "memcheck-amd64-linux";
 #endif
 
 }  // namespace
 
 Controller::Controller(const ControllerOptions& options)
-    : root_(folder_.path() + "/root"),
-      storePassword_("bench " + randomDigits(24)),
-      sandbox_(root_) {
+    : root(folder.path() + "/root"), password("testbed " + randomDigits(24)), sandbox(root) {
     // hiredis sends without guarding against a peer that has gone.
     ::signal(SIGPIPE, SIG_IGN);
 
-    fs::copy(TESTBED_FILES "/root", root_, fs::copy_options::recursive);
+    fs::copy(TESTBED_FILES "/root", root, fs::copy_options::recursive);
     for (const char* directory : {"/run/redis", "/var/log", "/usr/local/bin"}) {
         fs::create_directories(path(directory));
     }
     install(TESTBED_SESSION_ROLE_MODULE, "/usr/local/lib/security/pam_session_role.so");
-    sandbox_.bind({TESTBED_DAEMON, daemonPath, Bind::Kind::readOnly});
+    sandbox.bind({TESTBED_DAEMON, daemonPath, Bind::Kind::readOnly});
     if (const std::string profiles = TESTBED_PROFILES; !profiles.empty()) {
         // Where programs that count their coverage keep it.
-        sandbox_.bind({profiles, profiles, Bind::Kind::writable});
+        sandbox.bind({profiles, profiles, Bind::Kind::writable});
     }
 
     writeFile(keyFile, randomDigits(64) + "\n");
     std::string storeConfiguration = readFile("/etc/redis/redis.conf");
-    storeConfiguration += "requirepass \"" + storePassword_ + "\"\n";
-    writeFile("/run/redis/redis.requirepass", storePassword_);
+    storeConfiguration += "requirepass \"" + password + "\"\n";
+    writeFile("/run/redis/redis.requirepass", password);
     if (options.storeOverTcp) {
         storeConfiguration += "port 6379\n";
         writeFile("/run/redis/redis.port", "6379");
@@ -110,7 +108,7 @@ Controller::Controller(const ControllerOptions& options)
     }
 
     if (options.sharedNetwork || options.storeOverTcp) {
-        sandbox_.shareNetwork();
+        sandbox.shareNetwork();
     }
 }
 
@@ -123,11 +121,11 @@ void Controller::start() {
 }
 
 void Controller::startStore() {
-    store_ = startProgram({.command = {"/usr/bin/redis-server", "/etc/redis/redis.conf"}});
+    storeProcess = startProgram({.command = {"/usr/bin/redis-server", "/etc/redis/redis.conf"}});
     waitUntil("the store answers", [this] {
-        if (const auto ended = store_->ending()) {
+        if (const auto ended = storeProcess->exitStatus()) {
             throw Failure("The store ended with " + toText(*ended) + ": " +
-                          readWhole(folder_.path() + "/redis-server.out"));
+                          readWhole(folder.path() + "/redis-server.out"));
         }
         try {
             return connect().run({"PING"}).text == "PONG";
@@ -157,7 +155,7 @@ void Controller::seedStore() {
 }
 
 void Controller::stopStore() {
-    if (!store_) {
+    if (!storeProcess) {
         return;
     }
     try {
@@ -165,29 +163,29 @@ void Controller::stopStore() {
     } catch (const Failure&) {
         // The server answers a shutdown by closing the connection.
     }
-    store_->wait();
-    store_.reset();
+    storeProcess->wait();
+    storeProcess.reset();
 }
 
 void Controller::startDaemon(const DaemonOptions& options) {
-    daemon_.reset();
-    subscriptionsBefore_ = 0;
-    connectionsBefore_ = 0;
-    if (store_) {
+    daemonProcess.reset();
+    subscriptionsBefore = 0;
+    connectionsBefore = 0;
+    if (storeProcess) {
         StoreClient store = connect();
-        subscriptionsBefore_ = calls(store, "subscribe");
-        connectionsBefore_ = calls(store, "auth");
+        subscriptionsBefore = calls(store, "subscribe");
+        connectionsBefore = calls(store, "auth");
     }
     Launch launch{.command = {daemonPath},
                   .environment = options.environment,
                   .binds = options.binds,
                   .limits = options.limits,
                   .runner = options.runner,
-                  .confinement = options.confinement,
+                  .sandboxOptions = options.sandboxOptions,
                   .ofThisBuild = true,
                   .streams = {.input = options.input}};
     launch.environment.merge(sanitizerOptions());
-    if (underMemcheck()) {
+    if (underValgrind()) {
         install(TESTBED_FILES "/memcheck.supp", suppressionFile);
         // A forked child has lost what only the stacks of other threads lead to.
         launch.runner = {"/usr/bin/valgrind",
@@ -200,7 +198,7 @@ void Controller::startDaemon(const DaemonOptions& options) {
                          "--vgdb=no"};
         launch.name = memcheckName;
     }
-    daemon_ = startProgram(launch);
+    daemonProcess = startProgram(launch);
 }
 
 void Controller::waitUntilServing() {
@@ -212,11 +210,11 @@ void Controller::waitUntilServing() {
     // (two), and the one here. The sweeper subscribes nothing.
     constexpr long long connectionsOfAStart = 8;
     waitUntil("the daemon serves", [&] {
-        if (const auto ended = daemon().ending()) {
+        if (const auto ended = daemon().exitStatus()) {
             throw Failure("The daemon ended with " + toText(*ended) + ": " + daemonErrors());
         }
-        if (calls(store, "subscribe") < subscriptionsBefore_ + subscriptionsOfAStart ||
-            calls(store, "auth") < connectionsBefore_ + connectionsOfAStart) {
+        if (calls(store, "subscribe") < subscriptionsBefore + subscriptionsOfAStart ||
+            calls(store, "auth") < connectionsBefore + connectionsOfAStart) {
             return false;
         }
         Words command{"PUBSUB", "NUMSUB"};
@@ -232,10 +230,10 @@ void Controller::waitUntilServing() {
 }
 
 Process& Controller::daemon() {
-    if (!daemon_) {
+    if (!daemonProcess) {
         throw Failure("The daemon has not been started.");
     }
-    return *daemon_;
+    return *daemonProcess;
 }
 
 std::string Controller::daemonOutput() const {
@@ -249,14 +247,14 @@ std::string Controller::daemonErrors() const {
 std::unique_ptr<Process> Controller::startProgram(const Launch& launch) {
     Launch complete = launch;
     const std::string program =
-        folder_.path() + "/" + fs::path(launch.command.front()).filename().string();
+        folder.path() + "/" + fs::path(launch.command.front()).filename().string();
     complete.streams.output = program + ".out";
     complete.streams.errors = program + ".err";
     if (TESTBED_EMULATED && launch.ofThisBuild) {
         complete.runner = {TESTBED_EMULATOR};
         complete.name = fs::path(TESTBED_EMULATOR).filename().string();
     }
-    return sandbox_.start(complete);
+    return sandbox.start(complete);
 }
 
 std::map<std::string, std::string> Controller::sanitizerOptions() {
@@ -273,24 +271,24 @@ std::map<std::string, std::string> Controller::sanitizerOptions() {
 }
 
 std::string Controller::outputOf(const std::string& program) const {
-    return readWhole(folder_.path() + "/" + program + ".out");
+    return readWhole(folder.path() + "/" + program + ".out");
 }
 
 std::string Controller::errorsOf(const std::string& program) const {
-    return readWhole(folder_.path() + "/" + program + ".err");
+    return readWhole(folder.path() + "/" + program + ".err");
 }
 
 StoreClient Controller::connect() const {
-    return {socketPath(), storePassword_};
+    return {socketPath(), password};
 }
 
-FrontEnd Controller::frontEnd() const {
-    return {socketPath(), storePassword_, path(keyFile),
-            [this] { return daemon_ && !daemon_->ending(); }};
+FakeFrontEnd Controller::frontEnd() const {
+    return {socketPath(), password, path(keyFile),
+            [this] { return daemonProcess && !daemonProcess->exitStatus(); }};
 }
 
 Monitor Controller::monitor() const {
-    return {socketPath(), storePassword_};
+    return {socketPath(), password};
 }
 
 void Controller::writeFile(const std::string& inside, const std::string& text) {

@@ -1,4 +1,4 @@
-// the testbed: what the session service expects around it on a real board,
+// The testbed: what the session service expects around it on a real board,
 // made of real parts, in a private root of its own.
 //
 // Each step of its start is a verb, so that a test can change files or the store in
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "testbed/front_end.h"
+#include "testbed/fake_front_end.h"
 #include "testbed/monitor.h"
 #include "testbed/process.h"
 #include "testbed/sandbox.h"
@@ -21,11 +21,11 @@
 namespace testbed {
 
 // Paths inside the private root.
-inline constexpr char keyFile[] = "/var/nginx/pkey.tmp";
-inline constexpr char persistentFile[] = "/var/nginx/SessionPersistentProp.conf";
-inline constexpr char configurationFile[] = "/usr/local/etc/nginx/SessionService.conf";
-inline constexpr char pamServiceFile[] = "/etc/pam.d/q73";
-inline constexpr char logFile[] = "/var/log/session-service.log";
+inline constexpr const char* keyFile = "/var/nginx/pkey.tmp";
+inline constexpr const char* persistentFile = "/var/nginx/SessionPersistentProp.conf";
+inline constexpr const char* configurationFile = "/usr/local/etc/nginx/SessionService.conf";
+inline constexpr const char* pamServiceFile = "/etc/pam.d/q73";
+inline constexpr const char* logFile = "/var/log/session-service.log";
 
 struct ControllerOptions {
     // The daemon reaches the store by TCP on port 6379 of the loopback instead of the
@@ -40,7 +40,7 @@ struct DaemonOptions {
     std::vector<Bind> binds{};
     std::vector<std::string> limits{};
     std::vector<std::string> runner{};
-    std::vector<std::string> confinement{};
+    std::vector<std::string> sandboxOptions{};
     std::string input = "/dev/null";
 };
 
@@ -57,7 +57,7 @@ class Controller {
     void loadScripts();
     void seedStore();
     void stopStore();
-    bool storeStarted() const { return store_ != nullptr; }
+    bool storeStarted() const { return static_cast<bool>(storeProcess); }
 
     // The daemon. What it writes to its standard streams is appended over all starts.
     void startDaemon(const DaemonOptions& options = {});
@@ -65,7 +65,7 @@ class Controller {
     // lasting connections; throws Failure when it ends instead.
     void waitUntilServing();
     Process& daemon();
-    bool daemonStarted() const { return daemon_ != nullptr; }
+    bool daemonStarted() const { return static_cast<bool>(daemonProcess); }
     // What all daemons of this controller wrote to their standard streams.
     std::string daemonOutput() const;
     std::string daemonErrors() const;
@@ -80,16 +80,16 @@ class Controller {
     // finding ends them with a report; startDaemon sees to that itself.
     static std::map<std::string, std::string> sanitizerOptions();
     // Adds to what every program started from now on sees.
-    void bind(Bind bind) { sandbox_.bind(std::move(bind)); }
+    void bind(Bind bind) { sandbox.bind(std::move(bind)); }
 
     // Connections from outside the private root, for one thread each.
     StoreClient connect() const;
-    // A front end must not outlive the controller.
-    FrontEnd frontEnd() const;
+    // It must not outlive the controller.
+    FakeFrontEnd frontEnd() const;
     Monitor monitor() const;
 
     // Files of the private root, by their paths inside.
-    std::string path(const std::string& inside) const { return root_ + inside; }
+    std::string path(const std::string& inside) const { return root + inside; }
     void writeFile(const std::string& inside, const std::string& text);
     std::string readFile(const std::string& inside) const;  // empty when it is not there
     bool fileExists(const std::string& inside) const;
@@ -99,17 +99,17 @@ class Controller {
 
     // The store's socket, from outside, and its password.
     std::string socketPath() const { return path("/run/redis/redis.sock"); }
-    const std::string& storePassword() const { return storePassword_; }
+    const std::string& storePassword() const { return password; }
 
   private:
-    TemporaryFolder folder_;
-    std::string root_;
-    std::string storePassword_;
-    Sandbox sandbox_;
-    std::unique_ptr<Process> store_;
-    std::unique_ptr<Process> daemon_;
-    long long subscriptionsBefore_ = 0;
-    long long connectionsBefore_ = 0;
+    TemporaryFolder folder;
+    std::string root;
+    std::string password;
+    Sandbox sandbox;
+    std::unique_ptr<Process> storeProcess;
+    std::unique_ptr<Process> daemonProcess;
+    long long subscriptionsBefore = 0;
+    long long connectionsBefore = 0;
 };
 
 }  // namespace testbed

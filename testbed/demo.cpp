@@ -25,8 +25,9 @@ using testbed::Reply;
 using testbed::Value;
 using testbed::Words;
 
-constexpr char eventStream[] = "&&EventStream";
-constexpr char auditMembersKey[] = "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
+constexpr const char* eventStream = "&&EventStream";
+constexpr const char* auditMembersKey =
+    "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
 constexpr std::size_t sessionLimit = 8;
 
 // What should be found in the event stream: action, resource, type, group identifier.
@@ -157,20 +158,20 @@ class Demo {
     std::vector<Event> events();
     std::vector<AuditEntry> auditEntries();
 
-    testbed::Controller controller_;
-    testbed::WebFrontEnd web_{controller_};
-    std::optional<testbed::FrontEnd> frontEnd_;
-    std::optional<testbed::StoreClient> store_;
-    std::string firstSession_;
-    std::vector<Event> expectedEvents_;
-    std::vector<AuditEntry> expectedAuditEntries_;
-    int lastGroup_ = 0;
-    bool allRight_ = true;
+    testbed::Controller controller;
+    testbed::WebFrontEnd web{controller};
+    std::optional<testbed::FakeFrontEnd> frontEnd;
+    std::optional<testbed::StoreClient> store;
+    std::string firstSession;
+    std::vector<Event> expectedEvents;
+    std::vector<AuditEntry> expectedAuditEntries;
+    int lastGroup = 0;
+    bool allRight = true;
 };
 
 void Demo::check(bool right, const std::string& statement) {
     std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
-    allRight_ = allRight_ && right;
+    allRight = allRight && right;
 }
 
 void Demo::showReply(const Reply& reply) {
@@ -186,7 +187,7 @@ void Demo::showReply(const Reply& reply) {
 
 std::vector<Event> Demo::events() {
     std::vector<Event> found;
-    for (const Value& entry : store_->run({"XRANGE", eventStream, "-", "+"}).elements) {
+    for (const Value& entry : store->run({"XRANGE", eventStream, "-", "+"}).elements) {
         const std::vector<Value>& items = entry.elements.at(1).elements;
         found.push_back({items.at(1).text, items.at(3).text, items.at(5).text, items.at(7).text});
     }
@@ -196,9 +197,9 @@ std::vector<Event> Demo::events() {
 std::vector<AuditEntry> Demo::auditEntries() {
     std::vector<AuditEntry> found;
     const std::string reference = "&&ObjectRef ";
-    const Words members = store_->lrange(auditMembersKey);
+    const Words members = store->lrange(auditMembersKey);
     for (auto member = members.rbegin(); member != members.rend(); ++member) {
-        const Fields entry = store_->hgetall(member->substr(reference.size()));
+        const Fields entry = store->hgetall(member->substr(reference.size()));
         // ["user"] and {"OriginOfCondition":{"@odata.id":"uri"}}
         const std::string user = entry.at("MessageArgs");
         const std::string links = entry.at("Links");
@@ -210,16 +211,16 @@ std::vector<AuditEntry> Demo::auditEntries() {
 }
 
 void Demo::expectEvents(const std::string& action, const std::string& sessionUri) {
-    const std::string group = std::to_string(++lastGroup_);
-    expectedEvents_.push_back({action, sessionUri, "Session", group});
-    expectedEvents_.push_back({"change", testbed::sessionsUri, "SessionCollection", group});
+    const std::string group = std::to_string(++lastGroup);
+    expectedEvents.push_back({action, sessionUri, "Session", group});
+    expectedEvents.push_back({"change", testbed::sessionsUri, "SessionCollection", group});
 }
 
 Reply Demo::login(const Account& account) {
-    Reply reply = frontEnd_->login(account.name, account.password);
+    Reply reply = frontEnd->login(account.name, account.password);
     if (reply.status() == "OK") {
         expectEvents("add", reply.location());
-        expectedAuditEntries_.push_back(
+        expectedAuditEntries.push_back(
             {"AuditEvent.1.1.UserLogin", account.name, reply.location()});
     }
     return reply;
@@ -227,33 +228,33 @@ Reply Demo::login(const Account& account) {
 
 void Demo::expectLogout(const std::string& sessionUri, const Account& account) {
     expectEvents("delete", sessionUri);
-    expectedAuditEntries_.push_back({"AuditEvent.1.1.UserLogout", account.name, sessionUri});
+    expectedAuditEntries.push_back({"AuditEvent.1.1.UserLogout", account.name, sessionUri});
 }
 
 void Demo::showStart() {
     chapter("the testbed starts");
     const auto begin = std::chrono::steady_clock::now();
-    controller_.start();
+    controller.start();
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - begin);
-    frontEnd_.emplace(controller_.frontEnd());
-    store_.emplace(controller_.connect());
+    frontEnd.emplace(controller.frontEnd());
+    store.emplace(controller.connect());
     std::cout << "   A store, local accounts and the session service, in a private root: up in "
               << took.count() << " ms.\n";
 }
 
 void Demo::showRefusal() {
     chapter("A login with a wrong password");
-    const Reply reply = frontEnd_->login(testbed::administrator.name, "not the password");
+    const Reply reply = frontEnd->login(testbed::administrator.name, "not the password");
     showReply(reply);
     check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
               reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
           "the login is refused: the credentials are not valid");
-    check(reply.token().empty() && store_->llen(testbed::membersKey) == 0,
+    check(reply.token().empty() && store->llen(testbed::membersKey) == 0,
           "there is no token and no session");
     const std::string reason =
         std::string(testbed::administrator.name) + " does not pass the PAM auth.";
-    check(controller_.readFile(testbed::logFile).find(reason) != std::string::npos,
+    check(controller.readFile(testbed::logFile).find(reason) != std::string::npos,
           "the log says why: " + reason);
 }
 
@@ -261,64 +262,63 @@ void Demo::showLogin() {
     chapter("A login of the administrator");
     const Reply reply = login(testbed::administrator);
     showReply(reply);
-    firstSession_ = reply.location();
+    firstSession = reply.location();
     check(reply.status() == "OK" && reply.messages.size() == 1 &&
               reply.messages[0].id == "Base.1.12.Created",
           "the session is created");
 
-    const Fields session = store_->hgetall(firstSession_);
-    show("session resource " + firstSession_, session);
-    check(unquoted(store_->hget(firstSession_, "UserName")) == testbed::administrator.name &&
-              unquoted(store_->hget(firstSession_, "@odata.id")) == firstSession_,
+    const Fields session = store->hgetall(firstSession);
+    show("session resource " + firstSession, session);
+    check(unquoted(store->hget(firstSession, "UserName")) == testbed::administrator.name &&
+              unquoted(store->hget(firstSession, "@odata.id")) == firstSession,
           "the session resource belongs to the user");
 
     const std::string tokenKey = testbed::tokenKey(reply.token());
-    show("token record " + tokenKey, store_->hgetall(tokenKey));
-    check(store_->hget(tokenKey, "SessionID") == firstSession_ &&
-              store_->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
+    show("token record " + tokenKey, store->hgetall(tokenKey));
+    check(store->hget(tokenKey, "SessionID") == firstSession &&
+              store->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
           "the token leads to the session and carries the privilege of the user's role");
-    check(
-        unquoted(store_->hget(testbed::tokenReferenceKey(firstSession_), "XAUTH")) == reply.token(),
-        "the session leads to the token");
+    check(unquoted(store->hget(testbed::tokenReferenceKey(firstSession), "XAUTH")) == reply.token(),
+          "the session leads to the token");
 
-    show(std::string("collection ") + testbed::sessionsUri, store_->hgetall(testbed::sessionsUri));
-    const Words members = store_->lrange(testbed::membersKey);
-    check(members == Words{"&&ObjectRef " + firstSession_} &&
-              store_->hget(testbed::sessionsUri, "Members@odata.count") == "1",
+    show(std::string("collection ") + testbed::sessionsUri, store->hgetall(testbed::sessionsUri));
+    const Words members = store->lrange(testbed::membersKey);
+    check(members == Words{"&&ObjectRef " + firstSession} &&
+              store->hget(testbed::sessionsUri, "Members@odata.count") == "1",
           "the collection holds this session and counts one");
 
     for (const Event& event : events()) {
         std::cout << "   event " << event.action << " " << event.resource << " (group "
                   << event.group << ")\n";
     }
-    check(events() == expectedEvents_, "both changes are announced, as one group");
+    check(events() == expectedEvents, "both changes are announced, as one group");
     const std::vector<AuditEntry> audit = auditEntries();
     for (const AuditEntry& entry : audit) {
         std::cout << "   audit entry " << entry.messageId << " " << entry.user << "\n";
     }
-    check(audit == expectedAuditEntries_, "the login is in the audit log");
+    check(audit == expectedAuditEntries, "the login is in the audit log");
 }
 
 void Demo::showPatch() {
     chapter("The session timeout is changed");
-    const std::string before = store_->hget(testbed::serviceUri, "SessionTimeout");
-    const Reply reply = frontEnd_->patch({{"SessionTimeout", "600"}});
+    const std::string before = store->hget(testbed::serviceUri, "SessionTimeout");
+    const Reply reply = frontEnd->patch({{"SessionTimeout", "600"}});
     showReply(reply);
     check(reply.status() == "OK", "the change is accepted");
-    const std::string after = store_->hget(testbed::serviceUri, "SessionTimeout");
+    const std::string after = store->hget(testbed::serviceUri, "SessionTimeout");
     check(before == "300" && after == "600", "the service says " + after + ", it was " + before);
-    const std::string kept = controller_.readFile(testbed::persistentFile);
+    const std::string kept = controller.readFile(testbed::persistentFile);
     std::cout << "   " << testbed::persistentFile << "\n";
     std::istringstream lines(kept);
     for (std::string line; std::getline(lines, line);) {
         std::cout << "      " << line << "\n";
     }
     check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
-    expectedEvents_.push_back(
-        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    expectedEvents.push_back(
+        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
     testbed::waitUntil("the change is announced",
-                       [this] { return events().size() >= expectedEvents_.size(); });
-    check(events() == expectedEvents_, "the change is announced");
+                       [this] { return events().size() >= expectedEvents.size(); });
+    check(events() == expectedEvents, "the change is announced");
 }
 
 void Demo::showExpiry() {
@@ -326,13 +326,13 @@ void Demo::showExpiry() {
     const Reply reply = login(testbed::operatorAccount);
     check(reply.status() == "OK", "the operator has logged in: " + reply.location());
     const std::string tokenKey = testbed::tokenKey(reply.token());
-    check(store_->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
+    check(store->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
 
     constexpr long timeout = 4;
     std::cout << "   Nobody wants to wait that long: this one gets " << timeout << " seconds.\n"
               << "   idle:";
-    const long lastUse = std::stol(store_->hget(tokenKey, "LastAccessed"));
-    store_->hset(tokenKey, {{"Timeout", std::to_string(timeout)}});
+    const long lastUse = std::stol(store->hget(tokenKey, "LastAccessed"));
+    store->hset(tokenKey, {{"Timeout", std::to_string(timeout)}});
     long shown = -1;
     testbed::waitUntil("the session expires", [&] {
         const long left = timeout - (testbed::uptime() - lastUse);
@@ -340,28 +340,27 @@ void Demo::showExpiry() {
             shown = left;
             std::cout << " " << left << " s left ..." << std::flush;
         }
-        return !store_->exists(reply.location());
+        return !store->exists(reply.location());
     });
     std::cout << " gone\n";
     expectLogout(reply.location(), testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
-                       [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+                       [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
     check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
-    check(
-        !store_->exists(tokenKey) && !store_->exists(testbed::tokenReferenceKey(reply.location())),
-        "its token is worth nothing any more");
-    check(store_->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession_},
+    check(!store->exists(tokenKey) && !store->exists(testbed::tokenReferenceKey(reply.location())),
+          "its token is worth nothing any more");
+    check(store->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession},
           "the administrator's session is still there");
 }
 
 void Demo::showLogout() {
     chapter("The administrator logs out");
-    const Reply reply = frontEnd_->remove(firstSession_);
+    const Reply reply = frontEnd->remove(firstSession);
     showReply(reply);
-    expectLogout(firstSession_, testbed::administrator);
+    expectLogout(firstSession, testbed::administrator);
     check(reply.status() == "OK_EMPTY", "the session is removed");
-    check(store_->llen(testbed::membersKey) == 0 && !store_->exists(firstSession_) &&
-              store_->hget(testbed::sessionsUri, "Members@odata.count") == "0",
+    check(store->llen(testbed::membersKey) == 0 && !store->exists(firstSession) &&
+              store->hget(testbed::sessionsUri, "Members@odata.count") == "0",
           "the collection is empty");
 }
 
@@ -381,7 +380,7 @@ Words Demo::fillUp(std::size_t present) {
 bool Demo::removeAll(const Words& sessions) {
     bool allRemoved = true;
     for (const std::string& session : sessions) {
-        allRemoved = frontEnd_->remove(session).status() == "OK_EMPTY" && allRemoved;
+        allRemoved = frontEnd->remove(session).status() == "OK_EMPTY" && allRemoved;
         expectLogout(session, testbed::reader);
     }
     return allRemoved;
@@ -390,7 +389,7 @@ bool Demo::removeAll(const Words& sessions) {
 void Demo::showLimit() {
     chapter("As many sessions as there can be");
     const Words sessions = fillUp(0);
-    check(store_->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
+    check(store->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
           "the reader has logged in eight times");
     const Reply ninth = login(testbed::reader);
     showReply(ninth);
@@ -399,17 +398,17 @@ void Demo::showLimit() {
           "the ninth login is refused");
 
     check(removeAll(sessions), "all eight have logged out");
-    check(store_->llen(testbed::membersKey) == 0 && store_->keys("&&X-AUTH-TOKEN-*").empty() &&
-              store_->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
+    check(store->llen(testbed::membersKey) == 0 && store->keys("&&X-AUTH-TOKEN-*").empty() &&
+              store->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
           "nothing is left of any session");
 }
 
 std::string Demo::curlCommand() const {
-    return "curl -sS -i --cacert " + web_.certificatePath();
+    return "curl -sS -i --cacert " + web.certificatePath();
 }
 
 WebAnswer Demo::curl(const std::string& arguments, const std::string& path) {
-    const std::string rest = arguments + (arguments.empty() ? "" : " ") + web_.url() + path;
+    const std::string rest = arguments + (arguments.empty() ? "" : " ") + web.url() + path;
     std::cout << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
     WebAnswer answer{.status = {}, .text = outputOf(curlCommand() + " " + rest)};
     answer.status = answer.text.substr(0, answer.text.find('\r'));
@@ -431,8 +430,8 @@ void Demo::showWeb() {
     const std::string service = testbed::serviceUri;
     const std::string sessions = testbed::sessionsUri;
     const std::string json = "-H 'Content-Type: application/json' ";
-    web_.start();
-    std::cout << "   It listens on " << web_.url() << ".\n";
+    web.start();
+    std::cout << "   It listens on " << web.url() << ".\n";
     check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
           "without a token nothing can be read");
     check(
@@ -444,9 +443,9 @@ void Demo::showWeb() {
         json + "-d '" + loginBody(testbed::administrator, testbed::administrator.password) + "'",
         sessions);
     const std::string session = created.header("Location");
-    check(created.holds("201 Created") && store_->exists(session), "the session is created");
+    check(created.holds("201 Created") && store->exists(session), "the session is created");
     expectEvents("add", session);
-    expectedAuditEntries_.push_back(
+    expectedAuditEntries.push_back(
         {"AuditEvent.1.1.UserLogin", testbed::administrator.name, session});
 
     // The commands name the token as a variable: nobody needs the whole of it on the screen.
@@ -458,10 +457,10 @@ void Demo::showWeb() {
     check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
               .holds(R"("SessionTimeout":900)"),
           "the session timeout is changed");
-    expectedEvents_.push_back(
-        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup_)});
+    expectedEvents.push_back(
+        {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
     testbed::waitUntil("the change is announced",
-                       [this] { return events().size() >= expectedEvents_.size(); });
+                       [this] { return events().size() >= expectedEvents.size(); });
     check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
               .holds("400 Bad Request"),
           "a timeout below 30 seconds is refused");
@@ -472,13 +471,13 @@ void Demo::showWeb() {
              sessions);
     const std::string expiring = second.header("Location");
     expectEvents("add", expiring);
-    expectedAuditEntries_.push_back(
+    expectedAuditEntries.push_back(
         {"AuditEvent.1.1.UserLogin", testbed::operatorAccount.name, expiring});
     std::cout << "   This one gets one second.\n";
-    store_->hset(testbed::tokenKey(second.header("X-Auth-Token")), {{"Timeout", "1"}});
+    store->hset(testbed::tokenKey(second.header("X-Auth-Token")), {{"Timeout", "1"}});
     expectLogout(expiring, testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
-                       [this] { return auditEntries().size() >= expectedAuditEntries_.size(); });
+                       [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
     check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
 
     const Words others = fillUp(1);
@@ -487,12 +486,12 @@ void Demo::showWeb() {
           "with eight sessions a ninth login is refused for now");
     check(removeAll(others), "the others have logged out");
 
-    check(curl(token + " -X DELETE", session).holds("204 No Content") && !store_->exists(session),
+    check(curl(token + " -X DELETE", session).holds("204 No Content") && !store->exists(session),
           "the session is removed");
     expectLogout(session, testbed::administrator);
     check(curl(token, service).holds("401 Unauthorized"), "the token is worth nothing any more");
     unsetenv("TOKEN");
-    check(store_->keys("&&/frontend/*").empty(), "the front end has left nothing in the store");
+    check(store->keys("&&/frontend/*").empty(), "the front end has left nothing in the store");
 }
 
 void Demo::showTrail() {
@@ -502,17 +501,17 @@ void Demo::showTrail() {
         std::cout << "   event " << std::right << std::setw(3) << event.group << "  " << std::left
                   << std::setw(7) << event.action << event.resource << "\n";
     }
-    check(foundEvents == expectedEvents_,
-          "the stream holds exactly these " + std::to_string(expectedEvents_.size()) + " events");
+    check(foundEvents == expectedEvents,
+          "the stream holds exactly these " + std::to_string(expectedEvents.size()) + " events");
     const std::vector<AuditEntry> foundEntries = auditEntries();
     for (const AuditEntry& entry : foundEntries) {
         std::cout << "   audit " << std::left << std::setw(27) << entry.messageId << std::setw(9)
                   << entry.user << entry.origin << "\n";
     }
-    check(foundEntries == expectedAuditEntries_, "the audit log holds exactly these " +
-                                                     std::to_string(expectedAuditEntries_.size()) +
-                                                     " entries");
-    check(controller_.readFile(testbed::logFile).find("[Error]") == std::string::npos,
+    check(foundEntries == expectedAuditEntries, "the audit log holds exactly these " +
+                                                    std::to_string(expectedAuditEntries.size()) +
+                                                    " entries");
+    check(controller.readFile(testbed::logFile).find("[Error]") == std::string::npos,
           "the log of the service holds no error");
 }
 
@@ -527,32 +526,31 @@ bool Demo::run() {
     showWeb();
     showTrail();
     std::cout << "\n"
-              << (allRight_ ? "Everything was as it must be." : "Something was WRONG: see above.")
+              << (allRight ? "Everything was as it must be." : "Something was WRONG: see above.")
               << "\n";
-    return allRight_;
+    return allRight;
 }
 
 void Demo::keep() {
     const std::string user = testbed::administrator.name;
     const std::string password = testbed::administrator.password;
     std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves Redfish on\n"
-              << "   " << web_.url() << "\nTo read and to log in:\n"
-              << "   " << curlCommand() << " -u " << user << ":" << password << " " << web_.url()
+              << "   " << web.url() << "\nTo read and to log in:\n"
+              << "   " << curlCommand() << " -u " << user << ":" << password << " " << web.url()
               << testbed::serviceUri << "\n"
               << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
-              << loginBody(testbed::administrator, password) << "' " << web_.url()
+              << loginBody(testbed::administrator, password) << "' " << web.url()
               << testbed::sessionsUri << "\nWith redfishtool (package redfishtool):\n"
-              << "   redfishtool -r " << web_.address() << ":8443 -u " << user << " -p " << password
+              << "   redfishtool -r " << web.address() << ":8443 -u " << user << " -p " << password
               << " -A Session -S Always SessionService\n"
               << "With Python (package python3-sushy):\n"
-              << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web_.url()
+              << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web.url()
               << "/redfish/v1', '" << user << "', '" << password << "', verify='"
-              << web_.certificatePath() << "').get_session_service().session_timeout)\"\n"
-              << "Its store:\n   REDISCLI_AUTH='" << controller_.storePassword()
-              << "' redis-cli -s " << controller_.socketPath()
-              << "\nThe logs of the service and of the front end:\n   "
-              << controller_.path(testbed::logFile) << "\n   "
-              << controller_.path(testbed::webErrorLogFile) << "\nIts accounts:\n";
+              << web.certificatePath() << "').get_session_service().session_timeout)\"\n"
+              << "Its store:\n   REDISCLI_AUTH='" << controller.storePassword() << "' redis-cli -s "
+              << controller.socketPath() << "\nThe logs of the service and of the front end:\n   "
+              << controller.path(testbed::logFile) << "\n   "
+              << controller.path(testbed::webErrorLogFile) << "\nIts accounts:\n";
     for (const Account& account :
          {testbed::administrator, testbed::operatorAccount, testbed::reader, testbed::expired}) {
         std::cout << "   " << std::left << std::setw(10) << account.name << account.password

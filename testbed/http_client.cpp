@@ -17,7 +17,7 @@ struct FreeList {
 };
 using ListPtr = std::unique_ptr<curl_slist, FreeList>;
 
-constexpr char sessionsPath[] = "/redfish/v1/SessionService/Sessions";
+constexpr const char* sessionsPath = "/redfish/v1/SessionService/Sessions";
 
 CurlPtr newHandle() {
     static const CURLcode initialized = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -113,11 +113,11 @@ nlohmann::json HttpResponse::json() const {
 }
 
 bool TlsConnection::send(const std::string& bytes) {
-    const Deadline end = patience();
+    const Deadline end = deadlineFromNow();
     for (std::size_t sent = 0; sent < bytes.size();) {
         std::size_t count = 0;
         const CURLcode result =
-            curl_easy_send(handle_.get(), bytes.data() + sent, bytes.size() - sent, &count);
+            curl_easy_send(curl.get(), bytes.data() + sent, bytes.size() - sent, &count);
         if (result == CURLE_AGAIN) {
             waitForSocket(POLLOUT, end);
         } else if (result != CURLE_OK) {
@@ -129,32 +129,32 @@ bool TlsConnection::send(const std::string& bytes) {
 }
 
 std::string TlsConnection::receiveUntil(const std::string& mark) {
-    const Deadline end = patience();
+    const Deadline end = deadlineFromNow();
     std::size_t at = 0;
-    while ((at = pending_.find(mark)) == std::string::npos) {
+    while ((at = pending.find(mark)) == std::string::npos) {
         if (!receiveMore(end)) {
-            return std::exchange(pending_, {});
+            return std::exchange(pending, {});
         }
     }
-    std::string received = pending_.substr(0, at + mark.size());
-    pending_.erase(0, received.size());
+    std::string received = pending.substr(0, at + mark.size());
+    pending.erase(0, received.size());
     return received;
 }
 
 std::string TlsConnection::receiveAll() {
-    const Deadline end = patience();
+    const Deadline end = deadlineFromNow();
     while (receiveMore(end)) {
     }
-    return std::exchange(pending_, {});
+    return std::exchange(pending, {});
 }
 
 bool TlsConnection::receiveMore(Deadline end) {
     for (;;) {
         std::array<char, 16384> chunk{};
         std::size_t count = 0;
-        const CURLcode result = curl_easy_recv(handle_.get(), chunk.data(), chunk.size(), &count);
+        const CURLcode result = curl_easy_recv(curl.get(), chunk.data(), chunk.size(), &count);
         if (result != CURLE_AGAIN) {
-            pending_.append(chunk.data(), count);
+            pending.append(chunk.data(), count);
             return result == CURLE_OK && count > 0;
         }
         waitForSocket(POLLIN, end);
@@ -163,20 +163,20 @@ bool TlsConnection::receiveMore(Deadline end) {
 
 void TlsConnection::waitForSocket(short events, Deadline end) {
     curl_socket_t socket = CURL_SOCKET_BAD;
-    curl_easy_getinfo(handle_.get(), CURLINFO_ACTIVESOCKET, &socket);
+    curl_easy_getinfo(curl.get(), CURLINFO_ACTIVESOCKET, &socket);
     pollfd waiting{socket, events, 0};
     if (poll(&waiting, 1, static_cast<int>(millisecondsUntil(end))) == 0) {
-        throw Failure("Waited in vain on a connection to the web front end.");
+        throw Failure("Timed out on a connection to the web front end.");
     }
 }
 
-HttpClient::HttpClient(HttpOptions options) : options_(std::move(options)), handle_(newHandle()) {}
+HttpClient::HttpClient(HttpOptions options) : settings(std::move(options)), curl(newHandle()) {}
 
 HttpResponse HttpClient::request(const HttpRequest& request) {
-    CURL* handle = handle_.get();
+    CURL* handle = curl.get();
     curl_easy_reset(handle);  // keeps the connection
     prepare(handle);
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, millisecondsUntil(patience()));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, millisecondsUntil(deadlineFromNow()));
     curl_easy_setopt(handle, CURLOPT_REQUEST_TARGET, request.path.c_str());
     if (request.method == "HEAD") {
         curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
@@ -186,13 +186,13 @@ HttpResponse HttpClient::request(const HttpRequest& request) {
     for (const std::string& header : request.headers) {
         add(headers, header);
     }
-    if (!token_.empty()) {
-        add(headers, "X-Auth-Token: " + token_);
+    if (!sessionToken.empty()) {
+        add(headers, "X-Auth-Token: " + sessionToken);
     }
-    if (!user_.empty()) {
+    if (!basicUser.empty()) {
         curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
-        curl_easy_setopt(handle, CURLOPT_USERNAME, user_.c_str());
-        curl_easy_setopt(handle, CURLOPT_PASSWORD, password_.c_str());
+        curl_easy_setopt(handle, CURLOPT_USERNAME, basicUser.c_str());
+        curl_easy_setopt(handle, CURLOPT_PASSWORD, basicPassword.c_str());
     }
     if (request.body) {
         if (std::none_of(request.headers.begin(), request.headers.end(), namesType)) {
@@ -237,30 +237,30 @@ HttpResponse HttpClient::login(const std::string& user, const std::string& passw
 }
 
 void HttpClient::useBasic(std::string user, std::string password) {
-    user_ = std::move(user);
-    password_ = std::move(password);
+    basicUser = std::move(user);
+    basicPassword = std::move(password);
 }
 
 TlsConnection HttpClient::connect() const {
     CurlPtr handle = newHandle();
     prepare(handle.get());
     curl_easy_setopt(handle.get(), CURLOPT_CONNECT_ONLY, 1L);
-    perform(handle.get(), "Connecting to " + options_.url);
+    perform(handle.get(), "Connecting to " + settings.url);
     return TlsConnection(std::move(handle));
 }
 
 void HttpClient::prepare(CURL* handle) const {
-    curl_easy_setopt(handle, CURLOPT_URL, options_.url.c_str());
-    curl_easy_setopt(handle, CURLOPT_CAINFO, options_.certificatePath.c_str());
+    curl_easy_setopt(handle, CURLOPT_URL, settings.url.c_str());
+    curl_easy_setopt(handle, CURLOPT_CAINFO, settings.certificatePath.c_str());
     // The machine's own settings must not lead elsewhere.
     curl_easy_setopt(handle, CURLOPT_PROXY, "");
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, millisecondsUntil(patience()));
-    if (!options_.sourceAddress.empty()) {
-        curl_easy_setopt(handle, CURLOPT_INTERFACE, options_.sourceAddress.c_str());
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, millisecondsUntil(deadlineFromNow()));
+    if (!settings.sourceAddress.empty()) {
+        curl_easy_setopt(handle, CURLOPT_INTERFACE, settings.sourceAddress.c_str());
     }
-    curl_easy_setopt(handle, CURLOPT_SSLVERSION, versions(options_.tls));
-    if (options_.tls == TlsVersion::v1_1) {
+    curl_easy_setopt(handle, CURLOPT_SSLVERSION, versions(settings.tls));
+    if (settings.tls == TlsVersion::v1_1) {
         // OpenSSL's default level would not even offer it.
         curl_easy_setopt(handle, CURLOPT_SSL_CIPHER_LIST, "DEFAULT@SECLEVEL=0");
     }

@@ -1,7 +1,7 @@
 // An HTTPS client for tests: well-behaved requests, and a TLS connection for any bytes.
 //
 // Everything blocks until the server has answered, and throws Failure when there is no
-// answer, the server's certificate is not the expected one, or the patience ends.
+// answer, the server's certificate is not the expected one, or the wait times out.
 #pragma once
 
 #include <map>
@@ -64,14 +64,14 @@ class TlsConnection {
 
   private:
     friend class HttpClient;
-    explicit TlsConnection(CurlPtr handle) : handle_(std::move(handle)) {}
+    explicit TlsConnection(CurlPtr handle) : curl(std::move(handle)) {}
 
     // Adds what comes next to what is pending; false when the server has closed.
     bool receiveMore(Deadline end);
     void waitForSocket(short events, Deadline end);
 
-    CurlPtr handle_;
-    std::string pending_;  // has come but was not asked for yet
+    CurlPtr curl;
+    std::string pending;  // has come but was not asked for yet
 };
 
 // Keeps its connection open between requests. To be used by one thread at a time.
@@ -89,7 +89,7 @@ class HttpClient {
     // from then on.
     HttpResponse login(const std::string& user, const std::string& password);
     // What goes with all requests from now on; empty: nothing.
-    void useToken(std::string token) { token_ = std::move(token); }
+    void useToken(std::string token) { sessionToken = std::move(token); }
     void useBasic(std::string user, std::string password);
 
     // A fresh connection, to be used beside this one.
@@ -99,11 +99,11 @@ class HttpClient {
     // Sets what requests and plain connections have in common.
     void prepare(void* handle) const;
 
-    HttpOptions options_;
-    std::string token_;
-    std::string user_;
-    std::string password_;
-    CurlPtr handle_;
+    HttpOptions settings;
+    std::string sessionToken;
+    std::string basicUser;
+    std::string basicPassword;
+    CurlPtr curl;
 };
 
 }  // namespace testbed

@@ -48,18 +48,18 @@ MonitoredCommand toCommand(const std::string& line) {
 }  // namespace
 
 Monitor::Monitor(const std::string& socketPath, const std::string& password)
-    : monitoring_(socketPath, password), marking_(socketPath, password) {
-    monitoring_.run({"MONITOR"});
+    : monitorConnection(socketPath, password), markConnection(socketPath, password) {
+    monitorConnection.run({"MONITOR"});
 }
 
 std::vector<MonitoredCommand> Monitor::until(
     const std::function<bool(const MonitoredCommand&)>& condition) {
     std::vector<MonitoredCommand> commands;
-    const Deadline end = patience();
+    const Deadline end = deadlineFromNow();
     for (;;) {
-        const std::optional<Value> line = monitoring_.next(end);
+        const std::optional<Value> line = monitorConnection.next(end);
         if (!line) {
-            throw Failure("Waited in vain for a command.");
+            throw Failure("Timed out waiting for a command.");
         }
         commands.push_back(toCommand(line->text));
         if (condition(commands.back())) {
@@ -69,13 +69,24 @@ std::vector<MonitoredCommand> Monitor::until(
 }
 
 std::vector<MonitoredCommand> Monitor::soFar() {
-    const std::string mark = "monitor mark " + std::to_string(++marker_);
-    marking_.run({"ECHO", mark});
+    const std::string mark = "monitor mark " + std::to_string(++lastMark);
+    markConnection.run({"ECHO", mark});
     std::vector<MonitoredCommand> commands = until([&](const MonitoredCommand& command) {
         return command.words == Words{"ECHO", mark};
     });
     commands.pop_back();
     return commands;
+}
+
+std::vector<Words> commandsOf(const std::vector<MonitoredCommand>& commands,
+                              const std::string& client) {
+    std::vector<Words> words;
+    for (const MonitoredCommand& command : commands) {
+        if (command.client == client) {
+            words.push_back(command.words);
+        }
+    }
+    return words;
 }
 
 }  // namespace testbed

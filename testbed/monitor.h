@@ -31,9 +31,13 @@ class Monitor {
     std::vector<MonitoredCommand> soFar();
 
   private:
-    StoreClient monitoring_;
-    StoreClient marking_;
-    unsigned marker_ = 0;
+    StoreClient monitorConnection;
+    StoreClient markConnection;
+    unsigned lastMark = 0;
 };
+
+// The commands of one client, in order.
+std::vector<Words> commandsOf(const std::vector<MonitoredCommand>& commands,
+                              const std::string& client);
 
 }  // namespace testbed

@@ -35,7 +35,7 @@ Pipe makePipe() {
 }
 
 // Bubblewrap exits as a shell does: 128 and the signal's number for a signal.
-Ending toEnding(int status) {
+ExitStatus toExitStatus(int status) {
     const int value = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     if (value > 128 && value <= 128 + SIGRTMAX) {
         return {true, value - 128};
@@ -98,7 +98,7 @@ pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams,
     }
     posix_spawn_file_actions_addclosefrom_np(&actions, last + 1);
 
-    // A session of its own keeps a terminal's signals away: the bench ends things in order.
+    // A session of its own keeps a terminal's signals away: the testbed ends its programs in order.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes,
@@ -126,19 +126,19 @@ pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams,
     return pid;
 }
 
-std::string toText(const Ending& ending) {
-    return (ending.bySignal ? "signal " : "exit status ") + std::to_string(ending.value);
+std::string toText(const ExitStatus& status) {
+    return (status.bySignal ? "signal " : "exit status ") + std::to_string(status.value);
 }
 
 Process::Process(const std::vector<std::string>& arguments, std::string name,
                  const Streams& streams)
-    : name_(std::move(name)) {
+    : programName(std::move(name)) {
     // The kernel keeps 15 characters of a program's name.
-    name_.resize(std::min<std::size_t>(name_.size(), 15));
+    programName.resize(std::min<std::size_t>(programName.size(), 15));
     const Pipe report = makePipe();
-    bubblewrapPid_ = spawn(arguments, streams, PassedDescriptor{report.writeEnd, infoDescriptor});
+    bubblewrapPid = spawn(arguments, streams, PassedDescriptor{report.writeEnd, infoDescriptor});
     close(report.writeEnd);
-    sandboxPid_ = readSandboxPid(report.readEnd);
+    initPid = readSandboxPid(report.readEnd);
     close(report.readEnd);
 }
 
@@ -147,79 +147,79 @@ Process::~Process() {
 }
 
 pid_t Process::pid() {
-    if (pid_ > 0) {
-        return pid_;
+    if (programPid > 0) {
+        return programPid;
     }
-    waitUntil(name_ + " runs", [this] {
-        if (const auto ended = ending()) {
-            throw Failure(name_ + " ended with " + toText(*ended) + ".");
+    waitUntil(programName + " runs", [this] {
+        if (const auto ended = exitStatus()) {
+            throw Failure(programName + " ended with " + toText(*ended) + ".");
         }
-        for (const pid_t child : childrenOf(sandboxPid_)) {
-            if (firstLine(procFile(child, "comm")) == name_) {
-                pid_ = child;
+        for (const pid_t child : childrenOf(initPid)) {
+            if (firstLine(procFile(child, "comm")) == programName) {
+                programPid = child;
                 return true;
             }
         }
         return false;
     });
-    return pid_;
+    return programPid;
 }
 
 void Process::signal(int number) {
     if (::kill(pid(), number) != 0) {
-        throw Failure(name_ + " cannot be signalled: " + std::strerror(errno));
+        throw Failure(programName + " cannot be signalled: " + std::strerror(errno));
     }
 }
 
-std::optional<Ending> Process::ending() {
-    const std::lock_guard lock(mutex_);
+std::optional<ExitStatus> Process::exitStatus() {
+    const std::lock_guard lock(mutex);
     int status = 0;
-    if (!ending_ && waitpid(bubblewrapPid_, &status, WNOHANG) == bubblewrapPid_) {
-        ending_ = toEnding(status);
+    if (!endedWith && waitpid(bubblewrapPid, &status, WNOHANG) == bubblewrapPid) {
+        endedWith = toExitStatus(status);
     }
-    return ending_;
+    return endedWith;
 }
 
-Ending Process::wait() {
-    std::optional<Ending> ended;
-    waitUntil(name_ + " ends", [&] { return (ended = ending()).has_value(); });
+ExitStatus Process::wait() {
+    std::optional<ExitStatus> ended;
+    waitUntil(programName + " ends", [&] { return (ended = exitStatus()).has_value(); });
     return *ended;
 }
 
 void Process::kill() noexcept {
-    if (ending()) {
+    if (exitStatus()) {
         return;
     }
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex);
     int status = 0;
     // With the sandbox's first process everything in it ends before that one is reaped.
-    ::kill(sandboxPid_ > 0 ? sandboxPid_ : bubblewrapPid_, SIGKILL);
-    waitpid(bubblewrapPid_, &status, 0);
-    ending_ = toEnding(status);
+    ::kill(initPid > 0 ? initPid : bubblewrapPid, SIGKILL);
+    waitpid(bubblewrapPid, &status, 0);
+    endedWith = toExitStatus(status);
 }
 
 TemporaryFolder::TemporaryFolder() {
     const char* parent = std::getenv("TMPDIR");
-    path_ = std::string(parent == nullptr ? "/tmp" : parent) + "/bench-XXXXXX";
-    if (mkdtemp(path_.data()) == nullptr) {
+    folder = std::string(parent ? parent : "/tmp") + "/testbed-XXXXXX";
+    if (!mkdtemp(folder.data())) {
         throw Failure("No temporary folder: " + std::string(std::strerror(errno)));
     }
-    if (std::getenv("TESTBED_KEEP") != nullptr) {
-        std::cerr << "The bench is kept in " << path_ << ".\n";
+    if (std::getenv("TESTBED_KEEP")) {
+        std::cerr << "The testbed is kept in " << folder << ".\n";
         return;
     }
     // The end of this process, however it comes, closes the pipe that the shell reads.
     const Pipe pipe = makePipe();
-    remover_ = spawn({"sh", "-c", "read -r _ <&3; exec rm -rf -- \"$1\"", "sh", path_}, {},
-                     PassedDescriptor{pipe.readEnd, 3});
+    removerPid = spawn({"sh", "-c", "read -r _ <&3; exec rm -rf -- \"$1\"", "sh", folder}, {},
+                       PassedDescriptor{pipe.readEnd, 3});
     close(pipe.readEnd);
-    lifeline_ = pipe.writeEnd;
+    lifeline = pipe.writeEnd;
 }
 
 TemporaryFolder::~TemporaryFolder() {
-    if (remover_ > 0) {
-        close(lifeline_);
-        waitpid(remover_, nullptr, 0);
+    if (removerPid > 0) {
+        close(lifeline);
+        waitpid(removerPid, nullptr, 0);
     }
 }
 

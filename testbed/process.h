@@ -1,4 +1,4 @@
-// Processes that the bench starts.
+// Processes that the testbed starts.
 #pragma once
 
 #include <sys/types.h>
@@ -10,14 +10,14 @@
 
 namespace testbed {
 
-// How a process ended.
-struct Ending {
+// How a process ended, by itself or by a signal.
+struct ExitStatus {
     bool bySignal = false;
     int value = 0;  // the exit status or the signal
 
-    bool operator==(const Ending&) const = default;
+    bool operator==(const ExitStatus&) const = default;
 };
-std::string toText(const Ending& ending);
+std::string toText(const ExitStatus& status);
 
 // Where the standard streams lead; what is written is appended to the files.
 struct Streams {
@@ -58,27 +58,27 @@ class Process {
     Process& operator=(const Process&) = delete;
 
     // The sandbox's first process, as seen from outside; its namespaces can be joined.
-    pid_t sandboxPid() const { return sandboxPid_; }
+    pid_t sandboxPid() const { return initPid; }
     // The program itself, as seen from outside: for /proc and for signals. Blocks until
     // the program runs; throws Failure when it ends before.
     pid_t pid();
 
     // Sends a signal to the program.
     void signal(int number);
-    // The ending, none while it runs. May be asked by several threads at once.
-    std::optional<Ending> ending();
+    // None while it runs. May be called by several threads at once.
+    std::optional<ExitStatus> exitStatus();
     // Blocks until the program has ended.
-    Ending wait();
+    ExitStatus wait();
     // Ends the program and all that it started, if it still runs.
     void kill() noexcept;
 
   private:
-    std::string name_;
-    pid_t bubblewrapPid_ = -1;
-    pid_t sandboxPid_ = -1;
-    pid_t pid_ = -1;
-    std::mutex mutex_;  // guards ending_, and that the process is waited for once only
-    std::optional<Ending> ending_;
+    std::string programName;
+    pid_t bubblewrapPid = -1;
+    pid_t initPid = -1;
+    pid_t programPid = -1;
+    std::mutex mutex;  // guards endedWith, and that the process is waited for only once
+    std::optional<ExitStatus> endedWith;
 };
 
 // A fresh folder with a short name in /tmp, or in TMPDIR where the environment sets that.
@@ -92,12 +92,12 @@ class TemporaryFolder {
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return folder; }
 
   private:
-    std::string path_;
-    pid_t remover_ = -1;
-    int lifeline_ = -1;
+    std::string folder;
+    pid_t removerPid = -1;
+    int lifeline = -1;
 };
 
 }  // namespace testbed

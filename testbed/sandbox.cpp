@@ -40,13 +40,13 @@ std::string bindOption(Bind::Kind kind) {
 
 }  // namespace
 
-Sandbox::Sandbox(std::string root) : root_(std::move(root)) {
+Sandbox::Sandbox(std::string rootFolder) : root(std::move(rootFolder)) {
     for (const char* folder : {"dev", "proc", "usr/local", "etc/alternatives", "run", "tmp"}) {
-        fs::create_directories(fs::path(root_) / folder);
+        fs::create_directories(fs::path(root) / folder);
     }
     for (const char* link : {"bin", "sbin", "lib", "lib64"}) {
         if (fs::exists(fs::path("/usr") / link)) {
-            fs::create_symlink(fs::path("usr") / link, fs::path(root_) / link);
+            fs::create_symlink(fs::path("usr") / link, fs::path(root) / link);
         }
     }
 }
@@ -55,38 +55,38 @@ void Sandbox::shareNetwork() {
     Arguments arguments = bubblewrap(0);
     append(arguments,
            {"--unshare-net", "--unshare-pid", "--ro-bind", "/", "/", "sleep", "infinity"});
-    networkHolder_ = std::make_unique<Process>(arguments, "sleep", Streams{});
-    networkHolder_->pid();
+    networkHolder = std::make_unique<Process>(arguments, "sleep", Streams{});
+    networkHolder->pid();
 }
 
 std::unique_ptr<Process> Sandbox::start(const Launch& launch) const {
     Arguments arguments;
-    const bool joinsNetwork = networkHolder_ && !launch.machineNetwork;
+    const bool joinsNetwork = networkHolder && !launch.machineNetwork;
     if (joinsNetwork) {
-        arguments = {"nsenter", "--target", std::to_string(networkHolder_->sandboxPid()),
+        arguments = {"nsenter", "--target", std::to_string(networkHolder->sandboxPid()),
                      "--user",  "--net",    "--preserve-credentials"};
     }
     append(arguments, bubblewrap(launch.user));
     if (!joinsNetwork && !launch.machineNetwork) {
         arguments.emplace_back("--unshare-net");
     }
-    append(arguments, {"--unshare-pid", "--unshare-ipc", "--unshare-uts", "--hostname", "bench"});
+    append(arguments, {"--unshare-pid", "--unshare-ipc", "--unshare-uts", "--hostname", "testbed"});
     append(arguments, {"--cap-drop", "ALL"});
     if (TESTBED_SANITIZED) {
         // The daemon makes itself undumpable; its leak detector has to look at it all the same.
         append(arguments, {"--cap-add", "CAP_SYS_PTRACE"});
     }
-    append(arguments, {"--bind", root_, "/", "--ro-bind", "/usr", "/usr"});
-    append(arguments, {"--bind", root_ + "/usr/local", "/usr/local"});
+    append(arguments, {"--bind", root, "/", "--ro-bind", "/usr", "/usr"});
+    append(arguments, {"--bind", root + "/usr/local", "/usr/local"});
     // Debian's awk is a link through this folder.
     append(arguments, {"--ro-bind", "/etc/alternatives", "/etc/alternatives"});
     append(arguments, {"--proc", "/proc", "--dev", "/dev"});
-    for (const auto& binds : {binds_, launch.binds}) {
-        for (const Bind& bind : binds) {
+    for (const auto& visible : {binds, launch.binds}) {
+        for (const Bind& bind : visible) {
             append(arguments, {bindOption(bind.kind), bind.outside, bind.inside});
         }
     }
-    append(arguments, launch.confinement);
+    append(arguments, launch.sandboxOptions);
 
     append(arguments, {"--chdir", "/", "--clearenv"});
     std::map<std::string, std::string> environment = launch.environment;

@@ -1,4 +1,4 @@
-// A private root for the programs of the bench, made with bubblewrap. It needs no
+// A private root for the programs of the testbed, made with bubblewrap. It needs no
 // privileges where user namespaces are allowed, and leaves the machine untouched.
 //
 // Inside, a program is user 0 without capabilities unless it asks for another number.
@@ -36,9 +36,9 @@ struct Launch {
     // A program that runs the command, with its arguments, such as valgrind.
     std::vector<std::string> runner{};
     // Further options for bubblewrap, behind all others.
-    std::vector<std::string> confinement{};
-    // Whether the command is of the same build as the bench. the testbed has an
-    // emulator run it when that build is for another machine.
+    std::vector<std::string> sandboxOptions{};
+    // Whether the command belongs to the same build as the testbed. An emulator runs it when
+    // that build is for another machine.
     bool ofThisBuild = false;
     // What the kernel will call the program in the end; empty: the last part of the
     // command's first word.
@@ -53,23 +53,22 @@ struct Launch {
 
 class Sandbox {
   public:
-    // `root` is the folder that becomes the root; the folders and links that a root
-    // needs are made in it.
-    explicit Sandbox(std::string root);
+    // The folder becomes the root; the folders and links that a root needs are made in it.
+    explicit Sandbox(std::string rootFolder);
 
     // From now on all programs share one loopback network instead of having one each.
     void shareNetwork();
     // Adds to what every program started from now on sees.
-    void bind(Bind bind) { binds_.push_back(std::move(bind)); }
+    void bind(Bind bind) { binds.push_back(std::move(bind)); }
 
     // Starts a program. Returns once the sandbox is there, perhaps before the program
     // runs. A sandbox that cannot be made is told on the program's standard error.
     std::unique_ptr<Process> start(const Launch& launch) const;
 
   private:
-    std::string root_;
-    std::vector<Bind> binds_;
-    std::unique_ptr<Process> networkHolder_;
+    std::string root;
+    std::vector<Bind> binds;
+    std::unique_ptr<Process> networkHolder;
 };
 
 }  // namespace testbed

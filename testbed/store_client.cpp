@@ -39,7 +39,7 @@ Value toValue(const redisReply& reply) {
         default:
             break;
     }
-    if (reply.str != nullptr) {
+    if (reply.str) {
         value.text.assign(reply.str, static_cast<std::size_t>(reply.len));
     }
     return value;
@@ -60,8 +60,8 @@ void StoreClient::Close::operator()(redisContext* context) const noexcept {
 }
 
 StoreClient::StoreClient(const std::string& socketPath, const std::string& password)
-    : context_(redisConnectUnix(socketPath.c_str())) {
-    if (!context_ || context_->err != 0) {
+    : connection(redisConnectUnix(socketPath.c_str())) {
+    if (!connection || connection->err != 0) {
         throw Failure("No connection to the store at " + socketPath + ".");
     }
     if (!password.empty()) {
@@ -76,16 +76,16 @@ Value StoreClient::command(const Words& words) {
         pointers.push_back(word.data());
         lengths.push_back(word.size());
     }
-    if (redisAppendCommandArgv(context_.get(), static_cast<int>(words.size()), pointers.data(),
+    if (redisAppendCommandArgv(connection.get(), static_cast<int>(words.size()), pointers.data(),
                                lengths.data()) != REDIS_OK) {
         throw Failure("A command could not be composed.");
     }
     for (int written = 0; written == 0;) {
-        if (redisBufferWrite(context_.get(), &written) != REDIS_OK) {
+        if (redisBufferWrite(connection.get(), &written) != REDIS_OK) {
             throw Failure("The connection to the store was lost.");
         }
     }
-    const std::optional<Value> value = next(patience());
+    const std::optional<Value> value = next(deadlineFromNow());
     if (!value) {
         throw Failure("The store did not answer " + words.front() + ".");
     }
@@ -160,9 +160,9 @@ void StoreClient::subscribe(const std::string& channel) {
 }
 
 std::string StoreClient::nextMessage() {
-    const std::optional<Value> message = next(patience());
+    const std::optional<Value> message = next(deadlineFromNow());
     if (!message) {
-        throw Failure("Waited in vain for a message.");
+        throw Failure("Timed out waiting for a message.");
     }
     return message->elements.at(2).text;
 }
@@ -175,20 +175,20 @@ std::optional<std::string> StoreClient::pendingMessage() {
 std::optional<Value> StoreClient::next(Deadline end) {
     for (;;) {
         void* raw = nullptr;
-        if (redisGetReplyFromReader(context_.get(), &raw) != REDIS_OK) {
+        if (redisGetReplyFromReader(connection.get(), &raw) != REDIS_OK) {
             throw Failure("The store answered in an unknown form.");
         }
-        if (raw != nullptr) {
+        if (raw) {
             const ReplyPtr reply(static_cast<redisReply*>(raw));
             return toValue(*reply);
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
-        pollfd readable{context_->fd, POLLIN, 0};
+        pollfd readable{connection->fd, POLLIN, 0};
         if (poll(&readable, 1, static_cast<int>(std::max<long>(left.count(), 0))) == 0) {
             return std::nullopt;
         }
-        if (redisBufferRead(context_.get()) != REDIS_OK) {
+        if (redisBufferRead(connection.get()) != REDIS_OK) {
             throw Failure("The connection to the store was lost.");
         }
     }

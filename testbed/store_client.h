@@ -1,4 +1,4 @@
-// A connection to the bench's store, for whoever looks at it from outside the daemon.
+// A connection to the testbed's store, for whoever looks at it from outside the daemon.
 #pragma once
 
 #include <map>
@@ -27,7 +27,7 @@ struct Value {
 };
 
 // Every function blocks until the server answers and throws Failure when the
-// connection is lost or the patience ends. To be used by one thread at a time.
+// connection is lost or the wait times out. To be used by one thread at a time.
 class StoreClient {
   public:
     // Connects over the Unix socket and authenticates unless the password is empty.
@@ -64,7 +64,7 @@ class StoreClient {
     struct Close {
         void operator()(redisContext* context) const noexcept;
     };
-    std::unique_ptr<redisContext, Close> context_;
+    std::unique_ptr<redisContext, Close> connection;
 };
 
 }  // namespace testbed

@@ -7,29 +7,29 @@ namespace testbed {
 
 namespace {
 
-constexpr std::chrono::seconds shortPatience{60};
-constexpr std::chrono::seconds longPatience{180};
-constexpr std::chrono::milliseconds pause{2};
+constexpr std::chrono::seconds timeout{60};
+constexpr std::chrono::seconds slowTimeout{180};
+constexpr std::chrono::milliseconds pollInterval{2};
 
 }  // namespace
 
-bool underMemcheck() {
-    static const bool asked = std::getenv("TESTBED_VALGRIND") != nullptr;
+bool underValgrind() {
+    static const bool asked = std::getenv("TESTBED_VALGRIND");
     return asked;
 }
 
-Deadline patience() {
-    const bool slow = TESTBED_SANITIZED || TESTBED_EMULATED || underMemcheck();
-    return std::chrono::steady_clock::now() + (slow ? longPatience : shortPatience);
+Deadline deadlineFromNow() {
+    const bool slow = TESTBED_SANITIZED || TESTBED_EMULATED || underValgrind();
+    return std::chrono::steady_clock::now() + (slow ? slowTimeout : timeout);
 }
 
 void waitUntil(const std::string& what, const std::function<bool()>& condition) {
-    const Deadline end = patience();
+    const Deadline end = deadlineFromNow();
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
-            throw Failure("Waited in vain until " + what + ".");
+            throw Failure("Timed out waiting until " + what + ".");
         }
-        std::this_thread::sleep_for(pause);
+        std::this_thread::sleep_for(pollInterval);
     }
 }
 

@@ -1,6 +1,5 @@
-// Waiting on conditions. The deadline only ends a run that has gone wrong; it is
-// generous enough for a sanitizer build, an emulator, or a daemon under valgrind, on a busy
-// machine.
+// Waiting on conditions. The timeout only ends a run that has gone wrong: it is long enough
+// for a sanitizer build, an emulator, or a daemon under valgrind, on a busy machine.
 #pragma once
 
 #include <chrono>
@@ -10,7 +9,7 @@
 
 namespace testbed {
 
-// Something that the bench needs did not happen; the text says what.
+// Something that the testbed needs did not happen; the text says what.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -18,10 +17,10 @@ struct Failure : std::runtime_error {
 using Deadline = std::chrono::steady_clock::time_point;
 
 // Whether the environment asks, with TESTBED_VALGRIND, for the daemon to run under valgrind.
-bool underMemcheck();
+bool underValgrind();
 
-// The end of the patience with anything that is waited for from now on.
-Deadline patience();
+// When a wait that begins now times out.
+Deadline deadlineFromNow();
 
 // Blocks until `condition` holds, asking every two milliseconds.
 // Throws Failure with `what` in its text when it does not come to hold.

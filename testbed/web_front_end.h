@@ -12,17 +12,17 @@
 namespace testbed {
 
 // Paths inside the private root.
-inline constexpr char webConfigurationFile[] = "/usr/local/etc/nginx/nginx.conf";
-inline constexpr char webSettingsFile[] = "/usr/local/etc/nginx/settings.lua";
-inline constexpr char webLimitsFile[] = "/usr/local/etc/nginx/limits.conf";
-inline constexpr char webAccessLogFile[] = "/var/log/nginx/access.log";
-inline constexpr char webErrorLogFile[] = "/var/log/nginx/error.log";
+inline constexpr const char* webConfigurationFile = "/usr/local/etc/nginx/nginx.conf";
+inline constexpr const char* webSettingsFile = "/usr/local/etc/nginx/settings.lua";
+inline constexpr const char* webLimitsFile = "/usr/local/etc/nginx/limits.conf";
+inline constexpr const char* webAccessLogFile = "/var/log/nginx/access.log";
+inline constexpr const char* webErrorLogFile = "/var/log/nginx/error.log";
 
 class WebFrontEnd {
   public:
     // Puts the files into place, as install() does; starts nothing. The controller must
     // outlive this object.
-    explicit WebFrontEnd(Controller& controller);
+    explicit WebFrontEnd(Controller& host);
 
     // Writes all files of the front end as they are shipped but for the addresses to listen
     // on, and a fresh certificate with its key. What was changed in them is lost.
@@ -32,29 +32,29 @@ class WebFrontEnd {
     // stopped in order. Throws Failure with what it wrote when it ends instead.
     void start();
     // Ends it at once, with requests under way; none when it does not run. Returns how it ended.
-    Ending stop();
+    ExitStatus stop();
     void restart();
-    bool started() const { return nginx_ != nullptr; }
+    bool started() const { return static_cast<bool>(nginx); }
     // Its first process; the ones that serve requests are its children.
     Process& process();
 
-    const std::string& address() const { return address_; }
-    std::string url() const { return "https://" + address_ + ":8443"; }
+    const std::string& address() const { return listenAddress; }
+    std::string url() const { return "https://" + listenAddress + ":8443"; }
     // Where everything is redirected to url().
-    std::string plainUrl() const { return "http://" + address_ + ":8080"; }
+    std::string plainUrl() const { return "http://" + listenAddress + ":8080"; }
     // What verifies the server, as seen from outside.
     std::string certificatePath() const;
 
     // All that was logged since the files were last removed, over all starts.
-    std::string accessLog() const { return controller_.readFile(webAccessLogFile); }
-    std::string errorLog() const { return controller_.readFile(webErrorLogFile); }
+    std::string accessLog() const { return controller.readFile(webAccessLogFile); }
+    std::string errorLog() const { return controller.readFile(webErrorLogFile); }
 
   private:
     void makeCertificate();
 
-    Controller& controller_;
-    std::string address_;
-    std::unique_ptr<Process> nginx_;
+    Controller& controller;
+    std::string listenAddress;
+    std::unique_ptr<Process> nginx;
 };
 
 }  // namespace testbed

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "base/text_file.h"
+#include "support/input.h"
 #include "support/memory_file.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -85,16 +85,16 @@ void checkValue(const MemoryFile& file, const std::string& separator, const std:
 }  // namespace
 }  // namespace session_service
 
-// The pieces: a byte that is the size of the buffer, the key, the separator, the file.
+// The sections: a byte that is the size of the buffer, the key, the separator, the file.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     static MemoryFile file;
-    Pieces pieces(data, size);
-    const std::string sizes = pieces.next();
+    InputSections sections(data, size);
+    const std::string sizes = sections.next();
     const std::size_t bufferSize = sizes.empty() ? 128 : static_cast<unsigned char>(sizes.front());
-    const std::string key = pieces.nextText();
-    const std::string separator = pieces.nextText();
-    const std::string text = pieces.next();
+    const std::string key = sections.nextText();
+    const std::string separator = sections.nextText();
+    const std::string text = sections.next();
     file.write(text);
 
     const std::vector<std::string> lines = linesOf(file);

@@ -8,8 +8,8 @@
 
 #include "auth/group_settings.h"
 #include "auth/kerberos_groups.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/input.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -93,20 +93,20 @@ void checkOutput(const std::string& output) {
 }  // namespace
 }  // namespace session_service
 
-// The pieces: user name, password, the tool's output, the group attribute, the groups of
+// The sections: user name, password, the tool's output, the group attribute, the groups of
 // administrator, operator and user. What is not given keeps its default.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
-    Pieces pieces(data, size);
-    const std::string userName = pieces.nextText();
-    checkCommand(userName, pieces.nextText());
+    InputSections sections(data, size);
+    const std::string userName = sections.nextText();
+    checkCommand(userName, sections.nextText());
 
-    const std::string output = pieces.next();
+    const std::string output = sections.next();
     groupSettings = {};
     for (std::string* setting : {&groupSettings.attribute, &groupSettings.administrator,
                                  &groupSettings.operatorGroup, &groupSettings.user}) {
-        if (pieces.hasMore()) {
-            *setting = pieces.nextText();
+        if (sections.hasMore()) {
+            *setting = sections.nextText();
         }
     }
     checkOutput(output);

@@ -5,9 +5,9 @@
 
 #include "frame/logger.h"
 #include "support/captured_stream.h"
+#include "support/input.h"
 #include "support/memory_file.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -84,13 +84,13 @@ std::string withoutStamp(const std::string& line, const std::string& tag) {
 }  // namespace
 }  // namespace session_service
 
-// The pieces: two texts of one message.
+// The sections: two texts of one message.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     static FileLog fileLog;
-    Pieces pieces(data, size);
-    const std::string first = pieces.next().c_str();
-    const std::string second = pieces.next().c_str();
+    InputSections sections(data, size);
+    const std::string first = sections.next().c_str();
+    const std::string second = sections.next().c_str();
 
     const std::string lines = fileLog.linesOf(
         [&](Logger& log) { log.error("%s 100%% %s", first.c_str(), second.c_str()); });

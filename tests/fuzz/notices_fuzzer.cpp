@@ -6,9 +6,10 @@
 
 #include "service/patch.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -23,12 +24,12 @@ void recordNotice(const Notice& notice) {
 
 // What arrives after the confirmation of the subscription; empty when there is none.
 std::optional<ReceivedNotices> noticesIn(const std::string& bytes) {
-    const StandInStore connection({bytes});
-    if (!store::subscribe(connection.store(), "channel")) {
+    const FakeConnection connection({bytes});
+    if (!store::subscribe(connection.get(), "channel")) {
         return std::nullopt;
     }
     ReceivedNotices notices;
-    while (const auto received = store::readNotice(connection.store())) {
+    while (const auto received = store::readNotice(connection.get())) {
         notices.push_back(*received);
     }
     return notices;
@@ -58,7 +59,7 @@ void tryRequestThread(const std::string& bytes, const ReceivedNotices& notices) 
     }
 
     handled.clear();
-    StandInServer server({{bytes}});
+    FakeStore server({{bytes}});
     const CapturedStream log(stderr);
     serveRequests(createChannel, recordNotice);
     require(handled.size() == expected.size(), "every notice up to the exit notice is handled");
@@ -90,7 +91,7 @@ void tryPatchThread(const std::string& bytes, const ReceivedNotices& notices,
 
     std::vector<Replies> connections(expected.size() + 2, Replies(4, resp::integer(1)));
     connections[0] = {bytes};
-    StandInServer server(connections);
+    FakeStore server(connections);
     const CapturedStream log(stderr);
     patchThread(nullptr);
     require(log.written() == expectedLog, "only a payload without a blank is logged");

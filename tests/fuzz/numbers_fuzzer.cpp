@@ -12,10 +12,10 @@
 #include "base/number.h"
 #include "protocol/replies.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/pieces.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -109,13 +109,13 @@ void checkRequiredPrivilege(const std::string& user, const std::string& list) {
 
 // The setting is the text, in milliseconds.
 void checkLifetime(const std::string& setting) {
-    const std::string text = cText(setting);
+    const std::string text = upToNull(setting);
     const std::int64_t seconds = readDigits(text).value_or(0) / 1000;
     const std::int64_t lifetime =
         text.empty() ? 6 : std::clamp<std::int64_t>(seconds, 0, largest - 1) + 1;
-    const StandInStore store({resp::integer(0), resp::bulk(text), resp::integer(1),
-                              resp::integer(1), resp::integer(1), resp::integer(1)});
-    writeExtendedMessage(store.store(), "list", "Base.1.12.Success", {});
+    const FakeConnection store({resp::integer(0), resp::bulk(text), resp::integer(1),
+                                resp::integer(1), resp::integer(1), resp::integer(1)});
+    writeExtendedMessage(store.get(), "list", "Base.1.12.Success", {});
     const Commands commands = store.takeCommands();
     require(commands.size() == 6, "a message is six commands");
     require(commands[4] == Command{"EXPIRE", "list", std::to_string(lifetime)} &&
@@ -126,16 +126,16 @@ void checkLifetime(const std::string& setting) {
 }  // namespace
 }  // namespace session_service
 
-// The pieces: a number, a list of privileges, a user's privilege.
+// The sections: a number, a list of privileges, a user's privilege.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     openLog();
-    Pieces pieces(data, size);
-    const std::string text = pieces.next();
-    const std::string list = pieces.next();
+    InputSections sections(data, size);
+    const std::string text = sections.next();
+    const std::string list = sections.next();
     checkNumber(text);
     checkLifetime(text);
     checkPrivilegeList(list);
-    checkRequiredPrivilege(pieces.next(), list);
+    checkRequiredPrivilege(sections.next(), list);
     return 0;
 }

@@ -18,8 +18,9 @@
 
 #include "base/text_file.h"
 #include "support/captured_stream.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/input.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 // There where a sanitizer owns the heap.
 extern "C" {
@@ -219,17 +220,17 @@ Course hold(const std::vector<Message>& messages, std::string& password, std::st
 }  // namespace
 }  // namespace session_service
 
-// The pieces: the password, what standard input gives, the messages.
+// The sections: the password, what standard input gives, the messages.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     openLog();
     watchHeap();
-    Pieces pieces(data, size);
-    std::string password = pieces.nextText();
-    std::string input = pieces.next();
+    InputSections sections(data, size);
+    std::string password = sections.nextText();
+    std::string input = sections.next();
     std::vector<Message> messages;
-    while (pieces.hasMore()) {
-        messages.push_back(readMessage(pieces.nextText()));
+    while (sections.hasMore()) {
+        messages.push_back(readMessage(sections.nextText()));
     }
     const Course expected = expectedCourse(messages, password, input);
     const Course course = hold(messages, password, input, expected);

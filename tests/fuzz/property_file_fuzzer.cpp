@@ -8,11 +8,11 @@
 
 #include "service/persistent_properties.h"
 #include "support/captured_stream.h"
-#include "support/file_stand_in.h"
+#include "support/fake_files.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/pieces.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -25,7 +25,7 @@ struct Entry {
 std::vector<Entry> entriesOf(const std::string& text) {
     std::vector<Entry> entries;
     for (const std::string& line : linesOf(text)) {
-        const std::string entry = cText(line);
+        const std::string entry = upToNull(line);
         const std::size_t separator = entry.find('=');
         if (separator < entry.size() - 1 && !entry.starts_with('#')) {
             entries.push_back({entry.substr(0, separator), entry.substr(separator + 1)});
@@ -97,9 +97,9 @@ void checkLoad(const std::string& text, std::string letters) {
         }
     }
 
-    const StandInStore store(replies);
+    const FakeConnection store(replies);
     const CapturedStream log(stderr);
-    loadPersistentProperties(store.store());
+    loadPersistentProperties(store.get());
     require(store.takeCommands() == commands, "an entry is one command, until the store is lost");
     require(log.written() == lines, "an entry that the store does not take makes one line");
 }
@@ -144,20 +144,20 @@ void checkSave(MemoryFile& file, const std::string& text, const std::string& tim
 }  // namespace
 }  // namespace session_service
 
-// The pieces: the letters of the replies, the file, the new timeout; names and values of
+// The sections: the letters of the replies, the file, the new timeout; names and values of
 // further properties in turn.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
-    static MemoryFile& file = fileStandIns()[propertyFile];
+    static MemoryFile& file = fakeFiles()[propertyFile];
     openLog();
-    Pieces pieces(data, size);
-    const std::string letters = pieces.next();
-    const std::string text = pieces.next();
-    const std::string timeout = pieces.nextText();
+    InputSections sections(data, size);
+    const std::string letters = sections.next();
+    const std::string text = sections.next();
+    const std::string timeout = sections.nextText();
     FieldMap others;
-    while (pieces.hasMore()) {
-        const std::string name = pieces.nextText();
-        others[name] = pieces.nextText();
+    while (sections.hasMore()) {
+        const std::string name = sections.nextText();
+        others[name] = sections.nextText();
     }
 
     const std::string loaded = withFewEntries(text);

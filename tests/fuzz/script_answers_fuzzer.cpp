@@ -6,9 +6,10 @@
 #include "platform/config_file.h"
 #include "store/resource_names.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -18,8 +19,8 @@ using store::ScriptAnswer;
 const std::string collection = "/redfish/v1/Systems/1/LogServices/Audit/Entries";
 
 ScriptAnswer answerIn(const std::string& reply) {
-    const StandInStore connection({reply});
-    return store::evalsha(connection.store(), "digest", {});
+    const FakeConnection connection({reply});
+    return store::evalsha(connection.get(), "digest", {});
 }
 
 void tryEvents(const std::string& digest, const std::string& text, const std::string& reply,
@@ -40,9 +41,9 @@ void tryEvents(const std::string& digest, const std::string& text, const std::st
             {"EVALSHA", digest, "5", "delete", text, "Session", "EventGroupId", "17"});
     }
 
-    const StandInStore connection({resp::bulk(digest), reply});
+    const FakeConnection connection({resp::bulk(digest), reply});
     const CapturedStream log(stderr);
-    generateLifeCycleEvents(connection.store(), events);
+    generateLifeCycleEvents(connection.get(), events);
     require(log.written() == expectedLog, "the log says why events were not generated");
     require(connection.takeCommands() == expected, "every item of an event is one argument");
 }
@@ -78,9 +79,9 @@ std::string auditLog(const ScriptAnswer& answer) {
 
 void tryAudit(const std::string& digest, const std::string& text, const std::string& reply,
               const ScriptAnswer& answer) {
-    const StandInStore connection({resp::integer(1), resp::bulk(digest), reply});
+    const FakeConnection connection({resp::integer(1), resp::bulk(digest), reply});
     const CapturedStream log(stderr);
-    generateAuditLogEntry(connection.store(), text, "AuditEvent.1.1.UserLogout", text);
+    generateAuditLogEntry(connection.get(), text, "AuditEvent.1.1.UserLogout", text);
     const Commands commands = connection.takeCommands();
     if (digest.empty()) {
         require(log.written() == errorLine("Cannot get SHA script logGeneratorHelper."),
@@ -119,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     openLog();
     readEventSetting();
     std::string_view input = textOf(data, size);
-    const std::string digest = cText(takeLine(input));
+    const std::string digest = upToNull(takeLine(input));
     const std::string text = takeLine(input);
     const std::string reply(input);
     const ScriptAnswer answer = answerIn(reply);

@@ -8,10 +8,9 @@
 
 #include "auth/group_settings.h"
 #include "auth/kerberos_groups.h"
-#include "support/file_stand_in.h"
+#include "support/fake_files.h"
 #include "support/input.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -116,14 +115,14 @@ void checkGroup(const std::string& group) {
 }  // namespace
 }  // namespace session_service
 
-// The pieces: the file of the groups, the file of the privileges.
+// The sections: the file of the groups, the file of the privileges.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
-    static MemoryFile& groupFile = fileStandIns()["/etc/pam.d/q73.conf"];
-    static MemoryFile& privilegeFile = fileStandIns()["/etc/pam.d/groups2privs.conf"];
-    Pieces pieces(data, size);
-    const std::string groups = pieces.next();
-    const std::string privileges = pieces.next();
+    static MemoryFile& groupFile = fakeFiles()["/etc/pam.d/q73.conf"];
+    static MemoryFile& privilegeFile = fakeFiles()["/etc/pam.d/groups2privs.conf"];
+    InputSections sections(data, size);
+    const std::string groups = sections.next();
+    const std::string privileges = sections.next();
     groupFile.write(groups);
     privilegeFile.write(privileges);
     groupSettings = {};

@@ -5,8 +5,8 @@
 
 #include "auth/kerberos_groups.h"
 #include "base/shell.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/input.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -29,12 +29,12 @@ std::string argumentsFor(const std::string& userName, const std::string& passwor
 }  // namespace
 }  // namespace session_service
 
-// The pieces: user name, password.
+// The sections: user name, password.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
-    Pieces pieces(data, size);
-    const std::string userName = pieces.nextText();
-    const std::string password = pieces.nextText();
+    InputSections sections(data, size);
+    const std::string userName = sections.nextText();
+    const std::string password = sections.nextText();
     std::string expected;
     for (const std::string& argument : {std::string("-p"), userName, std::string("-w"), password,
                                         std::string("getstrs"), userName}) {

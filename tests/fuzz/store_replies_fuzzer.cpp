@@ -8,9 +8,9 @@
 
 #include "store/reply.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -34,8 +34,8 @@ ReplyPtr firstReply(std::string_view bytes) {
 // Calls a wrapper on a connection of its own and gives its result.
 template <typename Call>
 auto resultOf(const Replies& replies, const Command& expected, Call call) {
-    const StandInStore connection(replies);
-    const auto result = call(connection.store());
+    const FakeConnection connection(replies);
+    const auto result = call(connection.get());
     require(connection.takeCommands() == Commands{expected}, "a wrapper sends its one command");
     return result;
 }
@@ -46,7 +46,7 @@ long long integerOf(const ReplyPtr& reply, long long otherwise) {
 }
 
 void tryWrites(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const std::string sent = cText(text);
+    const std::string sent = upToNull(text);
     const bool integer = isInteger(reply);
     const bool one = integerOf(reply, 0) == 1;
 
@@ -107,7 +107,7 @@ void tryVectors(const Replies& replies, const std::string& text, const ReplyPtr&
 
 // LLEN and LREM, which tell standard output of a lost connection.
 void tryListCounts(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const std::string sent = cText(text);
+    const std::string sent = upToNull(text);
     const CapturedStream output(stdout);
     require(resultOf(replies, {"LLEN", sent}, [&](auto* s) { return store::llen(s, text); }) ==
                 static_cast<std::int32_t>(integerOf(reply, -1)),
@@ -129,7 +129,7 @@ void tryListCounts(const Replies& replies, const std::string& text, const ReplyP
 }
 
 void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const std::string sent = cText(text);
+    const std::string sent = upToNull(text);
     const Command hget{"HGET", sent, sent};
     const bool isText = reply && reply->type == REDIS_REPLY_STRING;
     require(resultOf(replies, hget, [&](auto* s) { return store::hget(s, text, text); }) ==
@@ -168,7 +168,7 @@ std::vector<std::string> elementTexts(const ReplyPtr& reply, bool even, bool& te
 }
 
 void tryCollections(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const std::string sent = cText(text);
+    const std::string sent = upToNull(text);
     bool threw = false;
     bool textless = false;
     const std::vector<std::string> elements = elementTexts(reply, false, textless);
@@ -207,7 +207,7 @@ void tryCollections(const Replies& replies, const std::string& text, const Reply
 }
 
 void tryScan(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const auto page = resultOf(replies, {"SCAN", "-5", "MATCH", cText(text), "COUNT", "1000"},
+    const auto page = resultOf(replies, {"SCAN", "-5", "MATCH", upToNull(text), "COUNT", "1000"},
                                [&](auto* s) { return store::scan(s, -5, text); });
     const bool isPage = reply && reply->type == REDIS_REPLY_ARRAY && reply->elements >= 2 &&
                         reply->element[0]->str && reply->element[1]->type == REDIS_REPLY_ARRAY;
@@ -242,16 +242,16 @@ void tryScript(const Replies& replies, const std::string& text, const ReplyPtr& 
 
 // A subscription and all that then arrives, to the end of the connection.
 void trySubscription(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
-    const StandInStore connection(replies);
-    require(store::subscribe(connection.store(), text) == (reply != nullptr),
+    const FakeConnection connection(replies);
+    require(store::subscribe(connection.get(), text) == (reply != nullptr),
             "a subscription is confirmed by any reply");
-    while (const auto notice = store::readNotice(connection.store())) {
+    while (const auto notice = store::readNotice(connection.get())) {
         require(!notice->text || notice->elements > 0, "a text is that of an element");
     }
-    require(connection.takeCommands() == Commands{{"SUBSCRIBE", cText(text)}},
+    require(connection.takeCommands() == Commands{{"SUBSCRIBE", upToNull(text)}},
             "a subscribed connection only reads");
-    require(store::hget(connection.store(), "key", "field").empty() &&
-                !store::send(connection.store(), {"PING"}) && connection.takeCommands().empty(),
+    require(store::hget(connection.get(), "key", "field").empty() &&
+                !store::send(connection.get(), {"PING"}) && connection.takeCommands().empty(),
             "nothing is sent on a lost connection");
 }
 

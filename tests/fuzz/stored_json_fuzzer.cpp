@@ -9,9 +9,10 @@
 #include "protocol/body_conversion.h"
 #include "service/patch.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -47,9 +48,9 @@ void checkResult(char* text, json::value_t kind) {
 }
 
 void tryConversions(const Replies& replies) {
-    const StandInStore connection(replies);
-    checkResult(convertArrayDataToJsonString(connection.store(), "list"), json::value_t::array);
-    StandInServer server({replies});
+    const FakeConnection connection(replies);
+    checkResult(convertArrayDataToJsonString(connection.get(), "list"), json::value_t::array);
+    FakeStore server({replies});
     checkResult(convertRedisDataToJsonString("hash"), json::value_t::object);
 
     for (const Commands& commands :
@@ -65,12 +66,12 @@ void tryConversions(const Replies& replies) {
 }
 
 void tryToken(const std::string& field, const Replies& replies) {
-    const StandInStore connection(replies);
-    StandInServer server({replies});
+    const FakeConnection connection(replies);
+    FakeStore server({replies});
     const CapturedStream log(stderr);
     std::string property = "kept";
     std::string text = "kept";
-    const bool converted = convertToken(connection.store(), field, property, text);
+    const bool converted = convertToken(connection.get(), field, property, text);
     require(isLog(log.written()), "a token that is wrong is logged on one line");
     if (!converted) {
         require(property == "kept" && text == "kept", "a failure leaves the outputs alone");
@@ -83,17 +84,17 @@ void tryToken(const std::string& field, const Replies& replies) {
 }
 
 void tryBody(const Replies& replies) {
-    const StandInStore connection(replies);
-    StandInServer server(std::vector<Replies>(mostConnections, replies));
+    const FakeConnection connection(replies);
+    FakeStore server(std::vector<Replies>(mostConnections, replies));
     const CapturedStream log(stderr);
     FieldMap body;
     try {
-        store::hgetall(connection.store(), "body", body);
+        store::hgetall(connection.get(), "body", body);
     } catch (const std::logic_error&) {
         return;
     }
     const FieldMap fields = body;
-    convertBody(connection.store(), body);
+    convertBody(connection.get(), body);
     require(isLog(log.written()), "fields that are wrong are logged on one line each");
     require(body.size() <= fields.size(), "a field gives one property at most");
     for (const auto& [name, value] : fields) {
@@ -104,14 +105,14 @@ void tryBody(const Replies& replies) {
 }
 
 void tryPatch(const Replies& replies) {
-    const StandInStore connection(replies);
-    StandInServer server(std::vector<Replies>(mostConnections, replies));
+    const FakeConnection connection(replies);
+    FakeStore server(std::vector<Replies>(mostConnections, replies));
     const CapturedStream log(stderr);
     bool changed = false;
     FieldMap properties;
     try {
         const BodyStatus status =
-            validateBody(connection.store(), "/target", "body", changed, properties);
+            validateBody(connection.get(), "/target", "body", changed, properties);
         require(status == BodyStatus::valid || (!changed && properties.empty()),
                 "a body that is not valid changes nothing");
     } catch (const std::logic_error&) {
@@ -148,6 +149,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string_view rest = input;
     const std::string field = takeLine(rest);
     trySplit(field);
-    tryToken(cText(field), listReplies(rest));
+    tryToken(upToNull(field), listReplies(rest));
     return 0;
 }

@@ -17,9 +17,10 @@
 #include "sessions/records.h"
 #include "store/resource_names.h"
 #include "support/captured_stream.h"
+#include "support/fake_store.h"
 #include "support/input.h"
-#include "support/property.h"
-#include "support/store_stand_in.h"
+#include "support/log_lines.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -114,11 +115,11 @@ bool startsWith(const Commands& commands, const Commands& expected) {
 }
 
 void tryDeletion(const Fields& fields) {
-    const StandInStore connection(deletionReplies(fields));
+    const FakeConnection connection(deletionReplies(fields));
     const CapturedStream log(stderr);
     Reply nobodyWaits;
     const MutexGuard lock(context.dataMutex);
-    deleteSession(connection.store(), fields.id, nobodyWaits, context);
+    deleteSession(connection.get(), fields.id, nobodyWaits, context);
     require(startsWith(connection.takeCommands(), deletionCommands(fields.id, fields.storedToken)),
             "a deletion names the session's own keys");
     require(isLog(log.written()), "a deletion logs whole lines");
@@ -148,7 +149,7 @@ void tryExpiry(const Fields& fields) {
                    {"HGET", tokenKey, "LastAccessed"},
                    {"HGET", tokenKey, "Timeout"}};
 
-    StandInServer server({replies});
+    FakeStore server({replies});
     const CapturedStream log(stderr);
     const long before = uptimeSeconds();
     pthread_mutex_lock(&context.stopMutex.handle);
@@ -190,11 +191,11 @@ void tryRecords(const Fields& fields) {
                              .remoteIp = fields.lastAccessed,
                              .origin = fields.member,
                              .privilege = fields.timeout};
-    const StandInStore connection(Replies(4, resp::integer(1)));
-    require(writeSessionRecord(connection.store(), session) &&
-                writeMetaSessionRecord(connection.store(), session, fields.timeout),
+    const FakeConnection connection(Replies(4, resp::integer(1)));
+    require(writeSessionRecord(connection.get(), session) &&
+                writeMetaSessionRecord(connection.get(), session, fields.timeout),
             "records are written");
-    writeTokenReference(connection.store(), session);
+    writeTokenReference(connection.get(), session);
 
     const Commands commands = connection.takeCommands();
     require(commands.size() == 4, "a record is one command");
@@ -229,7 +230,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Fields fields;
     for (std::string* field : {&fields.storedToken, &fields.id, &fields.userName,
                                &fields.lastAccessed, &fields.timeout, &fields.member}) {
-        *field = cText(takeLine(input));
+        *field = upToNull(takeLine(input));
         tryQuotes(*field);
         tryRemoval(*field, fields.storedToken);
     }

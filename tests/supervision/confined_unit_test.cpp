@@ -3,26 +3,26 @@
 #include <sys/stat.h>
 
 #include "support/login_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 #include "unit_restrictions.h"
 
 namespace testbed {
 namespace {
 
-constexpr char confine[] = "/usr/local/bin/confine";
-constexpr char rulesFile[] = "/usr/local/lib/confine.rules";
-constexpr char unitLogFile[] = "/var/log/session-service/session-service.log";
+constexpr const char* confine = "/usr/local/bin/confine";
+constexpr const char* rulesFile = "/usr/local/lib/confine.rules";
+constexpr const char* unitLogFile = "/var/log/session-service/session-service.log";
 
 class UnderTheUnit : public LoginTest {
   protected:
     void SetUp() override {
         controller.install(TESTBED_CONFINE, confine);
-        controller.writeFile(rulesFile, restrictions_.rules);
+        controller.writeFile(rulesFile, restrictions.rules);
         controller.writeFile(configurationFile, std::string("LOG_FILE=") + unitLogFile + "\n");
         startStore();
-        startDaemon({.limits = restrictions_.limits,
+        startDaemon({.limits = restrictions.limits,
                      .runner = {confine, rulesFile},
-                     .confinement = restrictions_.confinement});
+                     .sandboxOptions = restrictions.sandboxOptions});
     }
     void TearDown() override {
         LoginTest::TearDown();
@@ -35,15 +35,15 @@ class UnderTheUnit : public LoginTest {
         const std::size_t before = controller.outputOf("sh").size();
         const auto shell =
             controller.startProgram({.command = {"/bin/sh", "-c", "exec 2>&1; " + command},
-                                     .limits = restrictions_.limits,
+                                     .limits = restrictions.limits,
                                      .runner = {confine, rulesFile},
-                                     .confinement = restrictions_.confinement});
+                                     .sandboxOptions = restrictions.sandboxOptions});
         shell->wait();
         return controller.outputOf("sh").substr(before);
     }
 
   private:
-    const UnitRestrictions restrictions_ = readUnitRestrictions(TESTBED_UNIT, controller.path(""));
+    const UnitRestrictions restrictions = readUnitRestrictions(TESTBED_UNIT, controller.path(""));
 };
 
 TEST_F(UnderTheUnit, LocalAccountsLogIn) {

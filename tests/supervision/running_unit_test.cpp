@@ -17,17 +17,17 @@ class RunningUnit : public SystemTest {
   protected:
     void SetUp() override {
         startStore();
-        fs::create_directories(dropIns_);
-        fs::copy_file(TESTBED_UNIT, unit_);
-        std::ofstream(dropIns_ + "/root.conf") << dropIn();
+        fs::create_directories(dropIns);
+        fs::copy_file(TESTBED_UNIT, unitFile);
+        std::ofstream(dropIns + "/root.conf") << dropIn();
         systemctl("daemon-reload");
-        systemctl("start " + name_);
+        systemctl("start " + unitName);
     }
     void TearDown() override {
-        systemctl("stop " + name_);
-        systemctl("clean --what=logs " + name_);
-        fs::remove(unit_);
-        fs::remove_all(dropIns_);
+        systemctl("stop " + unitName);
+        systemctl("clean --what=logs " + unitName);
+        fs::remove(unitFile);
+        fs::remove_all(dropIns);
         systemctl("daemon-reload");
         SystemTest::TearDown();
     }
@@ -41,8 +41,8 @@ class RunningUnit : public SystemTest {
     // A login and its logout.
     void expectLogin(const Account& account) {
         waitUntil("the daemon serves", [this] { return served(); });
-        FrontEnd webServer(controller.socketPath(), controller.storePassword(),
-                           controller.path(keyFile), [] { return true; });
+        FakeFrontEnd webServer(controller.socketPath(), controller.storePassword(),
+                               controller.path(keyFile), [] { return true; });
         const Reply login = webServer.login(account.name, account.password);
         EXPECT_EQ(login.status(), "OK") << account.name;
         EXPECT_EQ(controller.connect().hget(tokenKey(login.token()), "Privilege"),
@@ -76,12 +76,12 @@ class RunningUnit : public SystemTest {
                ":/usr/local/sbin/session-service\nBindPaths=" + outside + "/var:/var " + outside +
                "/run/redis:/run/redis\nReadWritePaths=-+/var/"
                "nginx\nLogsDirectory=\nLogsDirectory=" +
-               name_ + "\n";
+               unitName + "\n";
     }
 
-    const std::string name_ = "session-service-test-" + std::to_string(getpid());
-    const std::string unit_ = "/run/systemd/system/" + name_ + ".service";
-    const std::string dropIns_ = unit_ + ".d";
+    const std::string unitName = "session-service-test-" + std::to_string(getpid());
+    const std::string unitFile = "/run/systemd/system/" + unitName + ".service";
+    const std::string dropIns = unitFile + ".d";
 };
 
 TEST_F(RunningUnit, LetsLocalAccountsIn) {

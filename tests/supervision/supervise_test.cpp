@@ -11,8 +11,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char supervise[] = "/usr/local/libexec/supervise";
-constexpr char daemonPath[] = "/usr/local/sbin/session-service";
+constexpr const char* supervise = "/usr/local/libexec/supervise";
+constexpr const char* daemonPath = "/usr/local/sbin/session-service";
 
 class Supervisor : public SystemTest {
   protected:
@@ -21,8 +21,8 @@ class Supervisor : public SystemTest {
         startStore();
     }
     void TearDown() override {
-        for (const auto& supervisor : {first_.get(), second_.get()}) {
-            if (supervisor != nullptr && !supervisor->ending()) {
+        for (const auto& supervisor : {first.get(), second.get()}) {
+            if (supervisor && !supervisor->exitStatus()) {
                 stop(*supervisor);
             }
         }
@@ -34,7 +34,7 @@ class Supervisor : public SystemTest {
     }
     void stop(Process& supervisor) {
         supervisor.signal(SIGTERM);
-        EXPECT_EQ(supervisor.wait(), Ending{});
+        EXPECT_EQ(supervisor.wait(), ExitStatus{});
     }
     bool served() {
         const Value counts =
@@ -50,14 +50,14 @@ class Supervisor : public SystemTest {
                   [&] { return said().find(text) != std::string::npos; });
     }
 
-    static constexpr char lock[] = "/tmp/supervise.lock";
-    std::unique_ptr<Process> first_;
-    std::unique_ptr<Process> second_;
+    static constexpr const char* lock = "/tmp/supervise.lock";
+    std::unique_ptr<Process> first;
+    std::unique_ptr<Process> second;
 };
 
 TEST_F(Supervisor, EndsAfterItsDaemonWhenItIsTold) {
     // The end of the supervisor alone would end the sandbox, and the daemon with it.
-    first_ = controller.startProgram(
+    first = controller.startProgram(
         {.command = {"/bin/sh", "-c",
                      std::string("sh ") + supervise + " " + daemonPath + " " + lock +
                          " & supervisor=$!\n"
@@ -65,12 +65,12 @@ TEST_F(Supervisor, EndsAfterItsDaemonWhenItIsTold) {
                          "      pidof session-service || echo gone; exit 0' TERM\n"
                          "wait"}});
     waitUntilServed();
-    stop(*first_);
+    stop(*first);
     EXPECT_EQ(controller.outputOf("sh"), "0\ngone\n");
 }
 
 TEST_F(Supervisor, StartsTheDaemonAgainWhenTheStoreComesBack) {
-    first_ = startSupervisor();
+    first = startSupervisor();
     waitUntilServed();
     controller.stopStore();
     waitUntilSaid("; again in 1 s.");
@@ -80,18 +80,18 @@ TEST_F(Supervisor, StartsTheDaemonAgainWhenTheStoreComesBack) {
 }
 
 TEST_F(Supervisor, WaitsWhileAnotherOneRuns) {
-    first_ = startSupervisor();
+    first = startSupervisor();
     waitUntilServed();
-    second_ = startSupervisor();
+    second = startSupervisor();
     waitUntilSaid("runs already; waiting for its end.");
     EXPECT_TRUE(served());
-    stop(*first_);
+    stop(*first);
     waitUntilServed();
 }
 
 TEST_F(Supervisor, KeepsItsLockFromTheHelpersOfPam) {
     usePamTest("env=PRIVILEGES=511 descriptors=/tmp/descriptors");
-    first_ = startSupervisor();
+    first = startSupervisor();
     waitUntilServed();
     EXPECT_EQ(frontEnd().login("anybody", "anything").status(), "OK");
     EXPECT_THAT(controller.readFile("/tmp/descriptors"),
@@ -99,17 +99,17 @@ TEST_F(Supervisor, KeepsItsLockFromTheHelpersOfPam) {
 }
 
 TEST_F(Supervisor, ThatWaitsEndsWhenItIsTold) {
-    first_ = startSupervisor();
+    first = startSupervisor();
     waitUntilServed();
-    second_ = startSupervisor();
+    second = startSupervisor();
     waitUntilSaid("runs already; waiting for its end.");
-    stop(*second_);
+    stop(*second);
     EXPECT_TRUE(served());
 }
 
 TEST_F(Supervisor, WithoutADaemonSaysHowItIsCalled) {
-    first_ = controller.startProgram({.command = {"/bin/sh", supervise}});
-    EXPECT_EQ(first_->wait(), (Ending{.value = 2}));
+    first = controller.startProgram({.command = {"/bin/sh", supervise}});
+    EXPECT_EQ(first->wait(), (ExitStatus{.value = 2}));
     EXPECT_EQ(said(), "usage: supervise DAEMON [LOCK_FILE]\n");
 }
 

@@ -80,14 +80,14 @@ class CallFilter {
         for (const std::string& name : splitWords(value.substr(removes ? 1 : 0))) {
             for (const std::string& call : callsOf(name)) {
                 if (removes) {
-                    allowed_.erase(call);
+                    allowedCalls.erase(call);
                 } else {
-                    allowed_.insert(call);
+                    allowedCalls.insert(call);
                 }
             }
         }
     }
-    const Calls& allowed() const { return allowed_; }
+    const Calls& allowed() const { return allowedCalls; }
 
   private:
     // The call of this name, or all calls of a set and of the sets in it.
@@ -95,8 +95,8 @@ class CallFilter {
         if (!name.starts_with('@')) {
             return {name};
         }
-        const auto found = sets_.find(name);
-        if (found == sets_.end()) {
+        const auto found = sets.find(name);
+        if (found == sets.end()) {
             throw Failure("No set of system calls: " + name);
         }
         Calls calls;
@@ -106,13 +106,13 @@ class CallFilter {
         return calls;
     }
 
-    std::map<std::string, Names> sets_ = readCallSets();
-    Calls allowed_;
+    std::map<std::string, Names> sets = readCallSets();
+    Calls allowedCalls;
 };
 
-class Reader {
+class RestrictionReader {
   public:
-    explicit Reader(std::string root) : root_(std::move(root)) {}
+    explicit RestrictionReader(std::string rootFolder) : root(std::move(rootFolder)) {}
 
     void take(const std::string& option, const std::string& value) {
         constexpr std::string_view limit = "Limit";
@@ -122,7 +122,7 @@ class Reader {
             }
         } else if (option == "ProtectSystem") {
             expect(value == "strict", option, value);
-            readOnly_ = {"--remount-ro", "/", "--remount-ro", "/usr/local"};
+            readOnly = {"--remount-ro", "/", "--remount-ro", "/usr/local"};
         } else if (option == "LogsDirectory") {
             makeWritable("/var/log/" + value);
         } else if (option == "ReadWritePaths") {
@@ -133,34 +133,35 @@ class Reader {
         } else if (option == "PrivateTmp") {
             hide(value, "/tmp");
         } else if (option == "UMask") {
-            result_.rules += "umask " + value + "\n";
+            restrictions.rules += "umask " + value + "\n";
         } else if (option == "SystemCallFilter") {
-            calls_.apply(value);
+            calls.apply(value);
         } else if (option == "RestrictAddressFamilies") {
             for (const std::string& family : splitWords(value)) {
                 expect(families.contains(family), option, value);
-                result_.rules += "family " + std::to_string(families.at(family)) + "\n";
+                restrictions.rules += "family " + std::to_string(families.at(family)) + "\n";
             }
         } else if (option == "MemoryDenyWriteExecute") {
             expect(value == "yes", option, value);
-            result_.rules += "no-write-execute\n";
+            restrictions.rules += "no-write-execute\n";
         } else if (option == "RestrictNamespaces") {
             expect(value == "yes", option, value);
-            result_.rules += "no-namespaces\n";
+            restrictions.rules += "no-namespaces\n";
         } else if (option.starts_with(limit)) {
             std::string name = option.substr(limit.size());
             std::transform(name.begin(), name.end(), name.begin(),
                            [](unsigned char letter) { return std::tolower(letter); });
-            result_.limits.push_back("--" + name + "=" + value);
+            restrictions.limits.push_back("--" + name + "=" + value);
         }
     }
 
-    UnitRestrictions result() {
-        result_.confinement.insert(result_.confinement.begin(), readOnly_.begin(), readOnly_.end());
-        for (const std::string& call : calls_.allowed()) {
-            result_.rules += "allow " + call + "\n";
+    UnitRestrictions finish() {
+        restrictions.sandboxOptions.insert(restrictions.sandboxOptions.begin(), readOnly.begin(),
+                                           readOnly.end());
+        for (const std::string& call : calls.allowed()) {
+            restrictions.rules += "allow " + call + "\n";
         }
-        return result_;
+        return restrictions;
     }
 
   private:
@@ -170,28 +171,29 @@ class Reader {
         }
     }
     void append(const Names& options) {
-        result_.confinement.insert(result_.confinement.end(), options.begin(), options.end());
+        restrictions.sandboxOptions.insert(restrictions.sandboxOptions.end(), options.begin(),
+                                           options.end());
     }
     void makeWritable(const std::string& folder) {
-        fs::create_directories(root_ + folder);
-        append({"--bind", root_ + folder, folder});
+        fs::create_directories(root + folder);
+        append({"--bind", root + folder, folder});
     }
     void hide(const std::string& value, const std::string& folder) {
         expect(value == "yes", folder, value);
-        fs::create_directories(root_ + folder);
+        fs::create_directories(root + folder);
         append({"--tmpfs", folder});
     }
 
-    std::string root_;
-    Names readOnly_;
-    CallFilter calls_;
-    UnitRestrictions result_;
+    std::string root;
+    Names readOnly;
+    CallFilter calls;
+    UnitRestrictions restrictions;
 };
 
 }  // namespace
 
 UnitRestrictions readUnitRestrictions(const std::string& unitFile, const std::string& root) {
-    Reader reader(root);
+    RestrictionReader reader(root);
     std::ifstream unit(unitFile);
     if (!unit) {
         throw Failure("No unit " + unitFile);
@@ -202,7 +204,7 @@ UnitRestrictions readUnitRestrictions(const std::string& unitFile, const std::st
             reader.take(line.substr(0, separator), line.substr(separator + 1));
         }
     }
-    return reader.result();
+    return reader.finish();
 }
 
 }  // namespace testbed

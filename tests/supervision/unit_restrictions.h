@@ -11,9 +11,9 @@
 namespace testbed {
 
 struct UnitRestrictions {
-    std::vector<std::string> confinement;  // options for bubblewrap
-    std::vector<std::string> limits;       // options for prlimit
-    std::string rules;                     // the file of rules for confine
+    std::vector<std::string> sandboxOptions;  // options for bubblewrap
+    std::vector<std::string> limits;          // options for prlimit
+    std::string rules;                        // the file of rules for confine
 };
 
 // Reads them from a unit. `root` is the private root seen from outside; the folders in it that the

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 

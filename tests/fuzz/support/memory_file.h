@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "base/file_descriptor.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 

@@ -1,11 +1,11 @@
 // The look-ups of a login: the privileges that its request requires, and the account of a
 // user who has to change the password.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class RequiredPrivileges : public WelcomingTest {
+class RequiredPrivileges : public PermissivePamTest {
   protected:
     // Whether a user with this privilege meets the list.
     bool meets(const std::string& privilege, const std::string& list) {
@@ -77,11 +77,11 @@ TEST_F(RequiredPrivileges, MayBeThousands) {
     EXPECT_FALSE(meets("1", list + "4"));
 }
 
-class AccountOfAnExpiredUser : public WelcomingTest {
+class AccountOfAnExpiredUser : public PermissivePamTest {
   protected:
     void SetUp() override {
-        WelcomingTest::SetUp();
-        usePamTest(welcome + "acct=PAM_NEW_AUTHTOK_REQD");
+        PermissivePamTest::SetUp();
+        usePamTest(allPrivileges + "acct=PAM_NEW_AUTHTOK_REQD");
     }
     // The account that the answer names.
     std::string accountOf(const std::string& user) {
@@ -159,7 +159,7 @@ TEST_F(AccountOfAnExpiredUser, IsFoundAmongKeysOfOtherKinds) {
     store().run({"SET", accounts + "text", "admin"});
     store().run({"RPUSH", accounts + "list", "&&OwnerName", "admin"});
     store().hset(accounts + "without", {{"UserName", "\"admin\""}});
-    spoil(accounts + "set");
+    corrupt(accounts + "set");
     EXPECT_EQ(accountOf("admin"), jsonQuoted(administrator.uri));
     for (const LogLine& line : logLines()) {
         EXPECT_EQ(line.tag, "[Debug]") << line.message;
@@ -169,7 +169,7 @@ TEST_F(AccountOfAnExpiredUser, IsFoundAmongKeysOfOtherKinds) {
 TEST_F(AccountOfAnExpiredUser, IsNoneForAnEmptyNameThoughAnAccountHasNoOwner) {
     expectErrorLine("Failed to generate LogEntry. ");
     store().hset("/redfish/v1/AccountService/Accounts/5", {{"Enabled", "true"}});
-    spoil("/redfish/v1/AccountService/Accounts/6");
+    corrupt("/redfish/v1/AccountService/Accounts/6");
     EXPECT_EQ(accountOf(""), "\"\"");
 }
 

@@ -1,15 +1,15 @@
 // Logins whose Kerberos administration tool hangs, floods, breaks or is not there. Whatever
 // it writes counts, and nothing else of it: without a group in it the variable PRIVILEGES
 // decides.
-#include "support/broken_login_test.h"
+#include "support/login_fault_test.h"
 
 namespace testbed {
 namespace {
 
-class BrokenKadmin : public BrokenLoginTest {
+class BrokenKadmin : public LoginFaultTest {
   protected:
     void SetUp() override {
-        BrokenLoginTest::SetUp();
+        LoginFaultTest::SetUp();
         askKadmin();
     }
     void askKadmin() {
@@ -20,7 +20,7 @@ class BrokenKadmin : public BrokenLoginTest {
     void expectPrivilege(const std::string& privilege, const std::string& script) {
         SCOPED_TRACE(script);
         useKadmin(script);
-        expectAdmission(privilege);
+        expectLogin(privilege);
     }
 
     static constexpr char kadmin[] = "/usr/local/bin/kadmin";
@@ -34,7 +34,7 @@ class BrokenKadmin : public BrokenLoginTest {
 TEST_F(BrokenKadmin, ThatHangsHoldsLoginsAndNothingElse) {
     useKadmin("touch /tmp/reached\nread -r line </tmp/gate\n" + sayOperator);
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         operatorRole, [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
@@ -42,36 +42,36 @@ TEST_F(BrokenKadmin, ThatHangsHalfWayThroughItsOutputIsHeardToTheEnd) {
     useKadmin(
         "printf 'aci_group: aciop'\ntouch /tmp/reached\nread -r line </tmp/gate\necho 'era;'");
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         operatorRole, [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
 TEST_F(BrokenKadmin, ThatClosesItsOutputEarlyIsWaitedForAllTheSame) {
     useKadmin(sayOperator + "\nexec >&-\ntouch /tmp/reached\nread -r line </tmp/gate");
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         operatorRole, [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
 TEST_F(BrokenKadmin, WhoseChildKeepsTheOutputOpenHoldsLoginsUntilTheChildEnds) {
     useKadmin("(read -r line </tmp/gate; " + sayOperator + ") &\ntouch /tmp/reached");
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         operatorRole, [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
 TEST_F(BrokenKadmin, WhoseChildLeavesTheOutputAloneDoesNotHoldALogin) {
     useKadmin("(exec >&-; read -r line </tmp/gate) &\n" + sayOperator);
     Gate gate(controller, "/tmp/gate");
-    expectAdmission(operatorRole);
-    expectTheOthersServe();
-    expectUnharmed();
+    expectLogin(operatorRole);
+    expectOtherRequestsServed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatHangsUntilItIsKilledLetsTheLoginGoOn) {
     useKadmin("touch /tmp/reached\nread -r line </tmp/gate\nkill -KILL $$\n" + sayOperator);
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         withoutGroup, [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
@@ -80,13 +80,13 @@ TEST_F(BrokenKadmin, ThatHangsUntilItIsKilledLetsTheLoginGoOn) {
 TEST_F(BrokenKadmin, ThatWritesMegabytesIsReadWhole) {
     expectPrivilege(operatorRole, "yes 'some_attribute: value' | head -c 8000000\n" + sayOperator);
     expectPrivilege(withoutGroup, "yes 'some_attribute: value' | head -c 8000000");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatWritesMegabytesWithoutALineFeedIsReadWhole) {
     expectPrivilege(operatorRole,
                     "head -c 8000000 /dev/zero | tr '\\0' x\nprintf 'aci_group: aciopera;'");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatWritesTheGroupAcrossTheLimitOfAChunkIsUnderstood) {
@@ -94,20 +94,20 @@ TEST_F(BrokenKadmin, ThatWritesTheGroupAcrossTheLimitOfAChunkIsUnderstood) {
         expectPrivilege(operatorRole, "head -c " + std::to_string(before) +
                                           " /dev/zero | tr '\\0' x\n" + sayOperator);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatWritesAnythingButTextIsReadWhole) {
     expectPrivilege(operatorRole, "head -c 100000 /dev/zero\n" + sayOperator);
     expectPrivilege(operatorRole, "printf '\\377\\376\\0\\001%%s%%n\\033['\n" + sayOperator);
     expectPrivilege(withoutGroup, "head -c 1000000 /dev/zero");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatFloodsStandardErrorIsHeardOnStandardOutput) {
     expectPrivilege(operatorRole, "yes kadmin: warning | head -c 1000000 >&2\n" + sayOperator);
     EXPECT_EQ(controller.daemonErrors().size(), 1000000U);
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- broken
@@ -117,7 +117,7 @@ TEST_F(BrokenKadmin, ThatWritesNothingLeavesThePrivilegeToTheVariable) {
                                "echo 'aci_group: aciadmin;' >&2", "exec >/dev/full; echo x"}) {
         expectPrivilege(withoutGroup, script);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, ThatWritesHalfAGroupLeavesThePrivilegeToTheVariable) {
@@ -126,7 +126,7 @@ TEST_F(BrokenKadmin, ThatWritesHalfAGroupLeavesThePrivilegeToTheVariable) {
           "aci_group: aci\\nadmin;", "ACI_GROUP: aciadmin;"}) {
         expectPrivilege(withoutGroup, "printf '" + std::string(text) + "'");
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenKadmin, CountsWithWhatItWroteHoweverItEnds) {
@@ -135,7 +135,7 @@ TEST_F(BrokenKadmin, CountsWithWhatItWroteHoweverItEnds) {
         expectPrivilege(operatorRole, sayOperator + "\n" + end);
         expectPrivilege(withoutGroup, end);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 // The way to the tool leads past the real one.
@@ -154,28 +154,28 @@ class AbsentKadmin : public BrokenKadmin {
 };
 
 TEST_F(AbsentKadmin, LeavesThePrivilegeToTheVariable) {
-    expectAdmission(withoutGroup);
+    expectLogin(withoutGroup);
     EXPECT_NE(controller.daemonErrors().find("kadmin: not found"), std::string::npos);
     useKadmin(sayOperator);
-    expectAdmission(operatorRole);
-    expectUnharmed();
+    expectLogin(operatorRole);
+    expectRecovered();
 }
 
 TEST_F(AbsentKadmin, WithSomethingInItsPlaceThatCannotBeRunLeavesThePrivilegeToTheVariable) {
     controller.writeFile(kadmin, "#!/bin/sh\n" + sayOperator + "\n");  // not executable
-    expectAdmission(withoutGroup);
+    expectLogin(withoutGroup);
     expectPrivilege(withoutGroup, "");
     for (const std::string& text : {std::string("#!/nowhere/at/all\n"), std::string(),
                                     std::string("\x7f"
                                                 "ELF and no more\0",
                                                 17)}) {
         controller.writeFile(kadmin, text);
-        expectAdmission(withoutGroup);
+        expectLogin(withoutGroup);
     }
     controller.removeFile(kadmin);
     std::filesystem::create_directory(controller.path(kadmin));
-    expectAdmission(withoutGroup);
-    expectUnharmed();
+    expectLogin(withoutGroup);
+    expectRecovered();
 }
 
 }  // namespace

@@ -2,14 +2,14 @@
 #include <security/pam_appl.h>
 #include <signal.h>
 
-#include "support/broken_login_test.h"
+#include "support/login_fault_test.h"
 
 namespace testbed {
 namespace {
 
-class BrokenPam : public BrokenLoginTest {
+class BrokenPam : public LoginFaultTest {
   protected:
-    BrokenPam() { controller.install(TESTBED_PAM_UNRULY, unrulyModule); }
+    BrokenPam() { controller.install(TEST_PAM_MISBEHAVING, misbehavingModule); }
 
     void SetUp() override {
         startStore();
@@ -26,7 +26,9 @@ class BrokenPam : public BrokenLoginTest {
     void useModule(const std::string& path) {
         usePamLines("auth required " + path + "\naccount required " + path + "\n");
     }
-    void useUnruly(const std::string& acts) { useModule(std::string(unrulyModule) + " " + acts); }
+    void useMisbehavingPam(const std::string& acts) {
+        useModule(std::string(misbehavingModule) + " " + acts);
+    }
     // A real module that asks a program.
     void useProgram(const std::string& script, const std::string& options = "") {
         installProgram("/usr/local/bin/decide", script);
@@ -58,7 +60,7 @@ class BrokenPam : public BrokenLoginTest {
 
     static constexpr char accountFailed[] = "PAM: pam_acct_mgmt() failed.";
     static constexpr char noHandler[] = "Failed to create pam handler.";
-    static constexpr char unrulyModule[] = "/usr/local/lib/security/pam_unruly.so";
+    static constexpr char misbehavingModule[] = "/usr/local/lib/security/pam_misbehaving.so";
 };
 
 // --- slow
@@ -66,7 +68,7 @@ class BrokenPam : public BrokenLoginTest {
 TEST_F(BrokenPam, ThatBlocksInTheAuthenticationHoldsLoginsAndNothingElse) {
     usePamTest("env=PRIVILEGES=7");
     holdPam();
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         "7", [&] { waitUntilPamHolds(); }, [&] { releasePam(); });
 }
 
@@ -78,13 +80,13 @@ TEST_F(BrokenPam, ThatBlocksInTheAccountCheckHoldsLoginsAndNothingElse) {
     const auto waitUntilHeld = [&] {
         waitUntil("the account is being checked", [&] { return pamRecords().size() == 2; });
     };
-    expectToWaitItsTurn("7", waitUntilHeld, [&] { releasePam(); });
+    expectLoginsSerialized("7", waitUntilHeld, [&] { releasePam(); });
 }
 
 TEST_F(BrokenPam, WhoseProgramHangsHoldsLoginsAndNothingElse) {
     useProgram("touch /tmp/reached\nread -r line </tmp/gate\nexit 0");
     Gate gate(controller, "/tmp/gate");
-    expectToWaitItsTurn(
+    expectLoginsSerialized(
         "7", [&] { waitForFile("/tmp/reached"); }, [&] { gate.open(); });
 }
 
@@ -96,7 +98,7 @@ TEST_F(BrokenPam, ThatBlocksAndThenFailsRefusesThatLoginOnly) {
     first.send();
     waitUntilPamHolds();
     second.send();
-    expectTheOthersServe();
+    expectOtherRequestsServed();
     useLocalAccounts();
     releasePam();
     EXPECT_EQ(first.reply().status(), "AUTH_FAILED");
@@ -104,7 +106,7 @@ TEST_F(BrokenPam, ThatBlocksAndThenFailsRefusesThatLoginOnly) {
     const Reply reply = second.reply();
     EXPECT_EQ(reply.status(), "OK");
     EXPECT_EQ(frontEnd().remove(reply.location()).status(), "OK_EMPTY");
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- helpers and children
@@ -112,10 +114,10 @@ TEST_F(BrokenPam, ThatBlocksAndThenFailsRefusesThatLoginOnly) {
 TEST_F(BrokenPam, WhoseHelperDiesByASignalRefusesTheLogin) {
     for (const int number : {SIGSEGV, SIGKILL, SIGABRT, SIGTERM, SIGPIPE}) {
         SCOPED_TRACE(number);
-        useUnruly("helper=" + std::to_string(number));
+        useMisbehavingPam("helper=" + std::to_string(number));
         expectRefusal(doesNotPass);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, WhoseProgramDoesNotAnswerProperlyRefusesTheLogin) {
@@ -130,65 +132,65 @@ TEST_F(BrokenPam, WhoseProgramDoesNotAnswerProperlyRefusesTheLogin) {
     expectRefusal(doesNotPass);
     controller.writeFile("/usr/local/bin/decide", "exit 0\n");  // not executable
     expectRefusal(doesNotPass);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, WhoseProgramDoesNotReadThePasswordDecidesAllTheSame) {
     useProgram("exec <&-; exit 0", "expose_authtok");
-    expectAdmission("7");
+    expectLogin("7");
     useProgram("exec <&-; exit 1", "expose_authtok");
     EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, LeavesItsChildrenToTheNextLogins) {
-    useUnruly("zombie zombie zombie");
+    useMisbehavingPam("zombie zombie zombie");
     for (int i = 0; i < 5; ++i) {
-        expectAdmission("7");
+        expectLogin("7");
     }
-    expectUnharmed();
+    expectRecovered();
     waitUntilChildrenAreGone();
 }
 
 TEST_F(BrokenPam, ThatLeavesAChildAtWorkDoesNotHoldTheLogin) {
     controller.writeFile("/tmp/work", "");
-    useUnruly("child=/tmp/work");
-    expectAdmission("7");
-    expectTheOthersServe();
-    expectUnharmed();
+    useMisbehavingPam("child=/tmp/work");
+    expectLogin("7");
+    expectOtherRequestsServed();
+    expectRecovered();
     EXPECT_EQ(children().size(), 1U);
     controller.removeFile("/tmp/work");
     waitUntilChildrenAreGone();
 }
 
 TEST_F(BrokenPam, ThatLeavesChildrenDoesNotDisturbTheToolsOfTheDaemon) {
-    useKadminStandIn("aci_group: aciopera;\n");
+    useFakeKadmin("aci_group: aciopera;\n");
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
     controller.writeFile("/tmp/work", "");
     for (const char* acts :
          {"zombie", "child=/tmp/work", "ignore=17 zombie", "handle=17 zombie child=/tmp/work",
           "default=17 zombie", "block", "close=0 close=1 close=2"}) {
         SCOPED_TRACE(acts);
-        usePamLines("auth required " + std::string(unrulyModule) + " " + acts +
+        usePamLines("auth required " + std::string(misbehavingModule) + " " + acts +
                     "\n"
                     "auth required /usr/local/lib/security/pam_session_role.so "
                     "set=pam_module=kerberos\n"
                     "account required pam_permit.so\n");
-        expectAdmission("121");
+        expectLogin("121");
     }
     controller.removeFile("/tmp/work");
     controller.writeFile(groupFile, "");
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- odd conversations
 
 TEST_F(BrokenPam, MayAskForThePasswordAsOftenAsItLikes) {
-    useUnruly("answered=password answered=password answered=mixture answered=rounds");
-    expectAdmission("7");
+    useMisbehavingPam("answered=password answered=password answered=mixture answered=rounds");
+    expectLogin("7");
     EXPECT_EQ(controller.daemonOutput(), "Welcome\n");
     EXPECT_EQ(controller.daemonErrors(), "Careful\n");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatAsksWhatNobodyAnswersMayAskForThePasswordAfterwards) {
@@ -196,10 +198,10 @@ TEST_F(BrokenPam, ThatAsksWhatNobodyAnswersMayAskForThePasswordAfterwards) {
          {"foreign", "foreign_last", "strange_last", "without_text", "no_second_message"}) {
         SCOPED_TRACE(conversation);
         const std::string refused = std::string("refused=") + conversation + " ";
-        useUnruly(refused + refused + "answered=password " + refused + "answered=mixture");
-        expectAdmission("7");
+        useMisbehavingPam(refused + refused + "answered=password " + refused + "answered=mixture");
+        expectLogin("7");
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatLeavesSomethingOutOfItsQuestionMayAskAgain) {
@@ -208,19 +210,19 @@ TEST_F(BrokenPam, ThatLeavesSomethingOutOfItsQuestionMayAskAgain) {
     long refused = 0;
     for (const char* missing : {"no_messages", "no_answers", "no_data"}) {
         SCOPED_TRACE(missing);
-        useUnruly("refused=" + std::string(missing) + " answered=password");
-        expectAdmission("7");
+        useMisbehavingPam("refused=" + std::string(missing) + " answered=password");
+        expectLogin("7");
         EXPECT_EQ(countLogged(line), ++refused);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, MayTalkAtLength) {
-    useUnruly("refused=long_prompt answered=long_info answered=password");
-    expectAdmission("7");
+    useMisbehavingPam("refused=long_prompt answered=long_info answered=password");
+    expectLogin("7");
     EXPECT_EQ(controller.daemonOutput(), std::string(1 << 20, 'x') + "\n");
     EXPECT_EQ(controller.daemonErrors(), "");
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- odd answers
@@ -245,7 +247,7 @@ TEST_F(BrokenPam, ThatAnswersWithAnOddNumberRefusesTheLogin) {
         usePamTest("acct=" + number + " env=PRIVILEGES=511");
         expectRefusal(accountFailed);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- what cannot be loaded
@@ -280,7 +282,7 @@ TEST_F(BrokenPam, ThatCannotBeLoadedRefusesTheLogin) {
     }
     controller.writeFile(damaged, without("pam_sm_acct_mgmt"));
     expectRefusal(accountFailed);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, WhoseServiceMakesNoSenseRefusesTheLogin) {
@@ -303,7 +305,7 @@ TEST_F(BrokenPam, WhoseServiceMakesNoSenseRefusesTheLogin) {
     expectRefusal(accountFailed);
     usePamLines("auth required pam_permit.so\n");
     expectRefusal(accountFailed);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, WhoseServiceIncludesItselfRefusesTheLogin) {
@@ -318,7 +320,7 @@ TEST_F(BrokenPam, WhoseServiceIncludesItselfRefusesTheLogin) {
     expectErrorLine(noHandler);
     usePamLines("@include q73\n");
     expectRefusal(noHandler);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, WhoseServiceCannotBeReadRefusesTheLogin) {
@@ -334,7 +336,7 @@ TEST_F(BrokenPam, WhoseServiceCannotBeReadRefusesTheLogin) {
     std::filesystem::create_directory(path);
     expectRefusal(doesNotPass);
     controller.removeFile(pamServiceFile);
-    expectUnharmed();
+    expectRecovered();
 }
 
 // --- what belongs to the process
@@ -357,116 +359,116 @@ TEST_F(BrokenPam, LeavesTheSignalsOfTheProcessAsTheyWere) {
     for (const char* acts : {"ignore=17", "handle=17", "default=13", "handle=13", "ignore=15",
                              "handle=2 handle=1 handle=14", "block"}) {
         SCOPED_TRACE(acts);
-        useUnruly(acts);
-        expectAdmission("7");
+        useMisbehavingPam(acts);
+        expectLogin("7");
         EXPECT_EQ(signals(), before);
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatHandledSignalsIsNotCalledOnceItIsGone) {
-    useUnruly("handle=17 handle=2");
-    expectAdmission("7");
+    useMisbehavingPam("handle=17 handle=2");
+    expectLogin("7");
     controller.daemon().signal(SIGCHLD);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatSetAnAlarmDoesNotKillTheDaemonLater) {
-    useUnruly("handle=14 alarm=1");
-    expectAdmission("7");
+    useMisbehavingPam("handle=14 alarm=1");
+    expectLogin("7");
     const long later = uptime() + 2;
     waitUntil("its time is over", [&] { return uptime() > later; });
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatMadeBrokenPipesDeadlyDoesNotKillTheDaemonWhenTheStoreGoes) {
-    useUnruly("default=13");
-    expectAdmission("7");
-    endDaemon();
-    EXPECT_EQ(toText(controller.daemon().wait()), toText(Ending{}));
+    useMisbehavingPam("default=13");
+    expectLogin("7");
+    stopDaemon();
+    EXPECT_EQ(toText(controller.daemon().wait()), toText(ExitStatus{}));
 }
 
 TEST_F(BrokenPam, LeavesTheMaskOfNewFilesAsItWas) {
     const std::string before = fileMask();
     for (const char* mask : {"umask=0", "umask=777"}) {
-        useUnruly(mask);
-        expectAdmission("7");
+        useMisbehavingPam(mask);
+        expectLogin("7");
         EXPECT_EQ(fileMask(), before) << mask;
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, LeavesTheWorkingFolderAsItWas) {
     const auto folder = [&] { return std::filesystem::read_symlink(processFolder() + "/cwd"); };
     const auto before = folder();
-    useUnruly("chdir=/tmp");
-    expectAdmission("7");
+    useMisbehavingPam("chdir=/tmp");
+    expectLogin("7");
     EXPECT_EQ(folder(), before);
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatChangesTheVariablesOfTheProcessDoesNotHarmTheNextLogin) {
     for (const char* acts : {"setenv=TZ=XYZ-13", "setenv=PATH=/nowhere", "clearenv",
                              "putenv=TZ=XYZ-13", "putenv=OTHER=variable setenv=MORE=variables"}) {
         SCOPED_TRACE(acts);
-        useUnruly(acts);
-        expectAdmission("7");
+        useMisbehavingPam(acts);
+        expectLogin("7");
         // The clock of the log, and the way to the tool.
-        useKadminStandIn("aci_group: aciopera;\n");
+        useFakeKadmin("aci_group: aciopera;\n");
         controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
         usePamTest("env=pam_module=kerberos");
-        expectAdmission("121");
+        expectLogin("121");
         controller.writeFile(groupFile, "");
     }
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatNamedItselfInTheSystemsLogIsForgottenThere) {
-    useUnruly("openlog syslog=hello");
-    expectAdmission("7");
+    useMisbehavingPam("openlog syslog=hello");
+    expectLogin("7");
     // The library complains of this one in the system's log.
     useModule("/usr/local/lib/security/pam_missing.so");
     EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatLeavesADescriptorOpenGivesItToNobody) {
-    useKadminStandIn("aci_group: aciopera;\n");
+    useFakeKadmin("aci_group: aciopera;\n");
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
     installProgram("/usr/local/bin/kadmin",
                    "ls -l /proc/self/fd >/tmp/descriptors; echo 'aci_group: aciopera;'");
-    usePamLines("auth required " + std::string(unrulyModule) +
+    usePamLines("auth required " + std::string(misbehavingModule) +
                 " open=/etc/shadow\n"
                 "auth required /usr/local/lib/security/pam_session_role.so "
                 "set=pam_module=kerberos\n"
                 "account required pam_permit.so\n");
-    expectAdmission("121");
+    expectLogin("121");
     const std::string listing = controller.readFile("/tmp/descriptors");
     EXPECT_NE(listing.find("2 -> "), std::string::npos) << listing;
     EXPECT_EQ(listing.find("shadow"), std::string::npos) << listing;
     constexpr std::ptrdiff_t left = 1;
-    expectUnharmed(left);
+    expectRecovered(left);
 }
 
 TEST_F(BrokenPam, ThatClosesTheStandardStreamsDoesNotPutTheStoreInTheirPlace) {
-    useUnruly("close=0 close=1 close=2");
-    expectAdmission("7");
+    useMisbehavingPam("close=0 close=1 close=2");
+    expectLogin("7");
     for (const char* descriptor : {"0", "1", "2"}) {
         EXPECT_EQ(std::filesystem::read_symlink(processFolder() + "/fd/" + descriptor),
                   "/dev/null");
     }
-    useUnruly("[print=DEL " + std::string(serviceUri) + "]");
-    expectAdmission("7");
+    useMisbehavingPam("[print=DEL " + std::string(serviceUri) + "]");
+    expectLogin("7");
     EXPECT_TRUE(store().exists(serviceUri));
-    expectUnharmed();
+    expectRecovered();
 }
 
 TEST_F(BrokenPam, ThatWritesToTheStandardStreamsWritesThere) {
-    useUnruly("[print=100%s of %n]");
-    expectAdmission("7");
+    useMisbehavingPam("[print=100%s of %n]");
+    expectLogin("7");
     EXPECT_EQ(controller.daemonErrors(), "100%s of %n\n");
     EXPECT_EQ(controller.daemonOutput(), "100%s of %n\n");
-    expectUnharmed();
+    expectRecovered();
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ TEST_F(GroupSettings, AreTheDefaultsAgainAfterARestart) {
     EXPECT_EQ(privilegeWith("aci_group=staff;", "Operator=staff;\n"), "3");
     controller.removeFile(groupFile);
     controller.removeFile(privilegeFile);
-    endDaemon();
+    stopDaemon();
     start();
     EXPECT_EQ(privilegeWith("aci_group=staff;"), noMatch);
     EXPECT_EQ(privilegeWith("aci_group=aciopera;"), "121");
@@ -127,7 +127,7 @@ TEST_F(GroupSettings, SwitchTheKerberosQuery) {
         const char* lines;
         bool on;
     };
-    useKadminStandIn("aci_group: aciuser;");
+    useFakeKadmin("aci_group: aciuser;");
     for (const Case& given : {
              Case{"KrbAttrGrouping=1;\n", true},
              Case{"KrbAttrGrouping=1;", true},

@@ -10,7 +10,7 @@ class KadminArguments : public LoginTest {
         LoginTest::SetUp();
         switchOffAuditLog();
         controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-        useKadminStandIn("aci_group: aciuser;\n");
+        useFakeKadmin("aci_group: aciuser;\n");
         usePamTest("env=pam_module=kerberos env=PRIVILEGES=1");
     }
     // Whether the tool was called once, with these as whole arguments.

@@ -56,13 +56,13 @@ class Kerberos : public LoginTest {
     // The ports need no privileges.
     static constexpr char configuration[] =
         "[libdefaults]\n"
-        "    default_realm = BENCH.EXAMPLE\n"
+        "    default_realm = TESTBED.EXAMPLE\n"
         "    dns_lookup_kdc = false\n"
         "    dns_canonicalize_hostname = false\n"
         "    rdns = false\n"
         "    default_rcache_name = file2:/tmp/replays\n"
         "[realms]\n"
-        "    BENCH.EXAMPLE = {\n"
+        "    TESTBED.EXAMPLE = {\n"
         "        kdc = 127.0.0.1:8800\n"
         "        admin_server = 127.0.0.1:8749\n"
         "        kdc_listen = 127.0.0.1:8800\n"

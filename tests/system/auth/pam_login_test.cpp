@@ -102,12 +102,12 @@ TEST_F(PamLogin, LetsInWhoeverHasToChangeThePassword) {
 
 TEST_F(PamLogin, KeepsThePasswordOutOfAllThatItWrites) {
     const std::string password = "Kept-1-secret";
-    useKadminStandIn("aci_group: aciuser;");
+    useFakeKadmin("aci_group: aciuser;");
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
     usePamTest("env=pam_module=kerberos password=" + password);
     EXPECT_EQ(privilegeOf("somebody", password), "9");
     EXPECT_EQ(privilegeOf("somebody", password + "!"), "AUTH_FAILED");
-    endDaemon();
+    stopDaemon();
     for (const std::string& text :
          {controller.readFile(logFile), controller.daemonErrors(), controller.daemonOutput()}) {
         EXPECT_EQ(text.find(password), std::string::npos) << text;
@@ -195,7 +195,7 @@ class FailingPam : public LoginTest {
 
     void startWithFailing(const std::string& calls) {
         constexpr char library[] = "/usr/local/lib/pam_failures.so";
-        controller.install(TESTBED_PAM_FAILURES, library);
+        controller.install(TEST_PAM_FAILURES, library);
         startStore();
         // A sanitizer's library is not the first one then; it wants to be told.
         startDaemon({.environment = {{"LD_PRELOAD", library},

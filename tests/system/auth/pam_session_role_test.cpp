@@ -27,10 +27,10 @@ class SessionRole : public RunningSystemTest {
     // What the operation gives a program that names the user, or nobody.
     std::string statusOf(const std::string& user, const std::string& operation) {
         constexpr char probe[] = "/usr/local/bin/pam_probe";
-        controller.install(TESTBED_PAM_PROBE, probe);
+        controller.install(TEST_PAM_PROBE, probe);
         const auto program = controller.startProgram(
             {.command = {probe, "q73", user, operation}, .ofThisBuild = true});
-        EXPECT_EQ(toText(program->wait()), toText(Ending{}));
+        EXPECT_EQ(toText(program->wait()), toText(ExitStatus{}));
         return controller.outputOf("pam_probe");
     }
     // Logins without a privilege leave this line.

@@ -22,12 +22,12 @@ class PrivilegeSources : public LoginTest {
     // match it is 1.
     std::string privilegeForOutput(const std::string& output) {
         controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-        useKadminStandIn(output);
+        useFakeKadmin(output);
         return privilegeWith({"pam_module=kerberos", "PRIVILEGES=1"});
     }
     // A tool of the test's own, as a shell script.
     void useKadminScript(const std::string& script) {
-        useKadminStandIn("");
+        useFakeKadmin("");
         controller.writeFile("/usr/local/bin/kadmin", "#!/bin/sh\n" + script);
     }
 };
@@ -112,7 +112,7 @@ TEST_F(PrivilegesVariable, ThatIsMissingOrEmptyLeavesALoginWithoutPrivilege) {
 }
 
 TEST_F(KerberosGroup, IsAdministratorWithoutAQueryWhereTheQueryIsOff) {
-    useKadminStandIn("aci_group: aciuser;");
+    useFakeKadmin("aci_group: aciuser;");
     for (const char* module : {"kerberos", "kerberos5"}) {
         EXPECT_EQ(privilegeWith(
                       {"pam_module=" + std::string(module), "aci_group=aciuser;", "PRIVILEGES=1"}),
@@ -125,7 +125,7 @@ TEST_F(KerberosGroup, IsAdministratorWithoutAQueryWhereTheQueryIsOff) {
 
 TEST_F(KerberosGroup, IsAskedForWithTheUsersOwnPassword) {
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-    useKadminStandIn("aci_group: aciopera;\n");
+    useFakeKadmin("aci_group: aciopera;\n");
     usePamTest("env=pam_module=kerberos-v5");
     EXPECT_EQ(privilegeOf("somebody", "some password"), "121");
     EXPECT_EQ(
@@ -135,7 +135,7 @@ TEST_F(KerberosGroup, IsAskedForWithTheUsersOwnPassword) {
 
 TEST_F(KerberosGroup, IsNotAskedForBeforePamAcceptsTheLogin) {
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-    useKadminStandIn("aci_group: aciadmin;\n");
+    useFakeKadmin("aci_group: aciadmin;\n");
     usePamTest("auth=PAM_AUTH_ERR env=pam_module=kerberos");
     EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
     usePamTest("acct=PAM_ACCT_EXPIRED env=pam_module=kerberos");
@@ -164,7 +164,7 @@ TEST_F(KerberosGroup, WithoutAMatchLeavesItToThePrivilegesVariable) {
 
 TEST_F(KerberosGroup, WithoutAMatchDoesNotFallBackToTheGroupVariable) {
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-    useKadminStandIn("");
+    useFakeKadmin("");
     EXPECT_EQ(privilegeWith({"pam_module=kerberos", "aci_group=aciadmin;", "PRIVILEGES=1"}), "1");
 }
 
@@ -180,7 +180,7 @@ TEST_F(KerberosGroup, IsFoundForNamesOfAnyLength) {
     const std::string group(400, 'g');
     controller.writeFile(groupFile,
                          "Attribute=" + attribute + ";\nUser=" + group + ";\nKrbAttrGrouping=1;\n");
-    useKadminStandIn(attribute + ": " + group + ";\n");
+    useFakeKadmin(attribute + ": " + group + ";\n");
     EXPECT_EQ(privilegeWith({"pam_module=kerberos"}), "9");
 }
 
@@ -202,7 +202,7 @@ TEST_F(KerberosGroup, IsNotReadFromTheErrorsOfTheTool) {
 TEST_F(KerberosGroup, IsUnknownWhenNoCommandCanBeStarted) {
     expectErrorLine("Failed to execute command.");
     controller.writeFile(groupFile, "KrbAttrGrouping=1;\n");
-    useKadminStandIn("aci_group: aciadmin;\n");
+    useFakeKadmin("aci_group: aciadmin;\n");
     controller.removeFile("/bin");  // a link; the shell is behind it
     EXPECT_EQ(privilegeWith({"pam_module=kerberos", "PRIVILEGES=5"}), "5");
     EXPECT_TRUE(kadminCalls().empty());

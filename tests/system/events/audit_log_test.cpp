@@ -3,12 +3,12 @@
 #include <chrono>
 #include <regex>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class AuditLog : public WelcomingTest {
+class AuditLog : public PermissivePamTest {
   protected:
     void configure(const std::string& lines) {
         controller.writeFile(configurationFile, "LOG_FILE=" + std::string(logFile) + "\n" + lines);

@@ -1,10 +1,10 @@
 // The identifiers that tie the events of one request together.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class EventGroup : public WelcomingTest {
+class EventGroup : public PermissivePamTest {
   protected:
     // The identifier of the next login; both of its events carry it.
     std::string draw() {
@@ -190,7 +190,7 @@ TEST_F(EventGroup, OverwritesACounterThatIsNoNumberByZeroWhenOneIsTheMaximum) {
 }
 
 TEST_F(EventGroup, IsOneWhileTheEventServiceIsOfAnotherKind) {
-    spoil(eventServiceUri);
+    corrupt(eventServiceUri);
     EXPECT_EQ(draw(), "1");
     EXPECT_EQ(draw(), "1");
     EXPECT_EQ(tagsOf(notIncreased), Words(2, "[Debug]"));
@@ -199,7 +199,7 @@ TEST_F(EventGroup, IsOneWhileTheEventServiceIsOfAnotherKind) {
 
 TEST_F(EventGroup, IsTheMaximumWhenTheWrapCannotBeStored) {
     setMaximum("1");
-    spoil(eventServiceUri);
+    corrupt(eventServiceUri);
     EXPECT_EQ(draw(), "1");
     // Neither the one nor the zero was taken.
     EXPECT_EQ(tagsOf(notReset), Words(2, "[Debug]"));

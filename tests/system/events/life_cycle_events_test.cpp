@@ -1,11 +1,11 @@
 // How the daemon hands events to the script of the event service, and what it makes of
 // the script's answers.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class LifeCycleEvents : public WelcomingTest {
+class LifeCycleEvents : public PermissivePamTest {
   protected:
     void configure(const std::string& lines) {
         controller.writeFile(configurationFile, "LOG_FILE=" + std::string(logFile) + "\n" + lines);

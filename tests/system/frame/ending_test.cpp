@@ -11,9 +11,9 @@
 #include <set>
 #include <thread>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -89,7 +89,7 @@ class EndingTest : public SystemTest {
 
     // The daemon has ended, in order and with its last word.
     void expectEnd() {
-        EXPECT_EQ(toText(controller.daemon().wait()), toText(Ending{}));
+        EXPECT_EQ(toText(controller.daemon().wait()), toText(ExitStatus{}));
         ASSERT_FALSE(logLines().empty());
         EXPECT_EQ(logLines().back().tag, "[Debug]");
         EXPECT_EQ(logLines().back().message, terminates);
@@ -279,7 +279,7 @@ TEST_F(LostConnection, OfThePatchWorkerKeepsSessionsExpiringUntilBothRequestThre
     expectExpiry();
     endThreadOf(createChannel);
     expectExpiry();
-    EXPECT_FALSE(controller.daemon().ending());
+    EXPECT_FALSE(controller.daemon().exitStatus());
     ASSERT_EQ(store().publish(deleteChannel, exitNotice), 1);
     expectEnd();
 }
@@ -346,17 +346,18 @@ TEST_F(StoppedStore, WaitsForTheLoginInsidePam) {
     expectEnd();
 }
 
-// A relay that holds the first command of a kind, which is the store's last moment.
+// A proxy that holds the first command of a kind, which is the store's last moment.
 class HeldCommand {
   public:
-    explicit HeldCommand(Controller& controller) : relay_(controller) {}
+    explicit HeldCommand(Controller& controller) : proxy_(controller) {}
     ~HeldCommand() { release(); }
 
     // Requests come on fresh connections; some of their commands are the sweeper's, too.
     enum class Connections { all, fresh };
 
     void hold(Words beginning, Connections connections) {
-        relay_.judge([this, beginning = std::move(beginning), connections](const Words& command) {
+        proxy_.setFilter([this, beginning = std::move(beginning),
+                          connections](const Words& command) {
             std::unique_lock lock(mutex_);
             if (command[0] == "AUTH") {
                 fresh_.insert(std::this_thread::get_id());
@@ -369,7 +370,7 @@ class HeldCommand {
                 held_ = true;
                 released_.wait(lock, [this] { return release_; });
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
     }
     bool isHeld() {
@@ -387,8 +388,8 @@ class HeldCommand {
     std::condition_variable released_;
     bool held_ = false;
     bool release_ = false;
-    std::set<std::thread::id> fresh_;  // the relay has a thread for each connection
-    StoreRelay relay_;
+    std::set<std::thread::id> fresh_;  // the proxy has a thread for each connection
+    StoreProxy proxy_;
 };
 
 struct LastCommand {
@@ -463,13 +464,13 @@ INSTANTIATE_TEST_SUITE_P(At, StoppedStoreDuringAPass,
 // Ends the connection of one request at a command that a number tells.
 class CutRequests : public StoppedStore {
   protected:
-    CutRequests() : relay_(controller) {}
+    CutRequests() : proxy_(controller) {}
 
     void SetUp() override {
         StoppedStore::SetUp();
         startStore();
         serve();
-        relay_.judge([this](const Words& command) { return judge(command); });
+        proxy_.setFilter([this](const Words& command) { return verdictOn(command); });
     }
 
     // The connection that comes next ends at its command of this number, from 1 on.
@@ -507,23 +508,23 @@ class CutRequests : public StoppedStore {
     }
 
   private:
-    StoreRelay::Verdict judge(const Words& command) {
+    StoreProxy::Verdict verdictOn(const Words& command) {
         const std::lock_guard lock(mutex_);
         if (next_ && command[0] == "AUTH") {
             next_ = false;
             connection_ = std::this_thread::get_id();
         }
         if (left_ > 0 && std::this_thread::get_id() == connection_ && --left_ == 0) {
-            return StoreRelay::Verdict::cut;
+            return StoreProxy::Verdict::cut;
         }
-        return StoreRelay::Verdict::pass;
+        return StoreProxy::Verdict::pass;
     }
 
     std::mutex mutex_;
     bool next_ = false;
     int left_ = 0;
     std::thread::id connection_;
-    StoreRelay relay_;
+    StoreProxy proxy_;
 };
 
 TEST_F(CutRequests, AtAnyCommandOfALoginLeaveTheNextLoginAsItWas) {

@@ -29,12 +29,12 @@ class LogTest : public SystemTest {
     // A daemon that ends at once for want of a store. At debug level it writes two lines:
     // that it starts, and that it has no store.
     void runWithoutStore(const DaemonOptions& options = {}) {
-        expectEnding({.bySignal = false, .value = 255});
+        expectExitStatus({.bySignal = false, .value = 255});
         runDaemon(options);
     }
     // The same, over the log as it is: what a test has written there stays for the daemon.
     void runOverTheLogAsItIs() {
-        expectEnding({.bySignal = false, .value = 255});
+        expectExitStatus({.bySignal = false, .value = 255});
         controller.startDaemon();
         controller.daemon().wait();
     }
@@ -286,7 +286,7 @@ TEST_F(StandardError, TakesNoFileNameLongerThan127Characters) {
 TEST_F(StandardError, TakesDebugLinesUnlessSwitchedOff) {
     configure("LOG_LEVEL=debug\n");
     start();
-    endDaemon();
+    stopDaemon();
     EXPECT_THAT(errorLines(), testing::Contains("[Debug]: SessionService is ready for service."));
     EXPECT_THAT(errorLines(), Not(testing::Contains(startLine)));
 }
@@ -294,7 +294,7 @@ TEST_F(StandardError, TakesDebugLinesUnlessSwitchedOff) {
 TEST_F(StandardError, TakesNoDebugLinesWhenSwitchedOff) {
     configure("LOG_LEVEL=error\n");
     start();
-    endDaemon();
+    stopDaemon();
     EXPECT_THAT(errorLines(),
                 ElementsAre("Log filename is not specified. Messages will be written to stderr."));
 }
@@ -329,7 +329,7 @@ TEST_F(LogCollector, ThatRunsTakesAllMessagesAndHidesTheOtherSettings) {
     startStore();
     controller.startDaemon();
     controller.waitUntilServing();
-    endDaemon();
+    stopDaemon();
     const Words lines = errorLines();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines[0],

@@ -104,7 +104,7 @@ class Signals : public ProcessTest, public testing::WithParamInterface<int> {};
 
 TEST_P(Signals, EndTheProcessAtOnce) {
     start();
-    expectEnding({.bySignal = true, .value = GetParam()});
+    expectExitStatus({.bySignal = true, .value = GetParam()});
     controller.daemon().signal(GetParam());
     EXPECT_EQ(toText(controller.daemon().wait()), toText({true, GetParam()}));
     EXPECT_EQ(countLogged("SessionService terminates."), 0);

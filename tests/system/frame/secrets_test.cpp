@@ -13,7 +13,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
@@ -89,11 +89,11 @@ class SecretFinder {
     std::unordered_multimap<std::uint64_t, Piece> pieces_;
 };
 
-class Secrets : public WelcomingTest {
+class Secrets : public PermissivePamTest {
   protected:
     void SetUp() override {
         constexpr char library[] = "/usr/local/lib/command_lines.so";
-        controller.install(TESTBED_COMMAND_LINES, library);
+        controller.install(TEST_COMMAND_LINES, library);
         startStore();
         monitor_.emplace(controller.monitor());
         // An arena for each thread and large stacks would make a core image of 300 MB, most of
@@ -113,12 +113,12 @@ class Secrets : public WelcomingTest {
     }
 
     void TearDown() override {
-        if (controller.daemonStarted() && !controller.daemon().ending()) {
+        if (controller.daemonStarted() && !controller.daemon().exitStatus()) {
             checkMemory();
             checkWire();
             checkTexts();
         }
-        WelcomingTest::TearDown();
+        PermissivePamTest::TearDown();
     }
 
     // In the place of the daemon's random device.
@@ -127,7 +127,7 @@ class Secrets : public WelcomingTest {
     // Passwords are found by pieces of twelve bytes: none may be what somebody else writes.
     Reply login(const std::string& user, const std::string& password,
                 const std::string& spoiltAtTheEnd = "") {
-        std::string cipher = frontEnd().encipher(password);
+        std::string cipher = frontEnd().encryptPassword(password);
         remember(password, cipher);
         cipher.replace(cipher.size() - 1 - spoiltAtTheEnd.size(), spoiltAtTheEnd.size(),
                        spoiltAtTheEnd);
@@ -296,7 +296,7 @@ TEST_F(Secrets, OfLocalAccountsAreForgotten) {
 }
 
 TEST_F(Secrets, OfAllShapesAreForgotten) {
-    useAskingPam(welcome + "messages=3");
+    useAskingPam(allPrivileges + "messages=3");
     std::string longest;
     while (longest.size() < 1024) {
         longest += "word " + std::to_string(longest.size() * 7919) + ' ';
@@ -318,20 +318,20 @@ TEST_F(Secrets, OfAllShapesAreForgotten) {
 
 TEST_F(Secrets, OfRefusedLoginsAreForgotten) {
     expectErrorLine("PAM converse - input data error.");
-    useAskingPam(welcome + "auth=PAM_AUTH_ERR messages=32");
+    useAskingPam(allPrivileges + "auth=PAM_AUTH_ERR messages=32");
     expectRefusal("AUTH_FAILED", "refused+in+the+first+step+of+all");
-    useAskingPam(welcome + "messages=33");
+    useAskingPam(allPrivileges + "messages=33");
     expectRefusal("AUTH_FAILED", "too+many+messages+ask+for+this+one");
-    useAskingPam(welcome + "prompt=Passphrase:");
+    useAskingPam(allPrivileges + "prompt=Passphrase:");
     expectRefusal("AUTH_FAILED", "asked+for+in+other+words+than+usual");
-    useAskingPam(welcome + "style=7");
+    useAskingPam(allPrivileges + "style=7");
     expectRefusal("AUTH_FAILED", "asked+for+in+a+style+that+nobody+has");
-    useAskingPam(welcome + "acct=PAM_ACCT_EXPIRED");
+    useAskingPam(allPrivileges + "acct=PAM_ACCT_EXPIRED");
     expectRefusal("AUTH_FAILED", "right+but+the+account+has+expired");
     useAskingPam("env=PRIVILEGES=0");
     expectRefusal("FORBIDDEN", "right+but+the+user+may+do+nothing");
 
-    useAskingPam(welcome);
+    useAskingPam(allPrivileges);
     expectRefusal("FAILURE",
                   std::string(120, '~') + "too+long+by+one+byte" + std::string(885, '~'));
     const std::string spoilt = "changed+on+its+way+to+the+daemon";
@@ -361,15 +361,15 @@ TEST_F(SecretsOfHalfMadeSessions, AreForgotten) {
                              "Failed to add session entry to Members."}) {
         expectErrorLine(line);
     }
-    useAskingPam(welcome);
-    spoil(randomUri);
+    useAskingPam(allPrivileges);
+    corrupt(randomUri);
     expectRefusal("FAILURE", "its+session+cannot+be+written");
     store().del(randomUri);
-    spoil(tokenKey(randomToken));
+    corrupt(tokenKey(randomToken));
     expectRefusal("FAILURE", "its+token+cannot+be+written");
     store().del(randomUri);
     store().del(tokenKey(randomToken));
-    spoil(membersKey);
+    corrupt(membersKey);
     expectRefusal("FAILURE", "its+member+cannot+be+written");
 }
 
@@ -379,7 +379,7 @@ class SecretsOfKerberosLogins : public Secrets {
         Secrets::SetUp();
         controller.writeFile("/etc/pam.d/q73.conf", "KrbAttrGrouping=1;\n");
         useAskingPam("env=pam_module=kerberos env=PRIVILEGES=1");
-        useKadminStandIn("aci_group: aciuser;\n");
+        useFakeKadmin("aci_group: aciuser;\n");
     }
 };
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <utility>
 
-#include "support/store_fault_walk.h"
+#include "support/store_fault_test.h"
 
 namespace testbed {
 namespace {
@@ -32,46 +32,55 @@ constexpr char pushesCreate[] = "pushes the create channel";
 constexpr char pushesDelete[] = "pushes the delete channel";
 constexpr char pushesPatch[] = "pushes the PATCH channel";
 
-const Road theStart{
-    {.command = {"AUTH"}, .lost = noStore, .answered = always(noStore), .leavesTheRoad = true},
+const Steps theStart{
+    {.command = {"AUTH"},
+     .logsWhenLost = noStore,
+     .logsWhenAnswered = always(noStore),
+     .endsTheTask = true},
     {.command = {"LLEN", createQueue},
-     .lost = noAccess,
-     .answered = always(noAccess),
-     .leavesTheRoad = true},
+     .logsWhenLost = noAccess,
+     .logsWhenAnswered = always(noAccess),
+     .endsTheTask = true},
     {.command = {"HSET", serviceUri, "SessionTimeout"},
-     .lost = together({noProperty, noChannels}),
-     .answered = always(noProperty)},
-    {.command = {"HSET", serviceUri, "@odata.etag"}, .lost = noChannels, .answered = always({})},
-    {.command = {"HSET", sessionsUri, "@odata.etag"}, .lost = noChannels, .answered = always({})},
+     .logsWhenLost = joined({noProperty, noChannels}),
+     .logsWhenAnswered = always(noProperty)},
+    {.command = {"HSET", serviceUri, "@odata.etag"},
+     .logsWhenLost = noChannels,
+     .logsWhenAnswered = always({})},
+    {.command = {"HSET", sessionsUri, "@odata.etag"},
+     .logsWhenLost = noChannels,
+     .logsWhenAnswered = always({})},
     {.command = {"LPUSH", createQueue},
-     .does = {pushesCreate},
-     .lost = noChannels,
-     .answered = always(noChannels),
-     .leavesTheRoad = true},
+     .effects = {pushesCreate},
+     .logsWhenLost = noChannels,
+     .logsWhenAnswered = always(noChannels),
+     .endsTheTask = true},
     {.command = {"LPUSH", deleteQueue},
-     .does = {pushesDelete},
-     .lost = noChannels,
-     .answered = always(noChannels),
-     .leavesTheRoad = true},
+     .effects = {pushesDelete},
+     .logsWhenLost = noChannels,
+     .logsWhenAnswered = always(noChannels),
+     .endsTheTask = true},
     {.command = {"LLEN", patchQueue},
-     .lost = noQueue,
-     .answered = always(noQueue),
-     .leavesTheRoad = true},
+     .logsWhenLost = noQueue,
+     .logsWhenAnswered = always(noQueue),
+     .endsTheTask = true},
     {.command = {"LPUSH", patchQueue},
-     .does = {pushesPatch},
-     .lost = noPush,
-     .answered = always(noPush),
-     .leavesTheRoad = true},
+     .effects = {pushesPatch},
+     .logsWhenLost = noPush,
+     .logsWhenAnswered = always(noPush),
+     .endsTheTask = true},
     {.command = {"HGET", serviceUri, "SessionTimeout"},
-     .lost = noTimeout,
-     .alsoWhenLost = {serves},
-     .answered = always(noTimeout)},
+     .logsWhenLost = noTimeout,
+     .effectsWhenLost = {serves},
+     .logsWhenAnswered = always(noTimeout)},
     {.command = {"HGET", serviceUri, "ServiceEnabled"},
-     .alsoWhenLost = {serves},
-     .answered = always({})},
+     .effectsWhenLost = {serves},
+     .logsWhenAnswered = always({})},
     // An attempt, for which any answer is as good as another.
-    {.command = {"SUBSCRIBE", patchChannel}, .lost = noSubscription, .answered = always({})},
-    {.command = {"SUBSCRIBE", patchChannel}, .does = {serves}},
+    {.command = {"SUBSCRIBE", patchChannel},
+     .logsWhenLost = noSubscription,
+     .logsWhenAnswered = always({})},
+    {.command = {"SUBSCRIBE", patchChannel}, .effects = {serves}},
 };
 
 class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault> {
@@ -83,19 +92,19 @@ class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault>
         for (const char* queue : {createQueue, deleteQueue, patchQueue}) {
             store().del(queue);
         }
-        faulty_.strike(fault, 0, [step = theStart[at]](const FaultyStore::Sent& sent) {
-            return isMeant(step, sent.words);
+        injector_.inject(fault, 0, [step = theStart[at]](const FaultInjector::SentCommand& sent) {
+            return matches(step, sent.words);
         });
-        Deeds expected = deedsWith(fault, theStart, at);
+        Effects expected = effectsWith(fault, theStart, at);
         // Workers that have ended are not waited for when the start fails.
         controller.startDaemon({.environment = {{"TSAN_OPTIONS", "report_thread_leaks=0"}}});
         if (expected.erase(serves) > 0) {
             waitUntil("the daemon listens",
-                      [&] { return isListening() || controller.daemon().ending(); });
-            EXPECT_FALSE(controller.daemon().ending());
+                      [&] { return isListening() || controller.daemon().exitStatus(); });
+            EXPECT_FALSE(controller.daemon().exitStatus());
         } else {
             EXPECT_EQ(toText(controller.daemon().wait()),
-                      toText(Ending{.bySignal = false, .value = 255}));
+                      toText(ExitStatus{.bySignal = false, .value = 255}));
         }
         EXPECT_EQ(pushes(), expected);
         EXPECT_EQ(lines(), linesWith(fault, theStart, at));
@@ -119,20 +128,20 @@ class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault>
         };
     }
     bool isListening() { return std::all_of(channels.begin(), channels.end(), isListenedTo()); }
-    Deeds pushes() {
-        Deeds deeds;
-        for (const auto& [queue, deed] :
+    Effects pushes() {
+        Effects effects;
+        for (const auto& [queue, effect] :
              {std::pair{createQueue, pushesCreate}, std::pair{deleteQueue, pushesDelete},
               std::pair{patchQueue, pushesPatch}}) {
             if (store().llen(queue) == 1) {
-                deeds.insert(deed);
+                effects.insert(effect);
             }
         }
-        return deeds;
+        return effects;
     }
     // What the daemon has logged, but for what each start says.
     Lines lines() const {
-        const Deeds usual{
+        const Effects usual{
             "SessionService log is starting ...", "SessionService is ready for service.",
             "Create session thread is running ...", "Delete session thread is running ...",
             "Timeout session thread is running ..."};
@@ -145,7 +154,7 @@ class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault>
         return lines;
     }
 
-    FaultyStore faulty_{controller};
+    FaultInjector injector_{controller};
 };
 
 TEST_P(FaultyStart, FailsOrServesAsTheFaultLeavesPossible) {

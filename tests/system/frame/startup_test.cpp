@@ -7,9 +7,9 @@
 #include <ostream>
 #include <set>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -25,7 +25,7 @@ constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
 constexpr char starting[] = "SessionService log is starting ...";
 constexpr char ready[] = "SessionService is ready for service.";
 constexpr char initializedAlready[] = "SessionService resource has been initialized already.";
-constexpr Ending failure{.bySignal = false, .value = 255};
+constexpr ExitStatus failure{.bySignal = false, .value = 255};
 
 // "[Debug]: message" of each line.
 Words tagged(const std::vector<LogLine>& lines) {
@@ -206,7 +206,7 @@ TEST_F(NextStart, OnAnEmptiedStoreInitializesItAnew) {
 // Every test of this suite expects the daemon to end by itself.
 class FailedStart : public SystemTest {
   protected:
-    void SetUp() override { expectEnding(failure); }
+    void SetUp() override { expectExitStatus(failure); }
 };
 
 TEST_F(FailedStart, WithoutAStore) {
@@ -217,12 +217,12 @@ TEST_F(FailedStart, WithoutAStore) {
 }
 
 TEST_F(FailedStart, WhenTheStoreHangsUp) {
-    StoreRelay relay(controller);
-    relay.refuseConnections(true);
+    StoreProxy proxy(controller);
+    proxy.refuseConnections(true);
     startStore();
     expectErrorLine("Failed to connect to Redis.");
     runDaemon();
-    EXPECT_EQ(relay.connections(), 1);
+    EXPECT_EQ(proxy.connections(), 1);
 }
 
 TEST_F(FailedStart, WhenTheCreateQueueIsNoList) {
@@ -237,9 +237,9 @@ TEST_F(FailedStart, WhenTheCreateQueueIsNoList) {
 }
 
 TEST_F(FailedStart, WhenTheQueueLengthIsNeverAnswered) {
-    StoreRelay relay(controller);
-    relay.judge([](const Words& command) {
-        return command[0] == "LLEN" ? StoreRelay::Verdict::cut : StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([](const Words& command) {
+        return command[0] == "LLEN" ? StoreProxy::Verdict::cut : StoreProxy::Verdict::pass;
     });
     startStore();
     expectErrorLine("Failed to access Redis.");
@@ -281,10 +281,10 @@ TEST_F(FailedStart, WhenThePatchQueueIsNoListThoughWorkersRun) {
 }
 
 TEST_F(FailedStart, WhenTheStoreTakesNoConnectionAfterTheFirst) {
-    StoreRelay relay(controller);
-    relay.judge([&relay](const Words& command) {
-        relay.refuseConnections(command[0] == "LPUSH" && command[1] == deleteQueue);
-        return StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([&proxy](const Words& command) {
+        proxy.refuseConnections(command[0] == "LPUSH" && command[1] == deleteQueue);
+        return StoreProxy::Verdict::pass;
     });
     startStore();
     expectErrorLine("Failed to connect to Redis.");

@@ -10,12 +10,12 @@ namespace testbed {
 namespace {
 
 constexpr char terminates[] = "SessionService terminates.";
-constexpr Ending failedStart{.bySignal = false, .value = 255};
+constexpr ExitStatus failedStart{.bySignal = false, .value = 255};
 
 class FailingThreads : public SystemTest {
   protected:
     void SetUp() override {
-        controller.install(TESTBED_THREAD_FAILURES, library);
+        controller.install(TEST_THREAD_FAILURES, library);
         startStore();
     }
 
@@ -41,7 +41,7 @@ class FailingThreads : public SystemTest {
 };
 
 TEST_F(FailingThreads, WithoutTheirLocksAreNotStarted) {
-    expectEnding(failedStart);
+    expectExitStatus(failedStart);
     for (const char* call : {"lock:1", "lock:2"}) {
         EXPECT_EQ(toText(runDaemon(withFailing(call))), toText(failedStart)) << call;
     }
@@ -50,15 +50,15 @@ TEST_F(FailingThreads, WithoutTheirLocksAreNotStarted) {
 }
 
 TEST_F(FailingThreads, WithoutAConnectionEndEachWithItsLineAndTheProcessInOrder) {
-    EXPECT_EQ(toText(runDaemon(withFailing("connection"))), toText(Ending{}));
+    EXPECT_EQ(toText(runDaemon(withFailing("connection"))), toText(ExitStatus{}));
     expectErrorLines(Words(4, "Failed to connect to Redis."));
     EXPECT_EQ(countLogged(terminates), 1);
 }
 
 TEST_F(FailingThreads, WhoseEndIsNotLearntOfFailTheStartWhenItIsThePatchWorkers) {
-    expectEnding(failedStart);
+    expectExitStatus(failedStart);
     startDaemon(withFailing("join:1"));
-    endDaemon();
+    stopDaemon();
     expectErrorLines({"Failed to join the SessionService thread.",
                       "Error occurs while initialize data: Failed to join a thread"});
     EXPECT_EQ(countLogged(terminates), 0);
@@ -76,7 +76,7 @@ class FailingJoin : public FailingThreads, public testing::WithParamInterface<Un
 
 TEST_P(FailingJoin, IsLoggedAndDoesNotKeepTheProcessFromItsEnd) {
     startDaemon(withFailing(GetParam().call));
-    endDaemon();
+    stopDaemon();
     expectErrorLines({GetParam().message});
     EXPECT_EQ(countLogged(terminates), 1);
 }

@@ -102,7 +102,7 @@ TEST_F(WebAnswers, ThatCameWhileNobodyListenedLeaveNoSession) {
 TEST_F(WebAnswers, AreHeardAgainOnceTheStoreIsBack) {
     expectWebErrorLine("redis.sock failed");
     EXPECT_EQ(login().status, 201);
-    endDaemon();
+    stopDaemon();
     EXPECT_EQ(login().status, 503);
     EXPECT_EQ(newClient().get("/redfish/v1").status, 503);
     start();

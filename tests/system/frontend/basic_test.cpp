@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "support/trail.h"
 #include "support/web_test.h"
 
 namespace testbed {
@@ -144,7 +143,7 @@ TEST_F(WebBasicSessions, AreNotSharedAfterAChangeOfPasswords) {
 
 class WebBasicSessionsOfASecond : public WebBasicSessions {
   protected:
-    WebBasicSessionsOfASecond() { setting("maxBasicSeconds", "1"); }
+    WebBasicSessionsOfASecond() { changeSetting("maxBasicSeconds", "1"); }
 };
 
 TEST_F(WebBasicSessionsOfASecond, AreNotSharedForEver) {
@@ -175,7 +174,7 @@ TEST_F(WebBasicSessions, MakeRoomForALogin) {
 }
 
 TEST_F(WebBasicSessions, EndWithTheirWorker) {
-    setting("basicIdleSeconds", "600");
+    changeSetting("basicIdleSeconds", "600");
     web.restart();
     EXPECT_EQ(basicClient().get(serviceUri).status, 200);
     EXPECT_EQ(store().llen(membersKey), 1);

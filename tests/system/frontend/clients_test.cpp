@@ -7,8 +7,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "support/trail.h"
 #include "support/web_test.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -17,7 +17,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 struct Outcome {
-    Ending ending;
+    ExitStatus ending;
     std::string output;  // of both standard streams
 };
 
@@ -34,7 +34,7 @@ class Client {
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
         posix_spawn_file_actions_addclosefrom_np(&actions, 3);
 
-        // The bench ignores SIGPIPE; its clients must not.
+        // The testbed ignores SIGPIPE; its clients must not.
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
@@ -61,12 +61,12 @@ class Client {
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    Ending wait() {
+    ExitStatus wait() {
         int status = 0;
         waitUntil("the client ends", [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
         ended_ = true;
-        return WIFSIGNALED(status) ? Ending{true, WTERMSIG(status)}
-                                   : Ending{false, WEXITSTATUS(status)};
+        return WIFSIGNALED(status) ? ExitStatus{true, WTERMSIG(status)}
+                                   : ExitStatus{false, WEXITSTATUS(status)};
     }
 
   private:
@@ -88,17 +88,17 @@ class WebClients : public WebTest {
     Outcome run(const Words& command) {
         const std::string output = "/tmp/client.output";
         Client client(command, controller.path("/tmp"), controller.path(output));
-        const Ending ending = client.wait();
+        const ExitStatus ending = client.wait();
         return {ending, controller.readFile(output)};
     }
 
     static void expectSuccess(const Outcome& outcome) {
-        EXPECT_EQ(toText(outcome.ending), toText(Ending{})) << outcome.output;
+        EXPECT_EQ(toText(outcome.ending), toText(ExitStatus{})) << outcome.output;
     }
 
     // The wrong password has to be the reason of the refusal, not what the client makes of it.
     void expectRefusal(const Outcome& outcome, int exitStatus) {
-        EXPECT_EQ(toText(outcome.ending), toText(Ending{false, exitStatus})) << outcome.output;
+        EXPECT_EQ(toText(outcome.ending), toText(ExitStatus{false, exitStatus})) << outcome.output;
         EXPECT_GE(countLogged("admin does not pass the PAM auth."), 1);
         expectTrail(0);
         expectNoSession();
@@ -186,7 +186,7 @@ TEST_F(Curl, LogsInReadsChangesAndLogsOut) {
     expectTrail(1);
 
     const Outcome late = withToken({web.url() + location});
-    EXPECT_EQ(toText(late.ending), toText(Ending{false, 22})) << late.output;
+    EXPECT_EQ(toText(late.ending), toText(ExitStatus{false, 22})) << late.output;
     EXPECT_THAT(late.output, HasSubstr("401"));
 }
 
@@ -257,7 +257,7 @@ TEST_F(Redfishtool, ChangesTheTimeout) {
 
 TEST_F(Redfishtool, FailsToChangeTheTimeoutToAValueOutOfRange) {
     const Outcome refused = redfishtool({"SessionService", "patch", R"({"SessionTimeout":1})"});
-    EXPECT_NE(toText(refused.ending), toText(Ending{})) << refused.output;
+    EXPECT_NE(toText(refused.ending), toText(ExitStatus{})) << refused.output;
     EXPECT_EQ(storedTimeout(), "300");
     expectTrail(1);
     expectNoSession();

@@ -183,7 +183,7 @@ TEST_F(WebLoginQueue, ServesOthersWhileTenAddressesGuess) {
     }
     isOver = true;
     // What waits in the queue need not be waited for.
-    EXPECT_EQ(toText(web.stop()), toText(Ending{}));
+    EXPECT_EQ(toText(web.stop()), toText(ExitStatus{}));
 }
 
 TEST_F(WebLoginQueue, StoresNothingWithoutAnExpiry) {
@@ -242,7 +242,7 @@ TEST_F(WebLoginQueue, DropsALoginWhoseClientHasGone) {
 
 class WebLoginQueueOfShortTime : public WebLoginQueue {
   protected:
-    WebLoginQueueOfShortTime() { setting("answerTimeout", "0.5"); }
+    WebLoginQueueOfShortTime() { changeSetting("answerTimeout", "0.5"); }
 };
 
 TEST_F(WebLoginQueueOfShortTime, DropsALoginWhoseTimeIsOver) {
@@ -278,8 +278,8 @@ TEST_F(WebLoginQueueOfShortTime, GoesOnWhenTheServiceDoesNotAnswer) {
 class WebLoginFailures : public WebLoginQueue {
   protected:
     WebLoginFailures() {
-        setting("maxFailures", "3");
-        setting("failureSeconds", "1");
+        changeSetting("maxFailures", "3");
+        changeSetting("failureSeconds", "1");
     }
 };
 
@@ -324,8 +324,8 @@ TEST_F(WebLoginFailures, DoNotDelayRequestsWithAToken) {
 class WebLoginNetworks : public WebLoginFailures {
   protected:
     WebLoginNetworks() {
-        setting("failureSeconds", "600");
-        setting("answerTimeout", "1");
+        changeSetting("failureSeconds", "600");
+        changeSetting("answerTimeout", "1");
         configure("merge_slashes off;",
                   "set_real_ip_from 127.0.0.0/8; real_ip_header X-Address; merge_slashes off;");
     }
@@ -357,8 +357,8 @@ TEST_F(WebLoginNetworks, AreOneForAllAddressesThatAClientCanChoose) {
 class WebLoginCrowd : public WebLoginQueue {
   protected:
     WebLoginCrowd() {
-        setting("maxWaiting", "4");
-        setting("maxWaitingOfAddress", "3");
+        changeSetting("maxWaiting", "4");
+        changeSetting("maxWaitingOfAddress", "3");
     }
 };
 
@@ -390,7 +390,7 @@ TEST_F(WebLoginCrowd, IsRefusedFarBeyondWhatCanBeServed) {
 
 class WebLoginWithoutAName : public WebLoginQueue {
   protected:
-    WebLoginWithoutAName() { setting("refusalSeconds", "0.7"); }
+    WebLoginWithoutAName() { changeSetting("refusalSeconds", "0.7"); }
 };
 
 TEST_F(WebLoginWithoutAName, IsRefusedAsSlowlyAsAnyOtherAndDoesNotReachTheService) {

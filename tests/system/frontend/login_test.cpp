@@ -325,7 +325,7 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogoutOnly)
 // --- nobody answers
 
 TEST_F(WebLogin, IsUnavailableWhileTheServiceDoesNotRun) {
-    expectEnding({.bySignal = true, .value = SIGKILL});
+    expectExitStatus({.bySignal = true, .value = SIGKILL});
     controller.daemon().kill();
     const HttpResponse answer = login();
     expectRefusal(answer, 503, {"Base.1.12.ServiceTemporarilyUnavailable"});
@@ -368,7 +368,7 @@ TEST_F(WebLoginWithoutTheService, IsUnavailableBeforeItHasEverRun) {
 class WebLoginToASlowService : public WebLogin {
   protected:
     WebLoginToASlowService() {
-        setting("answerTimeout", "0.3");
+        changeSetting("answerTimeout", "0.3");
         usePamTest("env=PRIVILEGES=511");
         holdPam();
     }
@@ -558,7 +558,7 @@ TEST_F(WebLogin, TakesABodyInTheSmallestChunks) {
     }
     TlsConnection connection = newClient().connect();
     EXPECT_TRUE(connection.send("POST " + std::string(sessionsUri) +
-                                " HTTP/1.1\r\nHost: bench\r\nTransfer-Encoding: chunked\r\n"
+                                " HTTP/1.1\r\nHost: testbed\r\nTransfer-Encoding: chunked\r\n"
                                 "Content-Type: application/json\r\nConnection: close\r\n\r\n" +
                                 chunks + "0\r\n\r\n"));
     EXPECT_THAT(connection.receiveAll(), testing::StartsWith("HTTP/1.1 201 "));
@@ -701,7 +701,7 @@ TEST_F(WebLogout, WhileTheServiceIsSwitchedOffIsUnavailable) {
 }
 
 TEST_F(WebLogout, WhileTheServiceDoesNotRunIsUnavailable) {
-    expectEnding({.bySignal = true, .value = SIGKILL});
+    expectExitStatus({.bySignal = true, .value = SIGKILL});
     const InsertedSession session = frontEnd().insertSession();
     client().useToken(session.token);
     controller.daemon().kill();

@@ -490,8 +490,8 @@ TEST_F(WebResources, LeaveNoSessionOfABodyThatIsTooLarge) {
 }
 
 TEST_F(WebResources, AreNotWaitedForByASlowClient) {
-    limit("client_header_timeout 10s", "client_header_timeout 2s");
-    limit("client_body_timeout 10s", "client_body_timeout 2s");
+    changeLimit("client_header_timeout 10s", "client_header_timeout 2s");
+    changeLimit("client_body_timeout 10s", "client_body_timeout 2s");
     web.restart();
     exchangeBytes("GET /redfish HTTP/1.1\r\nHost:");
     expectServing();
@@ -500,8 +500,8 @@ TEST_F(WebResources, AreNotWaitedForByASlowClient) {
 }
 
 TEST_F(WebResources, AreGivenToSoManyConnectionsOfAnAddressAtATime) {
-    limit("limit_conn connections 64;", "limit_conn connections 2;");
-    limit("client_body_timeout 10s", "client_body_timeout 1h");
+    changeLimit("limit_conn connections 64;", "limit_conn connections 2;");
+    changeLimit("client_body_timeout 10s", "client_body_timeout 1h");
     web.restart();
     const std::string unfinished = patchHead("Content-Length: 100\r\n") + "{";
     {

@@ -328,7 +328,7 @@ TEST_F(WebWithoutItsService, TellsThatItIsUnavailableWhenNobodyListensAnyMore) {
 }
 
 TEST_F(WebWithoutItsService, TellsThatItIsUnavailableWhenNoAnswerComesInTime) {
-    setting("answerTimeout", "0.05");
+    changeSetting("answerTimeout", "0.05");
     web.restart();
     store().run({"RPUSH", "&&/redfish/v1/SessionService/PATCHQ", patchChannel});
     StoreClient slow = controller.connect();

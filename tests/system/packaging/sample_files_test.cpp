@@ -4,13 +4,13 @@
 #include <iterator>
 
 #include "support/login_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
 
 std::string sample(const std::string& name) {
-    std::ifstream file(TESTBED_SAMPLE_FILES "/" + name);
+    std::ifstream file(TEST_SAMPLE_FILES "/" + name);
     if (!file) {
         throw Failure("There is no sample " + name + ".");
     }
@@ -29,7 +29,7 @@ class SampleFiles : public LoginTest {
         EXPECT_EQ(privilegeOf(administrator.name, administrator.password), "511");
         Words trail = splitLines(controller.daemonErrors().substr(before));
         trail.push_back(std::to_string(store().run({"XLEN", "&&EventStream"}).integer) + " events");
-        endDaemon();
+        stopDaemon();
         std::sort(trail.begin(), trail.end());
         return trail;
     }
@@ -46,7 +46,7 @@ class SampleFiles : public LoginTest {
         start();
         Fields service = store().hgetall(serviceUri);
         service.erase("@odata.etag");
-        endDaemon();
+        stopDaemon();
         return service;
     }
 };

@@ -1,5 +1,5 @@
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -18,7 +18,7 @@ std::string repeated(const std::string& text, int times) {
 class JsonGeneration : public SystemTest {
   protected:
     explicit JsonGeneration(const ControllerOptions& options = {}) : SystemTest(options) {
-        controller.install(TESTBED_JSON_PROBE, "/usr/local/bin/json_probe");
+        controller.install(TEST_JSON_PROBE, "/usr/local/bin/json_probe");
     }
     void SetUp() override { startStore(); }
 
@@ -29,7 +29,7 @@ class JsonGeneration : public SystemTest {
         Launch launch{.command = {"/usr/local/bin/json_probe", "/tmp/json"}, .ofThisBuild = true};
         launch.command.insert(launch.command.end(), operationsAndSources.begin(),
                               operationsAndSources.end());
-        EXPECT_EQ(controller.startProgram(launch)->wait(), Ending{});
+        EXPECT_EQ(controller.startProgram(launch)->wait(), ExitStatus{});
         Words results = splitAtZeroBytes(controller.readFile("/tmp/json"));
         for (std::string& result : results) {
             result = result == failure ? failure : result.substr(std::string("text ").size());

@@ -206,7 +206,7 @@ class HostileFrontEnd : public SystemTest,
     void SetUp() override {
         usePamTest(house().pam);
         if (house().asksKadmin) {
-            useKadminStandIn("aci_group: aciopera;\n");
+            useFakeKadmin("aci_group: aciopera;\n");
             controller.writeFile("/etc/pam.d/q73.conf", "KrbAttrGrouping=1;\n");
         }
         start();
@@ -217,7 +217,7 @@ class HostileFrontEnd : public SystemTest,
              {std::string(administrator.password), std::string("'; touch /tmp/started; '"),
               std::string("$(touch /tmp/started)"), std::string("-w"), std::string("%s%n\n"),
               std::string(), std::string("a\0b", 3), std::string(1024, 'p')}) {
-            passwords_.push_back(frontEnd().encipher(password));
+            passwords_.push_back(frontEnd().encryptPassword(password));
         }
         returns_.emplace(controller.connect());
         returns_->subscribe(fenceReturn);
@@ -308,7 +308,8 @@ class HostileFrontEnd : public SystemTest,
     // Requests that are answered whatever state the service is in, and change nothing: a
     // password that is too long, a session of another type, a method that is not PATCH.
     void buildFences() {
-        store().hset("&&/fence/body", {{"Password", frontEnd().encipher(std::string(1025, 'p'))}});
+        store().hset("&&/fence/body",
+                     {{"Password", frontEnd().encryptPassword(std::string(1025, 'p'))}});
         store().hset("&&/fence/target", {{"SessionType", "\"Other\""}});
         store().hset("&&/fence/request", {{"&&ReturnChannel", fenceReturn},
                                           {"&&RequestData", "&&/fence/body"},
@@ -321,9 +322,9 @@ class HostileFrontEnd : public SystemTest,
         constexpr std::chrono::milliseconds attention{100};
         const std::string reply = "&&/fence/reply/" + std::to_string(++fences_);
         store().publish(channel, "&&/fence/request " + reply);
-        const Deadline end = patience();
+        const Deadline end = deadlineFromNow();
         for (;;) {
-            const auto ended = controller.daemon().ending();
+            const auto ended = controller.daemon().exitStatus();
             const Deadline now = std::chrono::steady_clock::now();
             const std::optional<Value> message = returns_->next(now + attention);
             if (message && message->elements.at(2).text == reply) {

@@ -1,10 +1,10 @@
 // Where answers and their messages lie in the store, and for how long.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class MessageEntries : public WelcomingTest {
+class MessageEntries : public PermissivePamTest {
   protected:
     long long lifetime(const std::string& key) { return store().run({"PTTL", key}).integer; }
     // Seconds, as the commands of the next login give them.
@@ -74,7 +74,7 @@ TEST_F(MessageEntries, HoldTheirArgumentsQuotedAndInOrder) {
 }
 
 TEST_F(MessageEntries, EscapeQuotesAndBackslashesOfTheirArguments) {
-    usePamTest(welcome + "acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + "acct=PAM_NEW_AUTHTOK_REQD");
     const std::string account = R"(/redfish/v1/AccountService/Accounts/a"b\c %s)";
     store().hset(account, {{"&&OwnerName", "alice"}});
     EXPECT_EQ(login().messages,
@@ -164,7 +164,7 @@ TEST_F(MessageEntries, KeepAKeyOf511BytesAndCutOneOf512) {
     }
 }
 
-using ReplyHash = WelcomingTest;
+using ReplyHash = PermissivePamTest;
 
 TEST_F(ReplyHash, KeepsFieldsThatWereThereBefore) {
     store().hset("&&/request/used", {{"&&ReturnStatus", "old"}, {"Other", "kept"}});
@@ -182,7 +182,7 @@ TEST_F(ReplyHash, HoldsNoItemsThatOnlyTheDaemonNeeds) {
 
 TEST_F(ReplyHash, ThatIsNotTakenIsLoggedAndTheRestGoesOn) {
     expectErrorLine("Failed to update Return Status.");
-    spoil("&&/request/spoilt/reply");
+    corrupt("&&/request/spoilt/reply");
     Request request =
         frontEnd().prepareLogin("alice", "a password", {.replyKey = "&&/request/spoilt/reply"});
     request.send();
@@ -193,7 +193,7 @@ TEST_F(ReplyHash, ThatIsNotTakenIsLoggedAndTheRestGoesOn) {
 }
 
 TEST_F(ReplyHash, OfAnEarlyRefusalThatIsNotTakenIsNotLogged) {
-    spoil("&&/request/spoilt/reply");
+    corrupt("&&/request/spoilt/reply");
     store().hset(serviceUri, {{"ServiceEnabled", "false"}});
     Request request =
         frontEnd().prepareLogin("alice", "a password", {.replyKey = "&&/request/spoilt/reply"});

@@ -1,12 +1,12 @@
 // How requests are announced to the daemon.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-using Queues = WelcomingTest;
-using Notice = WelcomingTest;
-using CreateThread = WelcomingTest;
+using Queues = PermissivePamTest;
+using Notice = PermissivePamTest;
+using CreateThread = PermissivePamTest;
 
 TEST_F(Queues, NameTheChannelOfEachKindOfRequestOnce) {
     EXPECT_EQ(store().lrange("&&/redfish/v1/SessionService/Sessions/POSTCREATEQ"),

@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
 
 namespace testbed {
@@ -37,7 +37,7 @@ struct Push {
     std::string bytes;
 };
 
-// The relay answers subscriptions in the store's place, which knows nothing of them then.
+// The proxy answers subscriptions in the store's place, which knows nothing of them then.
 class FaultySubscription : public SystemTest {
   protected:
     void SetUp() override {
@@ -48,14 +48,14 @@ class FaultySubscription : public SystemTest {
 
     // For daemons that have not been started yet. The PATCH channel's first subscription is
     // an attempt, which is as good as any with `attempt`.
-    void answer(const std::map<std::string, StoreRelay::Verdict>& byChannel,
-                const std::optional<StoreRelay::Verdict>& attempt = std::nullopt) {
+    void answer(const std::map<std::string, StoreProxy::Verdict>& byChannel,
+                const std::optional<StoreProxy::Verdict>& attempt = std::nullopt) {
         expiryRuns_ = false;
-        relay_.judge(
+        proxy_.setFilter(
             [=, this, attempts = std::make_shared<std::atomic<int>>(0)](const Words& command) {
                 if (command[0] != "SUBSCRIBE") {
                     expiryRuns_ = expiryRuns_ || command[0] == "LRANGE";
-                    return StoreRelay::Verdict::pass;
+                    return StoreProxy::Verdict::pass;
                 }
                 const bool isAttempt = command[1] == patchChannel && (*attempts)++ == 0;
                 return isAttempt && attempt ? *attempt : byChannel.at(command[1]);
@@ -78,7 +78,7 @@ class FaultySubscription : public SystemTest {
 
     // The daemon ends by itself, in order, once its request threads have ended.
     void expectEnd() {
-        EXPECT_EQ(toText(runDaemon()), toText(Ending{}));
+        EXPECT_EQ(toText(runDaemon()), toText(ExitStatus{}));
         EXPECT_EQ(logLines().back().message, "SessionService terminates.");
     }
 
@@ -89,7 +89,7 @@ class FaultySubscription : public SystemTest {
 
   private:
     std::atomic<bool> expiryRuns_ = false;
-    StoreRelay relay_{controller};
+    StoreProxy proxy_{controller};
 };
 
 const std::string nil = "$-1\r\n";
@@ -114,7 +114,7 @@ TEST_F(FaultySubscription, IsReadOnAfterAPushThatIsNoMessage) {
         {"a message of an array", array({text("message"), any, array({text("a b")})})},
         {"a message of an integer", array({text("message"), any, ":5\r\n"})},
     };
-    std::map<std::string, StoreRelay::Verdict> streams;
+    std::map<std::string, StoreProxy::Verdict> streams;
     std::vector<std::pair<const char*, Request>> requests;
     for (const char* channel : channels) {
         std::string stream = confirmation(channel);
@@ -123,7 +123,7 @@ TEST_F(FaultySubscription, IsReadOnAfterAPushThatIsNoMessage) {
             stream += push.bytes + message(channel, noticeOf(request));
             requests.emplace_back(push.name, std::move(request));
         }
-        streams[channel] = StoreRelay::Verdict::answer(stream);
+        streams[channel] = StoreProxy::Verdict::reply(stream);
     }
     answer(streams);
     controller.startDaemon();
@@ -136,7 +136,7 @@ TEST_F(FaultySubscription, IsReadOnAfterAPushThatIsNoMessage) {
 
 // Only the PATCH worker looks at the number of elements, and nobody at the others.
 TEST_F(FaultySubscription, TakesTheLastTextOfAnArrayForANotice) {
-    std::map<std::string, StoreRelay::Verdict> streams;
+    std::map<std::string, StoreProxy::Verdict> streams;
     std::vector<Request> requests;
     std::vector<Request> passedOver;
     for (const char* channel : channels) {
@@ -154,7 +154,7 @@ TEST_F(FaultySubscription, TakesTheLastTextOfAnArrayForANotice) {
         Request last = prepareFor(channel);
         stream += message(channel, noticeOf(last));
         requests.push_back(std::move(last));
-        streams[channel] = StoreRelay::Verdict::answer(stream);
+        streams[channel] = StoreProxy::Verdict::reply(stream);
     }
     answer(streams);
     controller.startDaemon();
@@ -176,11 +176,11 @@ TEST_F(FaultySubscription, CountsWhateverIsAnsweredAsASubscription) {
           Push{"nothing", nil}, Push{"no array", "*-1\r\n"}, Push{"an array of nothing", array({})},
           Push{"a message", message("any channel", "/request /reply")}}) {
         SCOPED_TRACE(reply.name);
-        std::map<std::string, StoreRelay::Verdict> streams;
+        std::map<std::string, StoreProxy::Verdict> streams;
         std::vector<Request> requests;
         for (const char* channel : channels) {
             requests.push_back(prepareFor(channel));
-            streams[channel] = StoreRelay::Verdict::answer(
+            streams[channel] = StoreProxy::Verdict::reply(
                 reply.bytes + message(channel, noticeOf(requests.back())));
         }
         answer(streams);
@@ -208,13 +208,13 @@ TEST_F(FaultySubscription, EndsWithItsThreadAtWhatIsNoReply) {
           Push{"garbage in a message", "*3\r\n$7\r\nmessage\r\ngarbage\r\n"},
           Push{"too many levels", nested}}) {
         SCOPED_TRACE(garbage.name);
-        std::map<std::string, StoreRelay::Verdict> streams;
+        std::map<std::string, StoreProxy::Verdict> streams;
         std::vector<Request> requests;
         for (const char* channel : channels) {
             requests.push_back(prepareFor(channel));
             streams[channel] =
-                StoreRelay::Verdict::answer(confirmation(channel) + garbage.bytes +
-                                            message(channel, noticeOf(requests.back())));
+                StoreProxy::Verdict::reply(confirmation(channel) + garbage.bytes +
+                                           message(channel, noticeOf(requests.back())));
         }
         answer(streams);
         expectEnd();
@@ -228,19 +228,19 @@ TEST_F(FaultySubscription, EndsWithItsThreadWhereItsReplyIsNone) {
     const std::string refused = "Failed to subscribe channel " + std::string(patchChannel) + ".";
     expectErrorLine(refused);
     long ends = 0;
-    for (const StoreRelay::Verdict& fault :
-         {StoreRelay::Verdict::cut, StoreRelay::Verdict::cutAfter, StoreRelay::Verdict::truncate,
-          StoreRelay::Verdict::answer("garbage\r\n")}) {
-        SCOPED_TRACE("fate " + std::to_string(static_cast<int>(fault.fate)));
+    for (const StoreProxy::Verdict& fault :
+         {StoreProxy::Verdict::cut, StoreProxy::Verdict::cutAfter, StoreProxy::Verdict::truncate,
+          StoreProxy::Verdict::reply("garbage\r\n")}) {
+        SCOPED_TRACE("action " + std::to_string(static_cast<int>(fault.action)));
         answer({{createChannel, fault}, {deleteChannel, fault}, {patchChannel, fault}},
-               StoreRelay::Verdict::pass);
+               StoreProxy::Verdict::pass);
         expectEnd();
         EXPECT_EQ(countLogged(refused), ++ends);
     }
 }
 
 TEST_F(FaultySubscription, ThatEndsInsideAMessageLeavesTheMessageAlone) {
-    std::map<std::string, StoreRelay::Verdict> streams;
+    std::map<std::string, StoreProxy::Verdict> streams;
     std::vector<Request> requests;
     for (const char* channel : channels) {
         requests.push_back(prepareFor(channel));
@@ -248,7 +248,7 @@ TEST_F(FaultySubscription, ThatEndsInsideAMessageLeavesTheMessageAlone) {
         std::string truncated = message(channel, noticeOf(requests.back()));
         truncated.pop_back();
         requests.push_back(prepareFor(channel));
-        streams[channel] = StoreRelay::Verdict::answer(
+        streams[channel] = StoreProxy::Verdict::reply(
             confirmation(channel) + message(channel, noticeOf(requests.back())) + truncated);
     }
     answer(streams);
@@ -257,9 +257,9 @@ TEST_F(FaultySubscription, ThatEndsInsideAMessageLeavesTheMessageAlone) {
     for (std::size_t i = 1; i < requests.size(); i += 2) {
         expectAnswer(requests[i]);
     }
-    // The connections that the relay has to the store, and those of the daemon with them.
+    // The connections that the proxy has to the store, and those of the daemon with them.
     controller.connect().run({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"});
-    EXPECT_EQ(toText(controller.daemon().wait()), toText(Ending{}));
+    EXPECT_EQ(toText(controller.daemon().wait()), toText(ExitStatus{}));
     for (std::size_t i = 0; i < requests.size(); i += 2) {
         EXPECT_FALSE(requests[i].publishedAlready()) << requests[i].requestKey();
     }

@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <atomic>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -11,7 +11,7 @@ namespace {
 using Commands = std::vector<Words>;
 
 constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
-constexpr Ending failedStart{.bySignal = false, .value = 255};
+constexpr ExitStatus failedStart{.bySignal = false, .value = 255};
 
 class ServiceBootstrap : public SystemTest {
   protected:
@@ -101,7 +101,7 @@ class ServiceSettings : public ServiceBootstrap, public testing::WithParamInterf
 
 TEST_P(ServiceSettings, AreThoseOfTheStoreAtTheStart) {
     constexpr char probe[] = "/usr/local/bin/service_probe";
-    controller.install(TESTBED_SERVICE_PROBE, probe);
+    controller.install(TEST_SERVICE_PROBE, probe);
     store().del(serviceUri);
     store().hset(serviceUri, GetParam().stored);
     const auto program = controller.startProgram({.command = {probe}, .ofThisBuild = true});
@@ -110,7 +110,7 @@ TEST_P(ServiceSettings, AreThoseOfTheStoreAtTheStart) {
     });
     store().hset(serviceUri, {{"ServiceEnabled", "true"}, {"SessionTimeout", "77"}});
     controller.stopStore();
-    EXPECT_EQ(toText(program->wait()), toText(Ending{}));
+    EXPECT_EQ(toText(program->wait()), toText(ExitStatus{}));
     EXPECT_EQ(controller.outputOf("service_probe"), GetParam().read);
 }
 
@@ -221,7 +221,7 @@ TEST_F(ServiceBootstrapSequence, KeepsNoConnectionButTheWorkers) {
 class FailedServiceBootstrap : public ServiceBootstrap {
   protected:
     void expectFailure(const std::string& line, const std::string& thrown) {
-        expectEnding(failedStart);
+        expectExitStatus(failedStart);
         lines_ = {line, "Error occurs while initialize data: " + thrown};
         for (const std::string& each : lines_) {
             expectErrorLine(each);
@@ -260,26 +260,26 @@ class InterruptedServiceBootstrap : public FailedServiceBootstrap {
     // Decides about the commands of the daemon by their words; the number tells how many
     // with the same words came before.
     void cutAt(const Words& words, int occurrence = 0) {
-        relay.judge([this, words, occurrence](const Words& command) {
-            return command == words && seen++ == occurrence ? StoreRelay::Verdict::cut
-                                                            : StoreRelay::Verdict::pass;
+        proxy.setFilter([this, words, occurrence](const Words& command) {
+            return command == words && seen++ == occurrence ? StoreProxy::Verdict::cut
+                                                            : StoreProxy::Verdict::pass;
         });
     }
     // Takes no connection any more once this command has come; the threads that are about
     // to connect at the same time come first.
     void refuseAfter(const Words& words, int connections) {
-        relay.judge([this, words, connections](const Words& command) {
+        proxy.setFilter([this, words, connections](const Words& command) {
             if (command == words) {
                 waitUntil("the other threads are connected",
-                          [&] { return relay.connections() >= connections; });
-                relay.refuseConnections(true);
+                          [&] { return proxy.connections() >= connections; });
+                proxy.refuseConnections(true);
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
     }
 
     std::atomic<int> seen = 0;
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 TEST_F(InterruptedServiceBootstrap, AtTheQueueLength) {
@@ -347,7 +347,7 @@ TEST_F(WorkerWithoutConnection, EndsWhenItCannotConnect) {
     controller.startDaemon();
     waitForLog("Failed to connect to Redis.");
     EXPECT_EQ(countLogged("Failed to connect to Redis."), 1);
-    relay.refuseConnections(false);
+    proxy.refuseConnections(false);
 }
 
 }  // namespace

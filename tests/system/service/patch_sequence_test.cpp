@@ -1,15 +1,15 @@
-#include "support/sequence_test.h"
+#include "support/command_sequence_test.h"
 
 namespace testbed {
 namespace {
 
-class PatchSequence : public SequenceTest {
+class PatchSequence : public CommandSequenceTest {
   protected:
     // All commands over the connection that serves the request.
     Commands commandsOfRequest(Request& request) {
-        return SequenceTest::commandsOfRequest(request,
-                                               request.requestKey() + " " + request.replyKey(),
-                                               {"HGET", request.requestKey(), "&&RequestMethod"});
+        return CommandSequenceTest::commandsOfRequest(
+            request, request.requestKey() + " " + request.replyKey(),
+            {"HGET", request.requestKey(), "&&RequestMethod"});
     }
 
     // The answer, as it is written and announced.
@@ -35,47 +35,49 @@ TEST_F(PatchSequence, OfAChange) {
     const std::string checklist = request.requestKey() + "/Checklist";
     const std::string script = store().hget("redisSHAScripts", "resourceChange");
     EXPECT_EQ(commandsOfRequest(request),
-              road({beginning(request),
-                    reading(request),
-                    {{"HGET", serviceUri, "SessionTimeout"},
-                     {"EXISTS", checklist},
-                     {"HDEL", checklist, "/SessionTimeout"},
-                     {"HSET", serviceUri, "SessionTimeout", "600"},
-                     {"HSET", serviceUri, "@odata.etag", etag}},
-                    answer(request, "OK"),
-                    {{"HINCRBY", eventServiceUri, eventGroupCounter, "1"},
-                     {"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"},
-                     {"HGET", "redisSHAScripts", "resourceChange"},
-                     {"EVALSHA", script, "5", "change", serviceUri, "SessionService",
-                      "EventGroupId", "1"}}}));
+              sequence({beginning(request),
+                        reading(request),
+                        {{"HGET", serviceUri, "SessionTimeout"},
+                         {"EXISTS", checklist},
+                         {"HDEL", checklist, "/SessionTimeout"},
+                         {"HSET", serviceUri, "SessionTimeout", "600"},
+                         {"HSET", serviceUri, "@odata.etag", etag}},
+                        answer(request, "OK"),
+                        {{"HINCRBY", eventServiceUri, eventGroupCounter, "1"},
+                         {"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"},
+                         {"HGET", "redisSHAScripts", "resourceChange"},
+                         {"EVALSHA", script, "5", "change", serviceUri, "SessionService",
+                          "EventGroupId", "1"}}}));
 }
 
 TEST_F(PatchSequence, OfAnUnchangedTimeout) {
     Request request = frontEnd().preparePatch({{"SessionTimeout", "300"}});
     const std::string checklist = request.requestKey() + "/Checklist";
-    EXPECT_EQ(commandsOfRequest(request), road({beginning(request),
-                                                reading(request),
-                                                {{"HGET", serviceUri, "SessionTimeout"},
-                                                 {"EXISTS", checklist},
-                                                 {"HDEL", checklist, "/SessionTimeout"}},
-                                                answer(request, "OK")}));
+    EXPECT_EQ(commandsOfRequest(request), sequence({beginning(request),
+                                                    reading(request),
+                                                    {{"HGET", serviceUri, "SessionTimeout"},
+                                                     {"EXISTS", checklist},
+                                                     {"HDEL", checklist, "/SessionTimeout"}},
+                                                    answer(request, "OK")}));
 }
 
 TEST_F(PatchSequence, WithoutAChecklist) {
     Request request = frontEnd().preparePatch({{"SessionTimeout", "300"}}, {.checklist = false});
-    EXPECT_EQ(commandsOfRequest(request), road({beginning(request),
-                                                reading(request),
-                                                {{"HGET", serviceUri, "SessionTimeout"},
-                                                 {"EXISTS", request.requestKey() + "/Checklist"}},
-                                                answer(request, "OK")}));
+    EXPECT_EQ(commandsOfRequest(request),
+              sequence({beginning(request),
+                        reading(request),
+                        {{"HGET", serviceUri, "SessionTimeout"},
+                         {"EXISTS", request.requestKey() + "/Checklist"}},
+                        answer(request, "OK")}));
 }
 
 TEST_F(PatchSequence, OfOtherPropertiesOnly) {
     Request request = frontEnd().preparePatch({{"ServiceEnabled", "false"}});
-    EXPECT_EQ(commandsOfRequest(request), road({beginning(request),
-                                                reading(request),
-                                                {{"EXISTS", request.requestKey() + "/Checklist"}},
-                                                answer(request, "OK")}));
+    EXPECT_EQ(commandsOfRequest(request),
+              sequence({beginning(request),
+                        reading(request),
+                        {{"EXISTS", request.requestKey() + "/Checklist"}},
+                        answer(request, "OK")}));
 }
 
 TEST_F(PatchSequence, AsksTheTargetForTheStoredTimeout) {
@@ -89,7 +91,7 @@ TEST_F(PatchSequence, AsksTheTargetForTheStoredTimeout) {
 TEST_F(PatchSequence, OfAnEmptyBody) {
     Request request = frontEnd().preparePatch({});
     EXPECT_EQ(commandsOfRequest(request),
-              road({beginning(request), reading(request), answer(request, "FAILURE")}));
+              sequence({beginning(request), reading(request), answer(request, "FAILURE")}));
 }
 
 TEST_F(PatchSequence, OfAnotherMethod) {
@@ -97,7 +99,7 @@ TEST_F(PatchSequence, OfAnotherMethod) {
                                               {.fields = {{"&&RequestMethod", "PUT"}}});
     EXPECT_EQ(
         commandsOfRequest(request),
-        road({beginning(request), {{"PUBLISH", request.returnChannel(), request.replyKey()}}}));
+        sequence({beginning(request), {{"PUBLISH", request.returnChannel(), request.replyKey()}}}));
 }
 
 TEST_F(PatchSequence, OfARefusedWrite) {
@@ -107,21 +109,21 @@ TEST_F(PatchSequence, OfARefusedWrite) {
     Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}}, {.checklist = false});
     const std::string list = request.requestKey() + "/ExtendedInfo";
     EXPECT_EQ(commandsOfRequest(request),
-              road({beginning(request),
-                    reading(request),
-                    {{"HGET", serviceUri, "SessionTimeout"},
-                     {"EXISTS", request.requestKey() + "/Checklist"},
-                     {"HSET", serviceUri, "SessionTimeout", "600"},
-                     {"HSET", serviceUri, "@odata.etag", etag},
-                     {"HSET", request.replyKey(), "&&ReturnStatus", "EXCEPTION"},
-                     {"HSET", request.replyKey(), "&&ExtendedInfo", list},
-                     {"LLEN", list},
-                     {"HGET", "webDefaultValue", "REDIS_CONNECTION_DEFAULT_TIMEOUT"},
-                     {"HSET", list + "/1", "&&MessageId", "Base.1.12.OperationFailed"},
-                     {"LPUSH", list, list + "/1"},
-                     {"EXPIRE", list, "6"},
-                     {"EXPIRE", list + "/1", "6"},
-                     {"PUBLISH", request.returnChannel(), request.replyKey()}}}));
+              sequence({beginning(request),
+                        reading(request),
+                        {{"HGET", serviceUri, "SessionTimeout"},
+                         {"EXISTS", request.requestKey() + "/Checklist"},
+                         {"HSET", serviceUri, "SessionTimeout", "600"},
+                         {"HSET", serviceUri, "@odata.etag", etag},
+                         {"HSET", request.replyKey(), "&&ReturnStatus", "EXCEPTION"},
+                         {"HSET", request.replyKey(), "&&ExtendedInfo", list},
+                         {"LLEN", list},
+                         {"HGET", "webDefaultValue", "REDIS_CONNECTION_DEFAULT_TIMEOUT"},
+                         {"HSET", list + "/1", "&&MessageId", "Base.1.12.OperationFailed"},
+                         {"LPUSH", list, list + "/1"},
+                         {"EXPIRE", list, "6"},
+                         {"EXPIRE", list + "/1", "6"},
+                         {"PUBLISH", request.returnChannel(), request.replyKey()}}}));
 }
 
 TEST_F(PatchSequence, UsesAFreshConnectionForEachRequest) {

@@ -1,108 +1,111 @@
 // What a PATCH comes to when the store fails one of its commands.
-#include "support/store_fault_walk.h"
+#include "support/store_fault_test.h"
 
 namespace testbed {
 namespace {
 
 const Lines noPublishing =
-    together({{"[Error] DatabaseOperationError: Failed to publish data."}, noMessage});
-const Lines noAnswer = together({{"[Error] Failed to update Return Status."}, noPublishing});
-const Lines noBody = together({{"[Error] Fail to get hash the body values."}, noAnswer});
-const Lines noKeyOfTheBody = together({{"[Error] Fail to get hash  values."}, noAnswer});
+    joined({{"[Error] DatabaseOperationError: Failed to publish data."}, noMessage});
+const Lines noAnswer = joined({{"[Error] Failed to update Return Status."}, noPublishing});
+const Lines noBody = joined({{"[Error] Fail to get hash the body values."}, noAnswer});
+const Lines noKeyOfTheBody = joined({{"[Error] Fail to get hash  values."}, noAnswer});
 const Lines emptyBody{"[Debug] Empty request data."};
 const Lines notWritten{"[Error] OperationFailed: Failed to SetMultipleFields."};
-const Lines noChange = together({notWritten, noMessage, noPublishing});
-const Lines noEvent = together({noCounter, noMaximum, noEventScript});
+const Lines noChange = joined({notWritten, noMessage, noPublishing});
+const Lines noEvent = joined({noCounter, noMaximum, noEventScript});
 
-const Deeds failure{"answers FAILURE", "names the messages", "publishes"};
+const Effects failure{"answers FAILURE", "names the messages", "publishes"};
 
-const Road theChange{
+const Steps theChange{
     {.command = {"AUTH"},
-     .lost = {"[Error] Failed to connect to Redis."},
-     .answered = always({"[Error] Failed to connect to Redis."}),
-     .leavesTheRoad = true},
+     .logsWhenLost = {"[Error] Failed to connect to Redis."},
+     .logsWhenAnswered = always({"[Error] Failed to connect to Redis."}),
+     .endsTheTask = true},
     // What is not known to be a PATCH is published without a reply.
     {.command = {"HGET", "&&RequestMethod"},
-     .lost = noPublishing,
-     .answered = always({}),
-     .instead = {"publishes"},
-     .leavesTheRoad = true},
+     .logsWhenLost = noPublishing,
+     .logsWhenAnswered = always({}),
+     .otherEffects = {"publishes"},
+     .endsTheTask = true},
     {.command = {"HGET", "&&TargetURI"},
-     .lost = noPublishing,
-     .answered = always({}),
-     .instead = {"publishes"},
-     .leavesTheRoad = true},
+     .logsWhenLost = noPublishing,
+     .logsWhenAnswered = always({}),
+     .otherEffects = {"publishes"},
+     .endsTheTask = true},
     {.command = {"HGET", "&&ReturnChannel"},
-     .lost = noKeyOfTheBody,
-     .answered = always({}),
-     .without = {"publishes"}},
+     .logsWhenLost = noKeyOfTheBody,
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"publishes"}},
     {.command = {"HGET", "&&RequestData"},
-     .lost = noKeyOfTheBody,
-     .answered = always(emptyBody),
-     .instead = failure,
-     .leavesTheRoad = true},
+     .logsWhenLost = noKeyOfTheBody,
+     .logsWhenAnswered = always(emptyBody),
+     .otherEffects = failure,
+     .endsTheTask = true},
     {.command = {"HGETALL"},
-     .lost = noBody,
-     .answered = always(emptyBody),
-     .instead = failure,
-     .leavesTheRoad = true},
+     .logsWhenLost = noBody,
+     .logsWhenAnswered = always(emptyBody),
+     .otherEffects = failure,
+     .endsTheTask = true},
     // What cannot be read differs from the new text.
-    {.command = {"HGET", "SessionTimeout"}, .lost = noChange, .answered = always({})},
+    {.command = {"HGET", "SessionTimeout"},
+     .logsWhenLost = noChange,
+     .logsWhenAnswered = always({})},
     {.command = {"EXISTS"},
-     .lost = noChange,
-     .answered = always({}),
-     .without = {"ticks off the property"}},
+     .logsWhenLost = noChange,
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"ticks off the property"}},
     {.command = {"HDEL"},
-     .does = {"ticks off the property"},
-     .lost = noChange,
-     .answered = always({})},
+     .effects = {"ticks off the property"},
+     .logsWhenLost = noChange,
+     .logsWhenAnswered = always({})},
     {.command = {"HSET", "SessionTimeout"},
-     .does = {"sets the timeout"},
-     .lost = noChange,
-     .answered = always(notWritten),
-     .instead = {"stamps the service", "answers EXCEPTION", "names the messages",
-                 "writes Base.1.12.OperationFailed", "lists the message", "keeps the list",
-                 "keeps the message", "publishes"},
-     .leavesTheRoad = true},
+     .effects = {"sets the timeout"},
+     .logsWhenLost = noChange,
+     .logsWhenAnswered = always(notWritten),
+     .otherEffects = {"stamps the service", "answers EXCEPTION", "names the messages",
+                      "writes Base.1.12.OperationFailed", "lists the message", "keeps the list",
+                      "keeps the message", "publishes"},
+     .endsTheTask = true},
     // The file is none of the store's.
     {.command = {"HSET", "@odata.etag"},
-     .does = {"stamps the service"},
-     .lost = together({noAnswer, noEvent}),
-     .alsoWhenLost = {"saves the file"},
-     .answered = always({})},
+     .effects = {"stamps the service"},
+     .logsWhenLost = joined({noAnswer, noEvent}),
+     .effectsWhenLost = {"saves the file"},
+     .logsWhenAnswered = always({})},
     {.command = {"HSET", "OK"},
-     .does = {"answers OK", "names the messages", "saves the file"},
-     .lost = together({noAnswer, noEvent}),
-     .alsoWhenLost = {"saves the file"},
-     .answered = onAnError({"[Error] Failed to update Return Status."}),
-     .instead = {"saves the file"}},
+     .effects = {"answers OK", "names the messages", "saves the file"},
+     .logsWhenLost = joined({noAnswer, noEvent}),
+     .effectsWhenLost = {"saves the file"},
+     .logsWhenAnswered = onAnError({"[Error] Failed to update Return Status."}),
+     .otherEffects = {"saves the file"}},
     {.command = {"PUBLISH"},
-     .does = {"publishes"},
-     .lost = together({noPublishing, noEvent}),
-     .answered = always({"[Error] DatabaseOperationError: Failed to publish data."}),
-     .without = {"answers OK"},
-     .instead = {"answers EXCEPTION", "writes ExtendedError.1.2.DatabaseOperationError",
-                 "lists the message", "keeps the list", "keeps the message"}},
+     .effects = {"publishes"},
+     .logsWhenLost = joined({noPublishing, noEvent}),
+     .logsWhenAnswered = always({"[Error] DatabaseOperationError: Failed to publish data."}),
+     .missingEffects = {"answers OK"},
+     .otherEffects = {"answers EXCEPTION", "writes ExtendedError.1.2.DatabaseOperationError",
+                      "lists the message", "keeps the list", "keeps the message"}},
     {.command = {"HINCRBY", "&&EVENT_GROUP_ID_COUNTER"},
-     .does = {"counts event group 42"},
-     .lost = noEvent,
-     .answered = always({noCounter.front()}),
-     .without = {"tells of change in 42"},
-     .instead = {"counts event group 1", "tells of change in 1"}},
+     .effects = {"counts event group 42"},
+     .logsWhenLost = noEvent,
+     .logsWhenAnswered = always({noCounter.front()}),
+     .missingEffects = {"tells of change in 42"},
+     .otherEffects = {"counts event group 1", "tells of change in 1"}},
     {.command = {"HGET", "MAX_EVENT_GROUP_ID"},
-     .lost = together({noMaximum, noEventScript}),
-     .answered = always(noMaximum)},
+     .logsWhenLost = joined({noMaximum, noEventScript}),
+     .logsWhenAnswered = always(noMaximum)},
     {.command = {"HGET", "resourceChange"},
-     .lost = noEventScript,
-     .answered = always(noEventScript),
-     .without = {"tells of change in 42"}},
+     .logsWhenLost = noEventScript,
+     .logsWhenAnswered = always(noEventScript),
+     .missingEffects = {"tells of change in 42"}},
     {.command = {"EVALSHA", "change"},
-     .does = {"tells of change in 42"},
-     .answered = withReason("[Error] Failed to generate life cycle event. ",
-                            "[Error] Failed to generate life cycle event. (Unknown error)")},
+     .effects = {"tells of change in 42"},
+     .logsWhenAnswered =
+         withReason("[Error] Failed to generate life cycle event. ",
+                    "[Error] Failed to generate life cycle event. (Unknown error)")},
 };
 
-class FaultyPatch : public RequestsOnAFaultyStore {
+class FaultyPatch : public StoreFaultTest {
   protected:
     Request prepare() override {
         store().hset(serviceUri, {{"SessionTimeout", "300"}, {"@odata.etag", "\"1\""}});
@@ -111,7 +114,7 @@ class FaultyPatch : public RequestsOnAFaultyStore {
         return frontEnd().preparePatch({{"SessionTimeout", "600"}},
                                        {.fields = {{"&&RequestData", "the body"}}});
     }
-    void noteDeedsOf(const Request& request, const Note& note) override {
+    void noteEffectsOf(const Request& request, const Note& note) override {
         const Fields service = store().hgetall(serviceUri);
         note(service.at("SessionTimeout") == "600", "sets the timeout");
         note(service.at("@odata.etag") != "\"1\"", "stamps the service");
@@ -122,16 +125,16 @@ class FaultyPatch : public RequestsOnAFaultyStore {
 };
 
 TEST_P(FaultyPatch, DoesAtEachCommandWhatTheFaultLeavesPossible) {
-    walk(theChange);
+    injectAtEachCommand(theChange);
 }
 
 INSTANTIATE_TEST_SUITE_P(OnAStoreThat, FaultyPatch, testing::ValuesIn(storeFaults()), nameOfFault);
 
 // --- bodies that no store gives
 
-class EndedPatch : public WelcomingTest {
+class EndedPatch : public PermissivePamTest {
   protected:
-    FaultyStore faulty{controller};
+    FaultInjector injector{controller};
 };
 
 TEST_F(EndedPatch, OnABodyWithoutTextsLeavesTheOthersAtWork) {
@@ -140,7 +143,7 @@ TEST_F(EndedPatch, OnABodyWithoutTextsLeavesTheOthersAtWork) {
     expectErrorLine(line);
     Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
     const Words body{"HGETALL", request.bodyKey()};
-    faulty.strike(arrayWithoutTexts(), 0, [=](const auto& sent) { return sent.words == body; });
+    injector.inject(arrayWithoutTexts(), 0, [=](const auto& sent) { return sent.words == body; });
     request.send();
     waitForLog(line);
     waitUntil("nobody listens", [&] {

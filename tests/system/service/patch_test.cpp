@@ -2,9 +2,9 @@
 #include <atomic>
 #include <regex>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -413,32 +413,32 @@ TEST_F(UnpublishablePatch, IsAnExceptionAndRaisesItsEvent) {
               (std::vector<Words>{{"change", serviceUri, "SessionService", "1"}}));
 }
 
-// The store is reached through a relay that can end connections.
+// The store is reached through a proxy that can end connections.
 class PatchOverABadConnection : public SystemTest {
   protected:
     void SetUp() override { start(); }
 
     // Ends the next connection that sends a command which begins with these words.
     void cutOnceAt(const Words& words) {
-        relay.judge([this, words](const Words& command) {
+        proxy.setFilter([this, words](const Words& command) {
             const bool begins = command.size() >= words.size() &&
                                 std::equal(words.begin(), words.end(), command.begin());
-            return begins && !cut.exchange(true) ? StoreRelay::Verdict::cut
-                                                 : StoreRelay::Verdict::pass;
+            return begins && !cut.exchange(true) ? StoreProxy::Verdict::cut
+                                                 : StoreProxy::Verdict::pass;
         });
     }
 
     std::atomic<bool> cut = false;
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 TEST_F(PatchOverABadConnection, IsIgnoredWhenTheWorkConnectionCannotBeOpened) {
     expectErrorLine("Failed to connect to Redis.");
     Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
-    relay.refuseConnections(true);
+    proxy.refuseConnections(true);
     request.send();
     waitForLog("Failed to connect to Redis.");
-    relay.refuseConnections(false);
+    proxy.refuseConnections(false);
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "300"}}).status(), "OK");
     EXPECT_FALSE(request.publishedAlready());
     EXPECT_FALSE(store().exists(request.replyKey()));

@@ -3,9 +3,9 @@
 
 #include <filesystem>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -194,11 +194,11 @@ TEST_F(Loading, IsLeftOutWhenTheStoreHasBeenInitialized) {
 
 TEST_F(Loading, OverALostConnectionIsLoggedForEveryProperty) {
     expectErrorLine("Failed to add channels for POST and DELETE.");
-    expectEnding({.bySignal = false, .value = 255});
+    expectExitStatus({.bySignal = false, .value = 255});
     controller.writeFile(persistentFile, "SessionTimeout=600\nServiceEnabled=true\n");
-    StoreRelay relay(controller);
-    relay.judge([](const Words& command) {
-        return command.front() == "HSET" ? StoreRelay::Verdict::cut : StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([](const Words& command) {
+        return command.front() == "HSET" ? StoreProxy::Verdict::cut : StoreProxy::Verdict::pass;
     });
     runDaemon();
     EXPECT_EQ(countLogged(failureOf("SessionTimeout")), 1);
@@ -336,7 +336,7 @@ TEST_F(Saving, DoesNotTouchTheFileWhenNothingChanges) {
 
 TEST_F(Saving, KeepsTheSettingOverARestartOfTheStore) {
     saved("777");
-    endDaemon();
+    stopDaemon();
     startStore();
     ASSERT_EQ(store().hget(serviceUri, "SessionTimeout"), "300");
     startDaemon();

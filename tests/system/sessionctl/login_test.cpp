@@ -112,7 +112,7 @@ TEST_F(Trying, TellsEachSourceOfPrivileges) {
     }
     usePamTest("env=pam_module=kerberos5");
     controller.writeFile("/etc/pam.d/q73.conf", "KrbAttrGrouping=1;\n");
-    useKadminStandIn("aci_group: aciopera;\n");
+    useFakeKadmin("aci_group: aciopera;\n");
     const json verdict = tryLogin("somebody", "x").json();
     EXPECT_EQ(verdict.at("source"), "Kerberos attribute aci_group");
     EXPECT_EQ(verdict.at("role"), "operator");
@@ -232,7 +232,7 @@ class TryingAtATerminal : public Trying {
 TEST_F(TryingAtATerminal, ShowsNothingOfThePassword) {
     EXPECT_FALSE(terminal_.echoes());
     terminal_.type(secret + "\n");
-    EXPECT_EQ(process_->wait(), Ending{});
+    EXPECT_EQ(process_->wait(), ExitStatus{});
     EXPECT_EQ(terminal_.shown(), "\r\n");
 }
 
@@ -244,17 +244,17 @@ TEST_F(TryingAtATerminal, KeepsThePasswordOutOfItsArguments) {
                 AllOf(HasSubstr("login"), Not(HasSubstr(secret))));
     EXPECT_THAT(procText(process_->pid(), "environ"), Not(HasSubstr(secret)));
     releasePam();
-    EXPECT_EQ(process_->wait(), Ending{});
+    EXPECT_EQ(process_->wait(), ExitStatus{});
 }
 
 TEST_F(TryingAtATerminal, EndsAsAskedWhileItWaitsForThePassword) {
     process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = true, .value = SIGINT}));
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
 }
 
 TEST_F(TryingAtATerminal, EndsWithTheInput) {
     terminal_.type("\x04");
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 1}));
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 1}));
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "support/sessionctl_test.h"
-#include "support/store_relay.h"
-#include "support/trail.h"
+#include "support/store_proxy.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -378,7 +378,7 @@ class UnansweredDeletion : public WithoutADaemon {
 
 TEST_F(UnansweredDeletion, IsTakenBackWhenInterrupted) {
     process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = true, .value = SIGINT}));
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
     EXPECT_EQ(controller.errorsOf("sessionctl"),
               "sessionctl: The deletion was taken back, unless it is being carried out.\n");
     EXPECT_FALSE(store().exists(notice_.substr(0, notice_.find(' '))));
@@ -386,7 +386,7 @@ TEST_F(UnansweredDeletion, IsTakenBackWhenInterrupted) {
 
 TEST_F(UnansweredDeletion, MayStillBeCarriedOutWhenTheStoreGoes) {
     controller.stopStore();
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(controller.errorsOf("sessionctl"),
               "sessionctl: The store has stopped answering. The deletion may still be carried "
               "out.\n");
@@ -447,14 +447,14 @@ TEST_F(WithoutAStore, ARefusedPasswordIsExplained) {
 
 TEST_F(WithoutAStore, OneThatHangsIsGivenUp) {
     controller.startStore();
-    StoreRelay relay(controller);
+    StoreProxy proxy(controller);
     std::mutex mutex;
     std::condition_variable changed;
     bool released = false;
-    relay.judge([&](const Words& command) {
+    proxy.setFilter([&](const Words& command) {
         std::unique_lock lock(mutex);
         changed.wait(lock, [&] { return released || command.at(0) != "LRANGE"; });
-        return StoreRelay::Verdict::pass;
+        return StoreProxy::Verdict::pass;
     });
     const Outcome outcome = sessionctl({"list", "--timeout", "1"});
     EXPECT_EQ(outcome.status, 3);
@@ -510,7 +510,7 @@ TEST_F(Calling, FailsWhenTheOutputCannotBeWritten) {
     const auto process = controller.startProgram(
         {.command = {"/bin/sh", "-c", std::string(program) + " --help >/dev/full"},
          .environment = Controller::sanitizerOptions()});
-    EXPECT_EQ(process->wait(), (Ending{.bySignal = false, .value = 1}));
+    EXPECT_EQ(process->wait(), (ExitStatus{.bySignal = false, .value = 1}));
 }
 
 }  // namespace

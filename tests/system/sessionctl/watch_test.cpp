@@ -54,7 +54,7 @@ TEST_F(Watching, TellsWhoIsThereAndWhoComesAndGoes) {
                                       MatchesRegex(time + "new      00000002  b\\\\x1bb  -"),
                                       MatchesRegex(time + "gone     00000002  b\\\\x1bb  -")));
     process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), Ending{});
+    EXPECT_EQ(process_->wait(), ExitStatus{});
     EXPECT_EQ(controller.errorsOf("sessionctl"), "");
 }
 
@@ -67,7 +67,7 @@ TEST_F(Watching, GivesProgramsOneDocumentALine) {
     EXPECT_EQ(event,
               (json{{"event", "present"}, {"id", "00000001"}, {"user", "ann"}, {"client", ""}}));
     process_->signal(SIGTERM);
-    EXPECT_EQ(process_->wait(), Ending{});
+    EXPECT_EQ(process_->wait(), ExitStatus{});
 }
 
 TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {
@@ -76,15 +76,15 @@ TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {
         {.command = {"/bin/bash", "-c",
                      "set -o pipefail; " + std::string(program) + " --timeout 300 watch | read -r"},
          .environment = Controller::sanitizerOptions()});
-    EXPECT_EQ(process->wait(), Ending{});
+    EXPECT_EQ(process->wait(), ExitStatus{});
 }
 
 TEST_F(Watching, GivesProgramsItsFailureOnALineToo) {
     watch({"--json"});
     inserted("00000001");
     lines(1);
-    endDaemon();
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    stopDaemon();
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(json::parse(lines(2).at(1)), (json{{"error", "The store has stopped answering."}}));
 }
 
@@ -92,8 +92,8 @@ TEST_F(Watching, EndsWithTheStore) {
     watch();
     inserted("00000001");
     lines(1);
-    endDaemon();
-    EXPECT_EQ(process_->wait(), (Ending{.bySignal = false, .value = 3}));
+    stopDaemon();
+    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(controller.errorsOf("sessionctl"), "sessionctl: The store has stopped answering.\n");
 }
 

@@ -7,7 +7,7 @@
 #include <set>
 
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -51,7 +51,7 @@ class Concurrency : public RunningSystemTest {
     // Logs in and out in disorder until told to stop: some sessions at once, some that
     // others may log out too, some never, so that they expire.
     void actAsUser(unsigned seed) {
-        FrontEnd client = controller.frontEnd();
+        FakeFrontEnd client = controller.frontEnd();
         std::minstd_rand random(seed);
         while (!stop) {
             const Reply login = client.login("user" + std::to_string(seed), "anything");
@@ -78,7 +78,7 @@ class Concurrency : public RunningSystemTest {
         }
     }
 
-    void logOut(FrontEnd& client, const std::string& uri) {
+    void logOut(FakeFrontEnd& client, const std::string& uri) {
         const std::string status = client.remove(uri).status();
         EXPECT_TRUE(status == "OK_EMPTY" || status == "UNAVAILABLE") << status;
         tally.logouts += status == "OK_EMPTY" ? 1 : 0;
@@ -86,7 +86,7 @@ class Concurrency : public RunningSystemTest {
 
     // Changes the timeout again and again; all values are short.
     void actAsAdministrator(unsigned seed) {
-        FrontEnd client = controller.frontEnd();
+        FakeFrontEnd client = controller.frontEnd();
         for (unsigned round = seed; !stop; ++round) {
             const Reply reply = client.patch({{"SessionTimeout", std::to_string(1 + round % 2)}});
             EXPECT_EQ(reply.status(), "OK");

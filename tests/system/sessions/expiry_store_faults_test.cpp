@@ -6,79 +6,86 @@
 #include <set>
 #include <thread>
 
-#include "support/store_fault_walk.h"
-#include "support/trail.h"
+#include "support/store_fault_test.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
 
-const Lines noCount = together({noSessions, noEventScript});
-const Lines noEnd = together({noEventScript, noAuditLog});
+const Lines noCount = joined({noSessions, noEventScript});
+const Lines noEnd = joined({noEventScript, noAuditLog});
 
-const Deeds theWholeDeletion{"removes the session",   "removes the token", "removes the member",
-                             "lowers the count",      "tells of delete",   "tells of change",
-                             "writes the audit entry"};
+const Effects theWholeDeletion{"removes the session",   "removes the token", "removes the member",
+                               "lowers the count",      "tells of delete",   "tells of change",
+                               "writes the audit entry"};
 
 // Nobody waits for an answer: what is lost before anything was removed is lost in silence.
-const Road ofAnExpiredSession{
-    {.command = {"HGET", "SessionType"}, .answered = always({}), .leavesTheRoad = true},
-    {.command = {"HGET", "XAUTH"}, .answered = always({})},
-    {.command = {"HGET", "LastAccessed"}, .answered = always({})},
-    {.command = {"HGET", "Timeout"}, .answered = always({})},
-    {.command = {"LRANGE"}, .answered = always({})},
+const Steps ofAnExpiredSession{
+    {.command = {"HGET", "SessionType"}, .logsWhenAnswered = always({}), .endsTheTask = true},
+    {.command = {"HGET", "XAUTH"}, .logsWhenAnswered = always({})},
+    {.command = {"HGET", "LastAccessed"}, .logsWhenAnswered = always({})},
+    {.command = {"HGET", "Timeout"}, .logsWhenAnswered = always({})},
+    {.command = {"LRANGE"}, .logsWhenAnswered = always({})},
     // Any answer gives a token, if one that nobody has.
-    {.command = {"HGET", "XAUTH"}, .answered = always({}), .without = {"removes the token"}},
+    {.command = {"HGET", "XAUTH"},
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"removes the token"}},
     // Without a name the audit log's script gets a key less than it is promised.
     {.command = {"HGET", "UserName"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
-                         "greater than number of args"}),
-     .without = {"writes the audit entry"}},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
+                                 "greater than number of args"}),
+     .missingEffects = {"writes the audit entry"}},
     {.command = {"UNLINK"},
-     .does = {"removes the session", "removes the token"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({})},
+     .effects = {"removes the session", "removes the token"},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({})},
     {.command = {"HINCRBY", "&&EVENT_GROUP_ID_COUNTER"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({noCounter.front()})},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({noCounter.front()})},
     {.command = {"HGET", "MAX_EVENT_GROUP_ID"},
-     .lost = together({noMaximum, noCount}),
-     .answered = always(noMaximum)},
+     .logsWhenLost = joined({noMaximum, noCount}),
+     .logsWhenAnswered = always(noMaximum)},
     {.command = {"HGET", "Members@odata.count"},
-     .lost = noCount,
-     .answered = always(noSessions),
-     .instead = {"tells of delete"},
-     .leavesTheRoad = true},
+     .logsWhenLost = noCount,
+     .logsWhenAnswered = always(noSessions),
+     .otherEffects = {"tells of delete"},
+     .endsTheTask = true},
     {.command = {"LREM"},
-     .does = {"removes the member"},
-     .lost = noEnd,
-     .answered = always({}),
-     .without = {"lowers the count"}},
+     .effects = {"removes the member"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"lowers the count"}},
     {.command = {"HINCRBY", "Members@odata.count"},
-     .does = {"lowers the count"},
-     .lost = noEnd,
-     .answered = always({})},
-    {.command = {"HSET", "@odata.etag"}, .lost = noEnd, .answered = always({})},
+     .effects = {"lowers the count"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always({})},
+    {.command = {"HSET", "@odata.etag"}, .logsWhenLost = noEnd, .logsWhenAnswered = always({})},
     {.command = {"HGET", "resourceChange"},
-     .lost = noEnd,
-     .answered = always(noEventScript),
-     .without = {"tells of delete", "tells of change"}},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always(noEventScript),
+     .missingEffects = {"tells of delete", "tells of change"}},
     {.command = {"EVALSHA", "delete"},
-     .does = {"tells of delete", "tells of change"},
-     .lost = noAuditLog,
-     .answered = withReason("[Error] Failed to generate life cycle event. ",
-                            "[Error] Failed to generate life cycle event. (Unknown error)")},
+     .effects = {"tells of delete", "tells of change"},
+     .logsWhenLost = noAuditLog,
+     .logsWhenAnswered =
+         withReason("[Error] Failed to generate life cycle event. ",
+                    "[Error] Failed to generate life cycle event. (Unknown error)")},
     lookForTheAuditLog,
     lookForTheAuditScript,
     auditEntry,
 };
 
 // What cannot be read counts as 0, and a session without a token has been idle for ever.
-const Road ofALiveSession{
-    {.command = {"HGET", "SessionType"}, .answered = always({})},
-    {.command = {"HGET", "XAUTH"}, .answered = always({}), .instead = theWholeDeletion},
-    {.command = {"HGET", "LastAccessed"}, .answered = always({})},
-    {.command = {"HGET", "Timeout"}, .answered = always({}), .instead = theWholeDeletion},
+const Steps ofALiveSession{
+    {.command = {"HGET", "SessionType"}, .logsWhenAnswered = always({})},
+    {.command = {"HGET", "XAUTH"},
+     .logsWhenAnswered = always({}),
+     .otherEffects = theWholeDeletion},
+    {.command = {"HGET", "LastAccessed"}, .logsWhenAnswered = always({})},
+    {.command = {"HGET", "Timeout"},
+     .logsWhenAnswered = always({}),
+     .otherEffects = theWholeDeletion},
 };
 
 const SessionOptions expired{.timeout = "0"};
@@ -92,35 +99,35 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
         startStore();
         // With a fraction each deletion asks for the maximum.
         store().hset("webDefaultValue", {{"MAX_EVENT_GROUP_ID", "65535.5"}});
-        relay_.judge([this](const Words& command) {
+        proxy_.setFilter([this](const Words& command) {
             const std::lock_guard lock(mutex_);
             if (command == listing && expiry_ == std::thread::id()) {
                 expiry_ = std::this_thread::get_id();
             }
-            return expiry_ == std::this_thread::get_id() && judge_ ? judge_(command)
-                                                                   : StoreRelay::Verdict::pass;
+            return expiry_ == std::this_thread::get_id() && filter_ ? filter_(command)
+                                                                    : StoreProxy::Verdict::pass;
         });
     }
 
     void TearDown() override {
-        judge({});
+        setFilter({});
         SystemTest::TearDown();
     }
 
     // Of the commands of the expiry that is started next, one at a time, from the first list of
     // the sessions on.
-    void judge(StoreRelay::Judge judge) {
+    void setFilter(StoreProxy::Filter filter) {
         const std::lock_guard lock(mutex_);
         expiry_ = {};
-        judge_ = std::move(judge);
+        filter_ = std::move(filter);
     }
 
     // What has been done to the session, but for the count, which all have in common.
-    Deeds deedsOn(const InsertedSession& session) {
-        Deeds deeds;
-        const auto note = [&](bool isDone, const std::string& deed) {
+    Effects effectsOn(const InsertedSession& session) {
+        Effects effects;
+        const auto note = [&](bool isDone, const std::string& effect) {
             if (isDone) {
-                deeds.insert(deed);
+                effects.insert(effect);
             }
         };
         note(!store().exists(session.uri) && !store().exists(tokenReferenceKey(session.uri)),
@@ -139,7 +146,7 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
         for (const Words& entry : auditEntries(store())) {
             note(entry.at(2).find(session.uri) != std::string::npos, "writes the audit entry");
         }
-        return deeds;
+        return effects;
     }
 
     // What the log holds beyond what was looked at before, and beyond what daemons say when they
@@ -176,9 +183,9 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
   private:
     std::mutex mutex_;
     std::thread::id expiry_;  // serves its connection
-    StoreRelay::Judge judge_;
+    StoreProxy::Filter filter_;
     std::size_t lines_ = 0;  // of the log, looked at already
-    StoreRelay relay_{controller};
+    StoreProxy proxy_{controller};
 };
 
 // --- a connection that ends
@@ -190,10 +197,10 @@ class LostExpiry : public FaultyExpiry {
     void lose(std::size_t at) {
         const Fault& fault = GetParam();
         const Step list{.command = {"LRANGE"}};
-        Road road{list};
-        road.insert(road.end(), ofALiveSession.begin(), ofALiveSession.end());
-        road.insert(road.end(), ofAnExpiredSession.begin(), ofAnExpiredSession.end());
-        SCOPED_TRACE("at " + testing::PrintToString(road.at(at).command));
+        Steps steps{list};
+        steps.insert(steps.end(), ofALiveSession.begin(), ofALiveSession.end());
+        steps.insert(steps.end(), ofAnExpiredSession.begin(), ofAnExpiredSession.end());
+        SCOPED_TRACE("at " + testing::PrintToString(steps.at(at).command));
 
         if (controller.daemonStarted()) {
             controller.daemon().kill();
@@ -204,24 +211,24 @@ class LostExpiry : public FaultyExpiry {
         const InsertedSession expiring = frontEnd().insertSession(expired);
         const InsertedSession living = frontEnd().insertSession(live);
         commands_ = 0;
-        judge([this, at, verdict = fault.verdict, step = road[at]](const Words& command) {
+        setFilter([this, at, verdict = fault.verdict, step = steps[at]](const Words& command) {
             if (commands_++ != at) {
-                return StoreRelay::Verdict::pass;
+                return StoreProxy::Verdict::pass;
             }
-            isMeantOne_ = isMeant(step, command);
+            isMeantOne_ = matches(step, command);
             return verdict;
         });
         startDaemon();
         waitUntil("the command has come", [&] { return commands_ > at; });
         EXPECT_TRUE(isMeantOne_);
-        Deeds deeds = deedsWith(fault, road, at);
+        Effects effects = effectsWith(fault, steps, at);
         // The one that is logged out adds one and takes one away.
         expectLogouts();
         EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"),
-                  deeds.erase("lowers the count") > 0 ? "1" : "2");
-        EXPECT_EQ(deedsOn(expiring), deeds);
-        EXPECT_EQ(deedsOn(living), Deeds{});
-        expectLines(linesWith(fault, road, at));
+                  effects.erase("lowers the count") > 0 ? "1" : "2");
+        EXPECT_EQ(effectsOn(expiring), effects);
+        EXPECT_EQ(effectsOn(living), Effects{});
+        expectLines(linesWith(fault, steps, at));
         EXPECT_EQ(commands_, at + 1);
     }
 
@@ -245,7 +252,7 @@ TEST_P(LostExpiry, InsideADeletionLeavesWhatWasDoneAndTellsWhatWasNot) {
 std::vector<Fault> faultsThat(bool endTheConnection) {
     std::vector<Fault> faults;
     for (const Fault& fault : storeFaults()) {
-        if (fault.endsTheConnection() == endTheConnection) {
+        if (fault.endsConnection() == endTheConnection) {
             faults.push_back(fault);
         }
     }
@@ -261,16 +268,16 @@ INSTANTIATE_TEST_SUITE_P(OnAStoreThat, LostExpiry, testing::ValuesIn(faultsThat(
 class MisledExpiry : public FaultyExpiry {
   protected:
     // A session that meets the fault at each of its commands, and one that never does.
-    void plant(const SessionOptions& options, const Road& road) {
-        cases_.push_back({frontEnd().insertSession(options), &road});
-        for (std::size_t at = 0; at < road.size(); ++at) {
-            cases_.push_back({frontEnd().insertSession(options), &road, at});
+    void plant(const SessionOptions& options, const Steps& steps) {
+        cases_.push_back({frontEnd().insertSession(options), &steps});
+        for (std::size_t at = 0; at < steps.size(); ++at) {
+            cases_.push_back({frontEnd().insertSession(options), &steps, at});
         }
     }
 
     // From the list of the sessions, which meets the fault once, up to the next one.
     void pass() {
-        judge([this](const Words& command) { return judgeOne(command); });
+        setFilter([this](const Words& command) { return verdictOn(command); });
         startDaemon();
         waitUntil("the pass is over", [this] { return isOver_.load(); });
     }
@@ -281,15 +288,15 @@ class MisledExpiry : public FaultyExpiry {
         Lines lines;
         // The list begins with the youngest.
         for (auto each = cases_.rbegin(); each != cases_.rend(); ++each) {
-            Deeds deeds = deedsOf(*each->road, 0, each->road->size());
-            if (each->isStruck) {
-                lines = together({lines, linesWith(GetParam(), *each->road, *each->at)});
-                deeds = deedsWith(GetParam(), *each->road, *each->at);
+            Effects effects = effectsOf(*each->steps, 0, each->steps->size());
+            if (each->isHit) {
+                lines = joined({lines, linesWith(GetParam(), *each->steps, *each->at)});
+                effects = effectsWith(GetParam(), *each->steps, *each->at);
             }
-            count -= deeds.erase("lowers the count");
-            SCOPED_TRACE(each->at ? testing::PrintToString(each->road->at(*each->at).command)
+            count -= effects.erase("lowers the count");
+            SCOPED_TRACE(each->at ? testing::PrintToString(each->steps->at(*each->at).command)
                                   : "undisturbed");
-            EXPECT_EQ(deedsOn(each->session), deeds);
+            EXPECT_EQ(effectsOn(each->session), effects);
         }
         EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"), std::to_string(count));
         expectLines(lines);
@@ -298,22 +305,22 @@ class MisledExpiry : public FaultyExpiry {
   private:
     struct Case {
         InsertedSession session;
-        const Road* road;
+        const Steps* steps;
         std::optional<std::size_t> at{};
-        bool isStruck = false;
+        bool isHit = false;
     };
 
-    StoreRelay::Verdict judgeOne(const Words& command) {
+    StoreProxy::Verdict verdictOn(const Words& command) {
         const Fault& fault = GetParam();
         const Case* const last = &cases_.front();
         if (command == listing && (current_ == nullptr || isDone(*last))) {
             isOver_ = current_ != nullptr;
             if (current_ != nullptr) {
-                return StoreRelay::Verdict::cut;
+                return StoreProxy::Verdict::cut;
             }
-            const bool isStruck = fault.fits(command) && !isListStruck_;
-            isListStruck_ = true;
-            return isStruck ? fault.verdict : StoreRelay::Verdict::pass;
+            const bool isHit = fault.fits(command) && !isListHit_;
+            isListHit_ = true;
+            return isHit ? fault.verdict : StoreProxy::Verdict::pass;
         }
         const auto found = std::find_if(cases_.begin(), cases_.end(), [&](const Case& each) {
             return command == Words{"HGET", each.session.uri, "SessionType"};
@@ -323,21 +330,21 @@ class MisledExpiry : public FaultyExpiry {
             next_ = 0;
         }
         const std::size_t at = next_++;
-        if (current_->isStruck) {
-            return StoreRelay::Verdict::pass;
+        if (current_->isHit) {
+            return StoreProxy::Verdict::pass;
         }
-        if (at >= current_->road->size() || !isMeant(current_->road->at(at), command)) {
+        if (at >= current_->steps->size() || !matches(current_->steps->at(at), command)) {
             strangeCommands_.push_back(command);
         }
-        current_->isStruck = current_->at == at && fault.fits(command);
-        return current_->isStruck ? fault.verdict : StoreRelay::Verdict::pass;
+        current_->isHit = current_->at == at && fault.fits(command);
+        return current_->isHit ? fault.verdict : StoreProxy::Verdict::pass;
     }
-    bool isDone(const Case& one) const { return current_ == &one && next_ == one.road->size(); }
+    bool isDone(const Case& one) const { return current_ == &one && next_ == one.steps->size(); }
 
     std::vector<Case> cases_;
     Case* current_ = nullptr;  // whose commands come
     std::size_t next_ = 0;     // of them
-    bool isListStruck_ = false;
+    bool isListHit_ = false;
     std::vector<Words> strangeCommands_;
     std::atomic<bool> isOver_ = false;
 };
@@ -360,12 +367,12 @@ TEST_P(EndedExpiry, LeavesTheOthersAtWork) {
         "The thread of the session timeout ends: basic_string::_M_construct null not valid";
     expectErrorLine(line);
     const InsertedSession session = frontEnd().insertSession(expired);
-    judge([verdict = GetParam().verdict](const Words&) { return verdict; });
+    setFilter([verdict = GetParam().verdict](const Words&) { return verdict; });
     startDaemon();
     waitForLog(line);
     expectLogouts();
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "300"}}).status(), "OK");
-    EXPECT_EQ(deedsOn(session), Deeds{});
+    EXPECT_EQ(effectsOn(session), Effects{});
     EXPECT_EQ(countLogged(line), 1);
 }
 

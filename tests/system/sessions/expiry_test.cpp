@@ -4,9 +4,9 @@
 #include <functional>
 #include <limits>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
@@ -424,20 +424,20 @@ TEST_F(SweepOfSeveral, SendsTheseCommandsOverOneConnection) {
     EXPECT_EQ(commands, sweep);
 }
 
-// The store's relay holds the sweeper in the middle of a pass.
+// The store's proxy holds the sweeper in the middle of a pass.
 class HeldPass : public SystemTest {
   protected:
     void SetUp() override {
         startStore();
         usePamTest("env=PRIVILEGES=9");
-        relay.judge([this](const Words& command) {
+        proxy.setFilter([this](const Words& command) {
             // Only the sweeper asks for this field of a session that nobody deletes.
             if (held && command == Words{"HGET", tokenKey(watched), "Timeout"}) {
                 inside = true;
                 waitUntil("the pass may go on", [this] { return !held; });
                 inside = false;
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
         frontEnd().insertSession({.token = watched});
         startDaemon();
@@ -459,7 +459,7 @@ class HeldPass : public SystemTest {
     const std::string watched = std::string(64, 'e');
     std::atomic<bool> held = true;
     std::atomic<bool> inside = false;
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 const std::vector<Message> busy{{"Base.1.12.ServiceTemporarilyUnavailable", {"\"1\""}}};

@@ -2,15 +2,15 @@
 // anybody expects.
 #include <algorithm>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class HostileText : public WelcomingTest {
+class HostileText : public PermissivePamTest {
   protected:
     void SetUp() override {
-        WelcomingTest::SetUp();
+        PermissivePamTest::SetUp();
         // Names with blanks do not fit the log service's script.
         useScript("logGeneratorHelper", "return 1");
     }
@@ -131,7 +131,7 @@ TEST_F(HostileText, AsUserNameReachesTheAuditScriptWordByWord) {
 }
 
 TEST_F(HostileText, AsPasswordReachesPamAsItIsAndNobodyElse) {
-    usePamTest(welcome + "style=echo_off");
+    usePamTest(allPrivileges + "style=echo_off");
     for (const std::string& text : texts) {
         SCOPED_TRACE(text.substr(0, 40));
         const Reply reply = frontEnd().login("alice", text);
@@ -152,7 +152,7 @@ TEST_F(HostileText, AsPasswordReachesPamAsItIsAndNobodyElse) {
 }
 
 TEST_F(HostileText, AsCipherIsAnEmptyPassword) {
-    usePamTest(welcome + "style=echo_off");
+    usePamTest(allPrivileges + "style=echo_off");
     for (const std::string& text : texts) {
         SCOPED_TRACE(text.substr(0, 40));
         EXPECT_EQ(login({.body = {{"Password", text}}}).status(), "OK");
@@ -212,7 +212,7 @@ TEST_F(HostileText, AsRequiredPrivilegeIsNoNumber) {
     EXPECT_EQ(countLogged("Privilege value type error stoi"), static_cast<long>(texts.size()));
 }
 
-class HostileName : public WelcomingTest {};
+class HostileName : public PermissivePamTest {};
 
 TEST_F(HostileName, EndsAtItsFirstZeroByte) {
     const Reply reply = login({.body = {{"UserName", std::string("name\0\"more", 10)}}});
@@ -221,7 +221,7 @@ TEST_F(HostileName, EndsAtItsFirstZeroByte) {
 }
 
 TEST_F(HostileName, OfTheUserWhoMustChangeThePasswordFindsNoOtherAccount) {
-    usePamTest(welcome + "acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + "acct=PAM_NEW_AUTHTOK_REQD");
     for (const char* name : {"*", "admin\\", "%s", "adm?n", "[a]dmin"}) {
         EXPECT_EQ(login({.body = {{"UserName", name}}}).messages,
                   (std::vector<Message>{{"Base.1.12.PasswordChangeRequired", {"\"\""}}}))
@@ -247,10 +247,10 @@ struct SpoiltKey {
     bool expires = false;  // the session, at once
 };
 
-class LoginOnAStoreWith : public WelcomingTest, public testing::WithParamInterface<SpoiltKey> {
+class LoginOnAStoreWith : public PermissivePamTest, public testing::WithParamInterface<SpoiltKey> {
   protected:
     void SetUp() override {
-        usePamTest(welcome + "acct=PAM_NEW_AUTHTOK_REQD");
+        usePamTest(allPrivileges + "acct=PAM_NEW_AUTHTOK_REQD");
         startStore();
         startDaemon(withRandomBytes(randomBytes));
     }
@@ -267,7 +267,7 @@ TEST_P(LoginOnAStoreWith, KeyOfAnotherKindAnswersAndGoesOn) {
     for (const std::string& error : GetParam().errors) {
         expectErrorLine(error);
     }
-    spoil(GetParam().key);
+    corrupt(GetParam().key);
     Request request = frontEnd().prepareLogin(
         reader.name, "anything", {.replyKey = replyKey, .returnChannel = returnChannel});
     request.send();
@@ -330,12 +330,12 @@ INSTANTIATE_TEST_SUITE_P(
         SpoiltKey{"Account", reader.uri, "OK"}),
     [](const auto& instance) { return instance.param.name; });
 
-using RequestOfAnotherKind = WelcomingTest;
+using RequestOfAnotherKind = PermissivePamTest;
 
 TEST_F(RequestOfAnotherKind, IsLoggedOnly) {
     expectErrorLine("Create session: &&ReturnChannel not found.");
     Request request = frontEnd().prepareLogin("alice", "a password");
-    spoil(request.requestKey());
+    corrupt(request.requestKey());
     request.send();
     waitForLog("Create session: &&ReturnChannel not found.");
     EXPECT_EQ(login().status(), "OK");
@@ -343,9 +343,9 @@ TEST_F(RequestOfAnotherKind, IsLoggedOnly) {
 }
 
 TEST_F(RequestOfAnotherKind, InItsBodyIsALoginWithoutNameAndPassword) {
-    usePamTest(welcome + "password=secret");
+    usePamTest(allPrivileges + "password=secret");
     Request request = frontEnd().prepareLogin("alice", "secret");
-    spoil(request.bodyKey());
+    corrupt(request.bodyKey());
     request.send();
     EXPECT_EQ(request.reply().status(), "AUTH_FAILED");
     EXPECT_EQ(pamRecords().front().at("user"), "");

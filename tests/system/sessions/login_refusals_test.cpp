@@ -3,13 +3,13 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "support/store_relay.h"
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
+#include "support/store_proxy.h"
 
 namespace testbed {
 namespace {
 
-class RefusedLogin : public WelcomingTest {
+class RefusedLogin : public PermissivePamTest {
   protected:
     // A reply with nothing but its status and at most one message, whose list stands beside
     // the reply.
@@ -163,16 +163,16 @@ TEST_F(RefusedLogin, BeyondTheLimitLeavesRoomForTheNextOnceOneIsGone) {
 class LoginDuringAnExpiry : public RefusedLogin {
   protected:
     void SetUp() override {
-        relay.judge([this](const Words& command) {
+        proxy.setFilter([this](const Words& command) {
             std::unique_lock lock(mutex);
             if (command.size() > 6 && command[6] == "AuditEvent.1.1.UserLogout") {
                 held = true;
                 changed.notify_all();
                 changed.wait(lock, [this] { return released; });
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
-        WelcomingTest::SetUp();
+        PermissivePamTest::SetUp();
         frontEnd().insertSession({.timeout = "0"});
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return held; });
@@ -180,7 +180,7 @@ class LoginDuringAnExpiry : public RefusedLogin {
     void TearDown() override {
         release();
         waitUntilExpired(1);
-        WelcomingTest::TearDown();
+        PermissivePamTest::TearDown();
     }
     void release() {
         const std::lock_guard lock(mutex);
@@ -192,7 +192,7 @@ class LoginDuringAnExpiry : public RefusedLogin {
     std::condition_variable changed;
     bool held = false;
     bool released = false;
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 TEST_F(LoginDuringAnExpiry, IsRefusedAfterAWhileWithoutAMessage) {
@@ -232,13 +232,13 @@ TEST_F(RefusedLogin, WhenPamRefusesThePassword) {
 }
 
 TEST_F(RefusedLogin, WhenPamRefusesTheAccount) {
-    usePamTest(welcome + "acct=PAM_ACCT_EXPIRED");
+    usePamTest(allPrivileges + "acct=PAM_ACCT_EXPIRED");
     expectReply(refused(), "AUTH_FAILED", {{"ExtendedError.1.2.InvalidCredentials", {}}});
     expectNothingStays();
 }
 
 TEST_F(RefusedLogin, WhenTheBodyHasNeitherNameNorPassword) {
-    usePamTest(welcome + "password=secret");
+    usePamTest(allPrivileges + "password=secret");
     expectReply(refused({.leaveOutOfBody = {"UserName", "Password"}}), "AUTH_FAILED",
                 {{"ExtendedError.1.2.InvalidCredentials", {}}});
     EXPECT_EQ(pamRecords().front().at("user"), "");
@@ -265,7 +265,7 @@ TEST_F(RefusedLogin, KeepsTheServiceGoing) {
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(login().status(), "AUTH_FAILED");
     }
-    usePamTest(welcome);
+    usePamTest(allPrivileges);
     EXPECT_EQ(login().status(), "OK");
 }
 
@@ -274,7 +274,7 @@ TEST_F(RefusedLogin, KeepsTheServiceGoing) {
 class HalfMadeSession : public RefusedLogin {
   protected:
     void SetUp() override {
-        usePamTest(welcome);
+        usePamTest(allPrivileges);
         startStore();
         startDaemon(withRandomBytes(randomBytes));
     }
@@ -282,7 +282,7 @@ class HalfMadeSession : public RefusedLogin {
 
 TEST_F(HalfMadeSession, WhoseResourceIsNotTakenLeavesNothing) {
     expectErrorLine("Failed to add session entry.");
-    spoil(randomUri);
+    corrupt(randomUri);
     expectReply(refused(), "FAILURE", {{"ExtendedError.1.2.DatabaseOperationError", {}}});
     EXPECT_EQ(countLogged("Failed to add session entry."), 1);
     expectNothingStays();
@@ -290,7 +290,7 @@ TEST_F(HalfMadeSession, WhoseResourceIsNotTakenLeavesNothing) {
 
 TEST_F(HalfMadeSession, WhoseTokenRecordIsNotTakenKeepsResourceAndReference) {
     expectErrorLine("Failed to create meta session table.");
-    spoil(tokenKey(randomToken));
+    corrupt(tokenKey(randomToken));
     expectReply(refused(), "FAILURE", {{"ExtendedError.1.2.DatabaseOperationError", {}}});
     EXPECT_EQ(countLogged("Failed to create meta session table."), 1);
     EXPECT_EQ(changedSince(before_),
@@ -302,7 +302,7 @@ TEST_F(HalfMadeSession, WhoseTokenRecordIsNotTakenKeepsResourceAndReference) {
 
 TEST_F(HalfMadeSession, ThatTheCollectionDoesNotTakeKeepsItsTokenRecordToo) {
     expectErrorLine("Failed to add session entry to Members.");
-    spoil(membersKey);
+    corrupt(membersKey);
     expectReply(refused(), "FAILURE", {{"ExtendedError.1.2.UnprocessableEntity", {}}});
     EXPECT_EQ(countLogged("Failed to add session entry to Members."), 1);
     EXPECT_EQ(changedSince(before_), (Words{tokenReferenceKey(randomUri), "&&EventStream",

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "support/sequence_test.h"
+#include "support/command_sequence_test.h"
 
 namespace testbed {
 namespace {
@@ -20,10 +20,10 @@ Words write(const std::string& key, const Fields& fields) {
     return command;
 }
 
-class LoginSequence : public SequenceTest {
+class LoginSequence : public CommandSequenceTest {
   protected:
     void SetUp() override {
-        usePamTest(welcome);
+        usePamTest(allPrivileges);
         startStore();
         startDaemon(withRandomBytes(randomBytes));
         eventScript = store().hget(scriptDigests, "resourceChange");
@@ -39,11 +39,11 @@ class LoginSequence : public SequenceTest {
     }
 
     Commands commandsOfRequest(Request request) {
-        return SequenceTest::commandsOfRequest(
+        return CommandSequenceTest::commandsOfRequest(
             request, request.requestKey() + " " + request.replyKey(), {"HGETALL", requestKey});
     }
 
-    // --- the stretches of the road
+    // --- the parts of the sequence
 
     Commands openTheRequest() { return {{"AUTH", "(redacted)"}, {"HGETALL", requestKey}}; }
     Commands readTheCredentials(const std::string& body) {
@@ -130,7 +130,7 @@ class LoginSequence : public SequenceTest {
             commands.push_back({"HSET", entry, "&&MessageArgs", argumentList});
             commands.push_back({"EXPIRE", argumentList, "6"});
         }
-        return road({
+        return sequence({
             commands,
             {{"LPUSH", list, entry}, {"EXPIRE", list, "6"}, {"EXPIRE", entry, "6"}},
         });
@@ -171,7 +171,7 @@ TEST_F(LoginSequence, OfALoginFromTheRequestToTheAnswer) {
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -203,7 +203,7 @@ TEST_F(LoginSequence, OfASecondLoginKnowsTheLargestEventGroupAlready) {
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -225,7 +225,7 @@ TEST_F(LoginSequence, OfASecondLoginKnowsTheLargestEventGroupAlready) {
 }
 
 TEST_F(LoginSequence, OfALoginWithAnExpiredPasswordLooksTheAccountUp) {
-    usePamTest(welcome + " acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + " acct=PAM_NEW_AUTHTOK_REQD");
     const Words scan{"SCAN",  "0",   "MATCH", "/redfish/v1/AccountService/Accounts/*",
                      "COUNT", "1000"};
     // The store names the accounts in an order of its own: leave it one.
@@ -239,7 +239,7 @@ TEST_F(LoginSequence, OfALoginWithAnExpiredPasswordLooksTheAccountUp) {
 
     const Commands commands = commandsOfRequest(prepare());
     const Commands lookUp{scan, {"HGET", account, "&&OwnerName"}};
-    const Commands expected = road({
+    const Commands expected = sequence({
         emptyTheBody(),
         lookUp,
         writeSuccess(),
@@ -266,10 +266,10 @@ TEST_F(LoginSequence, OfARequestWithoutABody) {
 
 TEST_F(LoginSequence, OfAPasswordThatIsTooLong) {
     Request request =
-        prepare({.body = {{"Password", frontEnd().encipher(std::string(1025, 'p'))}}});
+        prepare({.body = {{"Password", frontEnd().encryptPassword(std::string(1025, 'p'))}}});
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   writeStatusAtOnce("FAILURE"),
@@ -284,7 +284,7 @@ TEST_F(LoginSequence, OfALoginWhileTheServiceIsSwitchedOff) {
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -302,7 +302,7 @@ TEST_F(LoginSequence, OfALoginBeyondTheLimit) {
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -319,7 +319,7 @@ TEST_F(LoginSequence, OfALoginThatPamRefuses) {
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -334,7 +334,7 @@ TEST_F(LoginSequence, OfALoginWithoutThePrivilege) {
     Request request = prepare({.fields = {{"&&OperationPrivileges", "512"}}});
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -347,11 +347,11 @@ TEST_F(LoginSequence, OfALoginWithoutThePrivilege) {
 
 TEST_F(LoginSequence, OfALoginWhoseSessionIsNotTaken) {
     expectErrorLine("Failed to add session entry.");
-    spoil(randomUri);
+    corrupt(randomUri);
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -366,11 +366,11 @@ TEST_F(LoginSequence, OfALoginWhoseSessionIsNotTaken) {
 
 TEST_F(LoginSequence, OfALoginWhoseTokenRecordIsNotTaken) {
     expectErrorLine("Failed to create meta session table.");
-    spoil(tokenKey(randomToken));
+    corrupt(tokenKey(randomToken));
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -389,11 +389,11 @@ TEST_F(LoginSequence, OfALoginWhoseTokenRecordIsNotTaken) {
 
 TEST_F(LoginSequence, OfALoginThatTheCollectionDoesNotTake) {
     expectErrorLine("Failed to add session entry to Members.");
-    spoil(membersKey);
+    corrupt(membersKey);
     Request request = prepare();
     const std::string body = request.bodyKey();
     EXPECT_EQ(commandsOfRequest(std::move(request)),
-              road({
+              sequence({
                   openTheRequest(),
                   readTheCredentials(body),
                   askForTheSwitch(),
@@ -433,7 +433,7 @@ TEST_F(LoginSequence, EndsWithTheConnectionOfTheRequest) {
     releasePam();
     waitForLog("Failed to get length of extended info array.");
     // The thread itself is unharmed; its next request has a connection of its own.
-    usePamTest(welcome);
+    usePamTest(allPrivileges);
     EXPECT_FALSE(store().exists(replyKey));
     EXPECT_EQ(changedSince(before), Words{});
     EXPECT_EQ(login().status(), "OK");

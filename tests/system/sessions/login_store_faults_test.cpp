@@ -14,8 +14,8 @@
 
 #include <gmock/gmock.h>
 
-#include "support/sequence_test.h"
-#include "support/store_faults.h"
+#include "support/command_sequence_test.h"
+#include "support/fault_injector.h"
 
 namespace testbed {
 namespace {
@@ -82,7 +82,7 @@ Commands withoutNames(Commands commands) {
             word = std::regex_replace(word, request, requestMark);
         }
     }
-    return withoutClocks(std::move(commands));
+    return maskTimes(std::move(commands));
 }
 
 // What a refused command leads to: the commands that follow it, given those that would have
@@ -130,7 +130,9 @@ Commands answer(const std::string& status, const std::string& messageId) {
 }
 
 Consequence failWith(const std::string& status, const std::string& messageId) {
-    return [=](const Commands& rest) { return road({answer(status, messageId), {rest.back()}}); };
+    return [=](const Commands& rest) {
+        return sequence({answer(status, messageId), {rest.back()}});
+    };
 }
 
 // The same for a session that has come into being: its event is sent all the same.
@@ -141,16 +143,16 @@ Consequence failAndTellOfTheSession(const std::string& messageId) {
             rest.begin(), rest.end(), [](const Words& words) { return words.at(0) == "EVALSHA"; });
         Words event{"EVALSHA", script->at(1), std::to_string(oneEvent)};
         event.insert(event.end(), script->begin() + 3, script->begin() + 3 + oneEvent);
-        return road({answer("FAILURE", messageId), {*(script - 1), event, rest.back()}});
+        return sequence({answer("FAILURE", messageId), {*(script - 1), event, rest.back()}});
     };
 }
 
 // The same for a login whose user is not let in, with the commands that come before that.
 Consequence refuseAfter(std::ptrdiff_t next) {
     return [=](const Commands& rest) {
-        return road({Commands(rest.begin(), rest.begin() + next),
-                     answer("AUTH_FAILED", "ExtendedError.1.2.InvalidCredentials"),
-                     {rest.back()}});
+        return sequence({Commands(rest.begin(), rest.begin() + next),
+                         answer("AUTH_FAILED", "ExtendedError.1.2.InvalidCredentials"),
+                         {rest.back()}});
     };
 }
 
@@ -209,7 +211,7 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
          lines({{newPassword, noCounter, noReset}, noMaximum, {noToken}, unannounced}),
          {newPassword, noCounter},
          [](const Commands& rest) {
-             return road(
+             return sequence(
                  {{{"HSET", eventServiceUri, eventGroupCounter, "1"}}, goOnWith("1", "41")(rest)});
          }},
         {{"HGET", defaults, "MAX_EVENT_GROUP_ID"},
@@ -307,10 +309,10 @@ std::vector<Step> stepsOfAnEarlyRefusal() {
     const Words fine{"[Debug] Password exceeds maxlength."};
     const Words noAnswer = lines({fine, {noMessage}});
     const Consequence refuseTheEmptyOne = [](const Commands& rest) {
-        return road({{{"HGET", serviceUri, "ServiceEnabled"},
-                      {"LRANGE", membersKey, "0", "-1"},
-                      {"HGET", sessionMark, "SessionType"}},
-                     refuseAfter(0)(rest)});
+        return sequence({{{"HGET", serviceUri, "ServiceEnabled"},
+                          {"LRANGE", membersKey, "0", "-1"},
+                          {"HGET", sessionMark, "SessionType"}},
+                         refuseAfter(0)(rest)});
     };
     return {
         {{"AUTH"}, {noConnection}, {noConnection}, endThere},
@@ -349,7 +351,7 @@ struct Credentials {
 
 const Credentials theExpired{expired.name, expired.password, "OK"};
 
-class FaultyLogin : public WelcomingTest {
+class FaultyLogin : public PermissivePamTest {
   protected:
     void SetUp() override {
         // The controller's own accounts, without the delay after a wrong password.
@@ -367,7 +369,7 @@ class FaultyLogin : public WelcomingTest {
         store().hset(defaults, {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "3600000"},
                                 {"MAX_EVENT_GROUP_ID", "10.5"}});
         startDaemon();
-        faulty.blindTheExpiry();
+        injector.hideSessionsFromExpiry();
         // Settings that are read once have been read after it.
         expectAWholeLogin();
     }
@@ -447,84 +449,85 @@ class FaultyLogin : public WelcomingTest {
     }
 
     // The commands of a login that nothing disturbs.
-    Commands roadOf(const Credentials& credentials) {
+    Commands commandsSentFor(const Credentials& credentials) {
         restore();
         Request request = prepare(credentials);
-        faulty.watch(faulty.openedFromNowOn());
+        injector.record(injector.newConnections());
         request.send();
         EXPECT_EQ(request.reply().status(), credentials.status);
-        Commands road;
-        for (const FaultyStore::Sent& sent : faulty.seen()) {
-            road.push_back(sent.words);
+        Commands commands;
+        for (const FaultInjector::SentCommand& sent : injector.recorded()) {
+            commands.push_back(sent.words);
         }
-        return withoutNames(road);
+        return withoutNames(commands);
     }
 
-    void walk(const Fault& fault, const Credentials& credentials, const std::vector<Step>& steps) {
-        const Commands road = roadOf(credentials);
-        ASSERT_EQ(road.size(), steps.size()) << testing::PrintToString(road);
-        for (std::size_t n = 0; n < road.size(); ++n) {
+    void injectAtEachCommand(const Fault& fault, const Credentials& credentials,
+                             const std::vector<Step>& steps) {
+        const Commands commands = commandsSentFor(credentials);
+        ASSERT_EQ(commands.size(), steps.size()) << testing::PrintToString(commands);
+        for (std::size_t n = 0; n < commands.size(); ++n) {
             SCOPED_TRACE("at command " + std::to_string(n) + ": " +
-                         testing::PrintToString(road[n]));
+                         testing::PrintToString(commands[n]));
             const Words& beginning = steps[n].beginning;
-            ASSERT_GE(road[n].size(), beginning.size());
-            ASSERT_TRUE(std::equal(beginning.begin(), beginning.end(), road[n].begin()))
+            ASSERT_GE(commands[n].size(), beginning.size());
+            ASSERT_TRUE(std::equal(beginning.begin(), beginning.end(), commands[n].begin()))
                 << "in the place of " << testing::PrintToString(beginning);
-            if (fault.fits(road[n])) {
-                strike(fault, credentials, road, n, steps[n]);
+            if (fault.fits(commands[n])) {
+                inject(fault, credentials, commands, n, steps[n]);
             }
         }
     }
 
-    void strike(const Fault& fault, const Credentials& credentials, const Commands& road,
+    void inject(const Fault& fault, const Credentials& credentials, const Commands& commands,
                 std::size_t n, const Step& step) {
         restore();
         const std::size_t logged = logLines().size();
         Request request = prepare(credentials);
-        faulty.strike(fault, n, faulty.openedFromNowOn());
+        injector.inject(fault, n, injector.newConnections());
         request.send();
         // Logins come one after the other: once this one is over, so is the first.
         expectAWholeLogin();
 
-        expectLog(logged, fault.endsTheConnection() ? step.lost : step.refused);
-        const auto struck = road.begin() + static_cast<std::ptrdiff_t>(n);
-        Commands expected(road.begin(), fault.isCarriedOut() ? struck + 1 : struck);
-        if (!fault.endsTheConnection()) {
-            const Commands rest = step.consequence(Commands(struck + 1, road.end()));
+        expectLog(logged, fault.endsConnection() ? step.lost : step.refused);
+        const auto struck = commands.begin() + static_cast<std::ptrdiff_t>(n);
+        Commands expected(commands.begin(), fault.isExecuted() ? struck + 1 : struck);
+        if (!fault.endsConnection()) {
+            const Commands rest = step.consequence(Commands(struck + 1, commands.end()));
             expected.insert(expected.end(), rest.begin(), rest.end());
         }
-        EXPECT_EQ(carriedOut(), expected);
+        EXPECT_EQ(executed(), expected);
         const bool published = !expected.empty() && expected.back().at(0) == "PUBLISH";
         EXPECT_EQ(request.publishedAlready(),
                   published ? std::optional(request.replyKey()) : std::nullopt);
     }
 
     // What the store has carried out of the login that was struck: the first that came.
-    Commands carriedOut() const {
-        const std::vector<FaultyStore::Sent> seen = faulty.seen();
+    Commands executed() const {
+        const std::vector<FaultInjector::SentCommand> seen = injector.recorded();
         Commands commands;
-        for (const FaultyStore::Sent& sent : seen) {
-            if (sent.connection == seen.front().connection && sent.carriedOut) {
+        for (const FaultInjector::SentCommand& sent : seen) {
+            if (sent.connection == seen.front().connection && sent.executed) {
                 commands.push_back(sent.words);
             }
         }
         return withoutNames(std::move(commands));
     }
 
-    FaultyStore faulty{controller};
+    FaultInjector injector{controller};
 };
 
 class LoginOnAStore : public FaultyLogin, public testing::WithParamInterface<Fault> {};
 
 TEST_P(LoginOnAStore, LeavesWhatItsStepsSayAndHarmsNoOther) {
-    walk(GetParam(), theExpired, stepsOfALogin(GetParam()));
+    injectAtEachCommand(GetParam(), theExpired, stepsOfALogin(GetParam()));
 }
 
 TEST_P(LoginOnAStore, LetsNobodyInWithoutTheRightPassword) {
-    walk(GetParam(), {administrator.name, "a wrong password", "AUTH_FAILED"},
-         stepsOfARefusal(GetParam()));
-    walk(GetParam(), {administrator.name, std::string(1025, 'p'), "FAILURE"},
-         stepsOfAnEarlyRefusal());
+    injectAtEachCommand(GetParam(), {administrator.name, "a wrong password", "AUTH_FAILED"},
+                        stepsOfARefusal(GetParam()));
+    injectAtEachCommand(GetParam(), {administrator.name, std::string(1025, 'p'), "FAILURE"},
+                        stepsOfAnEarlyRefusal());
 }
 
 INSTANTIATE_TEST_SUITE_P(That, LoginOnAStore, testing::ValuesIn(storeFaults()), nameOfFault);
@@ -538,20 +541,20 @@ class LoginWithoutTexts : public FaultyLogin {
         const std::string ends = "The thread of " + std::string(createChannel) +
                                  " ends: basic_string::_M_construct null not valid";
         expectErrorLine(ends);
-        const Commands road = roadOf(theExpired);
-        const auto at = std::find_if(road.begin(), road.end(),
+        const Commands commands = commandsSentFor(theExpired);
+        const auto at = std::find_if(commands.begin(), commands.end(),
                                      [&](const Words& words) { return words.at(0) == command; });
-        ASSERT_NE(at, road.end());
+        ASSERT_NE(at, commands.end());
         const InsertedSession session = restore();
         Request request = prepare(theExpired);
-        faulty.strike(arrayWithoutTexts(), static_cast<std::size_t>(at - road.begin()),
-                      faulty.openedFromNowOn());
+        injector.inject(arrayWithoutTexts(), static_cast<std::size_t>(at - commands.begin()),
+                        injector.newConnections());
         request.send();
         waitForLog(ends);
         waitUntil("nobody serves logins", [&] {
             return store().run({"PUBSUB", "NUMSUB", createChannel}).elements.at(1).integer == 0;
         });
-        EXPECT_EQ(carriedOut(), Commands(road.begin(), at));
+        EXPECT_EQ(executed(), Commands(commands.begin(), at));
         EXPECT_FALSE(request.publishedAlready());
         // The other threads are unharmed, and nobody holds the sessions.
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "300"}}).status(), "OK");
@@ -582,9 +585,9 @@ std::ostream& operator<<(std::ostream& out, const Ailment& ailment) {
 class LoginOnAStoreThatTurns : public FaultyLogin, public testing::WithParamInterface<Ailment> {
   protected:
     // What the log says of a login when the store takes no writes from its n-th command on.
-    static Words logOf(const Commands& road, std::size_t n) {
+    static Words logOf(const Commands& commands, std::size_t n) {
         const auto positionOf = [&](const Words& beginning, std::size_t from = 0) {
-            while (!std::equal(beginning.begin(), beginning.end(), road.at(from).begin())) {
+            while (!std::equal(beginning.begin(), beginning.end(), commands.at(from).begin())) {
                 ++from;
             }
             return from;
@@ -622,24 +625,25 @@ class LoginOnAStoreThatTurns : public FaultyLogin, public testing::WithParamInte
 };
 
 TEST_P(LoginOnAStoreThatTurns, LeavesWhatItsStepsSayAndHarmsNoOther) {
-    const Commands road = roadOf(theExpired);
-    for (std::size_t n = 0; n < road.size(); ++n) {
-        SCOPED_TRACE("at command " + std::to_string(n) + ": " + testing::PrintToString(road[n]));
+    const Commands commands = commandsSentFor(theExpired);
+    for (std::size_t n = 0; n < commands.size(); ++n) {
+        SCOPED_TRACE("at command " + std::to_string(n) + ": " +
+                     testing::PrintToString(commands[n]));
         restore();
         const std::size_t logged = logLines().size();
         Request request = prepare(theExpired);
-        faulty.strike(
+        injector.inject(
             [this](const Words&) {
                 controller.connect().run(GetParam().begin);
-                return StoreRelay::Verdict::pass;
+                return StoreProxy::Verdict::pass;
             },
-            n, faulty.openedFromNowOn());
+            n, injector.newConnections());
         request.send();
         // It is announced in any case.
         EXPECT_EQ(request.published(), request.replyKey());
         store().run(GetParam().end);
 
-        const Words log = logOf(road, n);
+        const Words log = logOf(commands, n);
         expectLog(logged, log);
         EXPECT_EQ(store().exists(request.replyKey()), !has(log, noReply));
         const bool session = !has(log, noSession);
@@ -703,24 +707,25 @@ class SlowLogin : public FaultyLogin {
 };
 
 TEST_F(SlowLogin, HoldsNobodyUpAndIsWholeInTheEnd) {
-    const Commands road = roadOf(theExpired);
-    for (std::size_t n = 0; n < road.size(); ++n) {
-        SCOPED_TRACE("at command " + std::to_string(n) + ": " + testing::PrintToString(road[n]));
+    const Commands commands = commandsSentFor(theExpired);
+    for (std::size_t n = 0; n < commands.size(); ++n) {
+        SCOPED_TRACE("at command " + std::to_string(n) + ": " +
+                     testing::PrintToString(commands[n]));
         const InsertedSession session = restore();
         gate = std::make_shared<Gate>();
         Request request = prepare(theExpired);
-        faulty.strike(
+        injector.inject(
             [held = gate](const Words&) {
                 held->hold();
-                return StoreRelay::Verdict::pass;
+                return StoreProxy::Verdict::pass;
             },
-            n, faulty.openedFromNowOn());
+            n, injector.newConnections());
         request.send();
         waitUntil("the command is held", [this] { return gate->holds(); });
 
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "300"}}).status(), "OK");
         // Only while the sessions are counted they are not to be had.
-        const bool counting = road[n].at(0) == "LRANGE" || road[n].back() == "SessionType";
+        const bool counting = commands[n].at(0) == "LRANGE" || commands[n].back() == "SessionType";
         EXPECT_EQ(frontEnd().remove(session.uri).status(), counting ? "UNAVAILABLE" : "OK_EMPTY");
         EXPECT_FALSE(request.publishedAlready());
         gate->open();

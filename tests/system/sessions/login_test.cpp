@@ -4,16 +4,16 @@
 #include <algorithm>
 #include <regex>
 
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-using Login = WelcomingTest;
-using SessionResource = WelcomingTest;
-using Collection = WelcomingTest;
-using RequiredPrivilege = WelcomingTest;
-using Identifiers = WelcomingTest;
+using Login = PermissivePamTest;
+using SessionResource = PermissivePamTest;
+using Collection = PermissivePamTest;
+using RequiredPrivilege = PermissivePamTest;
+using Identifiers = PermissivePamTest;
 
 bool matches(const std::string& text, const char* pattern) {
     return std::regex_match(text, std::regex(pattern));
@@ -35,7 +35,7 @@ void expectStampedBetween(unsigned long long earliest, const std::string& etag,
     EXPECT_LE(stamped, latest);
 }
 
-class TokenRecord : public WelcomingTest {
+class TokenRecord : public PermissivePamTest {
   protected:
     // The timeout in the token record of a new session, as it goes to the store: without
     // a sensible one the session may have expired the next moment.
@@ -92,7 +92,7 @@ TEST_F(Login, ChangesNothingButTheEntriesOfTheSessionTheEventsAndTheAudit) {
 }
 
 TEST_F(Login, UsesTheNameAndThePasswordWithoutTheirEnclosingQuotes) {
-    usePamTest(welcome + " password=secret");
+    usePamTest(allPrivileges + " password=secret");
     EXPECT_EQ(frontEnd().login("alice", "secret").status(), "OK");
     EXPECT_EQ(pamRecords().front().at("user"), "alice");
 }
@@ -119,20 +119,20 @@ TEST_F(Login, StripsOnePairOfQuotesAndLeavesEscapesAlone) {
 
 TEST_F(Login, TakesAPasswordOfExactly1024Characters) {
     const std::string longest(1024, 'p');
-    usePamTest(welcome + "style=echo_off");
+    usePamTest(allPrivileges + "style=echo_off");
     EXPECT_EQ(frontEnd().login("alice", longest).status(), "OK");
     EXPECT_EQ(pamRecords().front().at("answer0"), longest);
 }
 
 TEST_F(Login, TakesAPasswordThatTravelsWithoutQuotes) {
-    usePamTest(welcome + " password=secret");
-    const std::string quoted = frontEnd().encipher("secret");
+    usePamTest(allPrivileges + " password=secret");
+    const std::string quoted = frontEnd().encryptPassword("secret");
     const std::string bare = quoted.substr(1, quoted.size() - 2);
     EXPECT_EQ(login({.body = {{"Password", bare}}}).status(), "OK");
 }
 
 TEST_F(Login, WithAPasswordThatCannotBeDecipheredGoesOnWithAnEmptyOne) {
-    usePamTest(welcome + " style=echo_off");
+    usePamTest(allPrivileges + " style=echo_off");
     for (const char* cipher : {"\"00\"", "\"no digits\"", "\"\"", ""}) {
         login({.body = {{"Password", cipher}}});
         EXPECT_EQ(pamRecords().at(pamRecords().size() - 2).at("answer0"), "") << cipher;
@@ -154,7 +154,7 @@ TEST_F(Login, IsServedUnlessTheServiceIsSwitchedOffByExactlyFalse) {
 }
 
 TEST_F(Login, OfAUserWhoMustChangeThePasswordNamesTheAccount) {
-    usePamTest(welcome + " acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + " acct=PAM_NEW_AUTHTOK_REQD");
     const Reply reply = frontEnd().login(reader.name, "anything");
     EXPECT_EQ(reply.status(), "OK");
     EXPECT_TRUE(matches(reply.token(), "[0-9a-f]{64}"));
@@ -166,7 +166,7 @@ TEST_F(Login, OfAUserWhoMustChangeThePasswordNamesTheAccount) {
 }
 
 TEST_F(Login, OfAUserWithoutAnAccountWhoMustChangeThePasswordHasAnEmptyArgument) {
-    usePamTest(welcome + " acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + " acct=PAM_NEW_AUTHTOK_REQD");
     EXPECT_EQ(login().messages,
               (std::vector<Message>{{"Base.1.12.PasswordChangeRequired", {"\"\""}}}));
 }
@@ -308,7 +308,7 @@ TEST_F(TokenRecord, HoldsAnEmptyTimeoutWhenTheServiceHasNone) {
 
 TEST_F(TokenRecord, MarksAUserWhoMustChangeThePasswordByAnEmptyField) {
     EXPECT_FALSE(store().hexists(tokenKey(login().token()), "&&PasswordChangeRequired"));
-    usePamTest(welcome + " acct=PAM_NEW_AUTHTOK_REQD");
+    usePamTest(allPrivileges + " acct=PAM_NEW_AUTHTOK_REQD");
     const Reply reply = login();
     EXPECT_TRUE(store().hexists(tokenKey(reply.token()), "&&PasswordChangeRequired"));
     EXPECT_EQ(store().hget(tokenKey(reply.token()), "&&PasswordChangeRequired"), "");

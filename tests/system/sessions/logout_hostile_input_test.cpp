@@ -1,11 +1,11 @@
 // Logouts whose target, session, user or keys hold what a client may think of. Only the
 // session that the target names is touched, and the others are told of exactly that one.
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
 
 namespace testbed {
 namespace {
 
-class HostileLogout : public WelcomingTest {
+class HostileLogout : public PermissivePamTest {
   protected:
     std::string uriOf(const std::string& identifier) {
         return std::string(sessionsUri) + "/" + identifier;

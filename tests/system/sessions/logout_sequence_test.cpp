@@ -1,6 +1,6 @@
 // What a logout does in the store, command by command: the order, nothing left out, nothing
 // there twice, and the reply key published last on every path that has a channel.
-#include "support/sequence_test.h"
+#include "support/command_sequence_test.h"
 
 namespace testbed {
 namespace {
@@ -11,10 +11,10 @@ const std::string returnChannel = "&&/request/logout/return";
 const std::string list = "&&/request/logout/ExtendedInfo";
 const std::string earlyList = replyKey + "/ExtendedInfo";
 
-class LogoutSequence : public SequenceTest {
+class LogoutSequence : public CommandSequenceTest {
   protected:
     void SetUp() override {
-        SequenceTest::SetUp();
+        CommandSequenceTest::SetUp();
         eventScript = store().hget("redisSHAScripts", "resourceChange");
         auditScript = store().hget("redisSHAScripts", "logGeneratorHelper");
         session = frontEnd().insertSession();
@@ -30,7 +30,7 @@ class LogoutSequence : public SequenceTest {
         return commandsOfRequest(request, notice, {"HGET", requestKey, "&&ReturnChannel"});
     }
 
-    // --- the stretches of the road
+    // --- the parts of the sequence
 
     Commands openTheRequest() {
         return {{"AUTH", "(redacted)"}, {"HGET", requestKey, "&&ReturnChannel"}};
@@ -70,9 +70,9 @@ class LogoutSequence : public SequenceTest {
                 {"EXPIRE", key + "/1", "6"}};
     }
     Commands refuseEarly(const std::string& status, const std::string& messageId) {
-        return road({{{"HSET", replyKey, "&&ReturnStatus", status},
-                      {"HSET", replyKey, "&&ExtendedInfo", earlyList}},
-                     writeTheMessage(earlyList, messageId)});
+        return sequence({{{"HSET", replyKey, "&&ReturnStatus", status},
+                          {"HSET", replyKey, "&&ExtendedInfo", earlyList}},
+                         writeTheMessage(earlyList, messageId)});
     }
     Commands tell(const Words& events) {
         Words command{"EVALSHA", eventScript, std::to_string(events.size())};
@@ -113,10 +113,10 @@ class LogoutSequence : public SequenceTest {
 TEST_F(LogoutSequence, OfASession) {
     EXPECT_EQ(
         commandsOfLogout(session.uri),
-        road({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(), removeTheSession(),
-              drawTheEventGroup(), askForTheCount(), dropTheMember(session.uri),
-              keepTheCollection(), answer(), tell(deletionAndChange(session.uri)),
-              audit(session.uri, {"admin"}), publish()}));
+        sequence({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(),
+                  removeTheSession(), drawTheEventGroup(), askForTheCount(),
+                  dropTheMember(session.uri), keepTheCollection(), answer(),
+                  tell(deletionAndChange(session.uri)), audit(session.uri, {"admin"}), publish()}));
 }
 
 TEST_F(LogoutSequence, OfAnUnknownSession) {
@@ -130,41 +130,44 @@ TEST_F(LogoutSequence, OfAnUnknownSession) {
     ASSERT_NE(unlink, commands.end());
     removal.back().at(1) = unlink->at(1);
     EXPECT_EQ(unlink->at(1).rfind("&&X-AUTH-TOKEN-", 0), 0U) << unlink->at(1);
-    EXPECT_EQ(commands, road({openTheRequest(), findTheTarget(uri), askForTheSwitch(), removal,
-                              drawTheEventGroup(), askForTheCount(), dropTheMember(uri), answer(),
-                              tell(deletionAndChange(uri)), audit(uri, {}), publish()}));
+    EXPECT_EQ(commands,
+              sequence({openTheRequest(), findTheTarget(uri), askForTheSwitch(), removal,
+                        drawTheEventGroup(), askForTheCount(), dropTheMember(uri), answer(),
+                        tell(deletionAndChange(uri)), audit(uri, {}), publish()}));
 }
 
 TEST_F(LogoutSequence, OfACollectionWithoutACount) {
     expectErrorLine("Failed to get sessions.");
     store().run({"HDEL", sessionsUri, "Members@odata.count"});
     EXPECT_EQ(commandsOfLogout(session.uri),
-              road({openTheRequest(),
-                    findTheTarget(session.uri),
-                    askForTheSwitch(),
-                    removeTheSession(),
-                    drawTheEventGroup(),
-                    askForTheCount(),
-                    {{"HSET", replyKey, "&&ExtendedInfo", list, "&&ResponseData", "",
-                      "&&ReturnStatus", "FAILURE"}},
-                    writeTheMessage(list, "ExtendedError.1.2.DatabaseOperationError"),
-                    tell(deletion(session.uri)),
-                    publish()}));
+              sequence({openTheRequest(),
+                        findTheTarget(session.uri),
+                        askForTheSwitch(),
+                        removeTheSession(),
+                        drawTheEventGroup(),
+                        askForTheCount(),
+                        {{"HSET", replyKey, "&&ExtendedInfo", list, "&&ResponseData", "",
+                          "&&ReturnStatus", "FAILURE"}},
+                        writeTheMessage(list, "ExtendedError.1.2.DatabaseOperationError"),
+                        tell(deletion(session.uri)),
+                        publish()}));
 }
 
 TEST_F(LogoutSequence, OfASessionOfAnotherType) {
     expectErrorLine("Request SessionType is not Redfish.");
     store().hset(session.uri, {{"SessionType", "\"Other\""}});
-    EXPECT_EQ(commandsOfLogout(session.uri),
-              road({openTheRequest(), findTheTarget(session.uri),
-                    refuseEarly("FAILURE", "ExtendedError.1.2.UnprocessableEntity"), publish()}));
+    EXPECT_EQ(
+        commandsOfLogout(session.uri),
+        sequence({openTheRequest(), findTheTarget(session.uri),
+                  refuseEarly("FAILURE", "ExtendedError.1.2.UnprocessableEntity"), publish()}));
 }
 
 TEST_F(LogoutSequence, OfADisabledService) {
     store().hset(serviceUri, {{"ServiceEnabled", "false"}});
-    EXPECT_EQ(commandsOfLogout(session.uri),
-              road({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(),
-                    refuseEarly("UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled"), publish()}));
+    EXPECT_EQ(
+        commandsOfLogout(session.uri),
+        sequence({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(),
+                  refuseEarly("UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled"), publish()}));
 }
 
 TEST_F(LogoutSequence, OfARequestWithoutAReturnChannel) {
@@ -175,15 +178,15 @@ TEST_F(LogoutSequence, OfARequestWithoutAReturnChannel) {
 TEST_F(LogoutSequence, OfARequestWithoutATarget) {
     expectErrorLine("&&TargetURI is not found.");
     EXPECT_EQ(commandsOfLogout(session.uri, {.leaveOut = {"&&TargetURI"}}),
-              road({openTheRequest(), {{"HGET", requestKey, "&&TargetURI"}}}));
+              sequence({openTheRequest(), {{"HGET", requestKey, "&&TargetURI"}}}));
 }
 
 TEST_F(LogoutSequence, OfARequestWithoutAReplyKey) {
     EXPECT_EQ(commandsOfLogout(session.uri, {}, requestKey + " "),
-              road({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(),
-                    removeTheSession(), drawTheEventGroup(), askForTheCount(),
-                    dropTheMember(session.uri), keepTheCollection(),
-                    tell(deletionAndChange(session.uri)), audit(session.uri, {"admin"})}));
+              sequence({openTheRequest(), findTheTarget(session.uri), askForTheSwitch(),
+                        removeTheSession(), drawTheEventGroup(), askForTheCount(),
+                        dropTheMember(session.uri), keepTheCollection(),
+                        tell(deletionAndChange(session.uri)), audit(session.uri, {"admin"})}));
 }
 
 }  // namespace

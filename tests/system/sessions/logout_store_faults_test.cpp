@@ -1,144 +1,147 @@
 // What a logout comes to when the store fails one of its commands.
-#include "support/store_fault_walk.h"
-#include "support/trail.h"
+#include "support/store_fault_test.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 namespace {
 
-const Lines noAnswer = together({{"[Error] Failed to update Return Status."}, noMessage});
+const Lines noAnswer = joined({{"[Error] Failed to update Return Status."}, noMessage});
 
 // Once nothing more can be read, the count is missing as well.
-const Lines noCount = together({noSessions, noAnswer, noEventScript});
+const Lines noCount = joined({noSessions, noAnswer, noEventScript});
 const Lines noEnd =
-    together({{"[Error] Failed to update Return Status."}, noEventScript, noAuditLog});
+    joined({{"[Error] Failed to update Return Status."}, noEventScript, noAuditLog});
 
-const Road theRequest{
+const Steps theRequest{
     {.command = {"AUTH"},
-     .lost = {"[Error] Failed to connect to Redis."},
-     .answered = always({"[Error] Failed to connect to Redis."}),
-     .leavesTheRoad = true},
+     .logsWhenLost = {"[Error] Failed to connect to Redis."},
+     .logsWhenAnswered = always({"[Error] Failed to connect to Redis."}),
+     .endsTheTask = true},
     {.command = {"HGET", "&&ReturnChannel"},
-     .lost = {"[Error] ReturnChannel is not found."},
-     .answered = always({"[Error] ReturnChannel is not found."}),
-     .leavesTheRoad = true},
+     .logsWhenLost = {"[Error] ReturnChannel is not found."},
+     .logsWhenAnswered = always({"[Error] ReturnChannel is not found."}),
+     .endsTheTask = true},
     {.command = {"HGET", "&&TargetURI"},
-     .lost = {"[Error] &&TargetURI is not found."},
-     .answered = always({"[Error] &&TargetURI is not found."}),
-     .leavesTheRoad = true},
+     .logsWhenLost = {"[Error] &&TargetURI is not found."},
+     .logsWhenAnswered = always({"[Error] &&TargetURI is not found."}),
+     .endsTheTask = true},
 };
 
-const Road theDeletion{
+const Steps theDeletion{
     {.command = {"HGET", "SessionType"},
-     .lost = together({noSessions, noAnswer}),
-     .answered = always({})},
+     .logsWhenLost = joined({noSessions, noAnswer}),
+     .logsWhenAnswered = always({})},
     {.command = {"HGET", "ServiceEnabled"},
-     .lost = together({noSessions, noAnswer}),
-     .answered = always({})},
-    {.command = {"LRANGE"}, .lost = together({noSessions, noAnswer}), .answered = always({})},
+     .logsWhenLost = joined({noSessions, noAnswer}),
+     .logsWhenAnswered = always({})},
+    {.command = {"LRANGE"},
+     .logsWhenLost = joined({noSessions, noAnswer}),
+     .logsWhenAnswered = always({})},
     // Any answer gives a token, if one that nobody has.
     {.command = {"HGET", "XAUTH"},
-     .lost = together({{"[Error] Failed to delete session."}, noAnswer}),
-     .answered = always({}),
-     .without = {"removes the token"}},
+     .logsWhenLost = joined({{"[Error] Failed to delete session."}, noAnswer}),
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"removes the token"}},
     // Without a name the audit log's script gets a key less than it is promised.
     {.command = {"HGET", "UserName"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
-                         "greater than number of args"}),
-     .without = {"writes the audit entry"}},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
+                                 "greater than number of args"}),
+     .missingEffects = {"writes the audit entry"}},
     {.command = {"UNLINK"},
-     .does = {"removes the session", "removes the token"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({})},
+     .effects = {"removes the session", "removes the token"},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({})},
     {.command = {"HINCRBY", "&&EVENT_GROUP_ID_COUNTER"},
-     .does = {"counts event group 42"},
-     .lost = together({noCounter, noMaximum, noCount}),
-     .answered = always({noCounter.front()}),
-     .without = {"tells of delete in 42", "tells of change in 42"},
-     .instead = {"counts event group 1", "tells of delete in 1", "tells of change in 1"}},
+     .effects = {"counts event group 42"},
+     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenAnswered = always({noCounter.front()}),
+     .missingEffects = {"tells of delete in 42", "tells of change in 42"},
+     .otherEffects = {"counts event group 1", "tells of delete in 1", "tells of change in 1"}},
     {.command = {"HGET", "MAX_EVENT_GROUP_ID"},
-     .lost = together({noMaximum, noCount}),
-     .answered = always(noMaximum)},
+     .logsWhenLost = joined({noMaximum, noCount}),
+     .logsWhenAnswered = always(noMaximum)},
     {.command = {"HGET", "Members@odata.count"},
-     .lost = noCount,
-     .answered = always(noSessions),
-     .instead = {"answers FAILURE", "names the messages",
-                 "writes ExtendedError.1.2.DatabaseOperationError", "lists the message",
-                 "keeps the list", "keeps the message", "tells of delete in 42", "publishes"},
-     .leavesTheRoad = true},
+     .logsWhenLost = noCount,
+     .logsWhenAnswered = always(noSessions),
+     .otherEffects = {"answers FAILURE", "names the messages",
+                      "writes ExtendedError.1.2.DatabaseOperationError", "lists the message",
+                      "keeps the list", "keeps the message", "tells of delete in 42", "publishes"},
+     .endsTheTask = true},
     {.command = {"LREM"},
-     .does = {"removes the member"},
-     .lost = noEnd,
-     .answered = always({}),
-     .without = {"lowers the count", "stamps the collection"}},
+     .effects = {"removes the member"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"lowers the count", "stamps the collection"}},
     {.command = {"HINCRBY", "Members@odata.count"},
-     .does = {"lowers the count"},
-     .lost = noEnd,
-     .answered = always({})},
+     .effects = {"lowers the count"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always({})},
     {.command = {"HSET", "@odata.etag"},
-     .does = {"stamps the collection"},
-     .lost = noEnd,
-     .answered = always({})},
+     .effects = {"stamps the collection"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = always({})},
     // Whatever is no error counts as written.
     {.command = {"HSET", "OK_EMPTY"},
-     .does = {"answers OK_EMPTY", "names the messages"},
-     .lost = noEnd,
-     .answered = onAnError({"[Error] Failed to update Return Status."})},
+     .effects = {"answers OK_EMPTY", "names the messages"},
+     .logsWhenLost = noEnd,
+     .logsWhenAnswered = onAnError({"[Error] Failed to update Return Status."})},
     {.command = {"HGET", "resourceChange"},
-     .lost = together({noEventScript, noAuditLog}),
-     .answered = always(noEventScript),
-     .without = {"tells of delete in 42", "tells of change in 42"}},
+     .logsWhenLost = joined({noEventScript, noAuditLog}),
+     .logsWhenAnswered = always(noEventScript),
+     .missingEffects = {"tells of delete in 42", "tells of change in 42"}},
     {.command = {"EVALSHA", "delete"},
-     .does = {"tells of delete in 42", "tells of change in 42"},
-     .lost = noAuditLog,
-     .answered = withReason("[Error] Failed to generate life cycle event. ",
-                            "[Error] Failed to generate life cycle event. (Unknown error)")},
+     .effects = {"tells of delete in 42", "tells of change in 42"},
+     .logsWhenLost = noAuditLog,
+     .logsWhenAnswered =
+         withReason("[Error] Failed to generate life cycle event. ",
+                    "[Error] Failed to generate life cycle event. (Unknown error)")},
     lookForTheAuditLog,
     lookForTheAuditScript,
     auditEntry,
-    {.command = {"PUBLISH"}, .does = {"publishes"}, .answered = always({})},
+    {.command = {"PUBLISH"}, .effects = {"publishes"}, .logsWhenAnswered = always({})},
 };
 
-const Road theRefusal{
+const Steps theRefusal{
     // A type that cannot be read is no reason for a refusal.
     {.command = {"HGET", "SessionType"},
      .logs = {"[Error] Request SessionType is not Redfish."},
-     .lost = together({noSessions, noAnswer}),
-     .answered = always({}),
-     .instead = {"removes the session", "removes the token", "counts event group 42",
-                 "removes the member", "lowers the count", "stamps the collection",
-                 "answers OK_EMPTY", "names the messages", "tells of delete in 42",
-                 "tells of change in 42", "writes the audit entry", "publishes"},
-     .leavesTheRoad = true},
+     .logsWhenLost = joined({noSessions, noAnswer}),
+     .logsWhenAnswered = always({}),
+     .otherEffects = {"removes the session", "removes the token", "counts event group 42",
+                      "removes the member", "lowers the count", "stamps the collection",
+                      "answers OK_EMPTY", "names the messages", "tells of delete in 42",
+                      "tells of change in 42", "writes the audit entry", "publishes"},
+     .endsTheTask = true},
     {.command = {"HSET", "&&ReturnStatus"},
-     .does = {"answers FAILURE"},
-     .lost = noMessage,
-     .answered = always({})},
+     .effects = {"answers FAILURE"},
+     .logsWhenLost = noMessage,
+     .logsWhenAnswered = always({})},
     {.command = {"HSET", "&&ExtendedInfo"},
-     .does = {"names the messages"},
-     .lost = noMessage,
-     .answered = always({})},
+     .effects = {"names the messages"},
+     .logsWhenLost = noMessage,
+     .logsWhenAnswered = always({})},
     // What is no number counts as none.
-    {.command = {"LLEN"}, .lost = noMessage, .answered = always({})},
+    {.command = {"LLEN"}, .logsWhenLost = noMessage, .logsWhenAnswered = always({})},
     {.command = {"HGET", "REDIS_CONNECTION_DEFAULT_TIMEOUT"},
-     .answered = always({}),
-     .without = {"keeps the list", "keeps the message"},
-     .instead = {"keeps the list briefly", "keeps the message briefly"}},
+     .logsWhenAnswered = always({}),
+     .missingEffects = {"keeps the list", "keeps the message"},
+     .otherEffects = {"keeps the list briefly", "keeps the message briefly"}},
     {.command = {"HSET", "&&MessageId"},
-     .does = {"writes ExtendedError.1.2.UnprocessableEntity"},
-     .answered = always({})},
-    {.command = {"LPUSH"}, .does = {"lists the message"}, .answered = always({})},
-    {.command = {"EXPIRE"}, .does = {"keeps the list"}, .answered = always({})},
-    {.command = {"EXPIRE"}, .does = {"keeps the message"}, .answered = always({})},
-    {.command = {"PUBLISH"}, .does = {"publishes"}, .answered = always({})},
+     .effects = {"writes ExtendedError.1.2.UnprocessableEntity"},
+     .logsWhenAnswered = always({})},
+    {.command = {"LPUSH"}, .effects = {"lists the message"}, .logsWhenAnswered = always({})},
+    {.command = {"EXPIRE"}, .effects = {"keeps the list"}, .logsWhenAnswered = always({})},
+    {.command = {"EXPIRE"}, .effects = {"keeps the message"}, .logsWhenAnswered = always({})},
+    {.command = {"PUBLISH"}, .effects = {"publishes"}, .logsWhenAnswered = always({})},
 };
 
-Road join(Road first, const Road& second) {
+Steps join(Steps first, const Steps& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
 }
 
-class FaultyLogout : public RequestsOnAFaultyStore {
+class FaultyLogout : public StoreFaultTest {
   protected:
     Request prepare() override {
         store().del(membersKey);
@@ -146,7 +149,7 @@ class FaultyLogout : public RequestsOnAFaultyStore {
         session = frontEnd().insertSession({.sessionType = sessionType});
         return frontEnd().prepareRemove(session.uri);
     }
-    void noteDeedsOf(const Request&, const Note& note) override {
+    void noteEffectsOf(const Request&, const Note& note) override {
         note(!store().exists(session.uri) && !store().exists(tokenReferenceKey(session.uri)),
              "removes the session");
         note(!store().exists(tokenKey(session.token)), "removes the token");
@@ -163,12 +166,12 @@ class FaultyLogout : public RequestsOnAFaultyStore {
 };
 
 TEST_P(FaultyLogout, DoesAtEachCommandWhatTheFaultLeavesPossible) {
-    walk(join(theRequest, theDeletion));
+    injectAtEachCommand(join(theRequest, theDeletion));
 }
 
 TEST_P(FaultyLogout, ThatIsRefusedAnswersAsFarAsTheFaultLeavesPossible) {
     sessionType = "\"Other\"";
-    walk(join(theRequest, theRefusal));
+    injectAtEachCommand(join(theRequest, theRefusal));
 }
 
 INSTANTIATE_TEST_SUITE_P(OnAStoreThat, FaultyLogout, testing::ValuesIn(storeFaults()), nameOfFault);

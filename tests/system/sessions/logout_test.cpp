@@ -3,8 +3,8 @@
 #include <regex>
 #include <thread>
 
-#include "support/store_relay.h"
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
+#include "support/store_proxy.h"
 
 namespace testbed {
 namespace {
@@ -24,9 +24,9 @@ std::string listKeyOf(const Request& request) {
     return request.replyKey().substr(0, request.replyKey().rfind('/') + 1) + "ExtendedInfo";
 }
 
-class Logout : public WelcomingTest {
+class Logout : public PermissivePamTest {
   protected:
-    using WelcomingTest::WelcomingTest;
+    using PermissivePamTest::PermissivePamTest;
 
     Words thereOf(const Words& keys) {
         Words there;
@@ -195,7 +195,7 @@ TEST_F(Logout, OfASessionThatIsListedTwiceTakesTheOlderEntry) {
 
 TEST_F(Logout, OfACollectionThatIsNoListLeavesTheCountAlone) {
     const InsertedSession session = frontEnd().insertSession({.member = false});
-    spoil(membersKey);
+    corrupt(membersKey);
     store().hset(sessionsUri, {{"Members@odata.count", "5"}});
     EXPECT_EQ(frontEnd().remove(session.uri).status(), "OK_EMPTY");
     EXPECT_EQ(thereOf(keysOf(session)), Words{});
@@ -232,8 +232,8 @@ TEST_F(Logout, WithoutATokenReferenceLeavesTheTokenRecord) {
 TEST_F(Logout, OfKeysOfAnotherKindRemovesThemToo) {
     expectErrorLine("Failed to generate LogEntry. ");
     const InsertedSession session = frontEnd().insertSession({.member = false});
-    spoil(session.uri);
-    spoil(tokenReferenceKey(session.uri));
+    corrupt(session.uri);
+    corrupt(tokenReferenceKey(session.uri));
     EXPECT_EQ(frontEnd().remove(session.uri).status(), "OK_EMPTY");
     EXPECT_EQ(thereOf(keysOf(session)), Words{tokenKey(session.token)});
 }
@@ -520,12 +520,12 @@ class LogoutOverARelay : public Logout {
   protected:
     // Has a session expire and holds the expiry half-way.
     InsertedSession holdAnExpiry() {
-        relay.judge([this](const Words& command) {
+        proxy.setFilter([this](const Words& command) {
             if (command.front() == "UNLINK" && held) {
                 reached = true;
                 held.wait(true);
             }
-            return StoreRelay::Verdict::pass;
+            return StoreProxy::Verdict::pass;
         });
         InsertedSession expiring = frontEnd().insertSession({.timeout = "1", .lastAccessed = "0"});
         waitUntil("the expiry is held", [this] { return reached.load(); });
@@ -537,28 +537,28 @@ class LogoutOverARelay : public Logout {
         waitUntilExpired(1);
     }
     void TearDown() override {
-        relay.judge({});
+        proxy.setFilter({});
         held = false;
         held.notify_all();
         Logout::TearDown();
     }
     // Ends the connection of the request once it sends the command.
     void cutAt(const Request& request, const Words& command) {
-        relay.judge([this, first = Words{"HGET", request.requestKey(), "&&ReturnChannel"},
-                     command](const Words& sent) {
+        proxy.setFilter([this, first = Words{"HGET", request.requestKey(), "&&ReturnChannel"},
+                         command](const Words& sent) {
             if (sent == first) {
                 connection = std::this_thread::get_id();
             }
             return sent == command && connection.load() == std::this_thread::get_id()
-                       ? StoreRelay::Verdict::cut
-                       : StoreRelay::Verdict::pass;
+                       ? StoreProxy::Verdict::cut
+                       : StoreProxy::Verdict::pass;
         });
     }
 
     std::atomic<bool> held = true;
     std::atomic<bool> reached = false;
     std::atomic<std::thread::id> connection{};
-    StoreRelay relay{controller};
+    StoreProxy proxy{controller};
 };
 
 TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
@@ -598,11 +598,11 @@ TEST_F(LogoutOverARelay, WithoutAConnectionOfItsOwnIsNotServed) {
     expectErrorLine("Failed to connect to Redis.");
     const InsertedSession session = frontEnd().insertSession();
     const Snapshot before = snapshot();
-    relay.refuseConnections(true);
+    proxy.refuseConnections(true);
     Request request = frontEnd().prepareRemove(session.uri);
     request.send();
     waitForLog("Failed to connect to Redis.");
-    relay.refuseConnections(false);
+    proxy.refuseConnections(false);
     expectNothingDone(session, before, request);
 }
 

@@ -3,7 +3,7 @@
 
 #include <ostream>
 
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 #include "support/system_test.h"
 
 namespace testbed {
@@ -25,7 +25,7 @@ class Discovery : public SystemTest {
 
     // The daemon ends at once, because it does not reach its store.
     void expectNoConnection() {
-        expectEnding({.bySignal = false, .value = 255});
+        expectExitStatus({.bySignal = false, .value = 255});
         expectErrorLine("Failed to connect to Redis.");
         runDaemon();
         EXPECT_EQ(countLogged("Failed to connect to Redis."), 1);
@@ -35,10 +35,10 @@ class Discovery : public SystemTest {
     }
     // Runs the exported functions inside the private root and returns what each gave.
     Words call(Words operations) {
-        controller.install(TESTBED_STORE_PROBE, probe);
+        controller.install(TEST_STORE_PROBE, probe);
         operations.insert(operations.begin(), probe);
         const auto program = controller.startProgram({.command = operations, .ofThisBuild = true});
-        EXPECT_EQ(toText(program->wait()), toText(Ending{}));
+        EXPECT_EQ(toText(program->wait()), toText(ExitStatus{}));
         return splitAtZeroBytes(controller.outputOf("store_probe"));
     }
     std::string callErrors() { return controller.errorsOf("store_probe"); }
@@ -87,7 +87,7 @@ TEST_F(Discovery, SendsNoPasswordWithoutItsFile) {
     controller.removeFile(passwordFile);
     startStore();
     // The store refuses the first command, so the connection itself came about.
-    expectEnding({.bySignal = false, .value = 255});
+    expectExitStatus({.bySignal = false, .value = 255});
     expectErrorLine("Failed to access Redis.");
     runDaemon();
     expectOnStandardError("fopen: No such file or directory");
@@ -96,16 +96,16 @@ TEST_F(Discovery, SendsNoPasswordWithoutItsFile) {
 TEST_F(Discovery, SendsNoPasswordWhenItsFileIsEmpty) {
     controller.writeFile(passwordFile, "");
     startStore();
-    expectEnding({.bySignal = false, .value = 255});
+    expectExitStatus({.bySignal = false, .value = 255});
     expectErrorLine("Failed to access Redis.");
     runDaemon();
     EXPECT_EQ(controller.daemonErrors(), "");
 }
 
 TEST_F(Discovery, EndsWhenThePasswordIsNeverAnswered) {
-    StoreRelay relay(controller);
-    relay.judge([](const Words& command) {
-        return command[0] == "AUTH" ? StoreRelay::Verdict::cut : StoreRelay::Verdict::pass;
+    StoreProxy proxy(controller);
+    proxy.setFilter([](const Words& command) {
+        return command[0] == "AUTH" ? StoreProxy::Verdict::cut : StoreProxy::Verdict::pass;
     });
     startStore();
     expectNoConnection();
@@ -269,7 +269,7 @@ TEST_F(Discovery, HappensOnceForTheLifeOfTheProcess) {
     // No change, which would raise an event after its answer.
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "300"}}).status(), "OK");
     EXPECT_EQ(frontEnd().remove(frontEnd().insertSession().uri).status(), "OK_EMPTY");
-    endDaemon();
+    stopDaemon();
     EXPECT_EQ(controller.daemonErrors(), "");
 }
 

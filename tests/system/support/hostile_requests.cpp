@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "testbed/front_end.h"
+#include "testbed/fake_front_end.h"
 
 namespace testbed {
 
@@ -140,7 +140,7 @@ std::string repeatedUpTo(const std::string& piece, std::size_t size) {
 }
 
 std::string readable(const std::string& text) {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr const char* digits = "0123456789abcdef";
     constexpr std::size_t most = 120;
     std::string shown;
     for (const char character : text.substr(0, most)) {
@@ -176,8 +176,8 @@ std::string toText(const HostileRequest& request) {
     return lines + toText({"PUBLISH", request.channel, request.notice});
 }
 
-HostileRequests::HostileRequests(unsigned seed, NamesOfOthers others)
-    : random_(seed), others_(std::move(others)) {}
+HostileRequests::HostileRequests(unsigned seed, ForeignNames names)
+    : random(seed), foreign(std::move(names)) {}
 
 HostileRequest HostileRequests::next() {
     if (oneIn(40)) {
@@ -200,7 +200,7 @@ HostileRequest HostileRequests::next() {
         writeHash(request.preparation, requestKey + "/Checklist", {{"/SessionTimeout", text()}});
     }
     if (oneIn(6)) {
-        spoilService(request.preparation);
+        corruptService(request.preparation);
     }
     request.channel = channels.at(below(channels.size()));
     request.notice = notice(requestKey);
@@ -237,7 +237,7 @@ std::string HostileRequests::text() {
         case 1:
             return pick(texts) + pick(texts);
         case 2:
-            return pick(texts) + ' ' + pick(others_.keys);
+            return pick(texts) + ' ' + pick(foreign.keys);
         default:
             return pick(texts);
     }
@@ -260,7 +260,7 @@ std::string HostileRequests::anything() {
     switch (below(6)) {
         case 0:
         case 1:
-            return pick(others_.keys);
+            return pick(foreign.keys);
         case 2:
             return ownKey("request");
         case 3:
@@ -284,7 +284,7 @@ std::string HostileRequests::tokenField() {
         case 1:
             return field + ownKey("list");
         case 2:
-            return field + pick(others_.keys);
+            return field + pick(foreign.keys);
         default:
             return oneIn(2) ? field + text() : field;
     }
@@ -295,9 +295,9 @@ std::string HostileRequests::replyKey() {
         case 0:
             return anything();
         case 1:
-            return pick(others_.keys);
+            return pick(foreign.keys);
         default:
-            return "&&/hostile/reply/" + std::to_string(++replies_) + "/status";
+            return "&&/hostile/reply/" + std::to_string(++replyCount) + "/status";
     }
 }
 
@@ -326,7 +326,7 @@ std::string HostileRequests::notice(const std::string& requestKey) {
 
 Fields HostileRequests::body() {
     Fields fields{{"UserName", "\"admin\""},
-                  {"Password", oneIn(4) ? pick(others_.passwords) : others_.passwords.front()},
+                  {"Password", oneIn(4) ? pick(foreign.passwords) : foreign.passwords.front()},
                   {"SessionTimeout", oneIn(3) ? text() : std::to_string(300 + below(3))}};
     if (oneIn(2)) {
         fields["UserName"] = '"' + text() + '"';
@@ -366,7 +366,7 @@ void HostileRequests::mutate(Fields& fields) {
 // Whether a deletion of this target would delete a session that has to stay.
 bool HostileRequests::namesProtectedSession(const std::string& target) const {
     const std::string identifier = lastSegment(target.c_str());
-    return std::any_of(others_.sessions.begin(), others_.sessions.end(),
+    return std::any_of(foreign.sessions.begin(), foreign.sessions.end(),
                        [&](const std::string& uri) { return lastSegment(uri) == identifier; });
 }
 
@@ -423,7 +423,7 @@ void HostileRequests::writeList(std::vector<Words>& commands, const std::string&
     commands.push_back(std::move(command));
 }
 
-void HostileRequests::spoilService(std::vector<Words>& commands) {
+void HostileRequests::corruptService(std::vector<Words>& commands) {
     if (oneIn(6)) {
         writeList(commands, membersKey);
         return;
@@ -453,7 +453,7 @@ HostileRequest HostileRequests::echo() {
     request.preparation.push_back({"DEL", key});
     request.preparation.push_back({"HSET", key, "&&ReturnChannel", returnChannel, "&&TargetURI",
                                    serviceUri, "&&RequestData", "&&/hostile/nothing"});
-    request.notice = key + " &&/hostile/reply/" + std::to_string(++replies_) + "/echo";
+    request.notice = key + " &&/hostile/reply/" + std::to_string(++replyCount) + "/echo";
     return request;
 }
 

@@ -25,7 +25,7 @@ struct HostileRequest {
 std::string toText(const HostileRequest& request);
 
 // What requests name besides what is their own.
-struct NamesOfOthers {
+struct ForeignNames {
     Words keys;
     // Resources of sessions that no deletion may name: it would rightly delete them.
     Words sessions;
@@ -34,15 +34,15 @@ struct NamesOfOthers {
 
 class HostileRequests {
   public:
-    HostileRequests(unsigned seed, NamesOfOthers others);
+    HostileRequests(unsigned seed, ForeignNames names);
 
     HostileRequest next();
 
-    // Makes the sessions that requests delete and spoil.
+    // Makes the sessions that requests delete and corrupt.
     static std::vector<Words> insertVictims();
 
   private:
-    unsigned below(unsigned end) { return static_cast<unsigned>(random_() % end); }
+    unsigned below(unsigned end) { return static_cast<unsigned>(random() % end); }
     bool oneIn(unsigned chances) { return below(chances) == 0; }
     const std::string& pick(const Words& words);
 
@@ -63,12 +63,12 @@ class HostileRequests {
     void writeHash(std::vector<Words>& commands, const std::string& key, Fields fields);
     void writeOtherKind(std::vector<Words>& commands, const std::string& key);
     void writeList(std::vector<Words>& commands, const std::string& key);
-    void spoilService(std::vector<Words>& commands);
+    void corruptService(std::vector<Words>& commands);
     HostileRequest echo();
 
-    std::mt19937 random_;
-    NamesOfOthers others_;
-    unsigned long replies_ = 0;
+    std::mt19937 random;
+    ForeignNames foreign;
+    unsigned long replyCount = 0;
 };
 
 }  // namespace testbed

@@ -32,8 +32,8 @@ class LoginTest : public SystemTest {
     // Names with blanks do not fit the audit log's script; without a log it is not asked.
     void switchOffAuditLog() { store().del("/redfish/v1/Managers/1/LogServices/AuditLog/Entries"); }
 
-    static constexpr char groupFile[] = "/etc/pam.d/q73.conf";
-    static constexpr char privilegeFile[] = "/etc/pam.d/groups2privs.conf";
+    static constexpr const char* groupFile = "/etc/pam.d/q73.conf";
+    static constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";
 };
 
 }  // namespace testbed

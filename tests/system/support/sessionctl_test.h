@@ -22,7 +22,7 @@ struct Outcome {
 class SessionctlTest : public SystemTest {
   protected:
     explicit SessionctlTest(const ControllerOptions& options = {}) : SystemTest(options) {
-        controller.bind({TESTBED_SESSIONCTL, program, Bind::Kind::readOnly});
+        controller.bind({TEST_SESSIONCTL, program, Bind::Kind::readOnly});
     }
     void TearDown() override {
         for (const Account& account : {administrator, operatorAccount, reader, expired}) {
@@ -54,13 +54,13 @@ class SessionctlTest : public SystemTest {
         const std::string output = controller.outputOf("sessionctl");
         const std::string errors = controller.errorsOf("sessionctl");
         const auto process = startSessionctl(arguments, controller.path("/tmp/sessionctl.input"));
-        const Ending ending = process->wait();
+        const ExitStatus ending = process->wait();
         EXPECT_FALSE(ending.bySignal) << toText(ending);
         return {ending.value, controller.outputOf("sessionctl").substr(output.size()),
                 controller.errorsOf("sessionctl").substr(errors.size())};
     }
 
-    static constexpr char program[] = "/usr/local/sbin/sessionctl";
+    static constexpr const char* program = "/usr/local/sbin/sessionctl";
 };
 
 // Everything runs.

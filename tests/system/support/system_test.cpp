@@ -11,11 +11,11 @@ namespace testbed {
 
 namespace {
 
-constexpr char pamModule[] = "/usr/local/lib/security/pam_test.so";
-constexpr char pamRecordFile[] = "/tmp/pam.records";
-constexpr char pamBlockFile[] = "/tmp/pam.block";
+constexpr const char* pamModule = "/usr/local/lib/security/pam_test.so";
+constexpr const char* pamRecordFile = "/tmp/pam.records";
+constexpr const char* pamBlockFile = "/tmp/pam.block";
 constexpr int leastDescriptorOfValgrind = 1000;
-constexpr char kadminArguments[] = "/tmp/kadmin.arguments";
+constexpr const char* kadminArguments = "/tmp/kadmin.arguments";
 
 constexpr std::array sanitizerReports{"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                                       "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
@@ -46,51 +46,51 @@ LogLine toLogLine(const std::string& line) {
 }  // namespace
 
 SystemTest::SystemTest(const ControllerOptions& options) : controller(options) {
-    controller.install(TESTBED_PAM_TEST_MODULE, pamModule);
+    controller.install(TEST_PAM_MODULE, pamModule);
 }
 
 void SystemTest::TearDown() {
     if (controller.daemonStarted()) {
-        endDaemon();
+        stopDaemon();
         checkDaemon();
     }
     if (HasFailure()) {
         std::cerr << "--- log of the daemon\n"
-                  << earlierLog_ << controller.readFile(logFile) << "--- its standard error\n"
+                  << earlierLog << controller.readFile(logFile) << "--- its standard error\n"
                   << controller.daemonErrors() << "---\n";
     }
 }
 
 void SystemTest::checkDaemon() {
-    if (const auto ended = controller.daemon().ending()) {
-        EXPECT_EQ(toText(*ended), toText(expectedEnding_)) << "for the end of the daemon";
+    if (const auto ended = controller.daemon().exitStatus()) {
+        EXPECT_EQ(toText(*ended), toText(expectedStatus)) << "for the end of the daemon";
     }
     const std::string errors = controller.daemonErrors();
     for (const char* report : sanitizerReports) {
         EXPECT_FALSE(contains(errors, report)) << errors;
     }
-    if (underMemcheck()) {
+    if (underValgrind()) {
         EXPECT_FALSE(std::regex_search(errors, std::regex("==[0-9]+== "))) << errors;
     }
     expectNoPassword(errors, "standard error");
     expectNoPassword(controller.daemonOutput(), "standard output");
-    expectNoPassword(earlierLog_ + controller.readFile(logFile), "log");
-    std::vector<bool> seen(expectedErrors_.size(), false);
+    expectNoPassword(earlierLog + controller.readFile(logFile), "log");
+    std::vector<bool> seen(expectedErrors.size(), false);
     for (const LogLine& line : logLines()) {
         if (line.tag != "[Error]") {
             continue;
         }
-        bool announced = false;
+        bool expected = false;
         for (std::size_t i = 0; i < seen.size(); ++i) {
-            if (contains(line.message, expectedErrors_[i])) {
+            if (contains(line.message, expectedErrors[i])) {
                 seen[i] = true;
-                announced = true;
+                expected = true;
             }
         }
-        EXPECT_TRUE(announced) << "unexpected error line: " << line.message;
+        EXPECT_TRUE(expected) << "unexpected error line: " << line.message;
     }
     for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedErrors_[i];
+        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedErrors[i];
     }
 }
 
@@ -127,18 +127,18 @@ void SystemTest::startDaemon(const DaemonOptions& options) {
     controller.waitUntilServing();
 }
 
-Ending SystemTest::runDaemon(const DaemonOptions& options) {
+ExitStatus SystemTest::runDaemon(const DaemonOptions& options) {
     keepLog();
     controller.startDaemon(options);
     return controller.daemon().wait();
 }
 
-void SystemTest::endDaemon() {
+void SystemTest::stopDaemon() {
     releasePam();
     checkCommands();
     controller.stopStore();
-    store_.reset();
-    frontEnd_.reset();
+    storeConnection.reset();
+    fakeFrontEnd.reset();
     try {
         controller.daemon().wait();
     } catch (const Failure& failure) {
@@ -157,13 +157,13 @@ std::ptrdiff_t SystemTest::openDescriptors() {
 
 // The daemon begins its log anew with each start.
 void SystemTest::keepLog() {
-    earlierLog_ += controller.readFile(logFile);
+    earlierLog += controller.readFile(logFile);
     controller.removeFile(logFile);
 }
 
 std::vector<LogLine> SystemTest::logLines() const {
     std::vector<LogLine> lines;
-    std::istringstream log(earlierLog_ + controller.readFile(logFile));
+    std::istringstream log(earlierLog + controller.readFile(logFile));
     for (std::string line; std::getline(log, line);) {
         lines.push_back(toLogLine(line));
     }
@@ -195,13 +195,13 @@ void SystemTest::holdPam() {
 }
 
 void SystemTest::waitUntilPamHolds() {
-    ++heldLogins_;
+    ++heldLogins;
     waitUntil("a login is held inside PAM", [this] {
         const std::vector<PamRecord> records = pamRecords();
         return static_cast<std::size_t>(
                    std::count_if(records.begin(), records.end(), [](const PamRecord& record) {
                        return record.at("entry") == "auth";
-                   })) >= heldLogins_;
+                   })) >= heldLogins;
     });
 }
 
@@ -224,44 +224,44 @@ std::vector<PamRecord> SystemTest::pamRecords() const {
     return records;
 }
 
-void SystemTest::useKadminStandIn(const std::string& output) {
-    controller.install(TESTBED_KADMIN_STAND_IN, "/usr/local/bin/kadmin");
+void SystemTest::useFakeKadmin(const std::string& output) {
+    controller.install(TEST_FAKE_KADMIN, "/usr/local/bin/kadmin");
     controller.writeFile("/tmp/kadmin.output", output);
 }
 
 std::vector<Words> SystemTest::kadminCalls() const {
     std::vector<Words> calls;
-    const Words pieces = splitAtZeroBytes(controller.readFile(kadminArguments));
-    for (auto piece = pieces.begin(); piece != pieces.end();) {
-        const auto first = piece + 1;
-        piece = first + std::stol(*piece);
-        calls.emplace_back(first, piece);
+    const Words parts = splitAtZeroBytes(controller.readFile(kadminArguments));
+    for (auto part = parts.begin(); part != parts.end();) {
+        const auto first = part + 1;
+        part = first + std::stol(*part);
+        calls.emplace_back(first, part);
     }
     return calls;
 }
 
 StoreClient& SystemTest::store() {
-    if (!store_) {
-        store_.emplace(controller.connect());
+    if (!storeConnection) {
+        storeConnection.emplace(controller.connect());
     }
-    return *store_;
+    return *storeConnection;
 }
 
-FrontEnd& SystemTest::frontEnd() {
-    if (!frontEnd_) {
-        frontEnd_.emplace(controller.frontEnd());
+FakeFrontEnd& SystemTest::frontEnd() {
+    if (!fakeFrontEnd) {
+        fakeFrontEnd.emplace(controller.frontEnd());
     }
-    return *frontEnd_;
+    return *fakeFrontEnd;
 }
 
 Words splitAtZeroBytes(const std::string& text) {
-    Words pieces;
+    Words parts;
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find('\0', at), text.size());
-        pieces.push_back(text.substr(at, end - at));
+        parts.push_back(text.substr(at, end - at));
         at = end + 1;
     }
-    return pieces;
+    return parts;
 }
 
 Words splitLines(const std::string& text) {

@@ -1,11 +1,11 @@
 // The fixture of all tests that run the daemon in a testbed.
 //
-// The end of a test ends the daemon in order, by stopping the store, and fails the test
-// when the daemon ends by a signal or with an exit status that the test did not expect,
-// when a sanitizer or valgrind reported something, when the log holds an error line that the
-// test did not announce, or lacks one that it did, and when a password of the controller's
-// accounts stands in the log, in what the daemon printed or in a command that the store got. A
-// failed test prints the log.
+// At the end of a test the store is stopped, which ends the daemon in order. The test fails when
+// the daemon ended by a signal or with an exit status that the test did not expect; when a
+// sanitizer or valgrind reported something; when the log holds an error line that the test did
+// not expect, or lacks one that it did; and when a password of the controller's accounts is in
+// the log, in what the daemon printed or in a command that the store got. A failed test prints
+// the log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -45,15 +45,15 @@ class SystemTest : public testing::Test {
     // The daemon alone, also once more after it ended. Returns when it serves.
     void startDaemon(const DaemonOptions& options = {});
     // A daemon that has to end by itself; returns once it has.
-    Ending runDaemon(const DaemonOptions& options = {});
+    ExitStatus runDaemon(const DaemonOptions& options = {});
     // Stops the store and waits until the daemon has ended of it; a PAM call that is held
     // goes on first.
-    void endDaemon();
+    void stopDaemon();
 
     // How the daemon has to end; without it: with exit status 0.
-    void expectEnding(const Ending& ending) { expectedEnding_ = ending; }
+    void expectExitStatus(const ExitStatus& status) { expectedStatus = status; }
     // An error line whose message contains the text has to be there, any number of times.
-    void expectErrorLine(const std::string& text) { expectedErrors_.push_back(text); }
+    void expectErrorLine(const std::string& text) { expectedErrors.push_back(text); }
 
     // How many descriptors the daemon has open; those that valgrind keeps beside them do not
     // count.
@@ -78,14 +78,14 @@ class SystemTest : public testing::Test {
     void releasePam();
     std::vector<PamRecord> pamRecords() const;
 
-    // Puts the stand-in for the Kerberos administration tool in front of the real one.
-    void useKadminStandIn(const std::string& output);
+    // Installs a fake Kerberos administration tool, which prints the output.
+    void useFakeKadmin(const std::string& output);
     // The arguments of each call.
     std::vector<Words> kadminCalls() const;
 
     // A connection of the test's own; made at first use, and anew once the store stopped.
     StoreClient& store();
-    FrontEnd& frontEnd();
+    FakeFrontEnd& frontEnd();
 
     Controller controller;
 
@@ -94,12 +94,12 @@ class SystemTest : public testing::Test {
     void checkCommands();
     void keepLog();
 
-    std::optional<StoreClient> store_;
-    std::optional<FrontEnd> frontEnd_;
-    std::string earlierLog_;
-    std::size_t heldLogins_ = 0;
-    Ending expectedEnding_{};
-    std::vector<std::string> expectedErrors_;
+    std::optional<StoreClient> storeConnection;
+    std::optional<FakeFrontEnd> fakeFrontEnd;
+    std::string earlierLog;
+    std::size_t heldLogins = 0;
+    ExitStatus expectedStatus{};
+    std::vector<std::string> expectedErrors;
 };
 
 // For tests that find everything running, with the accounts of the controller.
@@ -109,7 +109,7 @@ class RunningSystemTest : public SystemTest {
     void SetUp() override { start(); }
 };
 
-// Pieces of a text, each with a zero byte behind it.
+// The parts of a text, each with a zero byte behind it.
 Words splitAtZeroBytes(const std::string& text);
 
 // The lines of a text, without their line feeds.

@@ -13,7 +13,7 @@ namespace testbed {
 
 namespace {
 
-constexpr char requestKeys[] = "&&/frontend/*";
+constexpr const char* requestKeys = "&&/frontend/*";
 constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};
 
 bool contains(const std::string& text, const std::string& part) {
@@ -30,7 +30,7 @@ std::string encodedCredentials(const Account& account) {
     return {text.begin(), text.end() - 1};
 }
 
-// The digits of a token. An enciphered password has more of them.
+// The digits of a token. An encrypted password has more of them.
 bool containsToken(const std::string& text) {
     constexpr std::size_t digits = 64;
     std::size_t run = 0;
@@ -50,19 +50,20 @@ void WebTest::SetUp() {
 }
 
 void WebTest::TearDown() {
-    client_.reset();
+    httpClient.reset();
     if (web.started()) {
         checkLeftovers();
-        if (const auto ended = web.process().ending()) {
+        if (const auto ended = web.process().exitStatus()) {
             ADD_FAILURE() << "The web front end ended with " << toText(*ended) << ".";
         } else {
-            EXPECT_EQ(toText(web.stop()), toText(Ending{})) << "for the end of the web front end";
+            EXPECT_EQ(toText(web.stop()), toText(ExitStatus{}))
+                << "for the end of the web front end";
         }
     }
     checkErrorLog();
     checkSecrets(web.accessLog());
     checkSecrets(web.errorLog());
-    settleDaemon();
+    waitUntilDaemonIsIdle();
     SystemTest::TearDown();
     if (HasFailure()) {
         std::cerr << "--- access log of the web front end\n"
@@ -74,8 +75,9 @@ void WebTest::TearDown() {
 
 // The daemon answers before it raises events and makes audit entries: the store must not stop
 // meanwhile. Each thread serves one request after another, and refuses these at once.
-void WebTest::settleDaemon() {
-    if (!controller.storeStarted() || !controller.daemonStarted() || controller.daemon().ending()) {
+void WebTest::waitUntilDaemonIsIdle() {
+    if (!controller.storeStarted() || !controller.daemonStarted() ||
+        controller.daemon().exitStatus()) {
         return;
     }
     releasePam();
@@ -87,7 +89,7 @@ void WebTest::settleDaemon() {
     frontEnd().patch({{"Unknown", "1"}});
 }
 
-void WebTest::setting(const std::string& name, const std::string& value) {
+void WebTest::changeSetting(const std::string& name, const std::string& value) {
     const std::regex line("\n    " + name + " = [^\n]*");
     const std::string settings = controller.readFile(webSettingsFile);
     if (!std::regex_search(settings, line)) {
@@ -97,7 +99,7 @@ void WebTest::setting(const std::string& name, const std::string& value) {
                          std::regex_replace(settings, line, "\n    " + name + " = " + value + ","));
 }
 
-void WebTest::limit(const std::string& text, const std::string& replacement) {
+void WebTest::changeLimit(const std::string& text, const std::string& replacement) {
     std::string limits = controller.readFile(webLimitsFile);
     const std::size_t at = limits.find(text);
     if (at == std::string::npos) {
@@ -107,10 +109,10 @@ void WebTest::limit(const std::string& text, const std::string& replacement) {
 }
 
 HttpClient& WebTest::client() {
-    if (!client_) {
-        client_.emplace(newClient());
+    if (!httpClient) {
+        httpClient.emplace(newClient());
     }
-    return *client_;
+    return *httpClient;
 }
 
 HttpClient WebTest::newClient(HttpOptions options) const {
@@ -138,24 +140,24 @@ void WebTest::checkLeftovers() {
 }
 
 void WebTest::checkErrorLog() {
-    std::vector<bool> seen(expectedWebErrors_.size(), false);
+    std::vector<bool> seen(expectedWebErrors.size(), false);
     std::istringstream log(web.errorLog());
     for (std::string line; std::getline(log, line);) {
         if (std::none_of(errorLevels.begin(), errorLevels.end(),
                          [&](const char* level) { return contains(line, level); })) {
             continue;
         }
-        bool announced = false;
+        bool expected = false;
         for (std::size_t i = 0; i < seen.size(); ++i) {
-            if (contains(line, expectedWebErrors_[i])) {
+            if (contains(line, expectedWebErrors[i])) {
                 seen[i] = true;
-                announced = true;
+                expected = true;
             }
         }
-        EXPECT_TRUE(announced) << "unexpected error line: " << line;
+        EXPECT_TRUE(expected) << "unexpected error line: " << line;
     }
     for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedWebErrors_[i];
+        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedWebErrors[i];
     }
 }
 

@@ -25,12 +25,12 @@ class WebTest : public SystemTest {
     void TearDown() override;
 
     // Gives a value to a line of the front end's settings, as Lua text; for its next start.
-    void setting(const std::string& name, const std::string& value);
+    void changeSetting(const std::string& name, const std::string& value);
     // Replaces a text of the front end's limits, which has to be there; for its next start.
-    void limit(const std::string& text, const std::string& replacement);
+    void changeLimit(const std::string& text, const std::string& replacement);
 
     // A line of the error log that contains the text has to be there, any number of times.
-    void expectWebErrorLine(const std::string& text) { expectedWebErrors_.push_back(text); }
+    void expectWebErrorLine(const std::string& text) { expectedWebErrors.push_back(text); }
 
     // The test's own client, made at first use.
     HttpClient& client();
@@ -41,12 +41,12 @@ class WebTest : public SystemTest {
 
   private:
     void checkLeftovers();
-    void settleDaemon();
+    void waitUntilDaemonIsIdle();
     void checkErrorLog();
     void checkSecrets(const std::string& log) const;
 
-    std::optional<HttpClient> client_;
-    std::vector<std::string> expectedWebErrors_;
+    std::optional<HttpClient> httpClient;
+    std::vector<std::string> expectedWebErrors;
 };
 
 }  // namespace testbed

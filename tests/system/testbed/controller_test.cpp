@@ -51,9 +51,9 @@ TEST_F(Testbed, RestartsTheDaemonOnAKeptStore) {
 
 TEST_F(Testbed, TellsTheEndOfTheDaemonByASignal) {
     controller.daemon().signal(SIGTERM);
-    const Ending ending{.bySignal = true, .value = SIGTERM};
+    const ExitStatus ending{.bySignal = true, .value = SIGTERM};
     EXPECT_EQ(controller.daemon().wait(), ending);
-    expectEnding(ending);
+    expectExitStatus(ending);
 }
 
 TEST_F(Testbed, PlantsSessionsThatTheDaemonTakesForItsOwn) {
@@ -84,7 +84,7 @@ TEST_F(Testbed, TellsItsSecretsToNobodyElse) {
 }
 
 TEST_F(Testbed, LimitsTheDaemonAlone) {
-    endDaemon();
+    stopDaemon();
     startStore();
     startDaemon({.limits = {"--nofile=123"}});
     const std::string limits = "/proc/" + std::to_string(controller.daemon().pid()) + "/limits";

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -93,18 +93,18 @@ Command scanFrom(const std::string& cursor) {
 }
 
 TEST(AccountOfAUser, IsTheFirstWhoseOwnerIsThatUser) {
-    const RespPeer peer({page("0", {"a/1", "a/2", "a/3"}), resp::bulk("admin2"),
-                         resp::bulk("admin"), resp::bulk("admin")});
-    EXPECT_EQ(findAccountByOwner(peer.store(), "admin"), "a/2");
+    const ScriptedStore peer({page("0", {"a/1", "a/2", "a/3"}), resp::bulk("admin2"),
+                              resp::bulk("admin"), resp::bulk("admin")});
+    EXPECT_EQ(findAccountByOwner(peer.connection(), "admin"), "a/2");
     EXPECT_EQ(
         peer.commands(),
         (Commands{scanFrom("0"), {"HGET", "a/1", "&&OwnerName"}, {"HGET", "a/2", "&&OwnerName"}}));
 }
 
 TEST(AccountOfAUser, IsLookedForOnEveryPage) {
-    const RespPeer peer({page("17", {"a/1"}), resp::bulk("other"), page("42", {}),
-                         page("0", {"a/2"}), resp::bulk("admin")});
-    EXPECT_EQ(findAccountByOwner(peer.store(), "admin"), "a/2");
+    const ScriptedStore peer({page("17", {"a/1"}), resp::bulk("other"), page("42", {}),
+                              page("0", {"a/2"}), resp::bulk("admin")});
+    EXPECT_EQ(findAccountByOwner(peer.connection(), "admin"), "a/2");
     EXPECT_EQ(peer.commands(), (Commands{scanFrom("0"),
                                          {"HGET", "a/1", "&&OwnerName"},
                                          scanFrom("17"),
@@ -113,34 +113,35 @@ TEST(AccountOfAUser, IsLookedForOnEveryPage) {
 }
 
 TEST(AccountOfAUser, NeedsTheWholeName) {
-    const RespPeer peer({page("0", {"a/1", "a/2", "a/3", "a/4", "a/5"}), resp::bulk("admin"),
-                         resp::bulk("ad"), resp::bulk("ADM"), resp::nil(),
-                         resp::error("WRONGTYPE")});
-    EXPECT_EQ(findAccountByOwner(peer.store(), "adm"), "");
+    const ScriptedStore peer({page("0", {"a/1", "a/2", "a/3", "a/4", "a/5"}), resp::bulk("admin"),
+                              resp::bulk("ad"), resp::bulk("ADM"), resp::nil(),
+                              resp::error("WRONGTYPE")});
+    EXPECT_EQ(findAccountByOwner(peer.connection(), "adm"), "");
     EXPECT_EQ(peer.commands().size(), 6U);
 }
 
 TEST(AccountOfAUser, WithoutANameIsTheOneWhoseOwnerIsEmptyNotOneWithoutAnOwner) {
-    const RespPeer peer({page("0", {"a/1", "a/2", "a/3"}), resp::nil(), resp::error("WRONGTYPE x"),
-                         resp::bulk("")});
-    EXPECT_EQ(findAccountByOwner(peer.store(), ""), "a/3");
+    const ScriptedStore peer({page("0", {"a/1", "a/2", "a/3"}), resp::nil(),
+                              resp::error("WRONGTYPE x"), resp::bulk("")});
+    EXPECT_EQ(findAccountByOwner(peer.connection(), ""), "a/3");
 }
 
 TEST(AccountOfAUser, IsNoneWithoutAccounts) {
-    const RespPeer peer({page("0", {})});
-    EXPECT_EQ(findAccountByOwner(peer.store(), "admin"), "");
+    const ScriptedStore peer({page("0", {})});
+    EXPECT_EQ(findAccountByOwner(peer.connection(), "admin"), "");
     EXPECT_EQ(peer.commands(), (Commands{scanFrom("0")}));
 }
 
 TEST(AccountOfAUser, IsNoneWhenTheScanFails) {
     for (const std::string& reply : {resp::error("ERR refused"), resp::nil(), resp::array({})}) {
-        const RespPeer peer({reply});
-        EXPECT_EQ(standardErrorOf([&] { EXPECT_EQ(findAccountByOwner(peer.store(), "a"), ""); }),
-                  "");
+        const ScriptedStore peer({reply});
+        EXPECT_EQ(
+            standardErrorOf([&] { EXPECT_EQ(findAccountByOwner(peer.connection(), "a"), ""); }),
+            "");
         EXPECT_EQ(peer.commands().size(), 1U);
     }
-    const RespPeer lost;
-    EXPECT_EQ(findAccountByOwner(lost.store(), "admin"), "");
+    const ScriptedStore lost;
+    EXPECT_EQ(findAccountByOwner(lost.connection(), "admin"), "");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 // A valid maximum is kept for the life of the process: each of these tests needs a process
 // of its own, which ctest gives it. Run by hand, they go one at a time.
@@ -31,9 +31,9 @@ const std::string incrementFailed =
 
 // The maximum that a setting gives, and what is logged about it.
 void expectMaximum(const std::string& reply, std::int32_t maximum, const std::string& log) {
-    const RespPeer peer({reply});
+    const ScriptedStore peer({reply});
     std::int32_t read = 0;
-    EXPECT_EQ(standardErrorOf([&] { read = maxEventGroupId(peer.store()); }), log) << reply;
+    EXPECT_EQ(standardErrorOf([&] { read = maxEventGroupId(peer.connection()); }), log) << reply;
     EXPECT_EQ(read, maximum) << reply;
     EXPECT_EQ(peer.commands(), Commands{readMaximum}) << reply;
 }
@@ -55,17 +55,17 @@ TEST(EventGroupMaximum, IsTheLargestNumberWhileThereIsNoValidSetting) {
 
 TEST(EventGroupMaximum, IsReadOnceWhenItIsValid) {
     expectMaximum(bulk(" 12 groups"), 12, "");
-    const RespPeer peer;
-    EXPECT_EQ(maxEventGroupId(peer.store()), 12);
+    const ScriptedStore peer;
+    EXPECT_EQ(maxEventGroupId(peer.connection()), 12);
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(EventGroup, RunsFromOneToTheMaximumAndStartsAgain) {
-    const RespPeer peer({integer(1), bulk("3"), integer(2), integer(3), integer(0), integer(1),
-                         integer(2), integer(3), integer(0)});
+    const ScriptedStore peer({integer(1), bulk("3"), integer(2), integer(3), integer(0), integer(1),
+                              integer(2), integer(3), integer(0)});
     std::vector<std::uint32_t> drawn;
     for (int i = 0; i < 6; ++i) {
-        drawn.push_back(nextEventGroupId(peer.store()));
+        drawn.push_back(nextEventGroupId(peer.connection()));
     }
     EXPECT_EQ(drawn, (std::vector<std::uint32_t>{1, 2, 3, 1, 2, 3}));
     EXPECT_EQ(peer.commands(), (Commands{increment, readMaximum, increment, increment, resetToZero,
@@ -73,18 +73,18 @@ TEST(EventGroup, RunsFromOneToTheMaximumAndStartsAgain) {
 }
 
 TEST(EventGroup, IsAlwaysOneWhenThatIsTheMaximum) {
-    const RespPeer peer({integer(1), bulk("1"), integer(0), integer(1), integer(0)});
-    EXPECT_EQ(nextEventGroupId(peer.store()), 1U);
-    EXPECT_EQ(nextEventGroupId(peer.store()), 1U);
+    const ScriptedStore peer({integer(1), bulk("1"), integer(0), integer(1), integer(0)});
+    EXPECT_EQ(nextEventGroupId(peer.connection()), 1U);
+    EXPECT_EQ(nextEventGroupId(peer.connection()), 1U);
     EXPECT_EQ(peer.commands(),
               (Commands{increment, readMaximum, resetToZero, increment, resetToZero}));
 }
 
 TEST(EventGroup, GivesTheMaximumForACounterOutsideItsRange) {
     for (const long long counter : {5LL, 100LL, 0LL, -1LL, 4294967296LL}) {
-        const RespPeer peer({integer(counter), bulk("4"), integer(0), integer(0)});
+        const ScriptedStore peer({integer(counter), bulk("4"), integer(0), integer(0)});
         // Only the first of these draws reads the maximum.
-        EXPECT_EQ(nextEventGroupId(peer.store()), 4U) << counter;
+        EXPECT_EQ(nextEventGroupId(peer.connection()), 4U) << counter;
         const Commands commands = peer.commands();
         EXPECT_EQ(commands.back(), resetToZero) << counter;
     }
@@ -92,9 +92,9 @@ TEST(EventGroup, GivesTheMaximumForACounterOutsideItsRange) {
 
 TEST(EventGroup, IsOneAfterACounterThatCannotBeIncreased) {
     for (const std::string& refusal : {error("ERR hash value is not an integer"), nil()}) {
-        const RespPeer peer({refusal, integer(0), nil()});
+        const ScriptedStore peer({refusal, integer(0), nil()});
         std::uint32_t drawn = 0;
-        EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.store()); }),
+        EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.connection()); }),
                   incrementFailed + typeError);
         EXPECT_EQ(drawn, 1U);
         EXPECT_EQ(peer.commands(), (Commands{increment, resetToOne, readMaximum}));
@@ -102,17 +102,17 @@ TEST(EventGroup, IsOneAfterACounterThatCannotBeIncreased) {
 }
 
 TEST(EventGroup, IsDrawnWithoutAStore) {
-    const RespPeer peer;
+    const ScriptedStore peer;
     std::uint32_t drawn = 0;
-    EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.store()); }),
+    EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.connection()); }),
               incrementFailed + resetFailed + typeError);
     EXPECT_EQ(drawn, 1U);
 }
 
 TEST(EventGroup, SaysThatTheCounterCannotBeReset) {
-    const RespPeer peer({integer(2), bulk("2"), error("WRONGTYPE")});
+    const ScriptedStore peer({integer(2), bulk("2"), error("WRONGTYPE")});
     std::uint32_t drawn = 0;
-    EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.store()); }), resetFailed);
+    EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.connection()); }), resetFailed);
     EXPECT_EQ(drawn, 2U);
 }
 

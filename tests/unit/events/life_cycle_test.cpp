@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -17,15 +17,15 @@ TEST(EventListOf, ARequestGrowsInGroupsOfFive) {
 }
 
 TEST(EventListOf, LessThanTwoItemsIsNotSent) {
-    const RespPeer peer;
-    generateLifeCycleEvents(peer.store(), {});
-    generateLifeCycleEvents(peer.store(), {"add"});
+    const ScriptedStore peer;
+    generateLifeCycleEvents(peer.connection(), {});
+    generateLifeCycleEvents(peer.connection(), {"add"});
     EXPECT_EQ(peer.commands(), Commands{});
 }
 
 TEST(EventListOf, TwoItemsIsSentAsItIs) {
-    const RespPeer peer({resp::bulk("d1"), resp::integer(1)});
-    generateLifeCycleEvents(peer.store(), {"add", "/redfish/v1/A"});
+    const ScriptedStore peer({resp::bulk("d1"), resp::integer(1)});
+    generateLifeCycleEvents(peer.connection(), {"add", "/redfish/v1/A"});
     EXPECT_EQ(peer.commands(), (Commands{{"HGET", "redisSHAScripts", "resourceChange"},
                                          {"EVALSHA", "d1", "2", "add", "/redfish/v1/A"}}));
 }

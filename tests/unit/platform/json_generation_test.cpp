@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "support/no_descriptors.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -19,8 +19,8 @@ std::string textOf(char* json) {
 
 // What a list of the given elements converts to.
 std::string arrayOf(const std::vector<std::string>& elements) {
-    const RespPeer peer({resp::bulkArray(elements)});
-    return textOf(convertArrayDataToJsonString(peer.store(), "list"));
+    const ScriptedStore peer({resp::bulkArray(elements)});
+    return textOf(convertArrayDataToJsonString(peer.connection(), "list"));
 }
 
 std::string nestedText(std::size_t levels) {
@@ -28,8 +28,8 @@ std::string nestedText(std::size_t levels) {
 }
 
 TEST(JsonArray, ReadsTheListThatItIsGiven) {
-    const RespPeer peer({resp::bulkArray({"1"})});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "some list")), "[1]");
+    const ScriptedStore peer({resp::bulkArray({"1"})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "some list")), "[1]");
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", "some list", "0", "-1"}}));
 }
 
@@ -49,11 +49,11 @@ TEST(JsonArray, MakesAReferenceOfAUri) {
 }
 
 TEST(JsonArray, HoldsWhatItsElementsName) {
-    const RespPeer peer({resp::bulkArray({"&&Object some hash", "&&Array inner", "last"}),
-                         resp::bulkArray({"A", "1", "B", "text", "&&ObjectRef Link /uri", "unused",
-                                          "&&Internal", "hidden"}),
-                         resp::bulkArray({"2"})});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "outer")),
+    const ScriptedStore peer({resp::bulkArray({"&&Object some hash", "&&Array inner", "last"}),
+                              resp::bulkArray({"A", "1", "B", "text", "&&ObjectRef Link /uri",
+                                               "unused", "&&Internal", "hidden"}),
+                              resp::bulkArray({"2"})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "outer")),
               R"([{"A":1,"B":"text","Link":{"@odata.id":"/uri"}},[2],"last"])");
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", "outer", "0", "-1"},
                                          {"HGETALL", "some hash"},
@@ -62,35 +62,35 @@ TEST(JsonArray, HoldsWhatItsElementsName) {
 
 TEST(JsonArray, IsEmptyForAMissingListAndForAnotherKindOfValue) {
     EXPECT_EQ(arrayOf({}), "[]");
-    const RespPeer peer({resp::error("WRONGTYPE")});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "[]");
+    const ScriptedStore peer({resp::error("WRONGTYPE")});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "[]");
 }
 
 TEST(JsonArray, FailsWhenTheConnectionIsLost) {
-    const RespPeer peer;
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    const ScriptedStore peer;
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "(null)");
 }
 
 TEST(JsonArray, FailsForAHashThatIsMissing) {
-    const RespPeer peer({resp::bulkArray({"&&Object missing"}), resp::array({})});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    const ScriptedStore peer({resp::bulkArray({"&&Object missing"}), resp::array({})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "(null)");
 }
 
 TEST(JsonArray, FailsForAnElementWithoutText) {
-    const RespPeer peer({resp::array({resp::bulk("1"), resp::nil()})});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    const ScriptedStore peer({resp::array({resp::bulk("1"), resp::nil()})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "(null)");
 }
 
 TEST(JsonArray, EndsAtThirtyTwoLevelsOfLists) {
     std::vector<std::string> replies(31, resp::bulkArray({"&&Array list"}));
     replies.push_back(resp::array({}));
-    const RespPeer peer(replies);
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), nestedText(32));
+    const ScriptedStore peer(replies);
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), nestedText(32));
 }
 
 TEST(JsonArray, FailsForAListThatHoldsItself) {
-    const RespPeer peer(std::vector<std::string>(40, resp::bulkArray({"&&Array list"})));
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    const ScriptedStore peer(std::vector<std::string>(40, resp::bulkArray({"&&Array list"})));
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "(null)");
     EXPECT_EQ(peer.commands().size(), 32U);
 }
 
@@ -99,8 +99,8 @@ std::string arrayThatNames(std::size_t lists, const std::vector<std::string>& ot
     std::vector<std::string> replies{
         resp::bulkArray(std::vector<std::string>(lists, "&&Array other"))};
     replies.insert(replies.end(), lists, resp::bulkArray(other));
-    const RespPeer peer(replies);
-    return textOf(convertArrayDataToJsonString(peer.store(), "list"));
+    const ScriptedStore peer(replies);
+    return textOf(convertArrayDataToJsonString(peer.connection(), "list"));
 }
 
 TEST(JsonArray, IsMadeOfNoMoreThanAThousandAndTwentyFourResources) {
@@ -121,8 +121,8 @@ TEST(JsonArray, IsMadeOfNoMoreThanFourMebibytes) {
 
 TEST(JsonArray, CountsTheTextOfAHashItsFieldsIncluded) {
     const std::string text(2 * 1024 * 1024, 't');
-    const RespPeer peer({resp::bulkArray({"&&Object hash"}), resp::bulkArray({text, text})});
-    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.store(), "list")), "(null)");
+    const ScriptedStore peer({resp::bulkArray({"&&Object hash"}), resp::bulkArray({text, text})});
+    EXPECT_EQ(textOf(convertArrayDataToJsonString(peer.connection(), "list")), "(null)");
 }
 
 TEST(JsonArray, CountsTheLevelsInsideAnElement) {

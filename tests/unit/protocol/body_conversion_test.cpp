@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -40,17 +40,17 @@ TEST(RequestBody, GetsTheJsonTextOfAReference) {
 }
 
 TEST(RequestBody, GetsTheJsonTextOfAnArray) {
-    const RespPeer peer({resp::bulkArray({"1", "two"})});
+    const ScriptedStore peer({resp::bulkArray({"1", "two"})});
     FieldMap body = {{"&&Array List some:key", ""}};
-    convertBody(peer.store(), body);
+    convertBody(peer.connection(), body);
     EXPECT_EQ(body, (FieldMap{{"List", R"([1,"two"])"}}));
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", "some:key", "0", "-1"}}));
 }
 
 TEST(RequestBody, DropsWhatTheStoreDoesNotGive) {
-    const RespPeer peer;
+    const ScriptedStore peer;
     FieldMap body = {{"&&Array List key", ""}, {"Plain", "1"}};
-    const std::string log = standardErrorOf([&] { convertBody(peer.store(), body); });
+    const std::string log = standardErrorOf([&] { convertBody(peer.connection(), body); });
     EXPECT_EQ(body, (FieldMap{{"Plain", "1"}}));
     EXPECT_EQ(log, "");
 }

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -32,8 +32,8 @@ std::vector<std::string> messageReplies(std::size_t argumentCount, int length = 
 
 // The lifetime that a message gets; the setting's reply is given.
 std::string lifetimeFor(const std::string& setting) {
-    const RespPeer peer(messageReplies(0, 0, setting));
-    writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+    const ScriptedStore peer(messageReplies(0, 0, setting));
+    writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
     const Commands commands = peer.commands();
     return commands.size() == 6 && commands.back() == Command{"EXPIRE", "list/1", commands[4][2]}
                ? commands[4][2]
@@ -73,10 +73,10 @@ TEST(ReplyKeys, AreNotComposedForAnEmptyReplyKey) {
 TEST(Reply, IsWrittenBeforeItsMessage) {
     std::vector<std::string> replies = messageReplies(2, 4);
     replies.insert(replies.begin(), integer(3));
-    const RespPeer peer(replies);
+    const ScriptedStore peer(replies);
     Reply reply = composeReplyKeys("r/reply");
     reply.fields["&&Location"] = "";
-    writeReply(peer.store(), reply,
+    writeReply(peer.connection(), reply,
                {"FAILURE", "Base.1.12.StringValueTooLong", {"(password \"string\")", "1024"}});
 
     EXPECT_EQ(peer.commands(),
@@ -97,16 +97,16 @@ TEST(Reply, IsWrittenBeforeItsMessage) {
 }
 
 TEST(Reply, WithoutAReplyKeyIsNotWritten) {
-    const RespPeer peer;
+    const ScriptedStore peer;
     Reply reply = composeReplyKeys("");
-    writeReply(peer.store(), reply, {"OK", "Base.1.12.Created"});
+    writeReply(peer.connection(), reply, {"OK", "Base.1.12.Created"});
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(Reply, WithoutAMessageIdentifierLeavesTheMessagesAlone) {
-    const RespPeer peer({integer(1)});
+    const ScriptedStore peer({integer(1)});
     Reply reply = composeReplyKeys("r/reply");
-    writeReply(peer.store(), reply, {"OK_EMPTY"});
+    writeReply(peer.connection(), reply, {"OK_EMPTY"});
     EXPECT_EQ(peer.commands(), (Commands{{"HSET", "r/reply", "&&ExtendedInfo", "r/ExtendedInfo",
                                           "&&ReturnStatus", "OK_EMPTY"}}));
 }
@@ -114,18 +114,18 @@ TEST(Reply, WithoutAMessageIdentifierLeavesTheMessagesAlone) {
 TEST(Reply, ThatTheStoreRefusesIsLoggedAndItsMessageWritten) {
     std::vector<std::string> replies = messageReplies(0);
     replies.insert(replies.begin(), error("ERR refused"));
-    const RespPeer peer(replies);
+    const ScriptedStore peer(replies);
     Reply reply = composeReplyKeys("r/reply");
     EXPECT_EQ(standardErrorOf([&] {
-                  writeReply(peer.store(), reply, {"OK", "Base.1.12.Created"});
+                  writeReply(peer.connection(), reply, {"OK", "Base.1.12.Created"});
               }),
               "[Error]: Failed to update Return Status.\n");
     EXPECT_EQ(peer.commands().size(), 7U);
 }
 
 TEST(Message, WithoutArgumentsHasNoArgumentList) {
-    const RespPeer peer(messageReplies(0));
-    writeExtendedMessage(peer.store(), "r/ExtendedInfo", "Base.1.12.Created", {});
+    const ScriptedStore peer(messageReplies(0));
+    writeExtendedMessage(peer.connection(), "r/ExtendedInfo", "Base.1.12.Created", {});
     EXPECT_EQ(peer.commands(), (Commands{
                                    {"LLEN", "r/ExtendedInfo"},
                                    readLifetime,
@@ -170,33 +170,35 @@ TEST(Message, IsTheFirstOfAListWhoseLengthIsNoNumber) {
     for (const std::string& length : {error("WRONGTYPE"), nil(), bulk("7"), resp::array({})}) {
         std::vector<std::string> replies = messageReplies(0);
         replies[0] = length;
-        const RespPeer peer(replies);
-        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        const ScriptedStore peer(replies);
+        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
         EXPECT_EQ(peer.commands().at(2).at(1), "list/1") << length;
     }
 }
 
 TEST(Message, IsNotWrittenWhenTheLengthCannotBeAskedFor) {
-    const RespPeer peer;
-    EXPECT_EQ(standardErrorOf(
-                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+    const ScriptedStore peer;
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {"x"});
+              }),
               "[Error]: Failed to get length of extended info array.\n");
     EXPECT_EQ(peer.commands(), (Commands{{"LLEN", "list"}}));
 }
 
 TEST(Message, GoesOnWhateverTheStoreAnswers) {
     const std::vector<std::string> refusals(20, error("ERR refused"));
-    const RespPeer peer(refusals);
-    EXPECT_EQ(standardErrorOf(
-                  [&] { writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {"x"}); }),
+    const ScriptedStore peer(refusals);
+    EXPECT_EQ(standardErrorOf([&] {
+                  writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {"x"});
+              }),
               "");
     EXPECT_EQ(peer.commands().size(), 9U);
 }
 
 TEST(Message, WithoutAnIdentifierIsAProgrammingError) {
-    const RespPeer peer({integer(0), nil()});
+    const ScriptedStore peer({integer(0), nil()});
     try {
-        writeExtendedMessage(peer.store(), "list", nullptr, {});
+        writeExtendedMessage(peer.connection(), "list", nullptr, {});
         ADD_FAILURE() << "nothing thrown";
     } catch (const std::logic_error& failure) {
         EXPECT_STREQ(failure.what(), "basic_string::_M_construct null not valid");
@@ -211,8 +213,8 @@ TEST(Message, HasAnEntryKeyOfAtMost511Bytes) {
         const std::string list(length, 'l');
         const std::string entry = list.substr(0, 511) + ending;
         const std::string argumentList = entry + "/MessageArgs";
-        const RespPeer peer(messageReplies(1));
-        writeExtendedMessage(peer.store(), list, "Base.1.12.Created", {"x"});
+        const ScriptedStore peer(messageReplies(1));
+        writeExtendedMessage(peer.connection(), list, "Base.1.12.Created", {"x"});
         EXPECT_EQ(entry.size(), 511U);
         EXPECT_EQ(peer.commands(), (Commands{
                                        {"LLEN", list},
@@ -230,8 +232,8 @@ TEST(Message, HasAnEntryKeyOfAtMost511Bytes) {
 }
 
 TEST(Message, KeepsArgumentsWithBlanksAndPercentSignsWhole) {
-    const RespPeer peer(messageReplies(2));
-    writeExtendedMessage(peer.store(), "a list%d", "Base.1.12.Created", {"two words %s", ""});
+    const ScriptedStore peer(messageReplies(2));
+    writeExtendedMessage(peer.connection(), "a list%d", "Base.1.12.Created", {"two words %s", ""});
     const Commands commands = peer.commands();
     EXPECT_EQ(commands.at(3), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"two words %s\""}));
     EXPECT_EQ(commands.at(4), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"\""}));
@@ -247,8 +249,8 @@ TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
     for (const auto& [length, entry] : entries) {
         std::vector<std::string> replies = messageReplies(0);
         replies[0] = ":" + length + "\r\n";
-        const RespPeer peer(replies);
-        writeExtendedMessage(peer.store(), "list", "Base.1.12.Created", {});
+        const ScriptedStore peer(replies);
+        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
         EXPECT_EQ(peer.commands().at(2).at(1), entry) << length;
     }
 }
@@ -269,8 +271,8 @@ std::vector<std::string> afterTwoFields(std::vector<std::string> replies) {
 }
 
 TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
-    const RespPeer peer(afterTwoFields(messageReplies(0)));
-    writeExceptionReply(peer.store(), {"r/reply", "request/ExtendedInfo"},
+    const ScriptedStore peer(afterTwoFields(messageReplies(0)));
+    writeExceptionReply(peer.connection(), {"r/reply", "request/ExtendedInfo"},
                         "Base.1.12.OperationFailed");
     expectFieldsThenMessage(peer.commands(), "EXCEPTION", "request/ExtendedInfo",
                             "Base.1.12.OperationFailed");
@@ -278,8 +280,8 @@ TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
 }
 
 TEST(EarlyReply, HasAMessageListOfItsOwn) {
-    const RespPeer peer(afterTwoFields(messageReplies(2)));
-    writeEarlyReply(peer.store(), composeEarlyReply("r/reply"),
+    const ScriptedStore peer(afterTwoFields(messageReplies(2)));
+    writeEarlyReply(peer.connection(), composeEarlyReply("r/reply"),
                     {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -21,10 +21,10 @@ struct Validation {
 };
 
 Validation validate(const std::vector<std::string>& replies) {
-    const RespPeer peer(replies);
+    const ScriptedStore peer(replies);
     Validation validation;
     validation.log = standardErrorOf([&] {
-        validation.status = validateBody(peer.store(), "/target", "body%s", validation.changed,
+        validation.status = validateBody(peer.connection(), "/target", "body%s", validation.changed,
                                          validation.properties);
     });
     validation.commands = peer.commands();

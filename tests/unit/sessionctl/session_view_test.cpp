@@ -4,7 +4,7 @@
 
 #include "sessionctl/output.h"
 #include "sessions/records.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service::console {
 namespace {
@@ -33,10 +33,10 @@ TEST(StoredValue, ThatIsNoStringIsShownAsItIs) {
 
 TEST(SessionView, TellsWhenItsSessionExpiresAsTheDaemonDoes) {
     const std::string used = std::to_string(uptimeSeconds() - 100);
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}),
-                         resp::bulk("\"t\""),
-                         resp::bulkArray({lastAccessedField, used, timeoutField, "130 and more"})});
-    const SessionView view = readSession(peer.store(), "1");
+    const ScriptedStore peer(
+        {resp::bulkArray({sessionTypeField, redfishSessionType}), resp::bulk("\"t\""),
+         resp::bulkArray({lastAccessedField, used, timeoutField, "130 and more"})});
+    const SessionView view = readSession(peer.connection(), "1");
     EXPECT_EQ(view.fault, "");
     ASSERT_TRUE(view.idle && view.expiresIn);
     EXPECT_GE(*view.idle, 100);
@@ -44,8 +44,9 @@ TEST(SessionView, TellsWhenItsSessionExpiresAsTheDaemonDoes) {
 }
 
 TEST(SessionView, OfASessionWithoutATokenExpiresAtOnce) {
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}), resp::nil()});
-    const SessionView view = readSession(peer.store(), "1");
+    const ScriptedStore peer(
+        {resp::bulkArray({sessionTypeField, redfishSessionType}), resp::nil()});
+    const SessionView view = readSession(peer.connection(), "1");
     EXPECT_EQ(view.fault, "no token");
     EXPECT_FALSE(view.idle);
     ASSERT_TRUE(view.expiresIn);
@@ -53,15 +54,15 @@ TEST(SessionView, OfASessionWithoutATokenExpiresAtOnce) {
 }
 
 TEST(SessionView, NamesAWrongKindOfTokenRecord) {
-    const RespPeer peer({resp::bulkArray({sessionTypeField, redfishSessionType}),
-                         resp::bulk("\"t\""), resp::error("WRONGTYPE x")});
-    EXPECT_EQ(readSession(peer.store(), "1").fault, "its token record is no hash");
+    const ScriptedStore peer({resp::bulkArray({sessionTypeField, redfishSessionType}),
+                              resp::bulk("\"t\""), resp::error("WRONGTYPE x")});
+    EXPECT_EQ(readSession(peer.connection(), "1").fault, "its token record is no hash");
 }
 
 TEST(SessionView, NeedsAnAnswer) {
-    const RespPeer peer;
+    const ScriptedStore peer;
     try {
-        readSession(peer.store(), "1");
+        readSession(peer.connection(), "1");
         FAIL();
     } catch (const Problem& problem) {
         EXPECT_EQ(problem.status, storeUnreachable);

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -11,16 +11,17 @@ const std::string members = "&&/redfish/v1/SessionService/Sessions/Members";
 const std::string collection = "/redfish/v1/SessionService/Sessions";
 
 TEST(MemberUris, AreWhatFollowsThePrefix) {
-    const RespPeer peer({resp::bulkArray({"&&ObjectRef /redfish/v1/A", "&&ObjectRef ",
-                                          "&&ObjectRef", "", "twelve chars and the rest"})});
-    EXPECT_EQ(memberUris(peer.store()),
+    const ScriptedStore peer({resp::bulkArray({"&&ObjectRef /redfish/v1/A", "&&ObjectRef ",
+                                               "&&ObjectRef", "", "twelve chars and the rest"})});
+    EXPECT_EQ(memberUris(peer.connection()),
               (std::vector<std::string>{"/redfish/v1/A", "", "", "", " and the rest"}));
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", members, "0", "-1"}}));
 }
 
 TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
-    const RespPeer peer({resp::integer(1), resp::error("ERR not looked at"), resp::integer(0)});
-    removeSessionMember(peer.store(), collection + "/0000a1b2");
+    const ScriptedStore peer(
+        {resp::integer(1), resp::error("ERR not looked at"), resp::integer(0)});
+    removeSessionMember(peer.connection(), collection + "/0000a1b2");
     Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 3U);
     EXPECT_EQ(commands[0],
@@ -31,15 +32,16 @@ TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
 
     for (const std::string& reply :
          {resp::integer(0), resp::integer(2), resp::error("WRONGTYPE")}) {
-        const RespPeer other({reply});
-        removeSessionMember(other.store(), "/a");
+        const ScriptedStore other({reply});
+        removeSessionMember(other.connection(), "/a");
         EXPECT_EQ(other.commands().size(), 1U) << reply;
     }
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {
-    const RespPeer peer({resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
-    EXPECT_TRUE(addSessionMember(peer.store(), "0000a1b2"));
+    const ScriptedStore peer(
+        {resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
+    EXPECT_TRUE(addSessionMember(peer.connection(), "0000a1b2"));
     Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 3U);
     EXPECT_EQ(commands[0], (Command{"LPUSH", members, "&&ObjectRef " + collection + "/0000a1b2"}));
@@ -49,24 +51,24 @@ TEST(NewMember, IsPushedStampedAndCounted) {
 }
 
 TEST(NewMember, ThatTheListRefusesChangesNothingElse) {
-    const RespPeer peer({resp::error("WRONGTYPE")});
-    EXPECT_FALSE(addSessionMember(peer.store(), "0000a1b2"));
+    const ScriptedStore peer({resp::error("WRONGTYPE")});
+    EXPECT_FALSE(addSessionMember(peer.connection(), "0000a1b2"));
     EXPECT_EQ(peer.commands().size(), 1U);
 }
 
 TEST(NewMember, NeedsAConnectionAndAnIdentifier) {
-    const RespPeer peer;
-    EXPECT_FALSE(addSessionMember(peer.store(), nullptr));
+    const ScriptedStore peer;
+    EXPECT_FALSE(addSessionMember(peer.connection(), nullptr));
     EXPECT_FALSE(addSessionMember(nullptr, "0000a1b2"));
     EXPECT_TRUE(peer.commands().empty());
 }
 
 TEST(SessionCount, CountsTheMembersOfTypeRedfish) {
-    const RespPeer peer({resp::bulkArray({"&&ObjectRef /a", "&&ObjectRef /b", "&&ObjectRef /c",
-                                          "&&ObjectRef /d", "short", "&&ObjectRef /e"}),
-                         resp::bulk("\"Redfish\""), resp::bulk("Redfish"), resp::nil(),
-                         resp::error("WRONGTYPE"), resp::nil(), resp::bulk("\"Redfish\"")});
-    EXPECT_EQ(countRedfishSessions(peer.store()), 2);
+    const ScriptedStore peer({resp::bulkArray({"&&ObjectRef /a", "&&ObjectRef /b", "&&ObjectRef /c",
+                                               "&&ObjectRef /d", "short", "&&ObjectRef /e"}),
+                              resp::bulk("\"Redfish\""), resp::bulk("Redfish"), resp::nil(),
+                              resp::error("WRONGTYPE"), resp::nil(), resp::bulk("\"Redfish\"")});
+    EXPECT_EQ(countRedfishSessions(peer.connection()), 2);
     EXPECT_EQ(peer.commands(), (Commands{{"LRANGE", members, "0", "-1"},
                                          {"HGET", "/a", "SessionType"},
                                          {"HGET", "/b", "SessionType"},
@@ -78,11 +80,11 @@ TEST(SessionCount, CountsTheMembersOfTypeRedfish) {
 
 TEST(SessionCount, IsZeroWithoutMembers) {
     for (const std::string& reply : {resp::array({}), resp::error("WRONGTYPE")}) {
-        const RespPeer peer({reply});
-        EXPECT_EQ(countRedfishSessions(peer.store()), 0) << reply;
+        const ScriptedStore peer({reply});
+        EXPECT_EQ(countRedfishSessions(peer.connection()), 0) << reply;
     }
-    const RespPeer lost;
-    EXPECT_EQ(countRedfishSessions(lost.store()), 0);
+    const ScriptedStore lost;
+    EXPECT_EQ(countRedfishSessions(lost.connection()), 0);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -30,8 +30,8 @@ TEST(RandomHex, DoesNotRepeat) {
 }
 
 TEST(SessionId, IsDrawnUntilItIsFree) {
-    const RespPeer peer({resp::bulk("\"taken\""), resp::bulk("\"taken\""), resp::nil()});
-    const std::string id = generateSessionId(peer.store());
+    const ScriptedStore peer({resp::bulk("\"taken\""), resp::bulk("\"taken\""), resp::nil()});
+    const std::string id = generateSessionId(peer.connection());
     EXPECT_EQ(id.size(), 8U);
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 3U);
@@ -40,13 +40,13 @@ TEST(SessionId, IsDrawnUntilItIsFree) {
 }
 
 TEST(SessionId, IsFreeWhereTheStoreRefusesToTell) {
-    const RespPeer peer({resp::error("WRONGTYPE")});
-    EXPECT_EQ(generateSessionId(peer.store()).size(), 8U);
+    const ScriptedStore peer({resp::error("WRONGTYPE")});
+    EXPECT_EQ(generateSessionId(peer.connection()).size(), 8U);
 }
 
 TEST(Token, IsDrawnUntilItIsFree) {
-    const RespPeer peer({resp::bulk("taken"), resp::bulk("")});
-    const std::string token = generateToken(peer.store());
+    const ScriptedStore peer({resp::bulk("taken"), resp::bulk("")});
+    const std::string token = generateToken(peer.connection());
     EXPECT_EQ(token.size(), 64U);
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 2U);

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -32,16 +32,16 @@ using Write = std::function<bool(redisContext*)>;
 
 // The one command that the write sends.
 Command commandOf(const Write& write) {
-    const RespPeer peer({resp::integer(5)});
-    EXPECT_TRUE(write(peer.store()));
+    const ScriptedStore peer({resp::integer(5)});
+    EXPECT_TRUE(write(peer.connection()));
     const Commands commands = peer.commands();
     EXPECT_EQ(commands.size(), 1U);
     return commands.at(0);
 }
 
 bool refusedBy(const std::string& reply, const Write& write) {
-    const RespPeer peer({reply});
-    return !write(peer.store());
+    const ScriptedStore peer({reply});
+    return !write(peer.connection());
 }
 
 TEST(StripQuotes, DropsOneEnclosingPair) {
@@ -105,8 +105,8 @@ TEST(SessionRecord, TellsThatTheStoreRefusedIt) {
 }
 
 TEST(TokenReference, NamesTheTokenAndTheCollection) {
-    const RespPeer peer({resp::integer(1), resp::integer(1)});
-    writeTokenReference(peer.store(), newSession());
+    const ScriptedStore peer({resp::integer(1), resp::integer(1)});
+    writeTokenReference(peer.connection(), newSession());
     EXPECT_EQ(peer.commands(),
               (Commands{
                   {"HSET", "&&" + uri, "XAUTH", "\"t0k3n\""},

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "support/captured_output.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -42,11 +42,11 @@ template <typename Result>
 std::map<std::string, Result> resultsOf(const std::function<Result(redisContext*)>& call) {
     std::map<std::string, Result> results;
     for (const auto& [kind, bytes] : replyKinds) {
-        const RespPeer peer({bytes});
-        results[kind] = call(peer.store());
+        const ScriptedStore peer({bytes});
+        results[kind] = call(peer.connection());
     }
-    const RespPeer lost;
-    results["lost"] = call(lost.store());
+    const ScriptedStore lost;
+    results["lost"] = call(lost.connection());
     return results;
 }
 
@@ -153,20 +153,20 @@ TEST(StoreCommand, ReachesTheStoreByteForByte) {
     };
     ASSERT_EQ(operations.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        const RespPeer peer({integer(1)});
-        operations[i](peer.store());
+        const ScriptedStore peer({integer(1)});
+        operations[i](peer.connection());
         EXPECT_EQ(peer.bytes(), encode(expected[i]));
     }
 }
 
 TEST(StoreCommand, IsNotKeptForLaterOnceTheConnectionIsLost) {
     const std::string printed = standardOutputOf([] {
-        const RespPeer peer;
-        store::hget(peer.store(), "key", "field");
-        ASSERT_NE(peer.store()->err, 0);
+        const ScriptedStore peer;
+        store::hget(peer.connection(), "key", "field");
+        ASSERT_NE(peer.connection()->err, 0);
         for (const auto& operation : operations) {
-            operation(peer.store());
-            EXPECT_EQ(std::strlen(peer.store()->obuf), 0U);
+            operation(peer.connection());
+            EXPECT_EQ(std::strlen(peer.connection()->obuf), 0U);
         }
         EXPECT_EQ(peer.commands().size(), 1U);
     });
@@ -177,13 +177,14 @@ TEST(StoreCommand, IsNotKeptForLaterOnceTheConnectionIsLost) {
 
 TEST(StoreCommand, KeepsEachArgumentOneWhateverItHolds) {
     const std::string odd = "two words %s%n%d 100% \"quoted\" {x} \r\n end";
-    const RespPeer peer({integer(1), integer(1), integer(1), integer(1), integer(1), integer(1)});
-    store::hset(peer.store(), odd, odd, odd);
-    store::lrem(peer.store(), odd, 1, odd);
-    store::publish(peer.store(), odd, odd);
-    store::hsetMany(peer.store(), odd, {{odd, odd}});
-    store::send(peer.store(), {"UNLINK", odd, odd});
-    store::evalsha(peer.store(), odd, {odd});
+    const ScriptedStore peer(
+        {integer(1), integer(1), integer(1), integer(1), integer(1), integer(1)});
+    store::hset(peer.connection(), odd, odd, odd);
+    store::lrem(peer.connection(), odd, 1, odd);
+    store::publish(peer.connection(), odd, odd);
+    store::hsetMany(peer.connection(), odd, {{odd, odd}});
+    store::send(peer.connection(), {"UNLINK", odd, odd});
+    store::evalsha(peer.connection(), odd, {odd});
     EXPECT_EQ(peer.commands(), (Commands{{"HSET", odd, odd, odd},
                                          {"LREM", odd, "1", odd},
                                          {"PUBLISH", odd, odd},
@@ -193,34 +194,34 @@ TEST(StoreCommand, KeepsEachArgumentOneWhateverItHolds) {
 }
 
 TEST(StoreCommand, KeepsEmptyArguments) {
-    const RespPeer peer({integer(1), integer(1), integer(1)});
-    store::hset(peer.store(), "", "", "");
-    store::hsetMany(peer.store(), "", {{"", ""}});
-    store::send(peer.store(), {"UNLINK", ""});
+    const ScriptedStore peer({integer(1), integer(1), integer(1)});
+    store::hset(peer.connection(), "", "", "");
+    store::hsetMany(peer.connection(), "", {{"", ""}});
+    store::send(peer.connection(), {"UNLINK", ""});
     EXPECT_EQ(peer.commands(),
               (Commands{{"HSET", "", "", ""}, {"HSET", "", "", ""}, {"UNLINK", ""}}));
 }
 
 TEST(StoreCommand, KeepsLongArgumentsWhole) {
     const std::string longText(100000, 'x');
-    const RespPeer peer({integer(1)});
-    EXPECT_TRUE(store::hset(peer.store(), longText, longText, longText));
+    const ScriptedStore peer({integer(1)});
+    EXPECT_TRUE(store::hset(peer.connection(), longText, longText, longText));
     EXPECT_EQ(peer.commands(), (Commands{{"HSET", longText, longText, longText}}));
 }
 
 TEST(StoreCommand, EndsTextsAtTheirFirstZeroByte) {
     const std::string zero("cut\0rest", 8);
-    const RespPeer peer({integer(1), bulk(zero)});
-    store::hset(peer.store(), zero, zero, zero);
-    EXPECT_EQ(store::hget(peer.store(), zero, zero), "cut");
+    const ScriptedStore peer({integer(1), bulk(zero)});
+    store::hset(peer.connection(), zero, zero, zero);
+    EXPECT_EQ(store::hget(peer.connection(), zero, zero), "cut");
     EXPECT_EQ(peer.commands(), (Commands{{"HSET", "cut", "cut", "cut"}, {"HGET", "cut", "cut"}}));
 }
 
 TEST(StoreCommand, OfManyFieldsKeepsZeroBytes) {
     const std::string zero("kept\0whole", 10);
-    const RespPeer peer({integer(1), integer(1)});
-    store::hsetMany(peer.store(), "key", {{zero, zero}});
-    store::hsetFields(peer.store(), "key", {{zero, zero}});
+    const ScriptedStore peer({integer(1), integer(1)});
+    store::hsetMany(peer.connection(), "key", {{zero, zero}});
+    store::hsetFields(peer.connection(), "key", {{zero, zero}});
     EXPECT_EQ(peer.commands(),
               (Commands{{"HSET", "key", zero, zero}, {"HSET", "key", zero, zero}}));
 }
@@ -354,19 +355,19 @@ TEST(HashRead, SucceedsForEveryReplyWhoseElementsHaveText) {
 }
 
 TEST(HashRead, GivesEveryField) {
-    const RespPeer peer({bulkArray({"b", "two words", "a", "", "", "nameless"})});
+    const ScriptedStore peer({bulkArray({"b", "two words", "a", "", "", "nameless"})});
     FieldMap fields;
-    EXPECT_TRUE(store::hgetall(peer.store(), "k", fields));
+    EXPECT_TRUE(store::hgetall(peer.connection(), "k", fields));
     EXPECT_EQ(fields, (FieldMap{{"", "nameless"}, {"a", ""}, {"b", "two words"}}));
 }
 
 TEST(HashRead, ThrowsForAFieldWithoutText) {
     for (const std::string& reply :
          {array({bulk("a"), nil()}), array({nil(), bulk("b")}), array({integer(1), bulk("b")})}) {
-        const RespPeer peer({reply});
+        const ScriptedStore peer({reply});
         FieldMap fields;
         try {
-            store::hgetall(peer.store(), "k", fields);
+            store::hgetall(peer.connection(), "k", fields);
             ADD_FAILURE() << "nothing thrown";
         } catch (const std::logic_error& failure) {
             EXPECT_STREQ(failure.what(), "basic_string::_M_construct null not valid");
@@ -387,17 +388,17 @@ TEST(ListRead, SucceedsForEveryReplyWhoseElementsHaveText) {
 }
 
 TEST(ListRead, AppendsTheElementsInTheirOrder) {
-    const RespPeer peer({bulkArray({"b", "", "a"}), error("WRONGTYPE")});
+    const ScriptedStore peer({bulkArray({"b", "", "a"}), error("WRONGTYPE")});
     std::vector<std::string> list = {"kept"};
-    EXPECT_TRUE(store::lrange(peer.store(), "k", list));
-    EXPECT_TRUE(store::lrange(peer.store(), "k", list));
+    EXPECT_TRUE(store::lrange(peer.connection(), "k", list));
+    EXPECT_TRUE(store::lrange(peer.connection(), "k", list));
     EXPECT_EQ(list, (std::vector<std::string>{"kept", "b", "", "a"}));
 }
 
 TEST(ListRead, ThrowsForAnElementWithoutText) {
-    const RespPeer peer({array({bulk("a"), nil()})});
+    const ScriptedStore peer({array({bulk("a"), nil()})});
     std::vector<std::string> list;
-    EXPECT_THROW(store::lrange(peer.store(), "k", list), std::logic_error);
+    EXPECT_THROW(store::lrange(peer.connection(), "k", list), std::logic_error);
 }
 
 TEST(OtherCommand, IsSentForEveryReply) {
@@ -455,13 +456,13 @@ TEST(ListLengthReply, CountsWhateverIsNoIntegerAsNothing) {
 }
 
 TEST(Scan, GivesTheKeysAndTheNextCursor) {
-    const RespPeer peer(
+    const ScriptedStore peer(
         {array({bulk("42"), bulkArray({"first", "second key"})}), array({bulk("0"), array({})})});
-    auto page = store::scan(peer.store(), 0, "p*");
+    auto page = store::scan(peer.connection(), 0, "p*");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->nextCursor, 42);
     EXPECT_EQ(page->keys, (std::vector<std::string>{"first", "second key"}));
-    page = store::scan(peer.store(), page->nextCursor, "p*");
+    page = store::scan(peer.connection(), page->nextCursor, "p*");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->nextCursor, 0);
     EXPECT_TRUE(page->keys.empty());
@@ -470,8 +471,8 @@ TEST(Scan, GivesTheKeysAndTheNextCursor) {
 }
 
 TEST(Scan, KeepsThirtyTwoBitsOfTheCursor) {
-    const RespPeer peer({array({bulk("4294967297"), array({})})});
-    const auto page = store::scan(peer.store(), 0, "*");
+    const ScriptedStore peer({array({bulk("4294967297"), array({})})});
+    const auto page = store::scan(peer.connection(), 0, "*");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->nextCursor, 1);
 }
@@ -481,14 +482,14 @@ TEST(Scan, FailsForEveryReplyThatIsNoPage) {
     EXPECT_EQ(acceptedBy(isPage), Kinds{});
     for (const std::string& reply : {array({bulk("0")}), array({nil(), array({})}),
                                      array({bulk("0"), bulk("key")}), array({bulk("0"), nil()})}) {
-        const RespPeer peer({reply});
-        EXPECT_FALSE(isPage(peer.store())) << reply;
+        const ScriptedStore peer({reply});
+        EXPECT_FALSE(isPage(peer.connection())) << reply;
     }
 }
 
 TEST(Scan, LeavesOutKeysWithoutText) {
-    const RespPeer peer({array({bulk("0"), array({bulk("a"), nil(), bulk("b")})})});
-    const auto page = store::scan(peer.store(), 0, "*");
+    const ScriptedStore peer({array({bulk("0"), array({bulk("a"), nil(), bulk("b")})})});
+    const auto page = store::scan(peer.connection(), 0, "*");
     ASSERT_TRUE(page);
     EXPECT_EQ(page->keys, (std::vector<std::string>{"a", "b"}));
 }
@@ -511,56 +512,56 @@ TEST(Script, AnswersWithAnIntegerARefusalOrSomethingUnknown) {
 }
 
 TEST(Script, SaysWhyItRefused) {
-    const RespPeer peer({error("NOSCRIPT none"), bulkArray({"code", "reason"}),
-                         array({bulk("code"), nil()}), bulkArray({"1", "2", "3"})});
-    EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).text, "NOSCRIPT none");
-    EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).text, "reason");
-    EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).text, "");
-    EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).kind, Kind::unknown);
+    const ScriptedStore peer({error("NOSCRIPT none"), bulkArray({"code", "reason"}),
+                              array({bulk("code"), nil()}), bulkArray({"1", "2", "3"})});
+    EXPECT_EQ(store::evalsha(peer.connection(), "d", {"0"}).text, "NOSCRIPT none");
+    EXPECT_EQ(store::evalsha(peer.connection(), "d", {"0"}).text, "reason");
+    EXPECT_EQ(store::evalsha(peer.connection(), "d", {"0"}).text, "");
+    EXPECT_EQ(store::evalsha(peer.connection(), "d", {"0"}).kind, Kind::unknown);
 }
 
 TEST(Script, GivesTheValueOfAnInteger) {
-    const RespPeer peer({integer(2)});
-    EXPECT_EQ(store::evalsha(peer.store(), "d", {"0"}).value, 2);
+    const ScriptedStore peer({integer(2)});
+    EXPECT_EQ(store::evalsha(peer.connection(), "d", {"0"}).value, 2);
 }
 
 TEST(Subscription, ReadsWhatIsPublished) {
-    RespPeer peer({array({bulk("subscribe"), bulk("c"), integer(1)}) +
-                   bulkArray({"message", "c", "request reply"}) +
-                   array({bulk("message"), bulk("c"), nil()}) + bulkArray({"one"}) + array({}) +
-                   status("odd") + error("odder")});
-    ASSERT_TRUE(store::subscribe(peer.store(), "c"));
-    auto notice = store::readNotice(peer.store());
+    ScriptedStore peer({array({bulk("subscribe"), bulk("c"), integer(1)}) +
+                        bulkArray({"message", "c", "request reply"}) +
+                        array({bulk("message"), bulk("c"), nil()}) + bulkArray({"one"}) +
+                        array({}) + status("odd") + error("odder")});
+    ASSERT_TRUE(store::subscribe(peer.connection(), "c"));
+    auto notice = store::readNotice(peer.connection());
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->elements, 3U);
     EXPECT_EQ(notice->text, "request reply");
 
-    notice = store::readNotice(peer.store());
+    notice = store::readNotice(peer.connection());
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->elements, 3U);
     EXPECT_EQ(notice->text, std::nullopt) << "a nil";
 
-    notice = store::readNotice(peer.store());
+    notice = store::readNotice(peer.connection());
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->elements, 1U);
     EXPECT_EQ(notice->text, "one");
 
     for (const char* kind : {"empty array", "status", "error"}) {
-        notice = store::readNotice(peer.store());
+        notice = store::readNotice(peer.connection());
         ASSERT_TRUE(notice) << kind;
         EXPECT_EQ(notice->elements, 0U) << kind;
         EXPECT_EQ(notice->text, std::nullopt) << kind;
     }
 
     peer.hangUp();
-    EXPECT_FALSE(store::readNotice(peer.store()));
-    EXPECT_FALSE(store::readNotice(peer.store())) << "it stays lost";
+    EXPECT_FALSE(store::readNotice(peer.connection()));
+    EXPECT_FALSE(store::readNotice(peer.connection())) << "it stays lost";
 }
 
 TEST(Subscription, GivesNoTextForTheCountOfItsConfirmation) {
-    RespPeer peer({status("first") + array({bulk("subscribe"), bulk("c"), integer(1)})});
-    ASSERT_TRUE(store::subscribe(peer.store(), "c"));
-    const auto notice = store::readNotice(peer.store());
+    ScriptedStore peer({status("first") + array({bulk("subscribe"), bulk("c"), integer(1)})});
+    ASSERT_TRUE(store::subscribe(peer.connection(), "c"));
+    const auto notice = store::readNotice(peer.connection());
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->elements, 3U);
     EXPECT_EQ(notice->text, std::nullopt);

@@ -13,7 +13,7 @@
 #include "store/commands.h"
 #include "support/captured_output.h"
 #include "support/no_descriptors.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 #include "support/temporary_folder.h"
 
 namespace session_service {
@@ -157,8 +157,8 @@ TEST(Disconnection, TellsWhetherThereWasAConnection) {
 }
 
 TEST(Authentication, SendsThePasswordAsOneArgument) {
-    const RespPeer peer({resp::status("OK")});
-    EXPECT_EQ(redisAuthentication(peer.store(), "two words %s\n"), 0);
+    const ScriptedStore peer({resp::status("OK")});
+    EXPECT_EQ(redisAuthentication(peer.connection(), "two words %s\n"), 0);
     EXPECT_EQ(peer.commands(), (Commands{{"AUTH", "two words %s\n"}}));
 }
 
@@ -166,17 +166,17 @@ TEST(Authentication, NeedsTheStatusOk) {
     for (const std::string& reply :
          {resp::status("QUEUED"), resp::status("ok"), resp::status("OK "), resp::bulk("OK"),
           resp::error("WRONGPASS"), resp::integer(1), resp::nil(), resp::array({})}) {
-        const RespPeer peer({reply});
-        EXPECT_EQ(redisAuthentication(peer.store(), "password"), 1) << reply;
+        const ScriptedStore peer({reply});
+        EXPECT_EQ(redisAuthentication(peer.connection(), "password"), 1) << reply;
     }
-    const RespPeer lost;
-    EXPECT_EQ(redisAuthentication(lost.store(), "password"), 1);
+    const ScriptedStore lost;
+    EXPECT_EQ(redisAuthentication(lost.connection(), "password"), 1);
 }
 
 TEST(Authentication, NeedsAConnectionAndAPassword) {
     EXPECT_EQ(redisAuthentication(nullptr, "password"), 1);
-    const RespPeer peer;
-    EXPECT_EQ(redisAuthentication(peer.store(), nullptr), 1);
+    const ScriptedStore peer;
+    EXPECT_EQ(redisAuthentication(peer.connection(), nullptr), 1);
     EXPECT_TRUE(peer.commands().empty());
 }
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
@@ -16,9 +16,9 @@ unsigned long long wallClockMilliseconds() {
 }
 
 TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    const RespPeer peer({resp::error("ERR nobody looks at it")});
+    const ScriptedStore peer({resp::error("ERR nobody looks at it")});
     const auto before = wallClockMilliseconds();
-    updateEtag(peer.store(), "/redfish/v1/Some Thing%s");
+    updateEtag(peer.connection(), "/redfish/v1/Some Thing%s");
     const Commands commands = peer.commands();
     ASSERT_EQ(commands.size(), 1U);
     ASSERT_EQ(commands[0].size(), 4U);

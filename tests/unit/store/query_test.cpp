@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service::store {
 namespace {
@@ -10,10 +10,10 @@ namespace {
 using Kind = Answer::Kind;
 
 TEST(Answer, TellsTheKindOfTheReply) {
-    const RespPeer peer({resp::integer(7), resp::status("OK"), resp::bulk(std::string("a\0b", 3)),
-                         resp::nil(), resp::error("ERR no"),
-                         resp::array({resp::integer(1), resp::bulkArray({"x"})})});
-    const auto ask = [&] { return store::ask(peer.store(), {"PING"}); };
+    const ScriptedStore peer(
+        {resp::integer(7), resp::status("OK"), resp::bulk(std::string("a\0b", 3)), resp::nil(),
+         resp::error("ERR no"), resp::array({resp::integer(1), resp::bulkArray({"x"})})});
+    const auto ask = [&] { return store::ask(peer.connection(), {"PING"}); };
     const Answer integer = ask();
     EXPECT_EQ(integer.kind, Kind::integer);
     EXPECT_EQ(integer.integer, 7);
@@ -35,8 +35,8 @@ TEST(Answer, TellsTheKindOfTheReply) {
 }
 
 TEST(Answer, PassesArgumentsOnAsTheyAre) {
-    const RespPeer peer({resp::integer(1)});
-    store::ask(peer.store(), {"DEL", "two words %s", ""});
+    const ScriptedStore peer({resp::integer(1)});
+    store::ask(peer.connection(), {"DEL", "two words %s", ""});
     EXPECT_EQ(peer.commands(), (Commands{{"DEL", "two words %s", ""}}));
 }
 
@@ -50,10 +50,10 @@ TEST(Fields, ArePairsOfAList) {
 }
 
 TEST(Wait, ThatIsLimitedEndsTheConnection) {
-    const RespPeer silent({""});
-    ASSERT_TRUE(limitWaits(silent.store(), std::chrono::seconds(1)));
-    EXPECT_EQ(ask(silent.store(), {"PING"}).kind, Kind::lost);
-    EXPECT_EQ(ask(silent.store(), {"PING"}).kind, Kind::lost);
+    const ScriptedStore silent({""});
+    ASSERT_TRUE(limitWaits(silent.connection(), std::chrono::seconds(1)));
+    EXPECT_EQ(ask(silent.connection(), {"PING"}).kind, Kind::lost);
+    EXPECT_EQ(ask(silent.connection(), {"PING"}).kind, Kind::lost);
     EXPECT_EQ(silent.commands().size(), 1u);
 }
 

@@ -1,4 +1,4 @@
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 
@@ -26,17 +26,6 @@ std::vector<Words> auditEntries(StoreClient& store) {
                         store.hget(entry, "Links")});
     }
     return entries;
-}
-
-std::vector<Words> commandsOf(const std::vector<MonitoredCommand>& commands,
-                              const std::string& client) {
-    std::vector<Words> words;
-    for (const MonitoredCommand& command : commands) {
-        if (command.client == client) {
-            words.push_back(command.words);
-        }
-    }
-    return words;
 }
 
 }  // namespace testbed

@@ -14,42 +14,41 @@
 #include <string>
 
 #include "support/login_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 
 // A FIFO inside the private root. Whoever reads it there waits until it opens.
 class Gate {
   public:
-    Gate(Controller& controller, std::string inside)
-        : controller_(controller), inside_(std::move(inside)) {
-        const std::string path = controller.path(inside_);
+    Gate(Controller& host, std::string fifo) : controller(host), inside(std::move(fifo)) {
+        const std::string path = controller.path(inside);
         if (mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
             throw Failure("No FIFO: " + std::string(std::strerror(errno)));
         }
         // To read as well, because the other side may not be there yet.
-        held_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     }
     ~Gate() { open(); }
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
 
     void open() {
-        if (held_ >= 0) {
+        if (descriptor >= 0) {
             // Gone first, so that nobody begins to wait who would never be let in.
-            controller_.removeFile(inside_);
-            close(held_);
-            held_ = -1;
+            controller.removeFile(inside);
+            close(descriptor);
+            descriptor = -1;
         }
     }
 
   private:
-    Controller& controller_;
-    std::string inside_;
-    int held_ = -1;
+    Controller& controller;
+    std::string inside;
+    int descriptor = -1;
 };
 
-class BrokenLoginTest : public LoginTest {
+class LoginFaultTest : public LoginTest {
   protected:
     using LoginTest::LoginTest;
 
@@ -76,7 +75,7 @@ class BrokenLoginTest : public LoginTest {
     }
 
     // Nobody is in, and nobody was: no session of any kind, no token, no audit entry.
-    void expectNobodyIn() {
+    void expectNoSession() {
         EXPECT_EQ(store().lrange(membersKey), Words{});
         EXPECT_EQ(store().keys(std::string(sessionsUri) + "/*"), Words{});
         EXPECT_EQ(store().keys("&&X-AUTH-TOKEN-*"), Words{});
@@ -95,17 +94,17 @@ class BrokenLoginTest : public LoginTest {
         EXPECT_EQ(reply.messages,
                   (std::vector<Message>{{"ExtendedError.1.2.InvalidCredentials", {}}}));
         EXPECT_EQ(countLogged(line), before + 1);
-        expectNobodyIn();
+        expectNoSession();
     }
     // A login that is let in, with this privilege and everything that belongs to a session;
     // and its logout.
-    void expectAdmission(const std::string& privilege) {
+    void expectLogin(const std::string& privilege) {
         Request login =
             frontEnd().prepareLogin("somebody", "anything", {.leaveOut = {operationPrivileges}});
         login.send();
-        expectAdmitted(login.reply(), privilege);
+        expectLoggedIn(login.reply(), privilege);
     }
-    void expectAdmitted(const Reply& reply, const std::string& privilege) {
+    void expectLoggedIn(const Reply& reply, const std::string& privilege) {
         ASSERT_EQ(reply.status(), "OK");
         EXPECT_EQ(reply.messages, (std::vector<Message>{{"Base.1.12.Created", {}}}));
         EXPECT_EQ(reply.token().size(), 64U);
@@ -124,7 +123,7 @@ class BrokenLoginTest : public LoginTest {
     }
 
     // Deletion, expiry and PATCH, while logins wait.
-    void expectTheOthersServe() {
+    void expectOtherRequestsServed() {
         EXPECT_EQ(frontEnd().remove(frontEnd().insertSession().uri).status(), "OK_EMPTY");
         const InsertedSession session = frontEnd().insertSession({.timeout = "0"});
         waitUntil("the session has expired", [&] {
@@ -140,8 +139,8 @@ class BrokenLoginTest : public LoginTest {
 
     // Two logins, the first of which is held inside something. `release` lets it go on.
     template <typename Reached, typename Release>
-    void expectToWaitItsTurn(const std::string& privilege, Reached waitUntilReached,
-                             Release release) {
+    void expectLoginsSerialized(const std::string& privilege, Reached waitUntilReached,
+                                Release release) {
         Request first =
             frontEnd().prepareLogin("somebody", "anything", {.leaveOut = {operationPrivileges}});
         Request second =
@@ -149,7 +148,7 @@ class BrokenLoginTest : public LoginTest {
         first.send();
         waitUntilReached();
         second.send();
-        expectTheOthersServe();
+        expectOtherRequestsServed();
         EXPECT_FALSE(first.publishedAlready());
         EXPECT_FALSE(second.publishedAlready());
         EXPECT_EQ(store().lrange(membersKey), Words{});
@@ -158,30 +157,30 @@ class BrokenLoginTest : public LoginTest {
         const Reply later = second.reply();
         EXPECT_EQ(store().lrange(membersKey),
                   (Words{"&&ObjectRef " + later.location(), "&&ObjectRef " + earlier.location()}));
-        expectAdmitted(later, privilege);
+        expectLoggedIn(later, privilege);
         EXPECT_EQ(store().hget(tokenKey(earlier.token()), "Privilege"), privilege);
         EXPECT_EQ(frontEnd().remove(earlier.location()).status(), "OK_EMPTY");
-        expectUnharmed();
+        expectRecovered();
     }
 
     // The stack that the controller comes with.
-    void useLocalAccounts() { usePamLines(localAccounts_); }
+    void useLocalAccounts() { usePamLines(localAccounts); }
     // The daemon is what it was when it began to serve: a local account gets in, and nothing
     // that was opened is still open.
-    void expectUnharmed(std::ptrdiff_t foreignDescriptors = 0) {
+    void expectRecovered(std::ptrdiff_t foreignDescriptors = 0) {
         useLocalAccounts();
         EXPECT_EQ(privilegeOf(reader.name, reader.password), reader.privilege);
         // Standard streams, and one connection of each worker.
         const std::ptrdiff_t idle = 3 + 4 + foreignDescriptors;
         waitUntil("no descriptor is left over", [&] { return openDescriptors() == idle; });
-        EXPECT_FALSE(controller.daemon().ending());
+        EXPECT_FALSE(controller.daemon().exitStatus());
     }
 
-    static constexpr char operationPrivileges[] = "&&OperationPrivileges";
-    static constexpr char doesNotPass[] = "somebody does not pass the PAM auth.";
+    static constexpr const char* operationPrivileges = "&&OperationPrivileges";
+    static constexpr const char* doesNotPass = "somebody does not pass the PAM auth.";
 
   private:
-    const std::string localAccounts_ = controller.readFile(pamServiceFile);
+    const std::string localAccounts = controller.readFile(pamServiceFile);
 };
 
 }  // namespace testbed

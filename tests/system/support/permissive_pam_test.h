@@ -8,25 +8,26 @@
 #include <string>
 
 #include "support/system_test.h"
-#include "support/trail.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 
-inline constexpr char eventServiceUri[] = "/redfish/v1/EventService";
-inline constexpr char eventGroupCounter[] = "&&EVENT_GROUP_ID_COUNTER";
-inline constexpr char auditEntriesUri[] = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
-inline const std::string welcome = "env=PRIVILEGES=511 ";
+inline constexpr const char* eventServiceUri = "/redfish/v1/EventService";
+inline constexpr const char* eventGroupCounter = "&&EVENT_GROUP_ID_COUNTER";
+inline constexpr const char* auditEntriesUri =
+    "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
+inline const std::string allPrivileges = "env=PRIVILEGES=511 ";
 
 // The store's content, a serialised value a key, but for what belongs to requests and
 // their replies.
 using Snapshot = std::map<std::string, std::string>;
 
-class WelcomingTest : public SystemTest {
+class PermissivePamTest : public SystemTest {
   protected:
     using SystemTest::SystemTest;
 
     void SetUp() override {
-        usePamTest(welcome);
+        usePamTest(allPrivileges);
         start();
     }
 
@@ -60,7 +61,7 @@ class WelcomingTest : public SystemTest {
     void emptyCollection() { store().del(membersKey); }
 
     // Makes the key one of a kind that nobody expects.
-    void spoil(const std::string& key) {
+    void corrupt(const std::string& key) {
         store().del(key);
         store().run({"SADD", key, "something else"});
     }

@@ -1,4 +1,4 @@
-#include "support/store_relay.h"
+#include "support/store_proxy.h"
 
 #include <hiredis/hiredis.h>
 #include <poll.h>
@@ -16,7 +16,7 @@ namespace testbed {
 
 namespace {
 
-constexpr char relaySocket[] = "/run/redis/relay.sock";
+constexpr const char* proxySocket = "/run/redis/proxy.sock";
 
 struct FreeReader {
     void operator()(redisReader* reader) const noexcept { redisReaderFree(reader); }
@@ -27,23 +27,23 @@ struct FreeReply {
 
 class Socket {
   public:
-    explicit Socket(int descriptor) : descriptor_(descriptor) {}
-    ~Socket() { close(descriptor_); }
+    explicit Socket(int opened) : socket(opened) {}
+    ~Socket() { close(socket); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return socket; }
     // Hands over what has arrived; false when there will be no more.
     bool read(std::string& bytes) const {
         std::array<char, 65536> chunk{};
-        const ssize_t count = ::read(descriptor_, chunk.data(), chunk.size());
+        const ssize_t count = ::read(socket, chunk.data(), chunk.size());
         bytes.assign(chunk.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
         return count > 0;
     }
     bool write(const std::string& bytes) const {
         for (std::size_t sent = 0; sent < bytes.size();) {
             const ssize_t count =
-                send(descriptor_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (count <= 0) {
                 return false;
             }
@@ -53,11 +53,11 @@ class Socket {
     }
 
   private:
-    int descriptor_;
+    int socket;
 };
 
 int newSocket() {
-    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 }
 
 sockaddr_un addressOf(const std::string& path) {
@@ -90,76 +90,75 @@ Words nextCommand(redisReader& reader) {
 
 }  // namespace
 
-StoreRelay::StoreRelay(Controller& controller)
-    : storePath_(controller.socketPath()), listener_(newSocket()), stop_(eventfd(0, EFD_CLOEXEC)) {
-    const sockaddr_un address = addressOf(controller.path(relaySocket));
-    if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(listener_, SOMAXCONN) != 0) {
-        throw Failure("The relay cannot listen: " + std::string(std::strerror(errno)));
+StoreProxy::StoreProxy(Controller& controller)
+    : storePath(controller.socketPath()), listener(newSocket()), stop(eventfd(0, EFD_CLOEXEC)) {
+    const sockaddr_un address = addressOf(controller.path(proxySocket));
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(listener, SOMAXCONN) != 0) {
+        throw Failure("The proxy cannot listen: " + std::string(std::strerror(errno)));
     }
-    controller.writeFile("/run/redis/redis.unixsocket", relaySocket);
-    acceptor_ = std::thread([this] { accept(); });
+    controller.writeFile("/run/redis/redis.unixsocket", proxySocket);
+    acceptor = std::thread([this] { accept(); });
 }
 
-StoreRelay::~StoreRelay() {
-    eventfd_write(stop_, 1);
-    acceptor_.join();
-    for (std::thread& server : servers_) {
+StoreProxy::~StoreProxy() {
+    eventfd_write(stop, 1);
+    acceptor.join();
+    for (std::thread& server : servers) {
         server.join();
     }
-    close(stop_);
-    close(listener_);
+    close(stop);
+    close(listener);
 }
 
-void StoreRelay::judge(Judge judge) {
-    const std::lock_guard lock(mutex_);
-    judge_ = std::move(judge);
+void StoreProxy::setFilter(Filter newFilter) {
+    const std::lock_guard lock(mutex);
+    filter = std::move(newFilter);
 }
 
-StoreRelay::Verdict StoreRelay::ask(const Words& command) {
-    Judge judge;
+StoreProxy::Verdict StoreProxy::verdictOn(const Words& command) {
+    Filter current;
     {
-        const std::lock_guard lock(mutex_);
-        judge = judge_;
+        const std::lock_guard lock(mutex);
+        current = filter;
     }
-    return judge ? judge(command) : Verdict::pass;
+    return current ? current(command) : Verdict::pass;
 }
 
-void StoreRelay::accept() {
+void StoreProxy::accept() {
     for (;;) {
-        std::array<pollfd, 2> ready{{{stop_, POLLIN, 0}, {listener_, POLLIN, 0}}};
+        std::array<pollfd, 2> ready{{{stop, POLLIN, 0}, {listener, POLLIN, 0}}};
         poll(ready.data(), ready.size(), -1);
         if (ready[0].revents != 0) {
             return;
         }
-        const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) {
             continue;
         }
         // In this order: whoever sees a connection counted can refuse later ones only.
-        const bool refused = refusing_;
-        ++connections_;
+        const bool refused = refusing;
+        ++connectionCount;
         if (refused) {
             close(client);
             continue;
         }
-        servers_.emplace_back([this, client] { serve(client); });
+        servers.emplace_back([this, client] { serve(client); });
     }
 }
 
-void StoreRelay::serve(int client) {
+void StoreProxy::serve(int client) {
     const Socket daemon(client);
     const Socket store(newSocket());
-    if (!connects(store.descriptor(), storePath_)) {
+    if (!connects(store.descriptor(), storePath)) {
         return;
     }
     const std::unique_ptr<redisReader, FreeReader> reader(redisReaderCreate());
     Verdict verdict;
     std::string command;  // what has arrived of it
     for (std::string bytes;;) {
-        std::array<pollfd, 3> ready{{{stop_, POLLIN, 0},
-                                     {daemon.descriptor(), POLLIN, 0},
-                                     {store.descriptor(), POLLIN, 0}}};
+        std::array<pollfd, 3> ready{
+            {{stop, POLLIN, 0}, {daemon.descriptor(), POLLIN, 0}, {store.descriptor(), POLLIN, 0}}};
         poll(ready.data(), ready.size(), -1);
         if (ready[0].revents != 0) {
             return;
@@ -174,19 +173,19 @@ void StoreRelay::serve(int client) {
             if (words.empty()) {
                 continue;
             }
-            verdict = ask(words);
-            if (verdict.fate == Verdict::Fate::cut ||
-                !(verdict.fate == Verdict::Fate::answered ? daemon.write(verdict.reply)
-                                                          : store.write(command))) {
+            verdict = verdictOn(words);
+            if (verdict.action == Verdict::Action::cut ||
+                !(verdict.action == Verdict::Action::reply ? daemon.write(verdict.bytes)
+                                                           : store.write(command))) {
                 return;
             }
             command.clear();
         }
         if (ready[2].revents != 0) {
-            if (!store.read(bytes) || verdict.fate == Verdict::Fate::cutAfter) {
+            if (!store.read(bytes) || verdict.action == Verdict::Action::cutAfter) {
                 return;
             }
-            if (verdict.fate == Verdict::Fate::truncated) {
+            if (verdict.action == Verdict::Action::truncate) {
                 daemon.write(bytes.substr(0, bytes.size() / 2));
                 return;
             }

@@ -1,4 +1,4 @@
-#include "support/store_stand_in.h"
+#include "support/fake_store.h"
 
 #include <hiredis/hiredis.h>
 #include <sys/socket.h>
@@ -8,12 +8,12 @@
 #include <string_view>
 
 #include "store/connection.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
 
-StandInServer* currentServer = nullptr;
+FakeStore* currentServer = nullptr;
 
 std::array<int, 2> openPair() {
     std::array<int, 2> ends{};
@@ -73,9 +73,9 @@ Command takeCommand(std::string_view& bytes) {
 
 }  // namespace
 
-StandInStore::StandInStore(const Replies& replies) : StandInStore(replies, openPair()) {}
+FakeConnection::FakeConnection(const Replies& replies) : FakeConnection(replies, openPair()) {}
 
-StandInStore::StandInStore(const Replies& replies, const std::array<int, 2>& ends)
+FakeConnection::FakeConnection(const Replies& replies, const std::array<int, 2>& ends)
     : server(ends[0]), client(redisConnectFd(ends[1])) {
     constexpr std::size_t mostReplies = 64;
     for (std::size_t i = 0; i < std::min(replies.size(), mostReplies); ++i) {
@@ -84,7 +84,7 @@ StandInStore::StandInStore(const Replies& replies, const std::array<int, 2>& end
     shutdown(server.get(), SHUT_WR);
 }
 
-Commands StandInStore::takeCommands() const {
+Commands FakeConnection::takeCommands() const {
     const std::string received = receiveAll(server.get());
     std::string_view bytes = received;
     Commands commands;
@@ -94,16 +94,16 @@ Commands StandInStore::takeCommands() const {
     return commands;
 }
 
-StandInServer::StandInServer(std::vector<Replies> repliesOfConnections)
+FakeStore::FakeStore(std::vector<Replies> repliesOfConnections)
     : replies(std::move(repliesOfConnections)) {
     currentServer = this;
 }
 
-StandInServer::~StandInServer() {
+FakeStore::~FakeStore() {
     currentServer = nullptr;
 }
 
-redisContext* StandInServer::accept() {
+redisContext* FakeStore::accept() {
     if (opened.size() == replies.size()) {
         return nullptr;
     }

@@ -1,4 +1,4 @@
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 #include <hiredis/hiredis.h>
 #include <sys/socket.h>
@@ -105,35 +105,36 @@ std::string bulkArray(const std::vector<std::string>& texts) {
 
 }  // namespace resp
 
-RespPeer::RespPeer(std::vector<std::string> scriptedReplies)
-    : RespPeer(std::move(scriptedReplies), openPair()) {}
+ScriptedStore::ScriptedStore(std::vector<std::string> scriptedReplies)
+    : ScriptedStore(std::move(scriptedReplies), openPair()) {}
 
-RespPeer::RespPeer(std::vector<std::string> scriptedReplies, const std::array<int, 2>& ends)
+ScriptedStore::ScriptedStore(std::vector<std::string> scriptedReplies,
+                             const std::array<int, 2>& ends)
     : replies(std::move(scriptedReplies)),
       server(ends[0]),
       client(redisConnectFd(ends[1])),
       thread([this] { serve(); }) {}
 
-RespPeer::~RespPeer() {
+ScriptedStore::~ScriptedStore() {
     client.reset();
     thread.join();
 }
 
-Commands RespPeer::commands() const {
+Commands ScriptedStore::commands() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return receivedCommands;
 }
 
-std::string RespPeer::bytes() const {
+std::string ScriptedStore::bytes() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return receivedBytes;
 }
 
-void RespPeer::hangUp() {
+void ScriptedStore::hangUp() {
     shutdown(server.get(), SHUT_RDWR);
 }
 
-void RespPeer::serve() {
+void ScriptedStore::serve() {
     std::string pending;
     std::size_t answered = 0;
     std::array<char, 4096> chunk{};

@@ -42,7 +42,7 @@
 
 /* In the module's own memory, so that it vanishes with the module. */
 static char variable[256];
-static char label[] = "pam_unruly";
+static char label[] = "pam_misbehaving";
 
 static void ignore_it(int number) {
     (void)number;

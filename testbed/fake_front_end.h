@@ -1,6 +1,6 @@
-// The web front end's side of the contract with the session service: stores requests,
-// announces them, waits for the answers and reads them. And the plain store layout of
-// a session, for sessions that come into being without a login.
+// A fake of the web front end, at the level of the store: it stores requests, publishes
+// their notices, waits for the replies and reads them. It also inserts sessions straight into
+// the store, without a login.
 #pragma once
 
 #include <functional>
@@ -19,7 +19,7 @@ struct Message {
     bool operator==(const Message&) const = default;
 };
 
-// What the service answered.
+// A reply of the service.
 struct Reply {
     std::string published;          // the text on the return channel
     Fields fields;                  // the reply hash
@@ -32,7 +32,7 @@ struct Reply {
     std::string token() const { return (*this)["&&X-Auth-Token"]; }
 };
 
-// Changes to what the front end would write. An empty key or channel: a fresh one.
+// Changes to what the front end writes otherwise. An empty key or channel: a fresh one.
 struct RequestOptions {
     std::string requestKey{};
     std::string replyKey{};
@@ -44,42 +44,47 @@ struct RequestOptions {
     bool checklist = true;  // PATCH: keep the list of properties that await a handler
 };
 
-// A request that is stored, with its return channel subscribed. To be announced with
-// send(); nothing else reaches the store before the reply has arrived.
+// A request that is stored, with its return channel subscribed. send() publishes its notice;
+// nothing else reaches the store before the reply has arrived.
 class Request {
   public:
-    // Announces the request; returns the number of receivers.
+    // Publishes the notice; returns the number of receivers.
     long long send();
-    // The same with a text of the caller's as the notice.
+    // The same with another text as the notice.
     long long send(const std::string& notice);
-    // Blocks until the answer is there and reads it. Throws Failure when it does not come,
+    // Blocks until the reply has been published, and reads it. Throws Failure when none comes,
     // at once when the service has ended.
     Reply reply();
-    // The same without reading the answer: just what was published.
+    // The same without reading the reply: just what was published.
     std::string published();
-    // What was published so far, none when nothing was. Does not block.
+    // What was published so far; none when nothing was. Does not block.
     std::optional<std::string> publishedAlready();
 
-    const std::string& requestKey() const { return requestKey_; }
-    const std::string& replyKey() const { return replyKey_; }
-    const std::string& returnChannel() const { return returnChannel_; }
-    const std::string& bodyKey() const { return bodyKey_; }
+    const std::string& requestKey() const { return names.requestKey; }
+    const std::string& replyKey() const { return names.replyKey; }
+    const std::string& returnChannel() const { return names.returnChannel; }
+    const std::string& bodyKey() const { return names.bodyKey; }
 
   private:
-    friend class FrontEnd;
-    Request(StoreClient store, StoreClient subscription, std::function<bool()> served);
+    friend class FakeFrontEnd;
+    Request(StoreClient connection, StoreClient subscribed, std::function<bool()> isServed);
 
-    StoreClient store_;
-    StoreClient subscription_;
-    std::function<bool()> served_;
-    std::string channel_;
-    std::string requestKey_;
-    std::string replyKey_;
-    std::string returnChannel_;
-    std::string bodyKey_;
+    // What the request goes by in the store.
+    struct Names {
+        std::string channel;
+        std::string requestKey;
+        std::string replyKey;
+        std::string returnChannel;
+        std::string bodyKey;
+    };
+
+    StoreClient store;
+    StoreClient subscription;
+    std::function<bool()> serviceRuns;
+    Names names;
 };
 
-// The four entries of a session, as the service itself would write them.
+// The four entries of a session in the store, as the service itself would write them.
 struct SessionOptions {
     std::string identifier{};  // empty: a fresh one
     std::string token{};       // empty: a fresh one
@@ -102,11 +107,11 @@ struct InsertedSession {
 };
 
 // To be used by one thread at a time; each thread takes its own from the controller.
-class FrontEnd {
+class FakeFrontEnd {
   public:
-    // `served` tells whether the service runs, so that nobody waits for it in vain.
-    FrontEnd(std::string socketPath, std::string password, std::string keyPath,
-             std::function<bool()> served);
+    // `isServed` tells whether the service runs, so that nobody waits for one that has ended.
+    FakeFrontEnd(std::string socket, std::string password, std::string keyFile,
+                 std::function<bool()> isServed);
 
     // Whole requests: stored, announced, answered. Throw Failure when nobody listens on
     // the channel or no answer comes.
@@ -116,14 +121,14 @@ class FrontEnd {
     // The values are JSON text and are stored as they are.
     Reply patch(const Fields& properties, const RequestOptions& options = {});
 
-    // The same up to the announcement.
+    // The same, up to publishing the notice.
     Request prepareLogin(const std::string& user, const std::string& password,
                          const RequestOptions& options = {});
     Request prepareRemove(const std::string& sessionUri, const RequestOptions& options = {});
     Request preparePatch(const Fields& properties, const RequestOptions& options = {});
 
-    // The password as it travels: enciphered, in hexadecimal digits, JSON-quoted.
-    std::string encipher(const std::string& password) const;
+    // The password as it is sent: encrypted, in hexadecimal digits, JSON-quoted.
+    std::string encryptPassword(const std::string& password) const;
 
     InsertedSession insertSession(const SessionOptions& options = {});
 
@@ -132,11 +137,11 @@ class FrontEnd {
                     const RequestOptions& options);
     StoreClient connect() const;
 
-    std::string socketPath_;
-    std::string password_;
-    std::string keyPath_;
-    std::function<bool()> served_;
-    StoreClient store_;
+    std::string socketPath;
+    std::string storePassword;
+    std::string keyPath;
+    std::function<bool()> serviceRuns;
+    StoreClient store;
 };
 
 // The text as a JSON string literal, quotes and backslashes escaped.
@@ -144,12 +149,13 @@ std::string jsonQuoted(const std::string& text);
 // Seconds since the machine started: the clock of LastAccessed.
 long uptime();
 
-inline constexpr char serviceUri[] = "/redfish/v1/SessionService";
-inline constexpr char sessionsUri[] = "/redfish/v1/SessionService/Sessions";
-inline constexpr char membersKey[] = "&&/redfish/v1/SessionService/Sessions/Members";
-inline constexpr char createChannel[] = "&&/redfish/v1/SessionService/Sessions/CreateNewSession";
-inline constexpr char deleteChannel[] = "&&/redfish/v1/SessionService/Sessions/DeleteSession";
-inline constexpr char patchChannel[] = "&&/redfish/v1/SessionService/CHANNEL";
+inline constexpr const char* serviceUri = "/redfish/v1/SessionService";
+inline constexpr const char* sessionsUri = "/redfish/v1/SessionService/Sessions";
+inline constexpr const char* membersKey = "&&/redfish/v1/SessionService/Sessions/Members";
+inline constexpr const char* createChannel =
+    "&&/redfish/v1/SessionService/Sessions/CreateNewSession";
+inline constexpr const char* deleteChannel = "&&/redfish/v1/SessionService/Sessions/DeleteSession";
+inline constexpr const char* patchChannel = "&&/redfish/v1/SessionService/CHANNEL";
 
 // The keys that belong to a session.
 std::string tokenReferenceKey(const std::string& sessionUri);

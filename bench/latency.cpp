@@ -1,4 +1,4 @@
-#include "bench/speed.h"
+#include "bench/latency.h"
 
 #include <benchmark/benchmark.h>
 
@@ -8,21 +8,23 @@
 #include <string>
 #include <vector>
 
+#include "bench/expiry_pass.h"
 #include "bench/requests.h"
-#include "bench/sweep.h"
 
-namespace testbed {
+namespace bench {
+
+using testbed::Controller;
 
 namespace {
 
-constexpr double mostOfFloor = 1.15;
+constexpr double maxRatio = 1.15;
 
 std::string milliseconds(double seconds) {
     return fixed(seconds * 1e3, 3) + " ms";
 }
 
 std::string nameOf(const std::string& work, Server server) {
-    return work + (server == Server::daemon ? "/daemon" : "/floor");
+    return work + (server == Server::daemon ? "/daemon" : "/baseline");
 }
 
 // Keeps the median of each benchmark's repetitions, in seconds.
@@ -32,14 +34,14 @@ class Medians : public benchmark::BenchmarkReporter {
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (run.aggregate_name == "median") {
-                seconds_[run.run_name.function_name] = run.GetAdjustedRealTime();
+                medians[run.run_name.function_name] = run.GetAdjustedRealTime();
             }
         }
     }
-    double of(const std::string& name) const { return seconds_.at(name); }
+    double of(const std::string& name) const { return medians.at(name); }
 
   private:
-    std::map<std::string, double> seconds_;
+    std::map<std::string, double> medians;
 };
 
 // Work that can be done by both, the seconds that it takes.
@@ -47,8 +49,8 @@ using Work = std::function<double(Server)>;
 
 // Registers the work of both. Repetitions of all that is registered take turns, so that what
 // disturbs the machine disturbs all alike.
-void compare(const std::string& name, const Work& work, const Effort& effort) {
-    for (const Server server : {Server::daemon, Server::floor}) {
+void compare(const std::string& name, const Work& work, const Repetition& repetition) {
+    for (const Server server : {Server::daemon, Server::baseline}) {
         benchmark::RegisterBenchmark(nameOf(name, server).c_str(),
                                      [=](benchmark::State& state) {
                                          for ([[maybe_unused]] auto each : state) {
@@ -57,8 +59,8 @@ void compare(const std::string& name, const Work& work, const Effort& effort) {
                                      })
             ->UseManualTime()
             ->Unit(benchmark::kSecond)
-            ->Iterations(effort.iterations)
-            ->Repetitions(effort.repetitions)
+            ->Iterations(repetition.iterations)
+            ->Repetitions(repetition.repetitions)
             ->ReportAggregatesOnly();
     }
 }
@@ -79,22 +81,22 @@ Medians runAll() {
 void judge(Table& table, const Medians& medians, const std::string& name,
            std::vector<std::string> cells) {
     const double daemon = medians.of(nameOf(name, Server::daemon));
-    const double floor = medians.of(nameOf(name, Server::floor));
-    const double ratio = daemon / floor;
-    cells.insert(cells.end(), {milliseconds(daemon), milliseconds(floor), fixed(ratio, 2),
-                               "at most " + fixed(mostOfFloor, 2)});
-    table.judge(cells, ratio <= mostOfFloor);
+    const double baseline = medians.of(nameOf(name, Server::baseline));
+    const double ratio = daemon / baseline;
+    cells.insert(cells.end(), {milliseconds(daemon), milliseconds(baseline), fixed(ratio, 2),
+                               "at most " + fixed(maxRatio, 2)});
+    table.judge(cells, ratio <= maxRatio);
 }
 
 // Of a login whose session ends right after it.
-double secondsOfLogin(Exchanges& exchanges, Server server) {
-    const double seconds = exchanges.ask(Kind::login, server);
-    exchanges.ask(Kind::logout, server);
+double secondsOfLogin(RepeatedRequests& requests, Server server) {
+    const double seconds = requests.send(Kind::login, server);
+    requests.send(Kind::logout, server);
     return seconds;
 }
 
 void start(Controller& controller, const std::string& more = {}) {
-    letEverybodyIn(controller, more);
+    permitAllLogins(controller, more);
     controller.start();
     // The log collection takes all entries.
     controller.connect().hset("/redfish/v1/Managers/1/LogServices/AuditLog/Entries",
@@ -103,72 +105,74 @@ void start(Controller& controller, const std::string& more = {}) {
 
 }  // namespace
 
-void measureRequests(Table& table, const Effort& effort) {
+void measureRequests(Table& table, const Repetition& repetition) {
     Controller controller;
     start(controller);
-    Exchanges exchanges(controller, "alice");
-    exchanges.recordFloors({Kind::login, Kind::logout, Kind::change});
+    RepeatedRequests requests(controller, "alice");
+    requests.recordBaselines({Kind::login, Kind::logout, Kind::change});
     compare(
-        "login", [&](Server server) { return secondsOfLogin(exchanges, server); }, effort);
+        "login", [&](Server server) { return secondsOfLogin(requests, server); }, repetition);
     compare(
         "logout",
         [&](Server server) {
-            exchanges.ask(Kind::login, server);
-            return exchanges.ask(Kind::logout, server);
+            requests.send(Kind::login, server);
+            return requests.send(Kind::logout, server);
         },
-        effort);
+        repetition);
     compare(
-        "PATCH", [&](Server server) { return exchanges.ask(Kind::change, server); }, effort);
+        "PATCH", [&](Server server) { return requests.send(Kind::change, server); }, repetition);
     const Medians medians = runAll();
 
-    table.head({"request", "store commands", "daemon", "floor", "ratio", "target"});
+    table.head({"request", "store commands", "daemon", "baseline", "ratio", "target"});
     for (const auto& [name, kind] :
          {std::pair{"login", Kind::login}, {"logout", Kind::logout}, {"PATCH", Kind::change}}) {
-        judge(table, medians, name, {name, std::to_string(exchanges.commandsOf(kind))});
+        judge(table, medians, name, {name, std::to_string(requests.commandsOf(kind))});
     }
 }
 
-void measureSweeper(Table& table, const std::vector<int>& sessions, const Effort& effort) {
+void measureExpiry(Table& table, const std::vector<int>& sessions, const Repetition& repetition) {
     Controller controller;
     start(controller);
-    Sweep sweep(controller, sessions.back());
+    ExpiryPass expiryPass(controller, sessions.back());
     for (const int size : sessions) {
         compare(
             std::to_string(size),
-            [&sweep, size](Server server) { return sweep.pass(size, server); }, effort);
+            [&expiryPass, size](Server server) { return expiryPass.run(size, server); },
+            repetition);
     }
     const Medians medians = runAll();
 
-    table.head({"sessions in a pass", "store commands", "a session", "daemon", "floor", "ratio",
+    table.head({"sessions in a pass", "store commands", "a session", "daemon", "baseline", "ratio",
                 "target"});
     for (const int size : sessions) {
         const std::string name = std::to_string(size);
         const double each = medians.of(nameOf(name, Server::daemon)) / size;
         judge(table, medians, name,
-              {name, std::to_string(Sweep::commandsOf(size)), fixed(each * 1e6, 0) + " µs"});
+              {name, std::to_string(ExpiryPass::commandsOf(size)), fixed(each * 1e6, 0) + " µs"});
     }
 }
 
-void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Effort& effort) {
-    constexpr char fill[] =
+void measureAccountLookUp(Table& table, const std::vector<int>& keys,
+                          const Repetition& repetition) {
+    constexpr const char* fill =
         "for i = redis.call('DBSIZE') + 1, tonumber(ARGV[1]) do "
         "redis.call('SET', 'filler:' .. i, '') end";
     Controller controller;
     start(controller, "acct=PAM_NEW_AUTHTOK_REQD");
-    StoreClient store = controller.connect();
+    testbed::StoreClient store = controller.connect();
     table.head({"login with an account look-up: keys in the store", "store commands", "daemon",
-                "floor", "ratio", "target"});
+                "baseline", "ratio", "target"});
     for (const int count : keys) {
         store.run({"EVAL", fill, "0", std::to_string(count)});
         // Nobody's account is looked for in all of them.
-        Exchanges exchanges(controller, "nobody");
-        exchanges.recordFloors({Kind::login, Kind::logout});
+        RepeatedRequests requests(controller, "nobody");
+        requests.recordBaselines({Kind::login, Kind::logout});
         const std::string name = std::to_string(count);
         compare(
-            name, [&](Server server) { return secondsOfLogin(exchanges, server); }, effort);
+            name, [&](Server server) { return secondsOfLogin(requests, server); }, repetition);
         const Medians medians = runAll();
-        judge(table, medians, name, {name, std::to_string(exchanges.commandsOf(Kind::login))});
+        judge(table, medians, name, {name, std::to_string(requests.commandsOf(Kind::login))});
     }
 }
 
-}  // namespace testbed
+}  // namespace bench

@@ -1,13 +1,13 @@
-// The decipherment: texts and key files of every shape, and the way back.
+// The decryption: texts and key files of every shape, and the way back.
 #include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "platform/data_decryption.h"
+#include "support/input.h"
 #include "support/memory_file.h"
-#include "support/pieces.h"
-#include "support/property.h"
+#include "support/require.h"
 
 namespace session_service {
 namespace {
@@ -38,7 +38,7 @@ void checkWayBack(const std::string& plain, const std::string& keyFile, bool usa
                   std::size_t place) {
     std::string travelling = encryptToHexString(plain, keyFile);
     if (!usable) {
-        require(travelling.empty(), "without a key nothing is enciphered");
+        require(travelling.empty(), "without a key nothing is encrypted");
         return;
     }
     require(travelling.size() == 2 * (plain.size() + addedBytes) && isHex(travelling),
@@ -54,22 +54,22 @@ void checkWayBack(const std::string& plain, const std::string& keyFile, bool usa
 }  // namespace
 }  // namespace session_service
 
-// The pieces: the key file, a text that claims to be enciphered, a text to encipher.
+// The sections: the key file, a text that claims to be encrypted, a text to encrypt.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace session_service;
     static MemoryFile keyFile;
-    Pieces pieces(data, size);
-    const std::string key = pieces.next();
+    InputSections sections(data, size);
+    const std::string key = sections.next();
     keyFile.write(key);
-    std::string enciphered = pieces.next();
-    if (enciphered.ends_with('\n')) {
-        enciphered.pop_back();
+    std::string encrypted = sections.next();
+    if (encrypted.ends_with('\n')) {
+        encrypted.pop_back();
     }
-    const std::string deciphered = decryptHexString(enciphered, keyFile.path());
-    require(deciphered.empty() || (isKey(key) && isHex(enciphered) &&
-                                   enciphered.size() == 2 * (deciphered.size() + addedBytes)),
-            "only digits under a key are deciphered");
-    const std::string plain = pieces.next();
-    checkWayBack(plain, keyFile.path(), isKey(key), enciphered.size());
+    const std::string decrypted = decryptHexString(encrypted, keyFile.path());
+    require(decrypted.empty() || (isKey(key) && isHex(encrypted) &&
+                                  encrypted.size() == 2 * (decrypted.size() + addedBytes)),
+            "only digits under a key are decrypted");
+    const std::string plain = sections.next();
+    checkWayBack(plain, keyFile.path(), isKey(key), encrypted.size());
     return 0;
 }

@@ -1,4 +1,4 @@
-#include "testbed/front_end.h"
+#include "testbed/fake_front_end.h"
 
 #include <sys/sysinfo.h>
 
@@ -40,7 +40,7 @@ std::string paddedHex(unsigned long number, int digits) {
     return text;
 }
 
-Reply answered(Request& request, const std::string& channel) {
+Reply sendAndWait(Request& request, const std::string& channel) {
     if (request.send() == 0) {
         throw Failure("Nobody listens on " + channel + ".");
     }
@@ -54,100 +54,101 @@ std::string Reply::operator[](const std::string& field) const {
     return found == fields.end() ? std::string() : found->second;
 }
 
-Request::Request(StoreClient store, StoreClient subscription, std::function<bool()> served)
-    : store_(std::move(store)),
-      subscription_(std::move(subscription)),
-      served_(std::move(served)) {}
+Request::Request(StoreClient connection, StoreClient subscribed, std::function<bool()> isServed)
+    : store(std::move(connection)),
+      subscription(std::move(subscribed)),
+      serviceRuns(std::move(isServed)) {}
 
 long long Request::send() {
-    return send(requestKey_ + " " + replyKey_);
+    return send(names.requestKey + " " + names.replyKey);
 }
 
 long long Request::send(const std::string& notice) {
-    return store_.publish(channel_, notice);
+    return store.publish(names.channel, notice);
 }
 
 std::string Request::published() {
-    constexpr std::chrono::milliseconds attention{100};
-    const Deadline end = patience();
+    constexpr std::chrono::milliseconds pollInterval{100};
+    const Deadline end = deadlineFromNow();
     for (;;) {
         // Asked first: what a service published before its end is still read.
-        const bool served = served_();
+        const bool served = serviceRuns();
         const Deadline now = std::chrono::steady_clock::now();
-        if (const std::optional<Value> message = subscription_.next(now + attention)) {
+        if (const std::optional<Value> message = subscription.next(now + pollInterval)) {
             return message->elements.at(2).text;
         }
         if (!served || now > end) {
-            throw Failure((served ? "Waited in vain for" : "The service ended before it gave") +
-                          std::string(" an answer on ") + returnChannel_ + ".");
+            throw Failure((served ? "Timed out waiting for" : "The service ended before it gave") +
+                          std::string(" a reply on ") + names.returnChannel + ".");
         }
     }
 }
 
 std::optional<std::string> Request::publishedAlready() {
-    return subscription_.pendingMessage();
+    return subscription.pendingMessage();
 }
 
 Reply Request::reply() {
     Reply reply;
     reply.published = published();
-    reply.fields = store_.hgetall(replyKey_);
-    for (const std::string& key : store_.lrange(reply["&&ExtendedInfo"])) {
-        Message message{store_.hget(key, "&&MessageId"), {}};
-        const std::string arguments = store_.hget(key, "&&MessageArgs");
+    reply.fields = store.hgetall(names.replyKey);
+    for (const std::string& key : store.lrange(reply["&&ExtendedInfo"])) {
+        Message message{store.hget(key, "&&MessageId"), {}};
+        const std::string arguments = store.hget(key, "&&MessageArgs");
         if (!arguments.empty()) {
-            message.arguments = store_.lrange(arguments);
+            message.arguments = store.lrange(arguments);
         }
         reply.messages.push_back(std::move(message));
     }
     return reply;
 }
 
-FrontEnd::FrontEnd(std::string socketPath, std::string password, std::string keyPath,
-                   std::function<bool()> served)
-    : socketPath_(std::move(socketPath)),
-      password_(std::move(password)),
-      keyPath_(std::move(keyPath)),
-      served_(std::move(served)),
-      store_(connect()) {}
+FakeFrontEnd::FakeFrontEnd(std::string socket, std::string password, std::string keyFile,
+                           std::function<bool()> isServed)
+    : socketPath(std::move(socket)),
+      storePassword(std::move(password)),
+      keyPath(std::move(keyFile)),
+      serviceRuns(std::move(isServed)),
+      store(connect()) {}
 
-StoreClient FrontEnd::connect() const {
-    return {socketPath_, password_};
+StoreClient FakeFrontEnd::connect() const {
+    return {socketPath, storePassword};
 }
 
-Reply FrontEnd::login(const std::string& user, const std::string& password,
-                      const RequestOptions& options) {
+Reply FakeFrontEnd::login(const std::string& user, const std::string& password,
+                          const RequestOptions& options) {
     Request request = prepareLogin(user, password, options);
-    return answered(request, createChannel);
+    return sendAndWait(request, createChannel);
 }
 
-Reply FrontEnd::remove(const std::string& sessionUri, const RequestOptions& options) {
+Reply FakeFrontEnd::remove(const std::string& sessionUri, const RequestOptions& options) {
     Request request = prepareRemove(sessionUri, options);
-    return answered(request, deleteChannel);
+    return sendAndWait(request, deleteChannel);
 }
 
-Reply FrontEnd::patch(const Fields& properties, const RequestOptions& options) {
+Reply FakeFrontEnd::patch(const Fields& properties, const RequestOptions& options) {
     Request request = preparePatch(properties, options);
-    return answered(request, patchChannel);
+    return sendAndWait(request, patchChannel);
 }
 
-Request FrontEnd::prepareLogin(const std::string& user, const std::string& password,
-                               const RequestOptions& options) {
+Request FakeFrontEnd::prepareLogin(const std::string& user, const std::string& password,
+                                   const RequestOptions& options) {
     return prepare(createChannel,
                    {{"&&RequestMethod", "POST"},
                     {"&&TargetURI", sessionsUri},
                     {"&&OperationPrivileges", "1"},
                     {"&&RemoteIP", "192.0.2.10"},
                     {"&&Origin", "Redfish"}},
-                   {{"UserName", jsonQuoted(user)}, {"Password", encipher(password)}}, options);
+                   {{"UserName", jsonQuoted(user)}, {"Password", encryptPassword(password)}},
+                   options);
 }
 
-Request FrontEnd::prepareRemove(const std::string& sessionUri, const RequestOptions& options) {
+Request FakeFrontEnd::prepareRemove(const std::string& sessionUri, const RequestOptions& options) {
     return prepare(deleteChannel, {{"&&RequestMethod", "DELETE"}, {"&&TargetURI", sessionUri}}, {},
                    options);
 }
 
-Request FrontEnd::preparePatch(const Fields& properties, const RequestOptions& options) {
+Request FakeFrontEnd::preparePatch(const Fields& properties, const RequestOptions& options) {
     Request request =
         prepare(patchChannel, {{"&&RequestMethod", "PATCH"}, {"&&TargetURI", serviceUri}},
                 properties, options);
@@ -156,34 +157,36 @@ Request FrontEnd::preparePatch(const Fields& properties, const RequestOptions& o
         for (const auto& [property, value] : properties) {
             checklist["/" + property] = value;
         }
-        store_.hset(request.requestKey() + "/Checklist", checklist);
+        store.hset(request.requestKey() + "/Checklist", checklist);
     }
     return request;
 }
 
-Request FrontEnd::prepare(const std::string& channel, Fields record, Fields body,
-                          const RequestOptions& options) {
-    Request request(connect(), connect(), served_);
+Request FakeFrontEnd::prepare(const std::string& channel, Fields record, Fields body,
+                              const RequestOptions& options) {
+    Request request(connect(), connect(), serviceRuns);
     const std::string fresh = "&&/request/" + std::to_string(nextNumber());
-    request.channel_ = channel;
-    request.requestKey_ = orFresh(options.requestKey, fresh);
-    request.replyKey_ = orFresh(options.replyKey, fresh + "/reply");
-    request.returnChannel_ = orFresh(options.returnChannel, fresh + "/return");
-    request.bodyKey_ = fresh + "/body";
+    request.names.channel = channel;
+    request.names.requestKey = orFresh(options.requestKey, fresh);
+    request.names.replyKey = orFresh(options.replyKey, fresh + "/reply");
+    request.names.returnChannel = orFresh(options.returnChannel, fresh + "/return");
+    request.names.bodyKey = fresh + "/body";
 
-    record["&&ReturnChannel"] = request.returnChannel_;
-    record["&&RequestData"] = request.bodyKey_;
-    store_.hset(request.bodyKey_, changed(std::move(body), options.body, options.leaveOutOfBody));
-    store_.hset(request.requestKey_, changed(std::move(record), options.fields, options.leaveOut));
-    request.subscription_.subscribe(request.returnChannel_);
+    record["&&ReturnChannel"] = request.names.returnChannel;
+    record["&&RequestData"] = request.names.bodyKey;
+    store.hset(request.names.bodyKey,
+               changed(std::move(body), options.body, options.leaveOutOfBody));
+    store.hset(request.names.requestKey,
+               changed(std::move(record), options.fields, options.leaveOut));
+    request.subscription.subscribe(request.names.returnChannel);
     return request;
 }
 
-std::string FrontEnd::encipher(const std::string& password) const {
-    return jsonQuoted(encryptToHexString(password, keyPath_));
+std::string FakeFrontEnd::encryptPassword(const std::string& password) const {
+    return jsonQuoted(encryptToHexString(password, keyPath));
 }
 
-InsertedSession FrontEnd::insertSession(const SessionOptions& options) {
+InsertedSession FakeFrontEnd::insertSession(const SessionOptions& options) {
     const unsigned long number = nextNumber();
     InsertedSession inserted;
     inserted.identifier = orFresh(options.identifier, paddedHex(number, 8));
@@ -211,15 +214,15 @@ InsertedSession FrontEnd::insertSession(const SessionOptions& options) {
         {"LastAccessed", orFresh(options.lastAccessed, std::to_string(uptime()))},
         {"Timeout", options.timeout},
     };
-    store_.hset(inserted.uri, changed(session, options.session, options.leaveOutOfSession));
+    store.hset(inserted.uri, changed(session, options.session, options.leaveOutOfSession));
     if (options.tokenReference) {
-        store_.hset(tokenReferenceKey(inserted.uri), {{"XAUTH", jsonQuoted(inserted.token)}});
+        store.hset(tokenReferenceKey(inserted.uri), {{"XAUTH", jsonQuoted(inserted.token)}});
     }
-    store_.hset(tokenKey(inserted.token), changed(token, {}, options.leaveOutOfToken));
+    store.hset(tokenKey(inserted.token), changed(token, {}, options.leaveOutOfToken));
     if (options.member) {
         // Last of all: only now the session can be seen to expire.
-        store_.run({"HINCRBY", sessionsUri, "Members@odata.count", "1"});
-        store_.run({"LPUSH", membersKey, "&&ObjectRef " + inserted.uri});
+        store.run({"HINCRBY", sessionsUri, "Members@odata.count", "1"});
+        store.run({"LPUSH", membersKey, "&&ObjectRef " + inserted.uri});
     }
     return inserted;
 }

@@ -9,7 +9,7 @@
 
 #include "base/file_descriptor.h"
 #include "store/commands.h"
-#include "support/resp_peer.h"
+#include "support/scripted_store.h"
 
 namespace session_service {
 
@@ -18,19 +18,19 @@ namespace session_service {
 using Replies = std::vector<std::string>;
 
 // A connection to a server that sends the replies, 64 at most, and then nothing more.
-class StandInStore {
+class FakeConnection {
   public:
-    explicit StandInStore(const Replies& replies);
+    explicit FakeConnection(const Replies& replies);
 
     // The client's end: borrowed, or for the caller to close.
-    [[nodiscard]] redisContext* store() const { return client.get(); }
+    [[nodiscard]] redisContext* get() const { return client.get(); }
     redisContext* release() { return client.release(); }
 
     // The commands that have arrived since the last call; they must be whole.
     [[nodiscard]] Commands takeCommands() const;
 
   private:
-    StandInStore(const Replies& replies, const std::array<int, 2>& ends);
+    FakeConnection(const Replies& replies, const std::array<int, 2>& ends);
 
     FileDescriptor server;
     ConnectionPtr client;
@@ -38,22 +38,22 @@ class StandInStore {
 
 // What store::connect reaches while it lives: the n-th connection gets the n-th replies, and
 // those beyond are refused.
-class StandInServer {
+class FakeStore {
   public:
-    explicit StandInServer(std::vector<Replies> repliesOfConnections);
-    StandInServer(const StandInServer&) = delete;
-    StandInServer& operator=(const StandInServer&) = delete;
-    ~StandInServer();
+    explicit FakeStore(std::vector<Replies> repliesOfConnections);
+    FakeStore(const FakeStore&) = delete;
+    FakeStore& operator=(const FakeStore&) = delete;
+    ~FakeStore();
 
     // The next connection, for the caller to close, or null.
     redisContext* accept();
 
     // What was opened so far. The client's ends are not there.
-    [[nodiscard]] const std::deque<StandInStore>& connections() const { return opened; }
+    [[nodiscard]] const std::deque<FakeConnection>& connections() const { return opened; }
 
   private:
     std::vector<Replies> replies;
-    std::deque<StandInStore> opened;
+    std::deque<FakeConnection> opened;
 };
 
 }  // namespace session_service

@@ -1,11 +1,12 @@
-// What the daemon needs of a board apart from time: size, memory, processor, wake-ups, calls.
+// The resources that the daemon needs: size, memory, processor, wake-ups, system calls; and how
+// long its start takes.
 #pragma once
 
 #include <chrono>
 
 #include "bench/table.h"
 
-namespace testbed {
+namespace bench {
 
 // Each measures on a controller of its own and adds its part to the table.
 void measureSize(Table& table);
@@ -15,4 +16,4 @@ void measureIdleness(Table& table, std::chrono::seconds duration);
 // Needs strace, and the right to trace the daemon.
 void measureCalls(Table& table);
 
-}  // namespace testbed
+}  // namespace bench

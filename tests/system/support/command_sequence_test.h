@@ -6,29 +6,29 @@
 #include <string>
 #include <vector>
 
-#include "support/trail.h"
-#include "support/welcoming_test.h"
+#include "support/permissive_pam_test.h"
+#include "testbed/events_and_audit_log.h"
 
 namespace testbed {
 
 using Commands = std::vector<Words>;
 
-// What stands in recorded commands for values that a clock gave.
+// What replaces values that come from a clock in recorded commands.
 inline const std::string etag = "<milliseconds>";
 inline const std::string now = "<uptime>";
 inline const std::string timeStamp = "<local time>";
 
-// Stretches of commands, one after the other.
-inline Commands road(std::initializer_list<Commands> stretches) {
+// The parts as one sequence.
+inline Commands sequence(std::initializer_list<Commands> parts) {
     Commands whole;
-    for (const Commands& stretch : stretches) {
-        whole.insert(whole.end(), stretch.begin(), stretch.end());
+    for (const Commands& part : parts) {
+        whole.insert(whole.end(), part.begin(), part.end());
     }
     return whole;
 }
 
-// Replaces the values that a clock gave, where they have the form that they should have.
-inline Commands withoutClocks(Commands commands) {
+// Replaces values that come from a clock, where they have the form that they should have.
+inline Commands maskTimes(Commands commands) {
     const std::regex tag("\"[0-9]{13}\"");
     const std::regex seconds("[0-9]+");
     const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)");
@@ -46,13 +46,13 @@ inline Commands withoutClocks(Commands commands) {
     return commands;
 }
 
-class SequenceTest : public WelcomingTest {
+class CommandSequenceTest : public PermissivePamTest {
   protected:
     // Each connection of the daemon has an address of its own.
-    SequenceTest() : WelcomingTest({.storeOverTcp = true}) {}
+    CommandSequenceTest() : PermissivePamTest({.storeOverTcp = true}) {}
 
-    // Announces the request and returns everything that its connection has sent by the time
-    // it is closed. `first` is the connection's first command after AUTH.
+    // Publishes the notice and returns everything that the connection of its request has sent
+    // by the time it is closed. `first` is the connection's first command after AUTH.
     Commands commandsOfRequest(Request& request, const std::string& notice, const Words& first) {
         Monitor monitor = controller.monitor();
         request.send(notice);
@@ -64,7 +64,7 @@ class SequenceTest : public WelcomingTest {
         });
         const std::vector<MonitoredCommand> rest = monitor.soFar();
         commands.insert(commands.end(), rest.begin(), rest.end());
-        return withoutClocks(commandsOf(commands, client));
+        return maskTimes(commandsOf(commands, client));
     }
 };
 

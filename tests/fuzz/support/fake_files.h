@@ -13,7 +13,7 @@
 namespace session_service {
 
 // The files in memory by the paths that they are opened at.
-inline std::map<std::string, MemoryFile>& fileStandIns() {
+inline std::map<std::string, MemoryFile>& fakeFiles() {
     static std::map<std::string, MemoryFile> files;
     return files;
 }
@@ -29,7 +29,7 @@ std::FILE* openLargeFile(const char* path, const char* mode) __asm__("fopen64");
 std::FILE* openFile(const char* path, const char* mode) {
     using Open = std::FILE*(const char*, const char*);
     static const auto next = reinterpret_cast<Open*>(dlsym(RTLD_NEXT, "fopen64"));
-    const auto& files = session_service::fileStandIns();
+    const auto& files = session_service::fakeFiles();
     const auto found = files.find(path);
     return next(found == files.end() ? path : found->second.path(), mode);
 }

@@ -1,23 +1,29 @@
-#include "bench/floor.h"
+#include "bench/baseline.h"
 
 #include <hiredis/hiredis.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <string_view>
 #include <utility>
 
-namespace testbed {
+namespace bench {
+
+using testbed::Controller;
+using testbed::Failure;
+using testbed::MonitoredCommand;
+using testbed::Words;
 
 namespace {
 
-constexpr char end[] = "end";
+constexpr std::string_view endNotice = "end";
 
 struct Close {
     void operator()(redisContext* context) const noexcept { redisFree(context); }
     void operator()(redisReply* reply) const noexcept { freeReplyObject(reply); }
 };
-using ContextPtr = std::unique_ptr<redisContext, Close>;
+using ConnectionPtr = std::unique_ptr<redisContext, Close>;
 using ReplyPtr = std::unique_ptr<redisReply, Close>;
 
 std::string encode(const Words& words) {
@@ -28,25 +34,25 @@ std::string encode(const Words& words) {
     return text;
 }
 
-ContextPtr open(const std::string& socketPath) {
-    ContextPtr context(redisConnectUnix(socketPath.c_str()));
-    if (!context || context->err != 0) {
+ConnectionPtr open(const std::string& socketPath) {
+    ConnectionPtr connection(redisConnectUnix(socketPath.c_str()));
+    if (!connection || connection->err != 0) {
         throw Failure("No connection to the store at " + socketPath + ".");
     }
-    return context;
+    return connection;
 }
 
-ReplyPtr nextReply(redisContext* context) {
+ReplyPtr nextReply(redisContext* connection) {
     void* reply = nullptr;
-    if (redisGetReply(context, &reply) != REDIS_OK) {
+    if (redisGetReply(connection, &reply) != REDIS_OK) {
         throw Failure("The connection to the store was lost.");
     }
     return ReplyPtr(static_cast<redisReply*>(reply));
 }
 
-ReplyPtr send(redisContext* context, const std::string& command) {
-    redisAppendFormattedCommand(context, command.data(), command.size());
-    return nextReply(context);
+ReplyPtr send(redisContext* connection, const std::string& command) {
+    redisAppendFormattedCommand(connection, command.data(), command.size());
+    return nextReply(connection);
 }
 
 }  // namespace
@@ -67,47 +73,47 @@ std::string authentication(const std::string& password) {
 }
 
 void replay(const std::string& socketPath, const Recording& recording) {
-    const ContextPtr context = open(socketPath);
+    const ConnectionPtr connection = open(socketPath);
     for (const std::string& command : recording) {
-        send(context.get(), command);
+        send(connection.get(), command);
     }
 }
 
-Floor::Floor(const Controller& controller, std::string channel, Recording recording)
-    : socketPath_(controller.socketPath()),
-      channel_(std::move(channel)),
-      recording_(std::move(recording)),
-      store_(controller.connect()),
-      thread_([this, password = controller.storePassword()] { serve(password); }) {
-    waitUntil("the floor listens", [this] {
-        return store_.run({"PUBSUB", "NUMSUB", channel_}).elements.at(1).integer == 1;
+Baseline::Baseline(const Controller& controller, std::string noticeChannel, Recording commands)
+    : socketPath(controller.socketPath()),
+      channel(std::move(noticeChannel)),
+      recording(std::move(commands)),
+      store(controller.connect()),
+      thread([this, password = controller.storePassword()] { serve(password); }) {
+    testbed::waitUntil("the baseline listens", [this] {
+        return store.run({"PUBSUB", "NUMSUB", channel}).elements.at(1).integer == 1;
     });
 }
 
-Floor::~Floor() {
+Baseline::~Baseline() {
     try {
-        store_.publish(channel_, end);
+        store.publish(channel, std::string(endNotice));
     } catch (const Failure&) {
         // Without the store the thread has ended already.
     }
-    thread_.join();
+    thread.join();
 }
 
-void Floor::serve(const std::string& password) {
+void Baseline::serve(const std::string& password) {
     try {
-        const ContextPtr subscription = open(socketPath_);
+        const ConnectionPtr subscription = open(socketPath);
         send(subscription.get(), authentication(password));
-        send(subscription.get(), encode({"SUBSCRIBE", channel_}));
+        send(subscription.get(), encode({"SUBSCRIBE", channel}));
         for (;;) {
             const ReplyPtr message = nextReply(subscription.get());
-            if (message->elements == 3 && message->element[2]->str == std::string_view(end)) {
+            if (message->elements == 3 && message->element[2]->str == endNotice) {
                 return;
             }
-            replay(socketPath_, recording_);
+            replay(socketPath, recording);
         }
     } catch (const Failure& failure) {
         std::cerr << failure.what() << "\n";
     }
 }
 
-}  // namespace testbed
+}  // namespace bench

@@ -32,15 +32,15 @@ std::string bulkArray(const std::vector<std::string>& texts);
 
 // Answers every command with the next of the given replies. A command beyond them is kept
 // too, and answered by hanging up.
-class RespPeer {
+class ScriptedStore {
   public:
-    explicit RespPeer(std::vector<std::string> scriptedReplies = {});
-    RespPeer(const RespPeer&) = delete;
-    RespPeer& operator=(const RespPeer&) = delete;
-    ~RespPeer();
+    explicit ScriptedStore(std::vector<std::string> scriptedReplies = {});
+    ScriptedStore(const ScriptedStore&) = delete;
+    ScriptedStore& operator=(const ScriptedStore&) = delete;
+    ~ScriptedStore();
 
     // The client's end, borrowed.
-    [[nodiscard]] redisContext* store() const { return client.get(); }
+    [[nodiscard]] redisContext* connection() const { return client.get(); }
 
     // What has arrived, as commands and byte for byte. Complete whenever the client's
     // call has returned.
@@ -51,7 +51,7 @@ class RespPeer {
     void hangUp();
 
   private:
-    RespPeer(std::vector<std::string> scriptedReplies, const std::array<int, 2>& ends);
+    ScriptedStore(std::vector<std::string> scriptedReplies, const std::array<int, 2>& ends);
     void serve();
 
     std::vector<std::string> replies;
