@@ -200,10 +200,10 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
 }
 
 bool Load::run(std::chrono::seconds duration) {
-    controller_.start();
-    web_.start();
-    store_.emplace(controller_.connect());
-    nginxWorker_ = testbed::childrenOf(web_.process().pid()).at(0);
+    controller.start();
+    web.start();
+    store.emplace(controller.connect());
+    nginxWorker = testbed::childrenOf(web.process().pid()).at(0);
     std::cout << connections << " connections for " << duration.count() << " s on "
               << std::thread::hardware_concurrency() << " processors\n"
               << std::fixed << std::setprecision(1);
