@@ -21,6 +21,8 @@ return {
     -- Seconds in which a login without a name is refused, until a wrong password has shown how long
     -- that takes.
     refusalSeconds = 2,
+    -- Sessions of one user, of the eight that there can be.
+    maxSessionsOfUser = 6,
     -- Sessions of HTTP Basic: how many there are at a time, how many seconds one is kept after its
     -- last use and how many it is shared at most.
     maxBasicSessions = 2,

@@ -3,6 +3,7 @@ local ffi = require "ffi"
 local contract = require "contract"
 local logins = require "logins"
 local messages = require "messages"
+local privileges = require "privileges"
 local resources = require "resources"
 local store = require "store"
 local temporary = require "temporary_sessions"
@@ -67,8 +68,7 @@ local function userOf(token, uri)
         problem.isInvalidToken = true
         error(problem)
     end
-    local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
-    user.privilege = privilege <= contract.maxPrivilege and privilege or 0
+    user.privilege = privileges.from(user.privilege)
     return user
 end
 

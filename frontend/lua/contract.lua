@@ -100,6 +100,9 @@ end
 contract.session = { user = "UserName", type = "SessionType", origin = "&&Origin" }
 contract.redfishType = '"Redfish"'
 
+-- Sessions of this type that there can be.
+contract.maxSessions = 8
+
 -- Tells whether a stored field is not a property of its resource.
 function contract.isInternal(field)
     return field:sub(1, 2) == "&&"
@@ -108,8 +111,10 @@ end
 -- What begins a field or a list element whose value is stored elsewhere.
 contract.kind = { array = "&&Array", object = "&&Object", uri = "&&ObjectRef" }
 
+contract.tokenPrefix = "&&X-AUTH-TOKEN-"
+
 function contract.tokenKey(token)
-    return "&&X-AUTH-TOKEN-" .. token
+    return contract.tokenPrefix .. token
 end
 
 -- Hexadecimal digits of a token.

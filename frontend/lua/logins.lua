@@ -5,6 +5,7 @@ local encrypt = require "encrypt"
 local failures = require "failures"
 local json = require "json"
 local messages = require "messages"
+local privileges = require "privileges"
 local queue = require "login_queue"
 local requests = require "requests"
 local settings = require "settings"
@@ -44,15 +45,50 @@ local function awaitTurn(login)
     end
 end
 
-local function isLimitExceeded(reply)
+local function limitExceeded(resolution, reason)
+    local message = messages.new(contract.message.sessionLimitExceeded)
+    message.resolution = resolution
+    local problem = messages.unavailable()
+    problem.messages = { message }
+    return refusal(problem, reason)
+end
+
+-- Tells whether the service had no place for a session.
+local function isFull(reply)
     local first = reply.messages[1]
-    return first and first.id == contract.message.sessionLimitExceeded
+    return first ~= nil and first.id == contract.message.sessionLimitExceeded
+end
+
+-- Tells whether a session has the last place without the privilege for that.
+local function hasOthersPlace(reply)
+    return reply.older ~= nil and reply.older.all >= contract.maxSessions - 1
+        and not privileges.holds({ privilege = privileges.from(reply.privilege or "") },
+            contract.privilege.configureManager)
+end
+
+-- Logs a session out again that its user must not have, so that one user cannot keep all others
+-- out, and raises the problem. Temporary sessions make room for others anyway.
+local function checkPlace(reply, isTemporary, deadline)
+    local problem
+    if hasOthersPlace(reply) and not temporary.makeRoom(deadline) then
+        problem = limitExceeded("The last of the " .. contract.maxSessions .. " sessions is for "
+            .. "users who can configure the manager. Log out of another session, or wait until "
+            .. "one has expired.", "the last session is for managers")
+    elseif not isTemporary and reply.older.ofUser >= settings.maxSessionsOfUser then
+        problem = limitExceeded("This user has " .. settings.maxSessionsOfUser .. " of the "
+            .. contract.maxSessions .. " sessions, which is the limit for one user. Log out of "
+            .. "one of them, or wait until one has expired.", "too many sessions of this user")
+    end
+    if problem then
+        requests.logOut(reply.location)
+        error(problem)
+    end
 end
 
 -- Raises the problem of a reply that is no success.
-local function checkReply(reply, network, seconds)
+local function checkReply(reply, seconds)
     if reply.status == contract.status.authFailed then
-        failures.add(network)
+        failures.add(client.network())
         refusalSeconds = seconds
         error(wrongCredentials(reply.messages[1] and reply.messages))
     end
@@ -62,6 +98,31 @@ local function checkReply(reply, network, seconds)
     end
 end
 
+-- Asks the service when the turn has come. Returns its reply, and how many seconds it took.
+local function ask(name, password, options, deadline)
+    awaitTurn({
+        network = client.network(),
+        deadline = deadline,
+        isGone = client.watch(),
+        mayStart = options.mayStart,
+        starts = options.starts,
+    })
+    local start = ngx.now()
+    local reply = requests.call("login", {
+        [contract.request.privileges] = tostring(contract.privilege.login),
+        [contract.request.address] = ngx.var.remote_addr,
+        [contract.request.origin] = options.origin,
+    }, {
+        body = {
+            [contract.credentials.user] = json.encode(name),
+            [contract.credentials.password] = json.encode(password),
+        },
+        deadline = deadline,
+        whenDone = queue.leave,
+    })
+    return reply, ngx.now() - start
+end
+
 local function attempt(name, password, options)
     if #name > maxNameLength then
         error(refusal(messages.problem(400, {
@@ -69,10 +130,9 @@ local function attempt(name, password, options)
                 tostring(maxNameLength)),
         }), "name too long"))
     end
-    local network = client.network()
     if name == "" then
         -- Nobody has this name. It takes as long as any other to be told so.
-        failures.add(network)
+        failures.add(client.network())
         ngx.sleep(refusalSeconds)
         error(wrongCredentials())
     end
@@ -82,30 +142,12 @@ local function attempt(name, password, options)
         error(messages.unavailable())
     end
     local deadline = ngx.now() + settings.answerTimeout
-    local start, reply
-    repeat
-        awaitTurn({
-            network = network,
-            deadline = deadline,
-            isGone = client.watch(),
-            mayStart = options.mayStart,
-            starts = options.starts,
-        })
-        start = ngx.now()
-        reply = requests.call("login", {
-            [contract.request.privileges] = tostring(contract.privilege.login),
-            [contract.request.address] = ngx.var.remote_addr,
-            [contract.request.origin] = options.origin,
-        }, {
-            body = {
-                [contract.credentials.user] = json.encode(name),
-                [contract.credentials.password] = json.encode(encrypted),
-            },
-            deadline = deadline,
-            whenDone = queue.leave,
-        })
-    until not isLimitExceeded(reply) or not temporary.makeRoom(deadline)
-    checkReply(reply, network, ngx.now() - start)
+    local reply, seconds = ask(name, encrypted, options, deadline)
+    while isFull(reply) and temporary.makeRoom(deadline) do
+        reply, seconds = ask(name, encrypted, options, deadline)
+    end
+    checkReply(reply, seconds)
+    checkPlace(reply, options.origin == contract.temporaryOrigin, deadline)
     return reply
 end
 

@@ -116,7 +116,8 @@ local registry = {
     },
 }
 
--- Returns a message: its identifier and its arguments, all texts.
+-- Returns a message: its identifier and its arguments, all texts. Its field resolution may say more
+-- than the registry does.
 function messages.new(id, ...)
     return { id = id, arguments = { ... } }
 end
@@ -153,7 +154,7 @@ local function textOf(message)
         MessageArgs = json.array(arguments),
         MessageSeverity = json.encode(entry[2]),
         Severity = json.encode(entry[2]),
-        Resolution = json.encode(entry[3]),
+        Resolution = json.encode(message.resolution or entry[3]),
     }
     if message.property then
         members.RelatedProperties = json.array({ json.encode("/" .. message.property) })

@@ -74,6 +74,24 @@ local uri = result.location or ARGV[1]
 if uri ~= '' then
     result.tree = collect(uri)
 end
+if result.location then
+    result.privilege = run('HGET', $tokenPrefix .. result.token, $token.privilege) or nil
+    -- Later ones come before it in the list. Which session is one too many must not depend on them.
+    result.older = {all = 0, ofUser = 0}
+    local user = run('HGET', uri, $session.user)
+    local isOlder = false
+    for _, element in ipairs(run('LRANGE', $sessionMembers, 0, -1) or {}) do
+        local member = string.match(element, '^&&%a+ (.+)$')
+        local session = isOlder and member
+            and run('HMGET', member, $session.type, $session.user, $session.origin) or {}
+        if session[1] == $redfishType then
+            local isUsers = session[2] == user and session[3] ~= $temporaryOrigin
+            result.older.all = result.older.all + 1
+            result.older.ofUser = result.older.ofUser + (isUsers and 1 or 0)
+        end
+        isOlder = isOlder or member == uri
+    end
+end
 return cjson.encode(result)
 ]])
 
@@ -160,7 +178,8 @@ local function doNothing()
 end
 
 -- Sends a request to the service and returns its reply: status, location, token, messages,
--- unhandled (what is left of the checklist), tree (of the resource to read, or the session).
+-- unhandled (what is left of the checklist), tree (of the resource to read, or the session); after
+-- a login privilege (a text) and older (sessions that were there before: all, and ofUser).
 -- Raises the problem 503 when no reply comes in time.
 --   kind     of the contract's queues
 --   record   fields of the request; the keys of its parts are added

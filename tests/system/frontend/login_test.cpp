@@ -227,7 +227,7 @@ TEST_F(WebLoginWithAForeseenIdentifier, ThatTheDatabaseDoesNotTakeIsTheServicesF
 
 TEST_F(WebLogin, BeyondEightSessionsIsUnavailable) {
     for (int i = 0; i < 7; ++i) {
-        frontEnd().insertSession();
+        frontEnd().insertSession({.userName = "another" + std::to_string(i)});
     }
     EXPECT_EQ(login().status, 201);
     const HttpResponse ninth = newClient().login(reader.name, reader.password);
@@ -239,7 +239,7 @@ TEST_F(WebLogin, BeyondEightSessionsIsUnavailable) {
 
 TEST_F(WebLogin, InParallelIsServedUpToTheLimit) {
     constexpr std::size_t attempts = 16;
-    constexpr std::size_t limit = 8;
+    constexpr std::size_t limit = 6;
     std::mutex mutex;
     std::vector<HttpResponse> answers;
     std::vector<std::thread> threads;
@@ -271,6 +271,49 @@ TEST_F(WebLogin, InParallelIsServedUpToTheLimit) {
     }
     EXPECT_EQ(admitted.size(), limit);
     EXPECT_THAT(store().lrange(membersKey), UnorderedElementsAreArray(admitted));
+}
+
+TEST_F(WebLogin, OfOneUserLeavesTwoPlacesToOthers) {
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(newClient().login(reader.name, reader.password).status, 201);
+    }
+    const HttpResponse seventh = newClient().login(reader.name, reader.password);
+    EXPECT_EQ(seventh.status, 503);
+    EXPECT_EQ(messageIds(seventh), Words{"Base.1.12.SessionLimitExceeded"});
+    EXPECT_THAT(seventh.json()["error"][extendedInfo][0]["Resolution"].get<std::string>(),
+                HasSubstr("This user has 6 of the 8 sessions"));
+    EXPECT_NE(seventh.header("retry-after"), "");
+    EXPECT_EQ(seventh.token(), "");
+    EXPECT_EQ(seventh.location(), "");
+    waitUntil("the seventh session has ended", [this] { return store().llen(membersKey) == 6; });
+
+    // Whose password is wrong learns nothing of it.
+    EXPECT_EQ(newClient().login(reader.name, "wrong").status, 401);
+    // A temporary session is none of the six.
+    HttpClient basic = newClient();
+    basic.useBasic(reader.name, reader.password);
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    EXPECT_EQ(newClient().login(operatorAccount.name, operatorAccount.password).status, 201);
+    EXPECT_EQ(login().status, 201);
+    EXPECT_EQ(store().llen(membersKey), 8);
+}
+
+TEST_F(WebLogin, TakesTheLastPlaceOnlyWithThePrivilegeToConfigureTheManager) {
+    for (int i = 0; i < 7; ++i) {
+        frontEnd().insertSession({.userName = "another" + std::to_string(i)});
+    }
+    const HttpResponse refused = newClient().login(reader.name, reader.password);
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(messageIds(refused), Words{"Base.1.12.SessionLimitExceeded"});
+    EXPECT_THAT(refused.json()["error"][extendedInfo][0]["Resolution"].get<std::string>(),
+                HasSubstr("for users who can configure the manager"));
+    waitUntil("its session has ended", [this] { return store().llen(membersKey) == 7; });
+    HttpClient basic = newClient();
+    basic.useBasic(operatorAccount.name, operatorAccount.password);
+    EXPECT_EQ(basic.get(serviceUri).status, 503);
+    waitUntil("its session has ended", [this] { return store().llen(membersKey) == 7; });
+    EXPECT_EQ(login().status, 201);
+    EXPECT_EQ(store().llen(membersKey), 8);
 }
 
 // --- a password that must be changed
