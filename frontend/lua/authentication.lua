@@ -25,51 +25,73 @@ local function uptime()
     return tonumber(systemInformation.uptime)
 end
 
--- Key: a token's record. Arguments: the uptime, a resource to read. Looking up and noting the use
--- are one step: a record that is removed in between must not come back with nothing but its use.
-local lookUpScript = store.script(resources.collect .. [[
+local field = contract.token
+local recordFields = {
+    field.user, field.privilege, field.session, field.origin, field.passwordChangeRequired,
+}
+
+-- Key: a token's record. Argument: the uptime. Looking up and noting the use are one step: a record
+-- that is removed in between must not come back with nothing but its use.
+local useScript = store.script([[
 local record = run('HMGET', KEYS[1], $token.user, $token.privilege, $token.session, $token.origin,
-    $token.lastAccessed, $token.timeout, $token.passwordChangeRequired)
+    $token.passwordChangeRequired, $token.lastAccessed, $token.timeout)
 if not record or not record[1] or not record[3] then
     return false
 end
 local function number(text)
     return tonumber(string.match(text or '', '^%s*[-+]?%d+') or 0)
 end
-if tonumber(ARGV[1]) - number(record[5]) >= number(record[6]) then
+if tonumber(ARGV[1]) - number(record[6]) >= number(record[7]) then
     return false
 end
 redis.call('HSET', KEYS[1], $token.lastAccessed, ARGV[1])
-return cjson.encode({
-    name = record[1],
-    privilege = record[2] or '',
-    session = record[3],
-    origin = record[4] or '',
-    mustChangePassword = record[7] and true or false,
-    tree = collect(ARGV[2]),
-})
+return record
 ]])
+
+-- The tokens whose use has been noted in this second: they only have to be there still.
+local used = {}
+local usedSecond = 0
+
+local function lookUpCommand(key, now)
+    if usedSecond ~= now then
+        used = {}
+        usedSecond = now
+    end
+    return used[key] and { "HMGET", key, unpack(recordFields) }
+        or store.call(useScript, 1, key, now)
+end
 
 local function unauthorized(id)
     return messages.unauthorized({ messages.new(id) })
 end
 
--- Returns the user of a token, with the tree of the resource. Raises the problem 401 when the token
--- is not valid.
+-- Returns the user of a token, with the resource at an address. Raises the problem 401 when the
+-- token is not valid.
 local function userOf(token, uri)
     if not token:find("^%x+$") or #token ~= contract.tokenLength then
         error(unauthorized(noValidSession))
     end
-    local user = store.with(function(connection)
-        return store.runScript(connection, lookUpScript, 1, contract.tokenKey(token), uptime(), uri)
+    local key = contract.tokenKey(token)
+    local now = uptime()
+    local commands = { lookUpCommand(key, now), resources.readCommand(uri) }
+    local replies = store.with(function(connection)
+        return store.runAll(connection, commands)
     end)
-    if not user then
+    local record = replies[1]
+    if not record or not record[1] or not record[3] then
         local problem = unauthorized(noValidSession)
         problem.isInvalidToken = true
         error(problem)
     end
-    user.privilege = privileges.from(user.privilege)
-    return user
+    used[key] = usedSecond == now or nil
+    return {
+        name = record[1],
+        privilege = privileges.from(record[2] or ""),
+        session = record[3],
+        origin = record[4] or "",
+        mustChangePassword = record[5] ~= false and record[5] ~= nil,
+        resource = resources.from(replies[2], uri),
+    }
 end
 
 -- Returns the name and the password of a Basic header, nil when it is malformed.
@@ -98,7 +120,7 @@ local function userOfCredentials(name, password, uri)
 end
 
 -- Returns the user of this request, with the resource at an address:
---   name, privilege, session (an address), mustChangePassword, tree (of the resource)
+--   name, privilege, session (an address), mustChangePassword, resource (nil when there is none)
 -- authentication.release has to follow. Raises the problem 401 when there is no such user, 403 when
 -- the request comes from another origin than the login.
 function authentication.identify(uri)

@@ -36,6 +36,11 @@ contract.request = {
     method = "&&RequestMethod",
 }
 
+-- The key of a request's body.
+function contract.bodyKey(requestKey)
+    return requestKey .. "/Body"
+end
+
 -- The key of the list of properties that await a handler, and its field of a property.
 function contract.checklistKey(requestKey)
     return requestKey .. "/Checklist"

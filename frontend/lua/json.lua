@@ -60,7 +60,7 @@ end
 
 -- Tells whether a text is UTF-8, which the parser does not look at.
 function json.isUtf8(text)
-    return ngx.re.find(text, "^", "u") ~= nil
+    return not text:find("[\128-\255]") or ngx.re.find(text, "^", "jou") ~= nil
 end
 
 -- Returns the value of a JSON text; nil when it is not JSON, not UTF-8, nested too deeply, or
@@ -75,6 +75,10 @@ end
 
 -- Tells whether a text is JSON as it stands.
 function json.isValid(text)
+    if text:find('^"[^"\\%c]*"$') or text == "null" then
+        -- By far the most frequent values.
+        return true
+    end
     local valid, values = pcall(cjson.decode, "[" .. text .. "]")
     return valid and #values == 1 and isStrict(text)
 end
@@ -83,6 +87,8 @@ end
 function json.encode(value)
     if type(value) == "number" then
         return string.format("%.14g", value)
+    elseif type(value) == "string" and not value:find('["\\%c\127]') then
+        return '"' .. value .. '"'
     end
     -- The escaped "/" of cjson is allowed but hard to read.
     return (cjson.encode(value):gsub("\\/", "/"))

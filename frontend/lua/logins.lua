@@ -112,11 +112,9 @@ local function ask(name, password, options, deadline)
         [contract.request.privileges] = tostring(contract.privilege.login),
         [contract.request.address] = ngx.var.remote_addr,
         [contract.request.origin] = options.origin,
+        [contract.credentials.user] = json.encode(name),
+        [contract.credentials.password] = json.encode(password),
     }, {
-        body = {
-            [contract.credentials.user] = json.encode(name),
-            [contract.credentials.password] = json.encode(password),
-        },
         deadline = deadline,
         whenDone = queue.leave,
     })

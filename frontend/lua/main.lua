@@ -39,7 +39,7 @@ local function checkRequest(method)
     if version and version ~= "4.0" then
         refuse(412, "ExtendedError.1.2.VersionNotSupported")
     end
-    for name in pairs(ngx.req.get_uri_args()) do
+    for name in pairs(ngx.var.args and ngx.req.get_uri_args() or {}) do
         if name:sub(1, 1) == "$" then
             refuse(501, "Base.1.12.QueryNotSupported")
         end
@@ -47,7 +47,11 @@ local function checkRequest(method)
 end
 
 local function checkAccept(mediaType)
-    local given = ngx.req.get_headers().accept or ""
+    local given = ngx.var.http_accept
+    if not given or given == "*/*" then
+        return
+    end
+    given = ngx.req.get_headers().accept
     local accept = (type(given) == "table" and table.concat(given, ",") or given):lower()
     local mainType = mediaType:match("^[^/]*")
     if accept ~= "" and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
@@ -181,7 +185,7 @@ end
 -- Returns the resource at an address after all checks that precede any method.
 local function checkedResource(user, method, uri)
     checkPasswordChange(user, method, uri)
-    local resource = resources.from(user.tree, uri)
+    local resource = user.resource
     if not resource then
         refuse(404, "Base.1.12.ResourceMissingAtURI", uri)
     end

@@ -66,7 +66,7 @@ function sessions.create(body)
     if reply.messages[1] and reply.messages[1].id == contract.message.passwordChangeRequired then
         annotations["@Message.ExtendedInfo"] = messages.texts(reply.messages)
     end
-    local session = resources.from(reply.tree, reply.location)
+    local session = resources.from(reply.resource, reply.location)
     if not session then
         -- It has expired or been removed already.
         error(messages.unavailable())

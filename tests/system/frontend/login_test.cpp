@@ -270,6 +270,8 @@ TEST_F(WebLogin, InParallelIsServedUpToTheLimit) {
         }
     }
     EXPECT_EQ(admitted.size(), limit);
+    waitUntil("the sessions that were too many have ended",
+              [&] { return store().lrange(membersKey).size() == limit; });
     EXPECT_THAT(store().lrange(membersKey), UnorderedElementsAreArray(admitted));
 }
 
