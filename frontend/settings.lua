@@ -14,8 +14,10 @@ return {
     -- Logins that wait: of all clients, and of one address (an IPv6 /64 counts as one).
     maxWaiting = 256,
     maxWaitingOfAddress = 32,
-    -- Failed logins of an address that only put the next one further back in the queue. Beyond them
-    -- it also waits until one is forgotten, which takes so many seconds for each.
+    -- Seconds for which a failed login puts others of its address behind everybody else's.
+    recentSeconds = 300,
+    -- Failed logins of an address that have no other consequence. Beyond them the next one waits
+    -- until one is forgotten, which takes so many seconds for each.
     maxFailures = 10,
     failureSeconds = 5,
     -- Seconds in which a login without a name is refused, until a wrong password has shown how long

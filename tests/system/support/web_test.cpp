@@ -63,6 +63,7 @@ void WebTest::TearDown() {
     checkErrorLog();
     checkSecrets(web.accessLog());
     checkSecrets(web.errorLog());
+    checkSecrets(controller.readFile("/var/log/nginx/refused-logins.log"));
     waitUntilDaemonIsIdle();
     SystemTest::TearDown();
     if (HasFailure()) {
