@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "support/daemon_names.h"
 #include "support/store_proxy.h"
 #include "support/system_test.h"
 #include "testbed/events_and_audit_log.h"
@@ -19,7 +20,6 @@ namespace testbed {
 namespace {
 
 constexpr char exitNotice[] = "&&EXIT";
-constexpr char terminates[] = "SessionService terminates.";
 
 std::ptrdiff_t entriesOf(const std::filesystem::path& folder) {
     return std::distance(std::filesystem::directory_iterator(folder),

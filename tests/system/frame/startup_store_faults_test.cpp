@@ -4,15 +4,13 @@
 #include <functional>
 #include <utility>
 
+#include "support/daemon_names.h"
 #include "support/store_fault_test.h"
 
 namespace testbed {
 namespace {
 
 constexpr std::array channels{createChannel, deleteChannel, patchChannel};
-constexpr char createQueue[] = "&&/redfish/v1/SessionService/Sessions/POSTCREATEQ";
-constexpr char deleteQueue[] = "&&/redfish/v1/SessionService/Sessions/DELETEQ";
-constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
 
 const Lines noStore{"[Error] Failed to connect to Redis."};
 const Lines noAccess{"[Error] Failed to access Redis."};

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <set>
 
+#include "support/daemon_names.h"
 #include "support/store_proxy.h"
 #include "support/system_test.h"
 #include "testbed/events_and_audit_log.h"
@@ -18,11 +19,6 @@ using testing::ElementsAre;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 
-constexpr char createQueue[] = "&&/redfish/v1/SessionService/Sessions/POSTCREATEQ";
-constexpr char deleteQueue[] = "&&/redfish/v1/SessionService/Sessions/DELETEQ";
-constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
-
-constexpr char starting[] = "SessionService log is starting ...";
 constexpr char ready[] = "SessionService is ready for service.";
 constexpr char initializedAlready[] = "SessionService resource has been initialized already.";
 constexpr ExitStatus failure{.bySignal = false, .value = 255};

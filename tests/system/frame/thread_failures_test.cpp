@@ -1,6 +1,7 @@
 // Threads of the daemon for which a call fails that never fails by itself.
 #include <ostream>
 
+#include "support/daemon_names.h"
 #include "support/system_test.h"
 
 // A sanitizer stands in front of the same calls itself.
@@ -9,7 +10,6 @@
 namespace testbed {
 namespace {
 
-constexpr char terminates[] = "SessionService terminates.";
 constexpr ExitStatus failedStart{.bySignal = false, .value = 255};
 
 class FailingThreads : public SystemTest {

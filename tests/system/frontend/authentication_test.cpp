@@ -6,15 +6,6 @@
 namespace testbed {
 namespace {
 
-Words messageIds(const HttpResponse& response) {
-    const nlohmann::json body = response.json();
-    Words ids;
-    for (const nlohmann::json& message : body.at("error").at("@Message.ExtendedInfo")) {
-        ids.push_back(message.at("MessageId"));
-    }
-    return ids;
-}
-
 void expectUnauthorized(const HttpResponse& response, const std::string& id) {
     EXPECT_EQ(response.status, 401);
     EXPECT_EQ(response.header("www-authenticate"), "Basic realm=\"Redfish\"");
@@ -447,10 +438,10 @@ TEST_F(WebHead, NeedsATokenAsAGetDoes) {
 using WebConnection = WebTest;
 
 TEST_F(WebConnection, SpeaksTls12And13AndNothingOlder) {
-    for (const TlsVersion version : {TlsVersion::v1_2, TlsVersion::v1_3}) {
+    for (const TlsVersion version : {TlsVersion::tls12, TlsVersion::tls13}) {
         EXPECT_EQ(newClient({.tls = version}).get("/redfish").status, 200);
     }
-    HttpClient old = newClient({.tls = TlsVersion::v1_1});
+    HttpClient old = newClient({.tls = TlsVersion::tls11});
     EXPECT_THROW(old.get("/redfish"), Failure);
 }
 

@@ -26,16 +26,6 @@ std::string credentials(const Account& account) {
     return credentials(account.name, account.password);
 }
 
-// The identifiers of an error answer's messages.
-Words messageIds(const HttpResponse& response) {
-    const nlohmann::json body = response.json();
-    Words ids;
-    for (const nlohmann::json& message : body.at("error").at(extendedInfo)) {
-        ids.push_back(message.at("MessageId"));
-    }
-    return ids;
-}
-
 class WebLogin : public WebTest {
   protected:
     HttpResponse login(const Account& account = administrator) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "support/daemon_names.h"
 #include "support/store_proxy.h"
 #include "support/system_test.h"
 #include "testbed/events_and_audit_log.h"
@@ -10,7 +11,6 @@ namespace {
 
 using Commands = std::vector<Words>;
 
-constexpr char patchQueue[] = "&&/redfish/v1/SessionService/PATCHQ";
 constexpr ExitStatus failedStart{.bySignal = false, .value = 255};
 
 class ServiceBootstrap : public SystemTest {

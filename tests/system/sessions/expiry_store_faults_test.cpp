@@ -12,8 +12,8 @@
 namespace testbed {
 namespace {
 
-const Lines noCount = joined({noSessions, noEventScript});
-const Lines noEnd = joined({noEventScript, noAuditLog});
+const Lines noCountOfAPass = joined({noSessions, noEventScript});
+const Lines noEndOfAPass = joined({noEventScript, noAuditLog});
 
 const Effects theWholeDeletion{"removes the session",   "removes the token", "removes the member",
                                "lowers the count",      "tells of delete",   "tells of change",
@@ -32,37 +32,39 @@ const Steps ofAnExpiredSession{
      .missingEffects = {"removes the token"}},
     // Without a name the audit log's script gets a key less than it is promised.
     {.command = {"HGET", "UserName"},
-     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenLost = joined({noCounter, noMaximum, noCountOfAPass}),
      .logsWhenAnswered = always({"[Error] Failed to generate LogEntry. ERR Number of keys can't be "
                                  "greater than number of args"}),
      .missingEffects = {"writes the audit entry"}},
     {.command = {"UNLINK"},
      .effects = {"removes the session", "removes the token"},
-     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenLost = joined({noCounter, noMaximum, noCountOfAPass}),
      .logsWhenAnswered = always({})},
     {.command = {"HINCRBY", "&&EVENT_GROUP_ID_COUNTER"},
-     .logsWhenLost = joined({noCounter, noMaximum, noCount}),
+     .logsWhenLost = joined({noCounter, noMaximum, noCountOfAPass}),
      .logsWhenAnswered = always({noCounter.front()})},
     {.command = {"HGET", "MAX_EVENT_GROUP_ID"},
-     .logsWhenLost = joined({noMaximum, noCount}),
+     .logsWhenLost = joined({noMaximum, noCountOfAPass}),
      .logsWhenAnswered = always(noMaximum)},
     {.command = {"HGET", "Members@odata.count"},
-     .logsWhenLost = noCount,
+     .logsWhenLost = noCountOfAPass,
      .logsWhenAnswered = always(noSessions),
      .otherEffects = {"tells of delete"},
      .endsTheTask = true},
     {.command = {"LREM"},
      .effects = {"removes the member"},
-     .logsWhenLost = noEnd,
+     .logsWhenLost = noEndOfAPass,
      .logsWhenAnswered = always({}),
      .missingEffects = {"lowers the count"}},
     {.command = {"HINCRBY", "Members@odata.count"},
      .effects = {"lowers the count"},
-     .logsWhenLost = noEnd,
+     .logsWhenLost = noEndOfAPass,
      .logsWhenAnswered = always({})},
-    {.command = {"HSET", "@odata.etag"}, .logsWhenLost = noEnd, .logsWhenAnswered = always({})},
+    {.command = {"HSET", "@odata.etag"},
+     .logsWhenLost = noEndOfAPass,
+     .logsWhenAnswered = always({})},
     {.command = {"HGET", "resourceChange"},
-     .logsWhenLost = noEnd,
+     .logsWhenLost = noEndOfAPass,
      .logsWhenAnswered = always(noEventScript),
      .missingEffects = {"tells of delete", "tells of change"}},
     {.command = {"EVALSHA", "delete"},
@@ -88,8 +90,8 @@ const Steps ofALiveSession{
      .otherEffects = theWholeDeletion},
 };
 
-const SessionOptions expired{.timeout = "0"};
-const SessionOptions live{.timeout = "2147483647"};
+const SessionOptions expiredSession{.timeout = "0"};
+const SessionOptions liveSession{.timeout = "2147483647"};
 
 const Words listing{"LRANGE", membersKey, "0", "-1"};
 
@@ -208,8 +210,8 @@ class LostExpiry : public FaultyExpiry {
         store().del(membersKey);
         store().del("&&EventStream");
         store().hset(sessionsUri, {{"Members@odata.count", "0"}});
-        const InsertedSession expiring = frontEnd().insertSession(expired);
-        const InsertedSession living = frontEnd().insertSession(live);
+        const InsertedSession expiring = frontEnd().insertSession(expiredSession);
+        const InsertedSession living = frontEnd().insertSession(liveSession);
         commands_ = 0;
         setFilter([this, at, verdict = fault.verdict, step = steps[at]](const Words& command) {
             if (commands_++ != at) {
@@ -350,8 +352,8 @@ class MisledExpiry : public FaultyExpiry {
 };
 
 TEST_P(MisledExpiry, DoesToEachSessionWhatTheFaultLeavesPossible) {
-    plant(expired, ofAnExpiredSession);
-    plant(live, ofALiveSession);
+    plant(expiredSession, ofAnExpiredSession);
+    plant(liveSession, ofALiveSession);
     pass();
     expectWhatTheTablesSay();
 }
@@ -366,7 +368,7 @@ TEST_P(EndedExpiry, LeavesTheOthersAtWork) {
     const std::string line =
         "The thread of the session timeout ends: basic_string::_M_construct null not valid";
     expectErrorLine(line);
-    const InsertedSession session = frontEnd().insertSession(expired);
+    const InsertedSession session = frontEnd().insertSession(expiredSession);
     setFilter([verdict = GetParam().verdict](const Words&) { return verdict; });
     startDaemon();
     waitForLog(line);

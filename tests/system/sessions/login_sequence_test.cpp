@@ -4,12 +4,10 @@
 #include <iterator>
 
 #include "support/command_sequence_test.h"
+#include "support/daemon_names.h"
 
 namespace testbed {
 namespace {
-
-const std::string scriptDigests = "redisSHAScripts";
-const std::string defaults = "webDefaultValue";
 
 // One write of several fields, which go in ascending order.
 Words write(const std::string& key, const Fields& fields) {

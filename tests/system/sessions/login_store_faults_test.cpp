@@ -15,13 +15,11 @@
 #include <gmock/gmock.h>
 
 #include "support/command_sequence_test.h"
+#include "support/daemon_names.h"
 #include "support/fault_injector.h"
 
 namespace testbed {
 namespace {
-
-const std::string defaults = "webDefaultValue";
-const std::string scriptDigests = "redisSHAScripts";
 
 // --- what the log says
 
@@ -29,18 +27,18 @@ const std::string noConnection = "[Error] Failed to connect to Redis.";
 const std::string noChannel = "[Error] Create session: &&ReturnChannel not found.";
 const std::string newPassword = "[Debug] PAM: password change required.";
 const std::string noSession = "[Error] Failed to add session entry.";
-const std::string noCounter = "[Debug] Failed to increase the counter &&EVENT_GROUP_ID_COUNTER";
+const std::string noIncrease = "[Debug] Failed to increase the counter &&EVENT_GROUP_ID_COUNTER";
 const std::string noReset = "[Debug] Failed to reset the EventGroupId counter.";
-const Words noMaximum{"[Debug] Max EventGroupId value type error stoi",
-                      "[Debug] The default max value was set to invalid value."};
+const Words noValidMaximum{"[Debug] Max EventGroupId value type error stoi",
+                           "[Debug] The default max value was set to invalid value."};
 const std::string noToken = "[Error] Failed to create meta session table.";
 const std::string noMember = "[Error] Failed to add session entry to Members.";
 const std::string noReply = "[Error] Failed to update Return Status.";
-const std::string noMessage = "[Error] Failed to get length of extended info array.";
-const std::string noEventScript = "[Error] Cannot get SHA script resourceChange.";
-const std::string noAuditLog =
+const std::string noMessageArray = "[Error] Failed to get length of extended info array.";
+const std::string noEventDigest = "[Error] Cannot get SHA script resourceChange.";
+const std::string noAuditCollection =
     "[Debug] LogEntry collection doesn't exist, Session Service will not generate audit log.";
-const std::string noAuditScript = "[Error] Cannot get SHA script logGeneratorHelper.";
+const std::string noAuditDigest = "[Error] Cannot get SHA script logGeneratorHelper.";
 
 std::string notLetIn(const std::string& user) {
     return "[Debug] " + user + " does not pass the PAM auth.";
@@ -56,9 +54,9 @@ Words lines(std::initializer_list<Words> parts) {
 
 // What follows once the connection is lost: all that has to be reported of an answer that
 // cannot be written, and of events and an audit entry that cannot be sent.
-const Words unanswered{noReply, noMessage};
-const Words unannounced{noReply, noMessage, noEventScript};
-const Words unrecorded{noReply, noMessage, noEventScript, noAuditLog};
+const Words unanswered{noReply, noMessageArray};
+const Words unannounced{noReply, noMessageArray, noEventDigest};
+const Words unrecorded{noReply, noMessageArray, noEventDigest, noAuditCollection};
 
 // --- what the store carries out
 
@@ -108,7 +106,7 @@ Consequence goOnWith(const std::string& word, const std::string& inPlaceOf) {
 }
 
 // One command of a login.
-struct Step {
+struct FaultyCommand {
     Words beginning;  // of the command
     Words lost;       // the log when the connection ends there; nothing follows then
     Words refused;    // the log when the answer is of no use
@@ -165,8 +163,8 @@ std::string scriptFailure(const Fault& fault, const std::string& line, const std
 
 // A write of several fields, which counts as done unless the store says that it is not; then
 // there is a line more, and its consequence.
-Step writeOfARecord(const Fault& fault, Words beginning, Words lost, Words fine,
-                    const std::string& line, Consequence failed = goOn) {
+FaultyCommand writeOfARecord(const Fault& fault, Words beginning, Words lost, Words fine,
+                             const std::string& line, Consequence failed = goOn) {
     if (!fault.isError()) {
         return {std::move(beginning), std::move(lost), std::move(fine)};
     }
@@ -175,7 +173,7 @@ Step writeOfARecord(const Fault& fault, Words beginning, Words lost, Words fine,
 }
 
 // A login with the right password, which has expired.
-std::vector<Step> stepsOfALogin(const Fault& fault) {
+std::vector<FaultyCommand> stepsOfALogin(const Fault& fault) {
     const std::string body = requestMark + "/body";
     const std::string reference = tokenReferenceKey(sessionMark);
     const std::string argumentList = messagesMark + "/1/MessageArgs";
@@ -183,10 +181,10 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
 
     const Words fine{newPassword};
     const Words noSessionNorAnswer = lines({{newPassword, noSession}, unanswered});
-    const Words noMaximumNorToken = lines({{newPassword}, noMaximum, {noToken}, unannounced});
+    const Words noMaximumNorToken = lines({{newPassword}, noValidMaximum, {noToken}, unannounced});
     const Words noTokenNorAnswer = lines({{newPassword, noToken}, unannounced});
     const Words noAnswer = lines({{newPassword}, unrecorded});
-    const Words noEventNorEntry{newPassword, noEventScript, noAuditLog};
+    const Words noEventNorEntry{newPassword, noEventDigest, noAuditCollection};
 
     return {
         {{"AUTH"}, {noConnection}, {noConnection}, endThere},
@@ -208,15 +206,15 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
         writeOfARecord(fault, {"HSET", sessionMark, "&&AllowMethod"}, noSessionNorAnswer, fine,
                        noSession, failWith("FAILURE", "ExtendedError.1.2.DatabaseOperationError")),
         {{"HINCRBY", eventServiceUri, eventGroupCounter},
-         lines({{newPassword, noCounter, noReset}, noMaximum, {noToken}, unannounced}),
-         {newPassword, noCounter},
+         lines({{newPassword, noIncrease, noReset}, noValidMaximum, {noToken}, unannounced}),
+         {newPassword, noIncrease},
          [](const Commands& rest) {
              return sequence(
                  {{{"HSET", eventServiceUri, eventGroupCounter, "1"}}, goOnWith("1", "41")(rest)});
          }},
         {{"HGET", defaults, "MAX_EVENT_GROUP_ID"},
          noMaximumNorToken,
-         lines({{newPassword}, noMaximum})},
+         lines({{newPassword}, noValidMaximum})},
         {{"HSET", sessionMark, "@odata.etag"}, noTokenNorAnswer, fine},
         {{"HSET", reference, "XAUTH"}, noTokenNorAnswer, fine},
         {{"HSET", sessionMark, "&&CRUDprefix"}, noTokenNorAnswer, fine},
@@ -237,7 +235,9 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
          [=](const Commands& rest) { return nobodysAccount(leaveOut(1)(rest)); }},
         {{"HGET", expired.uri, "&&OwnerName"}, noAnswer, fine, nobodysAccount},
         writeOfARecord(fault, {"HSET", replyMark, "&&ExtendedInfo"}, noAnswer, fine, noReply),
-        {{"LLEN", messagesMark}, {newPassword, noMessage, noEventScript, noAuditLog}, fine},
+        {{"LLEN", messagesMark},
+         {newPassword, noMessageArray, noEventDigest, noAuditCollection},
+         fine},
         {{"HGET", defaults, "REDIS_CONNECTION_DEFAULT_TIMEOUT"},
          noEventNorEntry,
          fine,
@@ -251,19 +251,19 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
         {{"EXPIRE", messagesMark + "/1"}, noEventNorEntry, fine},
         {{"HGET", scriptDigests, "resourceChange"},
          noEventNorEntry,
-         {newPassword, noEventScript},
+         {newPassword, noEventDigest},
          leaveOut(1)},
         {{"EVALSHA"},
-         {newPassword, noAuditLog},
+         {newPassword, noAuditCollection},
          {newPassword,
           scriptFailure(fault, "Failed to generate life cycle event", ". (Unknown error)")}},
         {{"EXISTS", auditEntriesUri},
-         {newPassword, noAuditLog},
-         {newPassword, noAuditLog},
+         {newPassword, noAuditCollection},
+         {newPassword, noAuditCollection},
          leaveOut(2)},
         {{"HGET", scriptDigests, "logGeneratorHelper"},
-         {newPassword, noAuditScript},
-         {newPassword, noAuditScript},
+         {newPassword, noAuditDigest},
+         {newPassword, noAuditDigest},
          leaveOut(1)},
         {{"EVALSHA"},
          fine,
@@ -273,7 +273,7 @@ std::vector<Step> stepsOfALogin(const Fault& fault) {
 }
 
 // A login with a wrong password.
-std::vector<Step> stepsOfARefusal(const Fault& fault) {
+std::vector<FaultyCommand> stepsOfARefusal(const Fault& fault) {
     const std::string user = administrator.name;
     const std::string body = requestMark + "/body";
     const Words fine{notLetIn(user)};
@@ -287,7 +287,7 @@ std::vector<Step> stepsOfARefusal(const Fault& fault) {
         {{"LRANGE", membersKey}, noAnswer, fine, leaveOut(1)},
         {{"HGET", sessionMark, "SessionType"}, noAnswer, fine},
         writeOfARecord(fault, {"HSET", replyMark, "&&ExtendedInfo"}, noAnswer, fine, noReply),
-        {{"LLEN", messagesMark}, {notLetIn(user), noMessage}, fine},
+        {{"LLEN", messagesMark}, {notLetIn(user), noMessageArray}, fine},
         {{"HGET", defaults, "REDIS_CONNECTION_DEFAULT_TIMEOUT"},
          fine,
          fine,
@@ -301,13 +301,13 @@ std::vector<Step> stepsOfARefusal(const Fault& fault) {
 }
 
 // A login with a password that is too long.
-std::vector<Step> stepsOfAnEarlyRefusal() {
+std::vector<FaultyCommand> stepsOfAnEarlyRefusal() {
     const std::string user = administrator.name;
     const std::string body = requestMark + "/body";
     const std::string messages = replyMark + "/ExtendedInfo";
     const std::string argumentList = messages + "/1/MessageArgs";
     const Words fine{"[Debug] Password exceeds maxlength."};
-    const Words noAnswer = lines({fine, {noMessage}});
+    const Words noAnswer = lines({fine, {noMessageArray}});
     const Consequence refuseTheEmptyOne = [](const Commands& rest) {
         return sequence({{{"HGET", serviceUri, "ServiceEnabled"},
                           {"LRANGE", membersKey, "0", "-1"},
@@ -463,7 +463,7 @@ class FaultyLogin : public PermissivePamTest {
     }
 
     void injectAtEachCommand(const Fault& fault, const Credentials& credentials,
-                             const std::vector<Step>& steps) {
+                             const std::vector<FaultyCommand>& steps) {
         const Commands commands = commandsSentFor(credentials);
         ASSERT_EQ(commands.size(), steps.size()) << testing::PrintToString(commands);
         for (std::size_t n = 0; n < commands.size(); ++n) {
@@ -480,7 +480,7 @@ class FaultyLogin : public PermissivePamTest {
     }
 
     void inject(const Fault& fault, const Credentials& credentials, const Commands& commands,
-                std::size_t n, const Step& step) {
+                std::size_t n, const FaultyCommand& step) {
         restore();
         const std::size_t logged = logLines().size();
         Request request = prepare(credentials);
@@ -600,7 +600,7 @@ class LoginOnAStoreThatTurns : public FaultyLogin, public testing::WithParamInte
             return {newPassword, noSession, noReply};
         }
         if (n <= positionOf({"HINCRBY", eventServiceUri})) {
-            return {newPassword, noCounter, noReset, noToken, noReply, events};
+            return {newPassword, noIncrease, noReset, noToken, noReply, events};
         }
         if (n <= positionOf({"HSET", tokenKey(tokenMark)})) {
             return {newPassword, noToken, noReply, events};

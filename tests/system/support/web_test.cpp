@@ -6,8 +6,8 @@
 #include <array>
 #include <cctype>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <regex>
-#include <sstream>
 
 namespace testbed {
 
@@ -15,10 +15,6 @@ namespace {
 
 constexpr const char* requestKeys = "&&/frontend/*";
 constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // As HTTP Basic sends them.
 std::string encodedCredentials(const Account& account) {
@@ -74,8 +70,8 @@ void WebTest::TearDown() {
     }
 }
 
-// The daemon answers before it raises events and makes audit entries: the store must not stop
-// meanwhile. Each thread serves one request after another, and refuses these at once.
+// The daemon replies before it writes events and audit entries: the store must not stop
+// meanwhile. Each thread serves one request after the other, and refuses these at once.
 void WebTest::waitUntilDaemonIsIdle() {
     if (!controller.storeStarted() || !controller.daemonStarted() ||
         controller.daemon().exitStatus()) {
@@ -141,25 +137,14 @@ void WebTest::checkLeftovers() {
 }
 
 void WebTest::checkErrorLog() {
-    std::vector<bool> seen(expectedWebErrors.size(), false);
-    std::istringstream log(web.errorLog());
-    for (std::string line; std::getline(log, line);) {
-        if (std::none_of(errorLevels.begin(), errorLevels.end(),
-                         [&](const char* level) { return contains(line, level); })) {
-            continue;
+    Words errorLines;
+    for (const std::string& line : splitLines(web.errorLog())) {
+        if (std::any_of(errorLevels.begin(), errorLevels.end(),
+                        [&](const char* level) { return contains(line, level); })) {
+            errorLines.push_back(line);
         }
-        bool expected = false;
-        for (std::size_t i = 0; i < seen.size(); ++i) {
-            if (contains(line, expectedWebErrors[i])) {
-                seen[i] = true;
-                expected = true;
-            }
-        }
-        EXPECT_TRUE(expected) << "unexpected error line: " << line;
     }
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedWebErrors[i];
-    }
+    expectErrorLines(errorLines, expectedWebErrors);
 }
 
 void WebTest::checkSecrets(const std::string& log) const {
@@ -168,6 +153,15 @@ void WebTest::checkSecrets(const std::string& log) const {
         EXPECT_FALSE(contains(log, encodedCredentials(account))) << "The log tells credentials.";
     }
     EXPECT_FALSE(containsToken(log)) << "The log tells a token.";
+}
+
+Words messageIds(const HttpResponse& response) {
+    const nlohmann::json body = response.json();
+    Words ids;
+    for (const nlohmann::json& message : body.at("error").at("@Message.ExtendedInfo")) {
+        ids.push_back(message.at("MessageId"));
+    }
+    return ids;
 }
 
 }  // namespace testbed

@@ -16,8 +16,8 @@ struct ListCase {
     std::string log;
 };
 
-const std::string typeError = "[Error]: Privilege value type error stoi\n";
-const std::string rangeError = "[Error]: Privilege value out of range stoi\n";
+const std::string notANumber = "[Error]: Privilege value type error stoi\n";
+const std::string tooLarge = "[Error]: Privilege value out of range stoi\n";
 
 TEST(PrivilegeList, HasAMaskForEveryPieceBetweenCommas) {
     const std::vector<ListCase> cases = {
@@ -27,17 +27,17 @@ TEST(PrivilegeList, HasAMaskForEveryPieceBetweenCommas) {
         {"12abc,5 6", {12, 5}, ""},
         {"0x10,010", {0, 10}, ""},
         {"2147483647,-2147483648", {2147483647, -2147483647 - 1}, ""},
-        {"7,x,9", {7, 7, 9}, typeError},
-        {"x,5", {0, 5}, typeError},
-        {"5,x,y,6,z", {5, 5, 5, 6, 6}, typeError + typeError + typeError},
-        {"1,", {1, 1}, typeError},
-        {",1", {0, 1}, typeError},
-        {"", {0}, typeError},
-        {",", {0, 0}, typeError + typeError},
-        {"-", {0}, typeError},
-        {"2147483648", {0}, rangeError},
-        {"3,99999999999999999999,4", {3, 3, 4}, rangeError},
-        {"-2147483649,%s", {0, 0}, rangeError + typeError},
+        {"7,x,9", {7, 7, 9}, notANumber},
+        {"x,5", {0, 5}, notANumber},
+        {"5,x,y,6,z", {5, 5, 5, 6, 6}, notANumber + notANumber + notANumber},
+        {"1,", {1, 1}, notANumber},
+        {",1", {0, 1}, notANumber},
+        {"", {0}, notANumber},
+        {",", {0, 0}, notANumber + notANumber},
+        {"-", {0}, notANumber},
+        {"2147483648", {0}, tooLarge},
+        {"3,99999999999999999999,4", {3, 3, 4}, tooLarge},
+        {"-2147483649,%s", {0, 0}, tooLarge + notANumber},
     };
     for (const ListCase& listCase : cases) {
         Masks masks;

@@ -23,8 +23,9 @@ const Command resetToOne = {"HSET", "/redfish/v1/EventService", "&&EVENT_GROUP_I
 const Command readMaximum = {"HGET", "webDefaultValue", "MAX_EVENT_GROUP_ID"};
 
 const std::string invalid = "[Debug]: The default max value was set to invalid value.\n";
-const std::string typeError = "[Debug]: Max EventGroupId value type error stoi\n" + invalid;
-const std::string rangeError = "[Debug]: Max EventGroupId value out of range stoi\n" + invalid;
+const std::string maximumTypeError = "[Debug]: Max EventGroupId value type error stoi\n" + invalid;
+const std::string maximumRangeError =
+    "[Debug]: Max EventGroupId value out of range stoi\n" + invalid;
 const std::string resetFailed = "[Debug]: Failed to reset the EventGroupId counter.\n";
 const std::string incrementFailed =
     "[Debug]: Failed to increase the counter &&EVENT_GROUP_ID_COUNTER\n";
@@ -39,11 +40,11 @@ void expectMaximum(const std::string& reply, std::int32_t maximum, const std::st
 }
 
 TEST(EventGroupMaximum, IsTheLargestNumberWhileThereIsNoValidSetting) {
-    expectMaximum(nil(), noMaximum, typeError);
-    expectMaximum(bulk(""), noMaximum, typeError);
-    expectMaximum(error("WRONGTYPE"), noMaximum, typeError);
-    expectMaximum(bulk("many"), noMaximum, typeError);
-    expectMaximum(bulk("2147483648"), noMaximum, rangeError);
+    expectMaximum(nil(), noMaximum, maximumTypeError);
+    expectMaximum(bulk(""), noMaximum, maximumTypeError);
+    expectMaximum(error("WRONGTYPE"), noMaximum, maximumTypeError);
+    expectMaximum(bulk("many"), noMaximum, maximumTypeError);
+    expectMaximum(bulk("2147483648"), noMaximum, maximumRangeError);
     expectMaximum(bulk("0"), noMaximum, invalid);
     expectMaximum(bulk("-4"), noMaximum, invalid);
     expectMaximum(bulk("10.5"), noMaximum, "");
@@ -95,7 +96,7 @@ TEST(EventGroup, IsOneAfterACounterThatCannotBeIncreased) {
         const ScriptedStore peer({refusal, integer(0), nil()});
         std::uint32_t drawn = 0;
         EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.connection()); }),
-                  incrementFailed + typeError);
+                  incrementFailed + maximumTypeError);
         EXPECT_EQ(drawn, 1U);
         EXPECT_EQ(peer.commands(), (Commands{increment, resetToOne, readMaximum}));
     }
@@ -105,7 +106,7 @@ TEST(EventGroup, IsDrawnWithoutAStore) {
     const ScriptedStore peer;
     std::uint32_t drawn = 0;
     EXPECT_EQ(standardErrorOf([&] { drawn = nextEventGroupId(peer.connection()); }),
-              incrementFailed + resetFailed + typeError);
+              incrementFailed + resetFailed + maximumTypeError);
     EXPECT_EQ(drawn, 1U);
 }
 
