@@ -104,7 +104,6 @@ class Load {
     bool run(std::chrono::seconds duration);
 
   private:
-    void liftLoginLimit();
     Usage usage();
     void printRequests(const std::vector<Work>& works, double seconds) const;
     static void printUsage(const Usage& start, const Usage& tenth, const Usage& end,
@@ -116,16 +115,6 @@ class Load {
     std::optional<testbed::StoreClient> store;
     pid_t nginxWorker = -1;
 };
-
-void Load::liftLoginLimit() {
-    std::string limits = controller.readFile(testbed::webLimitsFile);
-    const std::string limit = "limit_req zone=";
-    const std::size_t at = limits.find(limit);
-    if (at == std::string::npos) {
-        throw Failure("There is no limit on logins to be lifted.");
-    }
-    controller.writeFile(testbed::webLimitsFile, limits.insert(at, "# "));
-}
 
 Usage Load::usage() {
     return {.nginxSeconds = bench::processorSeconds(nginxWorker),
@@ -211,7 +200,6 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
 }
 
 bool Load::run(std::chrono::seconds duration) {
-    liftLoginLimit();
     controller.start();
     web.start();
     store.emplace(controller.connect());

@@ -123,7 +123,7 @@ function service.patch(body, resource)
     if faults.omitted then
         annotations["@Message.ExtendedInfo"] = messages.texts({ omitted = faults.omitted })
     end
-    local changed = resources.from(reply.tree, contract.service) or resource
+    local changed = resources.from(reply.resource, contract.service) or resource
     return {
         status = 200,
         headers = { ETag = changed.etagHeader },
