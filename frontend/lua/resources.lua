@@ -7,46 +7,52 @@ local resources = {}
 
 local maxDepth = 32
 
--- Collects a stored resource and all that it is made of, in one moment.
-local collectScript = [[
+-- Argument: a resource. Collects it and all that it is made of, in one moment. Temporary sessions
+-- are left out of their collection.
+local collectScript = store.script([[
 local maxCollected = 1024
-local function collect(uri)
-    local tree = {hashes = {}, lists = {}}
-    local pending = {{$kind.object, uri}}
-    for _ = 1, maxCollected do
-        local next = table.remove(pending)
-        if not next then
-            break
-        end
-        local kind, key = next[1], next[2]
-        if kind == $kind.object and not tree.hashes[key] then
-            local fields = run('HGETALL', key) or {}
-            tree.hashes[key] = fields
-            for i = 1, #fields, 2 do
-                if string.byte(fields[i]) == 38 then
-                    local inner, source = string.match(fields[i], '^(&&%a+) [^ ]+ ([^ ]+)$')
-                    pending[#pending + 1] = inner and {inner, source}
-                end
-            end
-        elseif kind == $kind.array and not tree.lists[key] then
-            local elements = {}
-            tree.lists[key] = elements
-            for _, element in ipairs(run('LRANGE', key, 0, -1) or {}) do
-                local inner, source = string.match(element, '^(&&%a+) ([^ ]+)$')
-                if not (key == $sessionMembers and source
-                    and run('HGET', source, $session.origin) == $temporaryOrigin) then
-                    elements[#elements + 1] = element
-                    pending[#pending + 1] = inner and {inner, source}
-                end
-            end
+local tree = {hashes = {}, lists = {}}
+local pending = {{$kind.object, ARGV[1]}}
+
+local function collectHash(key)
+    local fields = run('HGETALL', key) or {}
+    tree.hashes[key] = fields
+    for i = 1, #fields, 2 do
+        local kind, source = string.match(fields[i], '^(&&%a+) [^ ]+ ([^ ]+)$')
+        pending[#pending + 1] = kind and {kind, source}
+    end
+end
+
+local function isHidden(key, uri)
+    return key == $sessionMembers and uri
+        and run('HGET', uri, $session.origin) == $temporaryOrigin
+end
+
+local function collectList(key)
+    local elements = {}
+    tree.lists[key] = elements
+    for _, element in ipairs(run('LRANGE', key, 0, -1) or {}) do
+        local kind, source = string.match(element, '^(&&%a+) ([^ ]+)$')
+        if not isHidden(key, source) then
+            elements[#elements + 1] = element
+            pending[#pending + 1] = kind and {kind, source}
         end
     end
-    return tree
 end
-]]
 
-collectScript = store.script(collectScript .. [[
-return cjson.encode(collect(ARGV[1]))
+for _ = 1, maxCollected do
+    local next = table.remove(pending)
+    if not next then
+        break
+    end
+    local kind, key = next[1], next[2]
+    if kind == $kind.object and not tree.hashes[key] then
+        collectHash(key)
+    elseif kind == $kind.array and not tree.lists[key] then
+        collectList(key)
+    end
+end
+return cjson.encode(tree)
 ]])
 
 local function fieldsOf(tree, key)
