@@ -85,9 +85,7 @@ Baseline::Baseline(const Controller& controller, std::string noticeChannel, Reco
       recording(std::move(commands)),
       store(controller.connect()),
       thread([this, password = controller.storePassword()] { serve(password); }) {
-    testbed::waitUntil("the baseline listens", [this] {
-        return store.run({"PUBSUB", "NUMSUB", channel}).elements.at(1).integer == 1;
-    });
+    testbed::waitUntil("the baseline listens", [this] { return store.subscribers(channel) == 1; });
 }
 
 Baseline::~Baseline() {

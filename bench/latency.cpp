@@ -99,8 +99,7 @@ void start(Controller& controller, const std::string& more = {}) {
     permitAllLogins(controller, more);
     controller.start();
     // The log collection takes all entries.
-    controller.connect().hset("/redfish/v1/Managers/1/LogServices/AuditLog/Entries",
-                              {{"&&MaxEntries", "1000000"}});
+    controller.connect().hset(testbed::auditEntriesUri, {{"&&MaxEntries", "1000000"}});
 }
 
 }  // namespace

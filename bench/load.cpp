@@ -1,18 +1,20 @@
-// Logins, reads and logouts from many connections at once; prints how front end, daemon and
-// store did. Exit status 0: nothing was lost or left, and no memory was lost.
+// Logins, reads and logouts from several connections at once; prints the times of the requests, and
+// the processor time and memory of front end, daemon and store. Exit status 0: every request was
+// answered rightly, and neither sessions, requests nor memory were left.
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <iomanip>
 #include <iostream>
 #include <optional>
 #include <thread>
 
 #include "bench/process_statistics.h"
+#include "bench/timed_program.h"
 #include "testbed/accounts.h"
+#include "testbed/checks.h"
 #include "testbed/controller.h"
 #include "testbed/http_client.h"
 #include "testbed/web_front_end.h"
@@ -102,7 +104,6 @@ class Load {
     bool run(std::chrono::seconds duration);
 
   private:
-    void liftLoginLimit();
     Usage usage();
     void printRequests(const std::vector<Work>& works, double seconds) const;
     static void printUsage(const Usage& start, const Usage& tenth, const Usage& end,
@@ -114,16 +115,6 @@ class Load {
     std::optional<testbed::StoreClient> store;
     pid_t nginxWorker = -1;
 };
-
-void Load::liftLoginLimit() {
-    std::string limits = controller.readFile(testbed::webLimitsFile);
-    const std::string limit = "limit_req zone=";
-    const std::size_t at = limits.find(limit);
-    if (at == std::string::npos) {
-        throw Failure("There is no limit on logins to be lifted.");
-    }
-    controller.writeFile(testbed::webLimitsFile, limits.insert(at, "# "));
-}
 
 Usage Load::usage() {
     return {.nginxSeconds = bench::processorSeconds(nginxWorker),
@@ -143,7 +134,7 @@ double percentile(const std::vector<double>& sorted, std::size_t percent) {
 }
 
 void Load::printRequests(const std::vector<Work>& works, double seconds) const {
-    std::cout << "\n              number   per second   50th pct.   99th pct.     longest\n";
+    std::cout << "\n              number   per second   50th pct.   99th pct.         max\n";
     std::size_t total = 0;
     for (std::size_t kind = 0; kind < kindNames.size(); ++kind) {
         std::vector<double> all;
@@ -187,11 +178,7 @@ void Load::printUsage(const Usage& start, const Usage& tenth, const Usage& end, 
 }
 
 bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage& end) {
-    bool allRight = true;
-    const auto say = [&](bool right, const std::string& statement) {
-        std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
-        allRight = allRight && right;
-    };
+    testbed::Checks checks;
     bool answered = true;
     for (const Work& work : works) {
         if (!work.failure.empty()) {
@@ -199,19 +186,20 @@ bool Load::check(const std::vector<Work>& works, const Usage& tenth, const Usage
             answered = false;
         }
     }
-    say(answered, "each request was answered as it has to be");
-    say(store->llen(testbed::membersKey) == 0 && store->keys(testbed::tokenKey("*")).empty() &&
-            store->keys(std::string(testbed::sessionsUri) + "/*").empty(),
-        "no session is left");
-    say(store->keys("&&/frontend/*").empty(), "no request is left in the store");
+    checks.check(answered, "each request was answered as it has to be");
+    checks.check(store->llen(testbed::membersKey) == 0 &&
+                     store->keys(testbed::tokenKey("*")).empty() &&
+                     store->keys(std::string(testbed::sessionsUri) + "/*").empty(),
+                 "no session is left");
+    checks.check(store->keys("&&/frontend/*").empty(), "no request is left in the store");
     const std::string bound = "by more than " + std::to_string(allowedGrowth) + " KiB";
-    say(end.nginxKib - tenth.nginxKib <= allowedGrowth, "nginx has not grown " + bound);
-    say(end.daemonKib - tenth.daemonKib <= allowedGrowth, "the daemon has not grown " + bound);
-    return allRight;
+    checks.check(end.nginxKib - tenth.nginxKib <= allowedGrowth, "nginx has not grown " + bound);
+    checks.check(end.daemonKib - tenth.daemonKib <= allowedGrowth,
+                 "the daemon has not grown " + bound);
+    return checks.allRight();
 }
 
 bool Load::run(std::chrono::seconds duration) {
-    liftLoginLimit();
     controller.start();
     web.start();
     store.emplace(controller.connect());
@@ -249,15 +237,6 @@ bool Load::run(std::chrono::seconds duration) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const long seconds = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 0;
-    if (seconds <= 0) {
-        std::cerr << "usage: load SECONDS\n";
-        return 2;
-    }
-    try {
-        return Load().run(std::chrono::seconds(seconds)) ? 0 : 1;
-    } catch (const std::exception& failure) {
-        std::cerr << "\nThe load cannot go on: " << failure.what() << "\n";
-        return 1;
-    }
+    return bench::runFor(argc, argv, "load",
+                         [](std::chrono::seconds duration) { return Load().run(duration); });
 }

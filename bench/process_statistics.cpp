@@ -18,7 +18,7 @@ namespace {
     throw testbed::Failure("Process " + std::to_string(pid) + " has ended.");
 }
 
-// The number behind "NAME:" in a file under /proc.
+// The number after "NAME:" in a file under /proc.
 long namedValue(pid_t pid, const std::string& path, const std::string& name) {
     std::ifstream file(testbed::procFile(pid, path));
     for (std::string word; file >> word;) {

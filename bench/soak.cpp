@@ -1,10 +1,9 @@
-// Logins, reads, logouts, changes and expiries without a pause; watches what the daemon and
-// the store hold meanwhile. Exit status 0: every answer was right, and nothing grows.
+// Logins, reads, logouts, changes and expiries without a pause; watches the footprint of the daemon
+// and the store meanwhile. Exit status 0: every reply was right, and nothing grows.
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -13,7 +12,9 @@
 #include <thread>
 
 #include "bench/process_statistics.h"
+#include "bench/timed_program.h"
 #include "testbed/accounts.h"
+#include "testbed/checks.h"
 #include "testbed/controller.h"
 #include "testbed/http_client.h"
 #include "testbed/web_front_end.h"
@@ -34,22 +35,17 @@ constexpr long allowedGrowth = 512;        // KiB, of the daemon
 constexpr long allowedStoreGrowth = 1024;  // KiB
 constexpr const char* keptEntries = "100";
 
-// What the log service and the event service of a controller do: they take away what is old.
+// Removes old events and audit entries, as a controller's event and log services do.
 constexpr const char* trimScript = R"(
     redis.call('XTRIM', KEYS[1], 'MAXLEN', ARGV[1])
     while redis.call('LLEN', KEYS[2]) > tonumber(ARGV[1]) do
         redis.call('DEL', redis.call('RPOP', KEYS[2]):sub(#'&&ObjectRef ' + 1))
         redis.call('HINCRBY', KEYS[3], 'Members@odata.count', -1)
     end)";
-constexpr const char* eventStream = "&&EventStream";
-constexpr const char* auditMembers =
-    "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
-constexpr const char* auditEntries = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
 
 enum Kind : std::size_t { login, refusal, read, change, logout, expiry };
 constexpr std::array kindNames{"logins", "refusals", "reads", "changes", "logouts", "expiries"};
 
-// What is held at one moment.
 struct Footprint {
     long daemonKib = 0;
     long descriptors = 0;
@@ -83,11 +79,11 @@ class Soak {
 
     void trimRecords(const std::string& kept);
     Footprint footprint();
-    // Everything has come to its end: what is left, and what it holds.
-    Words quiet();
+    // Waits for everything to end and removes its records; returns the keys that are left.
+    Words settle();
     void printRow(const std::string& time, const Footprint& footprint) const;
     bool check(const Words& keysBefore, const Words& keysAfter, const Footprint& before,
-               const Footprint& most, const Footprint& after);
+               const Footprint& maximum, const Footprint& after);
 
     testbed::Controller controller;
     testbed::WebFrontEnd web{controller};
@@ -112,7 +108,7 @@ void Soak::work(const std::function<void()>& round) {
     }
 }
 
-// As a front end does it: it takes away what it stored itself.
+// As a front end does: it removes what it stored itself.
 Reply Soak::ask(testbed::StoreClient& client, testbed::Request request, Kind kind,
                 const std::string& status) {
     request.send();
@@ -197,7 +193,8 @@ void Soak::readRounds() {
 }
 
 void Soak::trimRecords(const std::string& kept) {
-    store->run({"EVAL", trimScript, "3", eventStream, auditMembers, auditEntries, kept});
+    store->run({"EVAL", trimScript, "3", testbed::eventStream, testbed::auditMembersKey,
+                testbed::auditEntriesUri, kept});
 }
 
 Footprint Soak::footprint() {
@@ -210,7 +207,7 @@ Footprint Soak::footprint() {
         .storeKib = static_cast<long>(bench::storeValue(*store, "memory", "used_memory") / 1024)};
 }
 
-Words Soak::quiet() {
+Words Soak::settle() {
     testbed::waitUntil("the replies and their messages have expired", [&] {
         return store->run({"INFO", "keyspace"}).text.find("expires=0") != std::string::npos;
     });
@@ -229,30 +226,27 @@ void Soak::printRow(const std::string& time, const Footprint& footprint) const {
 }
 
 bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Footprint& before,
-                 const Footprint& most, const Footprint& after) {
-    bool allRight = true;
-    const auto say = [&](bool right, const std::string& statement) {
-        std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
-        allRight = allRight && right;
-    };
+                 const Footprint& maximum, const Footprint& after) {
+    testbed::Checks checks;
     const auto bound = [](long kib) { return " by more than " + std::to_string(kib) + " KiB"; };
     std::cout << "\n";
-    say(failure.empty(), "each request was answered as it has to be" +
-                             (failure.empty() ? failure : ", but: " + failure));
+    checks.check(failure.empty(), "each request was answered as it has to be" +
+                                      (failure.empty() ? failure : ", but: " + failure));
     // While it works, its memory goes up and down with the modules that PAM loads.
-    say(after.daemonKib - before.daemonKib <= allowedGrowth,
-        "the daemon has not grown" + bound(allowedGrowth));
-    say(most.threads == before.threads, "the daemon has started no thread");
-    say(after.descriptors == before.descriptors, "the daemon has no descriptor more than before");
-    say(keysAfter == keysBefore, "the store holds the keys that it held before");
+    checks.check(after.daemonKib - before.daemonKib <= allowedGrowth,
+                 "the daemon has not grown" + bound(allowedGrowth));
+    checks.check(maximum.threads == before.threads, "the daemon has started no thread");
+    checks.check(after.descriptors == before.descriptors,
+                 "the daemon has no descriptor more than before");
+    checks.check(keysAfter == keysBefore, "the store holds the keys that it held before");
     for (const std::string& key : keysAfter) {
         if (!std::binary_search(keysBefore.begin(), keysBefore.end(), key)) {
             std::cout << "           " << key << "\n";
         }
     }
-    say(after.storeKib - before.storeKib <= allowedStoreGrowth,
-        "the store has not grown" + bound(allowedStoreGrowth));
-    return allRight;
+    checks.check(after.storeKib - before.storeKib <= allowedStoreGrowth,
+                 "the store has not grown" + bound(allowedStoreGrowth));
+    return checks.allRight();
 }
 
 bool Soak::run(std::chrono::seconds duration) {
@@ -274,7 +268,7 @@ bool Soak::run(std::chrono::seconds duration) {
     // One round of each: what is loaded or made at first use is there from then on.
     ending = true;
     allWorkers().clear();
-    const Words keysBefore = quiet();
+    const Words keysBefore = settle();
     const Footprint before = footprint();
     for (std::atomic<long>& each : done) {
         each = 0;
@@ -290,7 +284,7 @@ bool Soak::run(std::chrono::seconds duration) {
     std::vector<std::jthread> threads = allWorkers();
     const auto start = Clock::now();
     const long rows = std::min(maxRows, static_cast<long>(duration.count()));
-    Footprint most;
+    Footprint maximum;
     for (long row = 1; row <= rows && !ending; ++row) {
         Footprint ofRow = footprint();
         while (!ending && Clock::now() < start + duration * row / rows) {
@@ -300,28 +294,19 @@ bool Soak::run(std::chrono::seconds duration) {
         }
         const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
         printRow(std::to_string(elapsed.count()) + " s", ofRow);
-        most.raiseTo(ofRow);
+        maximum.raiseTo(ofRow);
     }
     ending = true;
     threads.clear();
-    const Words keysAfter = quiet();
+    const Words keysAfter = settle();
     const Footprint after = footprint();
     printRow("after", after);
-    return check(keysBefore, keysAfter, before, most, after);
+    return check(keysBefore, keysAfter, before, maximum, after);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const long seconds = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 0;
-    if (seconds <= 0) {
-        std::cerr << "usage: soak SECONDS\n";
-        return 2;
-    }
-    try {
-        return Soak().run(std::chrono::seconds(seconds)) ? 0 : 1;
-    } catch (const std::exception& failure) {
-        std::cerr << "\nThe soak cannot go on: " << failure.what() << "\n";
-        return 1;
-    }
+    return bench::runFor(argc, argv, "soak",
+                         [](std::chrono::seconds duration) { return Soak().run(duration); });
 }

@@ -1,8 +1,8 @@
 /*
- * PAM module for controllers with local accounts: tells the application what role the
- * user has, by variables in the PAM environment. See README.md for its arguments.
+ * PAM module for controllers with local accounts: passes the user's role to the application
+ * in variables of the PAM environment. See README.md for its arguments.
  *
- * It never answers PAM_SUCCESS, so that it can refuse a login but not grant one.
+ * It never returns PAM_SUCCESS, so that it can refuse a login but not grant one.
  */
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
@@ -18,28 +18,28 @@
 
 static const char default_attribute[] = "aci_group";
 
-/* The rest of `text` behind `prefix`; null when it does not begin with it. */
-static const char* after(const char* text, const char* prefix) {
+/* The rest of the text after the prefix; null if it does not begin with that. */
+static const char* skip_prefix(const char* text, const char* prefix) {
     const size_t length = strlen(prefix);
     return strncmp(text, prefix, length) == 0 ? text + length : NULL;
 }
 
-/* Whether the text is a name, the separator and a value, which may be empty. */
+/* Whether the text begins with a name, which is not empty, and the separator. */
 static bool begins_with_name(const char* text, const char* separator) {
     const size_t length = strcspn(text, separator);
     return length > 0 && text[length] != '\0';
 }
 
-/* Whether the argument has a meaning here; reports it when it has none. */
+/* Whether the module understands the argument; logs an error if not. */
 static bool is_usable(pam_handle_t* handle, const char* argument) {
     const char* value;
     bool usable = false;
 
-    if ((value = after(argument, "attribute=")) != NULL) {
+    if ((value = skip_prefix(argument, "attribute=")) != NULL) {
         usable = *value != '\0' && strchr(value, '=') == NULL;
-    } else if ((value = after(argument, "role=")) != NULL) {
+    } else if ((value = skip_prefix(argument, "role=")) != NULL) {
         usable = begins_with_name(value, ":");
-    } else if ((value = after(argument, "set=")) != NULL) {
+    } else if ((value = skip_prefix(argument, "set=")) != NULL) {
         usable = begins_with_name(value, "=");
     }
     if (!usable) {
@@ -48,14 +48,15 @@ static bool is_usable(pam_handle_t* handle, const char* argument) {
     return usable;
 }
 
-/* Puts NAME=VALUE plus `end` into the PAM environment. */
-static int put(pam_handle_t* handle, const char* name, const char* value, const char* end) {
-    const size_t size = strlen(name) + strlen(value) + strlen(end) + sizeof "=";
+/* Sets the variable in the PAM environment to the value followed by the suffix. */
+static int set_variable(pam_handle_t* handle, const char* name, const char* value,
+                        const char* suffix) {
+    const size_t size = strlen(name) + strlen(value) + strlen(suffix) + sizeof "=";
     char* text = malloc(size);
     int status = PAM_BUF_ERR;
 
     if (text != NULL) {
-        (void)snprintf(text, size, "%s=%s%s", name, value, end);
+        (void)snprintf(text, size, "%s=%s%s", name, value, suffix);
         status = pam_putenv(handle, text);
     }
     free(text);
@@ -65,8 +66,9 @@ static int put(pam_handle_t* handle, const char* name, const char* value, const 
     return status;
 }
 
-/* Tells whether the user is in the group that a role argument's GROUP:VALUE names. */
-static int look_up_role(pam_handle_t* handle, const char* user, const char* role, bool* member) {
+/* Sets *member to whether the user is in the group of the role, which is GROUP:VALUE. */
+static int check_membership(pam_handle_t* handle, const char* user, const char* role,
+                            bool* member) {
     char* group = strndup(role, strcspn(role, ":"));
 
     if (group == NULL) {
@@ -77,26 +79,26 @@ static int look_up_role(pam_handle_t* handle, const char* user, const char* role
     return PAM_SUCCESS;
 }
 
-/* The first role that the user has decides; without any role argument the name of the
- * user's primary group does. */
-static int put_role(pam_handle_t* handle, const char* user, const char* attribute, int argc,
+/* Sets the variable to the value of the first role that the user has; without any role argument, to
+ * the name of the user's primary group. */
+static int set_role(pam_handle_t* handle, const char* user, const char* attribute, int argc,
                     const char** argv) {
     bool roles_given = false;
 
     for (int i = 0; i < argc; ++i) {
-        const char* role = after(argv[i], "role=");
+        const char* role = skip_prefix(argv[i], "role=");
         bool member = false;
         int status;
         if (role == NULL) {
             continue;
         }
         roles_given = true;
-        status = look_up_role(handle, user, role, &member);
+        status = check_membership(handle, user, role, &member);
         if (status != PAM_SUCCESS) {
             return status;
         }
         if (member) {
-            return put(handle, attribute, strchr(role, ':') + 1, "");
+            return set_variable(handle, attribute, strchr(role, ':') + 1, "");
         }
     }
     if (!roles_given) {
@@ -104,7 +106,7 @@ static int put_role(pam_handle_t* handle, const char* user, const char* attribut
         const struct group* group =
             account == NULL ? NULL : pam_modutil_getgrgid(handle, account->pw_gid);
         if (group != NULL) {
-            return put(handle, attribute, group->gr_name, ";");
+            return set_variable(handle, attribute, group->gr_name, ";");
         }
     }
     return PAM_SUCCESS;
@@ -120,16 +122,16 @@ static int set_variables(pam_handle_t* handle, int argc, const char** argv) {
         if (!is_usable(handle, argv[i])) {
             return PAM_SERVICE_ERR;
         }
-        if ((name = after(argv[i], "attribute=")) != NULL) {
+        if ((name = skip_prefix(argv[i], "attribute=")) != NULL) {
             attribute = name;
         }
     }
     status = pam_get_user(handle, &user, NULL);
     if (status == PAM_SUCCESS) {
-        status = put_role(handle, user, attribute, argc, argv);
+        status = set_role(handle, user, attribute, argc, argv);
     }
     for (int i = 0; i < argc && status == PAM_SUCCESS; ++i) {
-        const char* variable = after(argv[i], "set=");
+        const char* variable = skip_prefix(argv[i], "set=");
         if (variable != NULL) {
             status = pam_putenv(handle, variable);
         }

@@ -20,11 +20,11 @@ step() {
     printf 'done, %d s\n' $((SECONDS - start))
 }
 
-# the testbed runs the daemon in private roots like this one.
+# The testbed runs the daemon in private roots like this one.
 check_namespaces() {
     bwrap --unshare-user --uid 0 --gid 0 --unshare-net --unshare-pid \
         --ro-bind / / --proc /proc --dev /dev true && return
-    echo "the testbed needs user namespaces, which this machine refuses to $(id -un)."
+    echo "The testbed needs user namespaces, which this machine refuses to $(id -un)."
     return 1
 }
 

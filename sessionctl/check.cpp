@@ -17,7 +17,7 @@ namespace {
 
 using nlohmann::json;
 
-// What lies in the store is left out when that cannot be reached.
+// What is in the store cannot be checked when the store is unavailable.
 void checkStore(Report& report, std::chrono::seconds timeout) {
     const char* subject = "store";
     try {
@@ -29,8 +29,8 @@ void checkStore(Report& report, std::chrono::seconds timeout) {
         checkStoredSettings(report, connection);
         checkScripts(report, connection);
         checkDaemon(report, connection);
-    } catch (const Problem& problem) {
-        report.fail(subject, problem.what());
+    } catch (const CommandError& error) {
+        report.fail(subject, error.what());
     }
 }
 
@@ -75,15 +75,15 @@ int runCheck(const Options& options) {
     checkPamService(report, pamService);
     checkGroups(report, groupFile);
     checkPrivileges(report, privilegeFile);
-    checkProperties(report, propertyFile);
-    checkKey(report, keyFile);
+    checkPersistentProperties(report, propertyFile);
+    checkKeyFile(report, keyFile);
 
     const std::vector<Finding>& findings = report.findings();
-    const bool printed = print(options.json ? jsonText(toJson(findings)) : toText(findings));
+    const bool printed = print(options.json ? formatJson(toJson(findings)) : toText(findings));
     const bool allWell = std::none_of(findings.begin(), findings.end(), [](const Finding& finding) {
         return finding.result == Result::failed;
     });
-    return printed && allWell ? done : failed;
+    return printed && allWell ? exit_status::success : exit_status::failure;
 }
 
 }  // namespace session_service::console

@@ -33,8 +33,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// The file's lines. Nothing, with the reason told as a warning or a failure, when it cannot
-// be read.
+// The lines of the file. Empty, with the reason reported, when it cannot be read.
 std::optional<Lines> readFile(Report& report, const char* path, Result severity,
                               const char* consequence) {
     Lines lines;
@@ -62,28 +61,28 @@ bool isComment(std::string_view line) {
     return line.starts_with('#');
 }
 
-std::string lineNumber(std::size_t index) {
+std::string lineLabel(std::size_t index) {
     return "line " + std::to_string(index + 1);
 }
 
-// A setting as the daemon reads it; nothing when the file lacks it.
+// The setting as the daemon reads it; empty when the file does not have it.
 std::optional<std::string> readSetting(Report& report, const char* path, const char* key) {
-    std::array<char, 2 * maxSettingSize> value{};
+    std::array<char, 2 * settingBufferSize> value{};
     if (getPropertyValue(path, "=", key, value.data(), value.size()) != 0) {
         return std::nullopt;
     }
     std::string text = value.data();
-    if (text.size() >= maxSettingSize) {
+    if (text.size() >= settingBufferSize) {
         report.warn(path, std::string(key) + " is longer than " +
-                              std::to_string(maxSettingSize - 1) +
+                              std::to_string(settingBufferSize - 1) +
                               " characters: the rest is cut off.");
-        text.resize(maxSettingSize - 1);
+        text.resize(settingBufferSize - 1);
     }
     return text;
 }
 
-// Why the log cannot be written; empty when it can.
-std::string logFault(const std::string& logFile) {
+// Why the log file cannot be written; empty when it can.
+std::string logFileError(const std::string& logFile) {
     const FileDescriptor file(open(logFile.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC));
     if (file) {
         return {};
@@ -99,8 +98,8 @@ std::string logFault(const std::string& logFile) {
     return std::strerror(errno);
 }
 
-// Whether a log collector of this name runs, asked for as the daemon does at its start.
-bool runs(const std::string& collector) {
+// Looks for the log collector in the way in which the daemon does at its start.
+bool isProcessRunning(const std::string& collector) {
     bool found = false;
     return !collector.empty() &&
            readCommand(("pidof " + collector).c_str(),
@@ -109,21 +108,21 @@ bool runs(const std::string& collector) {
 }
 
 void checkLog(Report& report, const char* path) {
-    // With it the other settings of the log are not read.
-    if (runs(readSetting(report, path, logSystemSetting).value_or(""))) {
+    // With a log collector the other settings of the log are not read.
+    if (isProcessRunning(readSetting(report, path, logSystemSetting).value_or(""))) {
         return;
     }
     const std::string logFile = readSetting(report, path, logFileSetting).value_or("");
     if (logFile.empty()) {
         report.warn(path,
                     std::string(logFileSetting) + " is not given: the log goes to standard error.");
-    } else if (const std::string fault = logFault(logFile); !fault.empty()) {
+    } else if (const std::string fault = logFileError(logFile); !fault.empty()) {
         report.fail(path, std::string(logFileSetting) + ": " + escaped(logFile) +
                               " cannot be written (" + fault +
                               "): the log goes to standard error.");
     }
     const std::string size = readSetting(report, path, logSizeSetting).value_or("");
-    const std::int32_t bytes = parseNumber(size).value.value_or(-1);
+    const std::int32_t bytes = parseInt32(size).value.value_or(-1);
     if (!size.empty() && bytes < 0) {
         report.warn(path, std::string(logSizeSetting) + " is no number: the log is not rotated.");
     } else if (!size.empty() && !isPlainNumber(size, bytes)) {
@@ -137,8 +136,8 @@ void checkLog(Report& report, const char* path) {
     }
 }
 
-// What follows the key's "=" up to the ";", where the line has both.
-bool givesValue(const std::string& line) {
+// Whether the line has a value: what stands between "=" and ";".
+bool hasValue(const std::string& line) {
     const std::size_t separator = line.find('=');
     return separator != std::string::npos && line.find(';', separator) != std::string::npos;
 }
@@ -149,9 +148,9 @@ void checkGroupLine(Report& report, const char* path, const std::string& line,
         if (!contains(line, key)) {
             continue;
         }
-        if (isComment(line) && givesValue(line)) {
+        if (isComment(line) && hasValue(line)) {
             report.warn(path, where + " counts for " + key + " although it is a comment.");
-        } else if (!isComment(line) && !givesValue(line)) {
+        } else if (!isComment(line) && !hasValue(line)) {
             report.warn(path, where + " is ignored: it must read " + key + "=VALUE;");
         }
     }
@@ -170,22 +169,22 @@ void checkGroupLine(Report& report, const char* path, const std::string& line,
     }
 }
 
-std::vector<std::string> wordsOf(const std::string& text) {
+std::vector<std::string> splitWords(const std::string& text) {
     std::vector<std::string> words;
     store::appendWords(words, text);
     return words;
 }
 
-// Whether the daemon takes the line for the property, with seconds for its value or, before the
-// first change, nothing.
-bool givesSeconds(const std::string& line, const std::string& property) {
+// Whether the daemon reads the line as the property, with a number of seconds or, as installed,
+// no value.
+bool setsSeconds(const std::string& line, const std::string& property) {
     const std::size_t separator = line.find('=');
     if (separator == std::string::npos ||
-        wordsOf(line.substr(0, separator)) != std::vector{property}) {
+        splitWords(line.substr(0, separator)) != std::vector{property}) {
         return false;
     }
-    const std::vector<std::string> value = wordsOf(line.substr(separator + 1));
-    const std::int32_t seconds = value.size() == 1 ? parseNumber(value[0]).value.value_or(0) : 0;
+    const std::vector<std::string> value = splitWords(line.substr(separator + 1));
+    const std::int32_t seconds = value.size() == 1 ? parseInt32(value[0]).value.value_or(0) : 0;
     return separator + 1 == line.size() || (seconds > 0 && isPlainNumber(value[0], seconds));
 }
 
@@ -212,7 +211,7 @@ void checkConfiguration(Report& report, const char* path) {
 void checkGroups(Report& report, const char* path) {
     if (const auto lines = readFile(report, path, Result::warning, "the built-in groups count.")) {
         for (std::size_t i = 0; i < lines->size(); ++i) {
-            checkGroupLine(report, path, (*lines)[i], lineNumber(i));
+            checkGroupLine(report, path, (*lines)[i], lineLabel(i));
         }
     }
     report.conclude(path, "well-formed");
@@ -228,12 +227,12 @@ void checkPrivileges(Report& report, const char* path) {
                 if (!contains(line, key)) {
                     continue;
                 }
-                if (!parsePrefixedInteger(line.substr(key.size())).hasDigits) {
-                    report.fail(path, lineNumber(i) + " takes all privileges away: it must read " +
+                if (!parsePrefixedInt64(line.substr(key.size())).hasDigits) {
+                    report.fail(path, lineLabel(i) + " takes all privileges away: it must read " +
                                           std::string(key) + "NUMBER, from the line's start.");
                 } else if (!line.starts_with(key)) {
-                    report.warn(path, lineNumber(i) + " is misread: it must start with " +
-                                          std::string(key));
+                    report.warn(
+                        path, lineLabel(i) + " is misread: it must start with " + std::string(key));
                 }
                 break;
             }
@@ -242,7 +241,7 @@ void checkPrivileges(Report& report, const char* path) {
     report.conclude(path, "well-formed");
 }
 
-void checkProperties(Report& report, const char* path) {
+void checkPersistentProperties(Report& report, const char* path) {
     if (const auto lines =
             readFile(report, path, Result::warning, "changed settings do not outlive the store.")) {
         const std::string name = sessionTimeoutField;
@@ -254,10 +253,10 @@ void checkProperties(Report& report, const char* path) {
             }
             mentioned = true;
             if (isComment(line)) {
-                report.warn(path, lineNumber(i) + " mentions " + name +
+                report.warn(path, lineLabel(i) + " mentions " + name +
                                       " in a comment, which the next change overwrites.");
-            } else if (!givesSeconds(line, name)) {
-                report.fail(path, lineNumber(i) + " must read " + name + "=SECONDS.");
+            } else if (!setsSeconds(line, name)) {
+                report.fail(path, lineLabel(i) + " must read " + name + "=SECONDS.");
             }
         }
         if (!mentioned) {
@@ -273,7 +272,7 @@ void checkProperties(Report& report, const char* path) {
     report.conclude(path, "readable and writable");
 }
 
-void checkKey(Report& report, const char* path) {
+void checkKeyFile(Report& report, const char* path) {
     constexpr const char* consequence =
         "all passwords read as empty. The front end makes the file; is it running?";
     std::optional<Lines> lines = readFile(report, path, Result::failed, consequence);

@@ -1,24 +1,24 @@
-// Whether the files are as the daemon needs them. Each check adds one finding for everything
-// that is wrong, or one that says that nothing is.
+// Checks of the files that the daemon uses. Each adds a finding for everything that is wrong, or
+// one that says that all is well.
 #pragma once
 
 #include "sessionctl/report.h"
 
 namespace session_service::console {
 
-// The daemon's own settings, and whether it can write its log.
+// The daemon's own settings, and whether the log can be written.
 void checkConfiguration(Report& report, const char* path);
 
-// The group attribute and the roles' groups.
+// The group attribute and the groups of the roles.
 void checkGroups(Report& report, const char* path);
 
-// The roles' privilege values.
+// The privilege values of the roles.
 void checkPrivileges(Report& report, const char* path);
 
 // The properties that outlive the store.
-void checkProperties(Report& report, const char* path);
+void checkPersistentProperties(Report& report, const char* path);
 
-// The key of the passwords' encipherment.
-void checkKey(Report& report, const char* path);
+// The key that passwords are encrypted with.
+void checkKeyFile(Report& report, const char* path);
 
 }  // namespace session_service::console

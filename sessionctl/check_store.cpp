@@ -29,8 +29,8 @@ using Kind = store::Answer::Kind;
 
 constexpr const char* seedAdvice = "Start the service that seeds the resources.";
 
-// What INFO tells under this name.
-std::string infoOf(const std::string& information, const std::string& name) {
+// The value of a field of INFO's reply.
+std::string infoField(const std::string& information, const std::string& name) {
     const std::size_t start = information.find('\n' + name + ':');
     if (start == std::string::npos) {
         return {};
@@ -39,7 +39,7 @@ std::string infoOf(const std::string& information, const std::string& name) {
     return information.substr(value, information.find_first_of("\r\n", value) - value);
 }
 
-// The hash at the key. Nothing, with the reason told, when there is none.
+// The hash at the key. Empty, with the reason reported, when there is none.
 std::optional<Fields> readResource(Report& report, redisContext* connection,
                                    const std::string& key) {
     const store::Answer answer = ask(connection, {"HGETALL", key});
@@ -77,7 +77,7 @@ void checkService(Report& report, redisContext* connection) {
     report.conclude(serviceUri, "there, enabled, with a timeout");
 }
 
-std::string adviceFor(const SessionView& view) {
+std::string repairAdvice(const SessionView& view) {
     if (view.fault == namesNoSession) {
         return "; take it out of " + membersKey + " with LREM";
     }
@@ -94,10 +94,10 @@ void checkMembers(Report& report, redisContext* connection, std::int32_t count) 
     int taken = 0;
     for (const std::string& member : members) {
         const SessionView view = readMember(connection, member);
-        taken += view.counted ? 1 : 0;
+        taken += view.countsTowardLimit ? 1 : 0;
         if (!view.fault.empty()) {
-            report.warn(collectionUri,
-                        "Member " + escaped(view.id) + ": " + view.fault + adviceFor(view) + ".");
+            report.warn(collectionUri, "Member " + escaped(view.id) + ": " + view.fault +
+                                           repairAdvice(view) + ".");
         }
     }
     if (taken >= maxSessions) {
@@ -110,7 +110,7 @@ void checkMembers(Report& report, redisContext* connection, std::int32_t count) 
 void checkCollection(Report& report, redisContext* connection) {
     if (const auto collection = readResource(report, connection, collectionUri)) {
         const std::string stored = fieldOf(*collection, membersCountField);
-        const auto count = parseNumber(stored).value;
+        const auto count = parseInt32(stored).value;
         if (stored.empty()) {
             report.fail(collectionUri, membersCountField +
                                            " is missing: deletions leave members behind. Set it to "
@@ -122,22 +122,22 @@ void checkCollection(Report& report, redisContext* connection) {
         } else {
             try {
                 checkMembers(report, connection, *count);
-            } catch (const Problem& problem) {
-                if (problem.status == storeUnreachable) {
+            } catch (const CommandError& error) {
+                if (error.status == exit_status::storeUnavailable) {
                     throw;
                 }
-                report.fail(collectionUri, problem.what());
+                report.fail(collectionUri, error.what());
             }
         }
     }
     report.conclude(collectionUri, "there, with places left");
 }
 
-std::string configured(const char* setting) {
-    return getConfigValue(configurationFile, setting, maxSettingSize);
+std::string readSetting(const char* setting) {
+    return getConfigValue(configurationFile, setting, settingBufferSize);
 }
 
-// One script whose digest has to be registered and loaded.
+// Checks that the script is registered and loaded.
 void checkScript(Report& report, redisContext* connection, const char* script) {
     const std::string subject = std::string("script ") + script;
     const store::Answer digest = ask(connection, {"HGET", scriptDigestsKey, script});
@@ -176,13 +176,13 @@ void checkQueue(Report& report, redisContext* connection, const std::string& que
 void checkServer(Report& report, redisContext* connection) {
     const std::string subject = "Redis server";
     const std::string information = ask(connection, {"INFO"}).text;
-    const std::string version = infoOf(information, "redis_version");
+    const std::string version = infoField(information, "redis_version");
     constexpr std::int64_t minVersion = 4;
-    if (parseInteger(version).value < minVersion) {
+    if (parseInt64(version).value < minVersion) {
         report.fail(subject, "Its version is \"" + escaped(version) + "\"; " +
                                  std::to_string(minVersion) + ".0 is the least.");
     }
-    if (infoOf(information, "role") == "slave") {
+    if (infoField(information, "role") == "slave") {
         report.fail(subject, "It is a replica and may refuse writes: use the primary server.");
     }
     report.conclude(subject, "version " + escaped(version));
@@ -200,13 +200,13 @@ void checkStoredSettings(Report& report, redisContext* connection) {
         report.warn(defaultValuesKey, escaped(answer.text) + ": the built-in values count.");
     }
     const std::string lifetime = fieldOf(settings, messageLifetimeField);
-    if (!lifetime.empty() && parseInteger(lifetime).value <= 0) {
+    if (!lifetime.empty() && parseInt64(lifetime).value <= 0) {
         report.warn(defaultValuesKey, std::string(messageLifetimeField) +
                                           " is no positive number: messages live for one second.");
     }
     const std::string maxId = fieldOf(settings, maxEventGroupField);
     if (!maxId.empty() &&
-        (maxId.find('.') != std::string::npos || parseNumber(maxId).value.value_or(0) <= 0)) {
+        (maxId.find('.') != std::string::npos || parseInt32(maxId).value.value_or(0) <= 0)) {
         report.warn(defaultValuesKey, std::string(maxEventGroupField) +
                                           " is no positive number: the built-in value counts.");
     }
@@ -214,10 +214,10 @@ void checkStoredSettings(Report& report, redisContext* connection) {
 }
 
 void checkScripts(Report& report, redisContext* connection) {
-    if (configured(eventSetting) != "false") {
+    if (readSetting(eventSetting) != "false") {
         checkScript(report, connection, eventScript);
     }
-    const std::string collection = configured(auditSetting);
+    const std::string collection = readSetting(auditSetting);
     if (collection.empty()) {
         return;
     }
@@ -239,13 +239,13 @@ void checkDaemon(Report& report, redisContext* connection) {
         ask(connection, {"PUBSUB", "NUMSUB", createChannel, deleteChannel, patchChannel});
     const std::array<const char*, 3> tasks{"logins", "deletions", "changes"};
     for (std::size_t i = 0; i < tasks.size(); ++i) {
-        const long long listeners =
+        const long long subscribers =
             counts.elements.size() == 2 * tasks.size() ? counts.elements[2 * i + 1].integer : 0;
-        if (listeners == 0) {
+        if (subscribers == 0) {
             report.fail(subject, std::string("Nobody listens for ") + tasks[i] +
                                      ": start the daemon again.");
-        } else if (listeners > 1) {
-            report.warn(subject, std::to_string(listeners) + " listen for " + tasks[i] +
+        } else if (subscribers > 1) {
+            report.warn(subject, std::to_string(subscribers) + " listen for " + tasks[i] +
                                      ": is the daemon running more than once?");
         }
     }

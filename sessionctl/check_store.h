@@ -1,6 +1,6 @@
-// Whether the store holds what the daemon needs, and whether the daemon serves. Each check
-// adds one finding for everything that is wrong, or one that says that nothing is.
-// All throw Problem when the store stops answering.
+// Checks of the store and of the running daemon. Each adds a finding for everything that is wrong,
+// or one that says that all is well.
+// All throw CommandError when the store stops answering.
 #pragma once
 
 #include "sessionctl/report.h"
@@ -9,19 +9,19 @@ struct redisContext;
 
 namespace session_service::console {
 
-// The server's version, and that it takes writes.
+// The version of the server, and whether it accepts writes.
 void checkServer(Report& report, redisContext* connection);
 
-// The service resource, the collection and its members, and the places that are left.
+// The service resource, and the collection with its members and their limit.
 void checkResources(Report& report, redisContext* connection);
 
-// The settings that lie in the store.
+// The settings that are in the store.
 void checkStoredSettings(Report& report, redisContext* connection);
 
-// The scripts of the event and log services, as far as the configuration asks for them.
+// The scripts of the event and log services that the configuration asks for.
 void checkScripts(Report& report, redisContext* connection);
 
-// The queues that name the channels, and the daemon at their ends.
+// The queues that name the request channels, and their subscriber, the daemon.
 void checkDaemon(Report& report, redisContext* connection);
 
 }  // namespace session_service::console

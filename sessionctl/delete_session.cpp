@@ -7,9 +7,9 @@
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
 #include "sessionctl/commands.h"
-#include "sessionctl/interruption.h"
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
+#include "sessionctl/signal_catcher.h"
 #include "sessionctl/store_access.h"
 #include "sessions/identifiers.h"
 #include "sessions/records.h"
@@ -22,23 +22,23 @@ using nlohmann::json;
 using Kind = store::Answer::Kind;
 using Clock = std::chrono::steady_clock;
 
-// Of this request alone. The reply's key is the return channel's name as well.
-struct Keys {
+// No other request has these keys. That of the reply is also the name of the return channel.
+struct RequestKeys {
     std::string request;
     std::string reply;
 };
 
-Keys generateKeys() {
+RequestKeys generateKeys() {
     constexpr unsigned bytes = 16;
     const std::string prefix = "&&/sessionctl/" + generateRandomHex(bytes);
     return {prefix + "/request", prefix + "/reply"};
 }
 
-// Takes the request back, and clears the reply away unless the daemon may still write it; that
-// ends by itself. False when the store did not answer.
-bool clearAway(redisContext* connection, const Keys& keys, bool replyMayCome) {
+// Withdraws the request, and removes the reply unless the daemon may still be writing it: in that
+// case it expires. False when the store did not answer.
+bool cleanUp(redisContext* connection, const RequestKeys& keys, bool replyPending) {
     return store::send(connection, {"DEL", keys.request}) &&
-           (replyMayCome || store::send(connection, {"DEL", keys.reply}));
+           (replyPending || store::send(connection, {"DEL", keys.reply}));
 }
 
 struct DaemonReply {
@@ -46,43 +46,44 @@ struct DaemonReply {
     std::vector<std::string> messages;  // oldest first
 };
 
-[[noreturn]] void throwUncertain() {
-    throw Problem(storeUnreachable,
-                  "The store has stopped answering. The deletion may still be carried out.");
+[[noreturn]] void failUncertain() {
+    throw CommandError(exit_status::storeUnavailable,
+                       "The store has stopped answering. The deletion may still be carried out.");
 }
 
-void requireTaken(const store::Answer& answer) {
+void requireAccepted(const store::Answer& answer) {
     if (answer.kind == Kind::refused) {
-        throw Problem(failed, "The store does not take the request: " + escaped(answer.text));
+        throw CommandError(exit_status::failure,
+                           "The store does not take the request: " + escaped(answer.text));
     }
 }
 
-// Stores the request and publishes its notice in one step: nothing stays for ever, whenever this
-// process or the store ends, for the entries end by themselves, and the daemon adds to the reply
-// without giving it a longer life. Returns how many listened.
-long long publishRequest(redisContext* connection, const Keys& keys, const std::string& id,
+// Stores the request and publishes its notice in one transaction, so that nothing is left for good
+// whenever this process or the store ends: both keys expire, and the daemon's reply does not change
+// that. Returns the number of subscribers that got the notice.
+long long publishRequest(redisContext* connection, const RequestKeys& keys, const std::string& id,
                          std::chrono::seconds timeout) {
     const std::string lifetime = std::to_string(timeout.count() + 60);
     const std::string notice = keys.request + ' ' + keys.reply;
-    requireTaken(ask(connection, {"MULTI"}));
-    requireTaken(
+    requireAccepted(ask(connection, {"MULTI"}));
+    requireAccepted(
         ask(connection, {"HSET", keys.request, requestMethodField, "DELETE", targetUriField,
                          sessionUriOf(id), returnChannelField, keys.reply}));
-    requireTaken(ask(connection, {"EXPIRE", keys.request, lifetime}));
-    requireTaken(ask(connection, {"HSET", keys.reply, "&&RequestKey", keys.request}));
-    requireTaken(ask(connection, {"EXPIRE", keys.reply, lifetime}));
-    requireTaken(ask(connection, {"PUBLISH", deleteChannel, notice}));
+    requireAccepted(ask(connection, {"EXPIRE", keys.request, lifetime}));
+    requireAccepted(ask(connection, {"HSET", keys.reply, "&&RequestKey", keys.request}));
+    requireAccepted(ask(connection, {"EXPIRE", keys.reply, lifetime}));
+    requireAccepted(ask(connection, {"PUBLISH", deleteChannel, notice}));
     const store::Answer outcome = store::ask(connection, {"EXEC"});
     if (outcome.kind == Kind::lost) {
-        throwUncertain();
+        failUncertain();
     }
-    requireTaken(outcome);
+    requireAccepted(outcome);
     return outcome.elements.empty() ? 0 : outcome.elements.back().integer;
 }
 
-// Waits for the word that the reply is there. False when it did not come in time, or
-// before a signal.
-bool waitForReply(const Interruption& interruption, redisContext* subscription,
+// Waits until the daemon publishes the reply. False when it does not in time, or when a signal
+// came.
+bool waitForReply(const SignalCatcher& signals, redisContext* subscription,
                   const std::string& replyKey, std::chrono::seconds timeout) {
     const Clock::time_point end = Clock::now() + timeout;
     for (;;) {
@@ -92,21 +93,21 @@ bool waitForReply(const Interruption& interruption, redisContext* subscription,
         const timespec limit{.tv_sec = static_cast<time_t>(seconds.count()),
                              .tv_nsec = static_cast<long>(rest.count())};
         if (left <= Clock::duration::zero() ||
-            interruption.wait(store::descriptorOf(subscription), POLLIN, &limit) == 0) {
+            signals.wait(store::descriptorOf(subscription), POLLIN, &limit) == 0) {
             return false;
         }
-        const auto published = store::readNotice(subscription);
-        if (!published) {
-            throwUncertain();
+        const auto notice = store::readNotice(subscription);
+        if (!notice) {
+            failUncertain();
         }
-        if (published->text == replyKey) {
+        if (notice->text == replyKey) {
             return true;
         }
     }
 }
 
 // Reads the reply and removes its messages.
-DaemonReply takeReply(redisContext* connection, const std::string& replyKey) {
+DaemonReply consumeReply(redisContext* connection, const std::string& replyKey) {
     const Fields fields = store::fieldsOf(ask(connection, {"HGETALL", replyKey}));
     DaemonReply reply{.status = fieldOf(fields, returnStatusField), .messages = {}};
     const std::string list = fieldOf(fields, extendedInfoField);
@@ -122,40 +123,40 @@ DaemonReply takeReply(redisContext* connection, const std::string& replyKey) {
 
 DaemonReply requestDeletion(const Options& options, redisContext* connection,
                             const std::string& id) {
-    const Keys keys = generateKeys();
+    const RequestKeys keys = generateKeys();
     const OpenStore subscription = openStore(options.timeout);
     if (!store::subscribe(subscription.connection.get(), keys.reply)) {
-        throw Problem(storeUnreachable, "The store has stopped answering.");
+        throw CommandError(exit_status::storeUnavailable, "The store has stopped answering.");
     }
     int signal = 0;
     {
-        const Interruption interruption;
+        const SignalCatcher signals;
         if (publishRequest(connection, keys, id, options.timeout) == 0) {
-            clearAway(connection, keys, false);
-            throw Problem(failed,
-                          "Nobody listens for deletions: the daemon is not running, or no longer "
-                          "serves. Start it again.");
+            cleanUp(connection, keys, false);
+            throw CommandError(
+                exit_status::failure,
+                "Nobody listens for deletions: the daemon is not running, or no longer "
+                "serves. Start it again.");
         }
-        if (waitForReply(interruption, subscription.connection.get(), keys.reply,
-                         options.timeout)) {
-            DaemonReply reply = takeReply(connection, keys.reply);
-            clearAway(connection, keys, false);
+        if (waitForReply(signals, subscription.connection.get(), keys.reply, options.timeout)) {
+            DaemonReply reply = consumeReply(connection, keys.reply);
+            cleanUp(connection, keys, false);
             return reply;
         }
-        if (!clearAway(connection, keys, true)) {
-            throwUncertain();
+        if (!cleanUp(connection, keys, true)) {
+            failUncertain();
         }
-        signal = Interruption::caught();
+        signal = SignalCatcher::caught();
     }
     const std::string takenBack = "The deletion was taken back, unless it is being carried out.";
     if (signal != 0) {
         std::fprintf(stderr, "sessionctl: %s\n", takenBack.c_str());
         raise(signal);
     }
-    throw Problem(failed, "The daemon has not answered. " + takenBack);
+    throw CommandError(exit_status::failure, "The daemon has not answered. " + takenBack);
 }
 
-const char* meaningOf(const std::string& message) {
+const char* explainMessage(const std::string& message) {
     if (message == message_id::serviceDisabled) {
         return "the service is switched off; switch it on to delete sessions";
     }
@@ -172,10 +173,10 @@ const char* meaningOf(const std::string& message) {
     return "";
 }
 
-std::string explain(const DaemonReply& reply) {
+std::string describe(const DaemonReply& reply) {
     std::string text = reply.status.empty() ? "no status" : escaped(reply.status);
     for (const std::string& message : reply.messages) {
-        const std::string meaning = meaningOf(message);
+        const std::string meaning = explainMessage(message);
         text += ", " + escaped(message) + (meaning.empty() ? "" : " (" + meaning + ")");
     }
     return text;
@@ -187,29 +188,29 @@ int runDelete(const Options& options, const std::string& id) {
     const OpenStore opened = openStore(options.timeout);
     redisContext* connection = opened.connection.get();
     const SessionView view = readSession(connection, id);
-    if (!view.recorded) {
-        // What the list names can be taken out of it, even when nothing else is left.
+    if (!view.hasResource) {
+        // A member of the list can be removed from it, even if nothing else is left.
         const std::vector<std::string> members = readMembers(connection);
-        if (std::find(members.begin(), members.end(), memberOf(id)) == members.end()) {
-            throw Problem(failed, "There is no session " + escaped(id) + ".");
+        if (std::find(members.begin(), members.end(), memberFor(id)) == members.end()) {
+            throw CommandError(exit_status::failure, "There is no session " + escaped(id) + ".");
         }
     }
     const DaemonReply reply = requestDeletion(options, connection, id);
-    const bool deleted = reply.status == status::okEmpty;
+    const bool deleted = reply.status == reply_status::okEmpty;
     bool printed = true;
     if (options.json) {
-        printed = print(jsonText({{"id", id},
-                                  {"user", view.user},
-                                  {"deleted", deleted},
-                                  {"status", reply.status},
-                                  {"messages", reply.messages}}));
+        printed = print(formatJson({{"id", id},
+                                    {"user", view.user},
+                                    {"deleted", deleted},
+                                    {"status", reply.status},
+                                    {"messages", reply.messages}}));
     } else if (deleted) {
         printed = print("Session " + escaped(id) +
                         (view.user.empty() ? "" : " of " + escaped(view.user)) + " is deleted.\n");
     } else {
-        throw Problem(failed, "The daemon answers: " + explain(reply) + ".");
+        throw CommandError(exit_status::failure, "The daemon answers: " + describe(reply) + ".");
     }
-    return deleted && printed ? done : failed;
+    return deleted && printed ? exit_status::success : exit_status::failure;
 }
 
 }  // namespace session_service::console

@@ -28,7 +28,7 @@ constexpr std::array<NamedPrivilege, 5> privileges{{
     {16, "ConfigureComponents"},
 }};
 
-std::vector<std::string> namesOf(std::int32_t value) {
+std::vector<std::string> privilegeNames(std::int32_t value) {
     std::vector<std::string> names;
     for (const NamedPrivilege& privilege : privileges) {
         if ((value & privilege.mask) != 0) {
@@ -38,7 +38,7 @@ std::vector<std::string> namesOf(std::int32_t value) {
     return names;
 }
 
-std::string roleOf(std::int32_t value, PrivilegeSource source) {
+std::string roleName(std::int32_t value, PrivilegeSource source) {
     if (source == PrivilegeSource::none || source == PrivilegeSource::privilegesVariable) {
         return {};
     }
@@ -48,7 +48,7 @@ std::string roleOf(std::int32_t value, PrivilegeSource source) {
     return value == rolePrivileges.operatorRole ? "operator" : "user";
 }
 
-std::string sourceText(PrivilegeSource source) {
+std::string describeSource(PrivilegeSource source) {
     switch (source) {
         case PrivilegeSource::groupVariable:
             return "PAM variable " + groupSettings.attribute;
@@ -64,8 +64,8 @@ std::string sourceText(PrivilegeSource source) {
     return {};
 }
 
-// What the attempt came to.
-struct Verdict {
+// What a login through the daemon would come to.
+struct LoginOutcome {
     bool admitted = false;
     bool mustChangePassword = false;
     std::string reason;  // of a refusal
@@ -74,55 +74,55 @@ struct Verdict {
     std::string source;
 };
 
-Verdict judge(const LoginResult& login) {
-    Verdict verdict;
+LoginOutcome evaluate(const LoginResult& login) {
+    LoginOutcome outcome;
     if (login.decision == LoginDecision::refused) {
-        verdict.reason = login.refusedBy + ": " + login.reason;
-        return verdict;
+        outcome.reason = login.refusedBy + ": " + login.reason;
+        return outcome;
     }
-    verdict.mustChangePassword = login.decision == LoginDecision::mustChangePassword;
-    verdict.source = sourceText(login.source);
+    outcome.mustChangePassword = login.decision == LoginDecision::mustChangePassword;
+    outcome.source = describeSource(login.source);
     if (!login.privilege.empty()) {
-        verdict.privilege = parseUserPrivilege(login.privilege);
-        verdict.role = roleOf(verdict.privilege, login.source);
+        outcome.privilege = parseUserPrivilege(login.privilege);
+        outcome.role = roleName(outcome.privilege, login.source);
     }
-    verdict.admitted = hasRequiredPrivilege(verdict.privilege, {loginPrivilege.mask});
-    if (!verdict.admitted) {
-        verdict.reason = std::string("PAM admits the user, but nothing gives the privilege ") +
+    outcome.admitted = hasRequiredPrivilege(outcome.privilege, {loginPrivilege.mask});
+    if (!outcome.admitted) {
+        outcome.reason = std::string("PAM admits the user, but nothing gives the privilege ") +
                          loginPrivilege.name;
     }
-    return verdict;
+    return outcome;
 }
 
-bool report(const Options& options, const std::string& user, const Verdict& verdict) {
-    const std::vector<std::string> names = namesOf(verdict.privilege);
+bool printOutcome(const Options& options, const std::string& user, const LoginOutcome& outcome) {
+    const std::vector<std::string> names = privilegeNames(outcome.privilege);
     if (options.json) {
-        return print(jsonText({{"user", user},
-                               {"admitted", verdict.admitted},
-                               {"mustChangePassword", verdict.mustChangePassword},
-                               {"reason", verdict.reason},
-                               {"privilege", verdict.privilege},
-                               {"privileges", names},
-                               {"role", verdict.role},
-                               {"source", verdict.source}}));
+        return print(formatJson({{"user", user},
+                                 {"admitted", outcome.admitted},
+                                 {"mustChangePassword", outcome.mustChangePassword},
+                                 {"reason", outcome.reason},
+                                 {"privilege", outcome.privilege},
+                                 {"privileges", names},
+                                 {"role", outcome.role},
+                                 {"source", outcome.source}}));
     }
-    std::string privilege = std::to_string(verdict.privilege);
+    std::string privilege = std::to_string(outcome.privilege);
     for (const std::string& name : names) {
         privilege += ' ' + name;
     }
-    std::vector<Row> rows{{"user", user}, {"login", verdict.admitted ? "admitted" : "refused"}};
-    if (!verdict.reason.empty()) {
-        rows.push_back({"reason", verdict.reason});
+    std::vector<Row> rows{{"user", user}, {"login", outcome.admitted ? "admitted" : "refused"}};
+    if (!outcome.reason.empty()) {
+        rows.push_back({"reason", outcome.reason});
     }
-    if (verdict.mustChangePassword) {
+    if (outcome.mustChangePassword) {
         rows.push_back({"password", "must be changed: nothing else will be allowed"});
     }
-    if (!verdict.source.empty()) {
+    if (!outcome.source.empty()) {
         rows.push_back({"privilege", privilege});
-        rows.push_back({"role", verdict.role.empty() ? "none" : verdict.role});
-        rows.push_back({"source", verdict.source});
+        rows.push_back({"role", outcome.role.empty() ? "none" : outcome.role});
+        rows.push_back({"source", outcome.source});
     }
-    return print(tableText(rows));
+    return print(formatTable(rows));
 }
 
 }  // namespace
@@ -137,13 +137,15 @@ int runLogin(const Options& options, const std::string& user) {
     saveProcessState();
     LoginResult login;
     {
-        // What modules tell the user belongs to no document, and nobody answers the daemon's.
+        // Messages of modules must not mix with the result, and nobody answers their questions in
+        // the daemon either.
         const Redirection messages(STDOUT_FILENO, STDERR_FILENO);
-        const Redirection answers(STDIN_FILENO, openNowhere().get());
+        const Redirection answers(STDIN_FILENO, openNullDevice().get());
         login = authenticateUser(user, password.text, "");
     }
-    const Verdict verdict = judge(login);
-    return report(options, user, verdict) && verdict.admitted ? done : failed;
+    const LoginOutcome outcome = evaluate(login);
+    return printOutcome(options, user, outcome) && outcome.admitted ? exit_status::success
+                                                                    : exit_status::failure;
 }
 
 }  // namespace session_service::console

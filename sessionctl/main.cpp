@@ -1,4 +1,4 @@
-// sessionctl: the session service for the person at the board's console.
+// sessionctl: inspecting and repairing the session service from the console of the board.
 #include <getopt.h>
 #include <signal.h>
 
@@ -20,21 +20,21 @@ namespace {
 constexpr const char* usage =
     "usage: sessionctl [--json] [--timeout SECONDS] COMMAND\n"
     "\n"
-    "  list         the sessions: who, from where, idle for and expiring in how long\n"
-    "  show ID      all of one session, but for its token\n"
+    "  list         list the sessions: user, client, idle time, time until expiry\n"
+    "  show ID      show everything about a session except its token\n"
     "  delete ID    log a session out, through the daemon\n"
-    "  login USER   ask for the password and try it, without making a session\n"
-    "  watch        the sessions as they come and go, until interrupted\n"
-    "  check        is everything as the daemon needs it?\n"
+    "  login USER   ask for the password and try it, without creating a session\n"
+    "  watch        show sessions as they come and go, until interrupted\n"
+    "  check        check that the daemon has everything that it needs\n"
     "\n"
-    "  --json             one JSON document; for watch, one a line\n"
+    "  --json             print one JSON document; watch prints one on each line\n"
     "  --timeout SECONDS  how long to wait for the store and for the daemon (10)\n"
     "  --help, --version\n"
     "\n"
     "Exit status: 0 done, 1 failed, 2 wrong usage, 3 the store cannot be used (check: 1).\n";
 
-[[noreturn]] void misused(const std::string& sentence) {
-    throw Problem(wrongUsage, sentence + " See \"sessionctl --help\".");
+[[noreturn]] void failUsage(const std::string& sentence) {
+    throw CommandError(exit_status::usageError, sentence + " See \"sessionctl --help\".");
 }
 
 std::chrono::seconds parseTimeout(std::string_view text) {
@@ -43,24 +43,24 @@ std::chrono::seconds parseTimeout(std::string_view text) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     if (error != std::errc() || end != text.data() + text.size() || seconds < 1 ||
         seconds > maxSeconds) {
-        misused("--timeout takes a number from 1 to " + std::to_string(maxSeconds) + ".");
+        failUsage("--timeout takes a number from 1 to " + std::to_string(maxSeconds) + ".");
     }
     return std::chrono::seconds(seconds);
 }
 
-// The identifier, which may be given as the session's URI. The daemon takes what follows the
-// last slash: an identifier with one would name another session.
+// The identifier, which may be given as the session's URI. The daemon takes what follows the last
+// slash, so an identifier with a slash would name another session.
 std::string parseIdentifier(std::string text) {
     if (text.starts_with(sessionUriPrefix)) {
         text.erase(0, sessionUriPrefix.size());
     }
     if (text.empty() || text.find('/') != std::string::npos) {
-        misused("\"" + escaped(text) + "\" is no session identifier.");
+        failUsage("\"" + escaped(text) + "\" is no session identifier.");
     }
     return text;
 }
 
-int runPlain(const Options& options, const std::string& command) {
+int runWithoutArgument(const Options& options, const std::string& command) {
     if (command == "list") {
         return runList(options);
     }
@@ -71,15 +71,16 @@ int runPlain(const Options& options, const std::string& command) {
         return runCheck(options);
     }
     if (command == "show" || command == "delete") {
-        misused("\"" + command + "\" takes the identifier of a session.");
+        failUsage("\"" + command + "\" takes the identifier of a session.");
     }
     if (command == "login") {
-        misused("\"" + command + "\" takes the name of a user.");
+        failUsage("\"" + command + "\" takes the name of a user.");
     }
-    misused("\"" + escaped(command) + "\" is no command.");
+    failUsage("\"" + escaped(command) + "\" is no command.");
 }
 
-int runWith(const Options& options, const std::string& command, const std::string& argument) {
+int runWithArgument(const Options& options, const std::string& command,
+                    const std::string& argument) {
     if (command == "show") {
         return runShow(options, parseIdentifier(argument));
     }
@@ -89,21 +90,21 @@ int runWith(const Options& options, const std::string& command, const std::strin
     if (command == "login") {
         return runLogin(options, argument);
     }
-    misused("\"" + escaped(command) + "\" is no command that takes an argument.");
+    failUsage("\"" + escaped(command) + "\" is no command that takes an argument.");
 }
 
 int run(int argumentCount, char** arguments, Options& options) {
-    // Beyond the letters, of which none is an option.
+    // Beyond all characters: there are no short options.
     enum { json = 256, timeout, help, version };
-    const std::array<option, 5> known{{{"json", no_argument, nullptr, json},
-                                       {"timeout", required_argument, nullptr, timeout},
-                                       {"help", no_argument, nullptr, help},
-                                       {"version", no_argument, nullptr, version},
-                                       {}}};
+    const std::array<option, 5> knownOptions{{{"json", no_argument, nullptr, json},
+                                              {"timeout", required_argument, nullptr, timeout},
+                                              {"help", no_argument, nullptr, help},
+                                              {"version", no_argument, nullptr, version},
+                                              {}}};
     opterr = 0;
-    for (int given = 0;
-         (given = getopt_long(argumentCount, arguments, "", known.data(), nullptr)) != -1;) {
-        switch (given) {
+    for (int found = 0;
+         (found = getopt_long(argumentCount, arguments, "", knownOptions.data(), nullptr)) != -1;) {
+        switch (found) {
             case json:
                 options.json = true;
                 break;
@@ -111,35 +112,36 @@ int run(int argumentCount, char** arguments, Options& options) {
                 options.timeout = parseTimeout(optarg);
                 break;
             case help:
-                return print(usage) ? done : failed;
+                return print(usage) ? exit_status::success : exit_status::failure;
             case version:
-                return print("sessionctl " SESSIONCTL_VERSION "\n") ? done : failed;
+                return print("sessionctl " SESSIONCTL_VERSION "\n") ? exit_status::success
+                                                                    : exit_status::failure;
             default: {
-                const bool isLetter = optopt != 0 && optopt < json;
-                const std::string refused = isLetter ? std::string{'-', static_cast<char>(optopt)}
-                                                     : std::string(arguments[optind - 1]);
-                misused("\"" + escaped(refused) + "\" is no option, or lacks its value.");
+                const bool isShort = optopt != 0 && optopt < json;
+                const std::string name = isShort ? std::string{'-', static_cast<char>(optopt)}
+                                                 : std::string(arguments[optind - 1]);
+                failUsage("\"" + escaped(name) + "\" is no option, or lacks its value.");
             }
         }
     }
     switch (argumentCount - optind) {
         case 0:
-            misused("A command is missing.");
+            failUsage("A command is missing.");
         case 1:
-            return runPlain(options, arguments[optind]);
+            return runWithoutArgument(options, arguments[optind]);
         case 2:
-            return runWith(options, arguments[optind], arguments[optind + 1]);
+            return runWithArgument(options, arguments[optind], arguments[optind + 1]);
         default:
-            misused("There are too many arguments.");
+            failUsage("There are too many arguments.");
     }
 }
 
-// A failure, for the person or for the program.
-int report(const Options& options, int status, const std::string& sentence) {
-    if (!options.json || status == wrongUsage) {
+// Tells a person, or the program that reads the JSON, why the command failed.
+int reportError(const Options& options, int status, const std::string& sentence) {
+    if (!options.json || status == exit_status::usageError) {
         std::fprintf(stderr, "sessionctl: %s\n", sentence.c_str());
-    } else if (!print(jsonText({{"error", sentence}}, -1))) {
-        return failed;
+    } else if (!print(formatJson({{"error", sentence}}, -1))) {
+        return exit_status::failure;
     }
     return status;
 }
@@ -151,7 +153,7 @@ int main(int argumentCount, char** arguments) {
     using namespace session_service;
     using namespace session_service::console;
 
-    // hiredis sends without MSG_NOSIGNAL, and a reader of the output may go.
+    // hiredis sends without MSG_NOSIGNAL, and whoever reads the output may stop doing so.
     signal(SIGPIPE, SIG_IGN);
     openStandardStreams();
     // What the daemon would log goes to standard error.
@@ -160,9 +162,9 @@ int main(int argumentCount, char** arguments) {
     Options options;
     try {
         return run(argumentCount, arguments, options);
-    } catch (const Problem& problem) {
-        return report(options, problem.status, problem.what());
+    } catch (const CommandError& error) {
+        return reportError(options, error.status, error.what());
     } catch (const std::exception& failure) {
-        return report(options, failed, failure.what());
+        return reportError(options, exit_status::failure, failure.what());
     }
 }

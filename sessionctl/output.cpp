@@ -27,7 +27,7 @@ std::string escaped(std::string_view text) {
     return shown;
 }
 
-std::string durationText(long long seconds) {
+std::string formatDuration(long long seconds) {
     constexpr long long minute = 60;
     constexpr long long hour = 60 * minute;
     constexpr long long day = 24 * hour;
@@ -49,7 +49,7 @@ std::string durationText(long long seconds) {
     return text.data();
 }
 
-std::string tableText(const std::vector<Row>& rows) {
+std::string formatTable(const std::vector<Row>& rows) {
     std::vector<Row> shown;
     std::vector<std::size_t> widths;
     for (const Row& row : rows) {
@@ -77,7 +77,7 @@ std::string tableText(const std::vector<Row>& rows) {
     return text;
 }
 
-std::string jsonText(const nlohmann::json& document, int indentation) {
+std::string formatJson(const nlohmann::json& document, int indentation) {
     return document.dump(indentation, ' ', true, nlohmann::json::error_handler_t::replace) + '\n';
 }
 

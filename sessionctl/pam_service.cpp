@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::array<const char*, 2> serviceFolders{"/etc/pam.d/", "/usr/lib/pam.d/"};
 
-// The next word; one in square brackets may hold blanks.
+// Removes the next word from the text and returns it; in square brackets it may hold blanks.
 std::string takeWord(std::string& text) {
     constexpr const char* blanks = " \t";
     text.erase(0, text.find_first_not_of(blanks));
@@ -32,7 +32,7 @@ std::string takeWord(std::string& text) {
     return word;
 }
 
-std::string lowerCase(std::string text) {
+std::string toLower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     return text;
@@ -41,14 +41,14 @@ std::string lowerCase(std::string text) {
 std::optional<PamRule> parseRule(std::string line) {
     line.erase(std::min(line.find('#'), line.size()));
     PamRule rule;
-    rule.type = lowerCase(takeWord(line));
+    rule.type = toLower(takeWord(line));
     if (rule.type == "@include") {
         rule.type.clear();
         rule.control = "include";
     } else {
         rule.optional = rule.type.starts_with('-');
         rule.type.erase(0, rule.optional ? 1 : 0);
-        rule.control = lowerCase(takeWord(line));
+        rule.control = toLower(takeWord(line));
     }
     rule.module = takeWord(line);
     if (rule.module.empty()) {
@@ -72,7 +72,7 @@ std::optional<std::vector<std::string>> readService(const std::string& service) 
     return std::nullopt;
 }
 
-// Where the library looks for modules whose path is not given: beside itself.
+// The folder in which the library looks for modules without a path: one beside itself.
 std::string findModuleFolder() {
     Dl_info library{};
     if (dladdr(reinterpret_cast<void*>(&pam_strerror), &library) == 0) {
@@ -87,15 +87,15 @@ class ServiceCheck {
     ServiceCheck(Report& findings, const std::string& service)
         : report(findings), subject("PAM service " + service) {}
 
-    // `type` is empty for all rules.
-    void follow(const std::string& service, const std::string& type) {
+    // Only rules of the type, if it is not empty.
+    void checkFile(const std::string& service, const std::string& type) {
         if (!visited.insert({service, type}).second) {
             return;
         }
         const auto lines = readService(service);
         if (!lines) {
             report.fail(subject, escaped(service) + " is not there, or cannot be read.");
-            complete = false;
+            allFilesRead = false;
             return;
         }
         for (const PamRule& rule : parsePamRules(*lines)) {
@@ -103,7 +103,7 @@ class ServiceCheck {
                 continue;
             }
             if (rule.control == "include" || rule.control == "substack") {
-                follow(rule.module, rule.type.empty() ? type : rule.type);
+                checkFile(rule.module, rule.type.empty() ? type : rule.type);
             } else {
                 types.insert(rule.type);
                 checkModule(rule);
@@ -113,11 +113,11 @@ class ServiceCheck {
 
     void conclude() {
         for (const char* type : {"auth", "account"}) {
-            if (!complete || types.contains(type)) {
+            if (!allFilesRead || types.contains(type)) {
                 continue;
             }
             const std::string found = std::string("It has no rule of type ") + type;
-            if (othersHave(type)) {
+            if (isInFallback(type)) {
                 report.warn(subject, found + ": those of the service other count.");
             } else {
                 report.fail(subject, found + ": nobody can log in.");
@@ -127,17 +127,17 @@ class ServiceCheck {
     }
 
   private:
-    // Where a service has no rule of a type, libpam takes those of the service for all others.
-    static bool othersHave(const char* type) {
+    // Where a service has no rule of a type, libpam takes those of the service "other".
+    static bool isInFallback(const char* type) {
         Report unused;
         ServiceCheck others(unused, "other");
-        others.follow("other", type);
+        others.checkFile("other", type);
         return others.types.contains(type);
     }
     void checkModule(const PamRule& rule) {
         const std::string path =
             rule.module.starts_with('/') ? rule.module : moduleFolder + rule.module;
-        // The library puts its own name for the processor in the place of $ISA.
+        // The library replaces $ISA by its own name for the processor.
         if (rule.optional || path.find("$ISA") != std::string::npos ||
             access(path.c_str(), R_OK) == 0) {
             return;
@@ -152,7 +152,7 @@ class ServiceCheck {
     std::string moduleFolder = findModuleFolder();
     std::set<std::pair<std::string, std::string>> visited;
     std::set<std::string> types;
-    bool complete = true;  // all files could be read
+    bool allFilesRead = true;
 };
 
 }  // namespace
@@ -178,7 +178,7 @@ std::vector<PamRule> parsePamRules(const std::vector<std::string>& lines) {
 
 void checkPamService(Report& report, const std::string& service) {
     ServiceCheck check(report, service);
-    check.follow(service, "");
+    check.checkFile(service, "");
     check.conclude();
 }
 

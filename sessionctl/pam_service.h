@@ -10,19 +10,19 @@ namespace session_service::console {
 
 // A rule of a service's file.
 struct PamRule {
-    std::string type;       // "auth" and so on; empty for an @include, which counts for all types
-    std::string control;    // "required", "include", "[...]" and so on
-    std::string module;     // or the file that is included
-    bool optional = false;  // nobody minds when the module is not there
+    std::string type;       // such as "auth"; empty for an @include, which is for all types
+    std::string control;    // such as "required", "include" or "[...]"
+    std::string module;     // or the included file
+    bool optional = false;  // the module may be missing
 
     bool operator==(const PamRule&) const = default;
 };
 
-// The rules in these lines; comments and what is no rule are left out.
+// The rules in these lines; comments and lines that are no rules are skipped.
 std::vector<PamRule> parsePamRules(const std::vector<std::string>& lines);
 
-// Checks that the service of this name is there, has rules for passwords and accounts, and
-// that every module that it names, by other files too, exists.
+// Checks that the service exists, has rules for passwords and accounts, and that every module
+// exists that it or a file that it includes names.
 void checkPamService(Report& report, const std::string& service);
 
 }  // namespace session_service::console

@@ -5,33 +5,33 @@
 
 #include <cstdio>
 
-#include "sessionctl/interruption.h"
 #include "sessionctl/output.h"
+#include "sessionctl/signal_catcher.h"
 #include "sessions/create_session.h"
 
 namespace session_service::console {
 namespace {
 
-// As long as it lives, the terminal shows nothing of what is typed but the line feed.
-class SilentTerminal {
+// While an instance exists, the terminal echoes nothing but the line feed.
+class EchoOff {
   public:
-    explicit SilentTerminal(int terminal) : descriptor(terminal) {
+    explicit EchoOff(int terminal) : descriptor(terminal) {
         if (tcgetattr(descriptor, &settings) == 0) {
-            termios silent = settings;
-            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            silent.c_lflag |= ECHONL;
-            changed = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0;
+            termios withoutEcho = settings;
+            withoutEcho.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            withoutEcho.c_lflag |= ECHONL;
+            changed = tcsetattr(descriptor, TCSAFLUSH, &withoutEcho) == 0;
         }
     }
-    SilentTerminal(const SilentTerminal&) = delete;
-    SilentTerminal& operator=(const SilentTerminal&) = delete;
-    ~SilentTerminal() {
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
+    ~EchoOff() {
         if (changed) {
             tcsetattr(descriptor, TCSAFLUSH, &settings);
         }
     }
 
-    [[nodiscard]] bool isSilent() const noexcept { return changed; }
+    [[nodiscard]] bool isOff() const noexcept { return changed; }
 
   private:
     int descriptor;
@@ -39,11 +39,11 @@ class SilentTerminal {
     bool changed = false;
 };
 
-// Byte by byte: no buffer keeps a copy. False when there is no line, or only one too long.
-bool readLine(const Interruption& interruption, std::string& line) {
+// Reads byte by byte, so that no buffer keeps a copy. False when there is no line, or one too long.
+bool readLine(const SignalCatcher& signals, std::string& line) {
     for (;;) {
         char character = '\0';
-        if (interruption.wait(STDIN_FILENO, POLLIN, nullptr) == 0 ||
+        if (signals.wait(STDIN_FILENO, POLLIN, nullptr) == 0 ||
             read(STDIN_FILENO, &character, 1) != 1) {
             return !line.empty();
         }
@@ -61,30 +61,31 @@ bool readLine(const Interruption& interruption, std::string& line) {
 
 SecretText readPassword(const std::string& prompt) {
     SecretText password;
-    // Growing would leave copies behind.
+    // A string that grows leaves copies behind.
     password.text.reserve(maxPasswordLength);
     bool given = false;
     int signal = 0;
     {
-        const Interruption interruption;
+        const SignalCatcher signals;
         if (isatty(STDIN_FILENO) != 0) {
-            const SilentTerminal terminal(STDIN_FILENO);
-            if (!terminal.isSilent()) {
-                throw Problem(failed, "The terminal's echo cannot be switched off.");
+            const EchoOff terminal(STDIN_FILENO);
+            if (!terminal.isOff()) {
+                throw CommandError(exit_status::failure,
+                                   "The terminal's echo cannot be switched off.");
             }
             std::fputs(prompt.c_str(), stderr);
-            given = readLine(interruption, password.text);
+            given = readLine(signals, password.text);
         } else {
-            given = readLine(interruption, password.text);
+            given = readLine(signals, password.text);
         }
-        signal = Interruption::caught();
+        signal = SignalCatcher::caught();
     }
     if (signal != 0) {
         raise(signal);
     }
     if (!given) {
-        throw Problem(failed, "No password was given, or one of more than " +
-                                  std::to_string(maxPasswordLength) + " bytes.");
+        throw CommandError(exit_status::failure, "No password was given, or one of more than " +
+                                                     std::to_string(maxPasswordLength) + " bytes.");
     }
     return password;
 }

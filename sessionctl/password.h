@@ -7,10 +7,10 @@
 
 namespace session_service::console {
 
-// Reads one line: from the terminal, after the prompt and without an echo, where standard
-// input is one; else from standard input, without a prompt. The line feed is left out.
-// Throws Problem at the end of the input, and when the echo cannot be switched off or the
-// line is longer than what a login may have.
+// Reads one line from standard input, without its line feed. If that is a terminal, prompts and
+// switches the echo off.
+// Throws CommandError at the end of the input, when the echo cannot be switched off, and when the
+// password is too long for a login.
 SecretText readPassword(const std::string& prompt);
 
 }  // namespace session_service::console

@@ -1,4 +1,4 @@
-// Standard streams that lead elsewhere for a while.
+// Standard streams that are redirected for a while.
 #pragma once
 
 #include <fcntl.h>
@@ -10,16 +10,16 @@
 
 namespace session_service::console {
 
-// Where nothing comes from and everything may go.
-inline FileDescriptor openNowhere() {
+inline FileDescriptor openNullDevice() {
     return FileDescriptor(open("/dev/null", O_RDWR | O_CLOEXEC));
 }
 
-// As long as it lives, the standard stream `stream` leads where `target` does, for children too.
+// While an instance exists, the standard stream `stream` leads where `target` does, also for child
+// processes.
 class Redirection {
   public:
     Redirection(int stream, int target)
-        : redirected(stream), kept(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
+        : redirected(stream), saved(fcntl(stream, F_DUPFD_CLOEXEC, 0)) {
         std::fflush(nullptr);
         dup2(target, redirected);
     }
@@ -27,12 +27,12 @@ class Redirection {
     Redirection& operator=(const Redirection&) = delete;
     ~Redirection() {
         std::fflush(nullptr);
-        dup2(kept.get(), redirected);
+        dup2(saved.get(), redirected);
     }
 
   private:
     int redirected;
-    FileDescriptor kept;
+    FileDescriptor saved;
 };
 
 }  // namespace session_service::console

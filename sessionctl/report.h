@@ -1,4 +1,4 @@
-// What a check found.
+// What sessionctl check found.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ enum class Result { ok, warning, failed };
 struct Finding {
     Result result;
     std::string subject;
-    std::string text;  // what is so, and what to do about it
+    std::string text;  // what is the case, and what to do about it
 
     bool operator==(const Finding&) const = default;
 };
@@ -24,7 +24,7 @@ class Report {
     void fail(const std::string& subject, const std::string& text) {
         entries.push_back({Result::failed, subject, text});
     }
-    // Says that all is well, unless something was found about the subject before.
+    // Reports that all is well, unless there is a finding about the subject already.
     void conclude(const std::string& subject, const std::string& text) {
         for (const Finding& finding : entries) {
             if (finding.subject == subject) {

@@ -24,8 +24,8 @@ long long secondsOf(const Fields& fields, const char* name) {
     return parseSeconds(fieldOf(fields, name));
 }
 
-// Reads the token's record. What keeps the daemon from telling when the session was used
-// counts as 0 there, so that the session expires.
+// Reads the token record. As in the daemon, a time that cannot be read counts as 0, so that the
+// session expires.
 void readTokenRecord(redisContext* connection, const std::string& uri, SessionView& view) {
     store::Answer reference =
         ask(connection, {"HGET", tokenReferenceKeyOf(uri), tokenReferenceField});
@@ -56,8 +56,9 @@ void readTokenRecord(redisContext* connection, const std::string& uri, SessionVi
 std::vector<std::string> readMembers(redisContext* connection) {
     const store::Answer answer = ask(connection, {"LRANGE", membersKey, "0", "-1"});
     if (answer.kind == Kind::refused) {
-        throw Problem(failed, "The list of sessions, " + membersKey +
-                                  ", cannot be read: " + escaped(answer.text) + ".");
+        throw CommandError(exit_status::failure, "The list of sessions, " + membersKey +
+                                                     ", cannot be read: " + escaped(answer.text) +
+                                                     ".");
     }
     std::vector<std::string> members;
     for (const store::Answer& element : answer.elements) {
@@ -67,7 +68,7 @@ std::vector<std::string> readMembers(redisContext* connection) {
 }
 
 SessionView readMember(redisContext* connection, const std::string& member) {
-    const std::string prefix = memberOf("");
+    const std::string prefix = memberFor("");
     const std::string id = member.starts_with(prefix) ? member.substr(prefix.size()) : "";
     if (id.empty() || id.find('/') != std::string::npos) {
         return {.id = member, .fault = namesNoSession};
@@ -83,19 +84,19 @@ SessionView readSession(redisContext* connection, const std::string& id) {
         view.fault = answer.kind == Kind::refused ? faultOf(answer, "its key") : noSessionRecord;
         return view;
     }
-    view.recorded = true;
+    view.hasResource = true;
     view.user = plainValue(fieldOf(view.resource, userNameField));
     view.client = plainValue(fieldOf(view.resource, clientAddressField));
-    view.counted = fieldOf(view.resource, sessionTypeField) == redfishSessionType;
+    view.countsTowardLimit = fieldOf(view.resource, sessionTypeField) == redfishSessionType;
     readTokenRecord(connection, uri, view);
-    if (!view.counted) {
+    if (!view.countsTowardLimit) {
         view.expiresIn.reset();
         view.fault = "not of type Redfish: it never expires";
     }
     return view;
 }
 
-std::string memberOf(const std::string& id) {
+std::string memberFor(const std::string& id) {
     return memberPrefix + sessionUriOf(id);
 }
 
@@ -111,7 +112,7 @@ nlohmann::json jsonValue(const std::string& stored) {
             return value;
         }
     }
-    // The daemon stores names with whatever bytes they have, which JSON would not allow.
+    // The daemon stores names with whatever bytes they have, even those that JSON does not allow.
     return stripQuotes(stored);
 }
 

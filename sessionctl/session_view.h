@@ -1,4 +1,4 @@
-// Sessions as they lie in the store, right or wrong, for a person to look at.
+// Sessions as they are in the store, correct or not, for display.
 #pragma once
 
 #include <map>
@@ -18,33 +18,33 @@ struct SessionView {
     std::string user{};
     std::string client{};
     std::optional<long long> idle{};       // seconds since its last use
-    std::optional<long long> expiresIn{};  // seconds; not positive: at the next occasion
-    std::string fault{};                   // empty when nothing is wrong with it
-    bool recorded = false;                 // there is a session resource
-    bool counted = false;                  // it takes one of the places
+    std::optional<long long> expiresIn{};  // seconds; if not positive, the next pass ends it
+    std::string fault{};                   // what is wrong with it; empty if nothing is
+    bool hasResource = false;
+    bool countsTowardLimit = false;
     Fields resource{};
-    Fields tokenRecord{};  // neither it nor anything else here holds the token
+    Fields tokenRecord{};  // does not hold the token itself, nor does anything else here
 };
 
-// The members of the collection as its list has them, newest first.
-// All functions here throw Problem when the store does not answer; this one also when the
-// list is none.
+// The members of the collection, newest first.
+// All functions here throw CommandError when the store does not answer; this one also when the key
+// is no list.
 std::vector<std::string> readMembers(redisContext* connection);
 
-// Faults of a member that can be mended.
+// Faults for which sessionctl check has advice.
 inline constexpr const char* namesNoSession = "names no session";
 inline constexpr const char* noSessionRecord = "no session record";
 
-// The session that a member of the list names, or what is wrong with that member.
+// The session that the member of the list names, or what is wrong with the member.
 SessionView readMember(redisContext* connection, const std::string& member);
 
 SessionView readSession(redisContext* connection, const std::string& id);
 
 // The member of the list that names the session.
-std::string memberOf(const std::string& id);
+std::string memberFor(const std::string& id);
 
-// A stored property as people read it: the text of a JSON string, even of one that is not quite
-// JSON, else the value as it is.
+// A stored property for display: the text of a JSON string, even of one that is not quite JSON;
+// any other value as it is.
 std::string plainValue(const std::string& stored);
 // The same as a JSON value; a structured value stays text.
 nlohmann::json jsonValue(const std::string& stored);

@@ -20,9 +20,9 @@ struct WipeAndFree {
 };
 using InfoPtr = std::unique_ptr<ConnectionInfo, WipeAndFree>;
 
-// The look-up prints what files it misses, some of which need not be there.
-InfoPtr findStore() {
-    const Redirection quiet(STDERR_FILENO, openNowhere().get());
+// The look-up complains of missing files, even of those that may be missing.
+InfoPtr findConnectionInfo() {
+    const Redirection quiet(STDERR_FILENO, openNullDevice().get());
     return InfoPtr(getRedisConnectionInfo());
 }
 
@@ -33,10 +33,10 @@ std::string addressOf(const ConnectionInfo& info) {
 }
 
 [[noreturn]] void fail(const std::string& sentence) {
-    throw Problem(storeUnreachable, sentence);
+    throw CommandError(exit_status::storeUnavailable, sentence);
 }
 
-// A refusal is shown up to `end`.
+// A refusal is shown up to the first character of `end`.
 void requireAnswer(const store::Answer& answer, const std::string& address,
                    const std::string& advice, const char* end = "") {
     if (answer.kind == Kind::lost) {
@@ -51,7 +51,7 @@ void requireAnswer(const store::Answer& answer, const std::string& address,
 }  // namespace
 
 OpenStore openStore(std::chrono::seconds timeout) {
-    const InfoPtr info = findStore();
+    const InfoPtr info = findConnectionInfo();
     if (!info) {
         fail(
             "The store's address cannot be found. Needed: a line \"unixsocket PATH\" in "
@@ -72,7 +72,7 @@ OpenStore openStore(std::chrono::seconds timeout) {
     if (info->password[0] != '\0') {
         requireAnswer(store::ask(connection, {"AUTH", info->password}), opened.address,
                       "Does redis.requirepass hold the server's password, without a line feed?",
-                      // A server that does not know the command says what it was given.
+                      // A server without the command repeats its argument, the password.
                       ",");
     }
     const store::Answer pong = store::ask(connection, {"PING"});

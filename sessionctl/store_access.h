@@ -1,4 +1,4 @@
-// The store as the daemon finds it, with an explanation where it cannot be used.
+// Access to the store that the daemon uses, with explanations where it fails.
 #pragma once
 
 #include <chrono>
@@ -15,13 +15,13 @@ struct OpenStore {
     std::string address;
 };
 
-// Finds the store, connects and authenticates as the daemon does, and asks for a sign of
-// life. Each wait for the connection ends after `timeout`.
-// Throws Problem, with the status storeUnreachable, when the store cannot be used.
+// Finds the store, connects and authenticates as the daemon does, and pings it. Each reply that
+// does not come within `timeout` loses the connection.
+// Throws CommandError with exit_status::storeUnavailable when the store cannot be used.
 OpenStore openStore(std::chrono::seconds timeout);
 
-// A command that the store has to answer: throws Problem, with the status
-// storeUnreachable, when it does not.
+// Sends a command and returns the reply. Throws CommandError with exit_status::storeUnavailable
+// when there is none.
 store::Answer ask(redisContext* connection, std::initializer_list<std::string_view> arguments);
 
 }  // namespace session_service::console

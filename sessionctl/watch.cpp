@@ -14,36 +14,37 @@
 namespace session_service::console {
 namespace {
 
-// The store tells nobody of changes unless it is configured to.
-constexpr int pauseMilliseconds = 1000;
+// The store publishes changes of its keys only if it is configured to.
+constexpr int pollMilliseconds = 1000;
 
-// Whole lines have been written, and there is nothing to clean up.
-void end(int /*signal*/) {
-    _exit(done);
+// Output is written line by line, and there is nothing to clean up.
+void exitOnSignal(int /*signal*/) {
+    _exit(exit_status::success);
 }
 
-int report(const Options& options, const char* event, const SessionView& view) {
+int printEvent(const Options& options, const char* event, const SessionView& view) {
     const std::string time = currentTimestamp();
     if (options.json) {
-        return writeOutput(jsonText({{"time", time},
-                                     {"event", event},
-                                     {"id", view.id},
-                                     {"user", view.user},
-                                     {"client", view.client}},
-                                    -1));
+        return writeOutput(formatJson({{"time", time},
+                                       {"event", event},
+                                       {"id", view.id},
+                                       {"user", view.user},
+                                       {"client", view.client}},
+                                      -1));
     }
     constexpr std::size_t eventWidth = sizeof("present");
     std::string padded = event;
     padded.resize(eventWidth, ' ');
     return writeOutput(time + "  " + padded + ' ' +
-                       tableText({{view.id, view.user, view.client, view.fault}}));
+                       formatTable({{view.id, view.user, view.client, view.fault}}));
 }
 
 // By member of the collection.
 using Views = std::map<std::string, SessionView>;
 
-// Reports what changed since the last look. Returns 0, or the error of the output.
-int look(const Options& options, redisContext* connection, const char* newcomer, Views& known) {
+// Reports what has changed since `known`, and updates that. Returns 0, or the error of the output.
+int reportChanges(const Options& options, redisContext* connection, const char* eventForNew,
+                  Views& known) {
     Views now;
     for (const std::string& member : readMembers(connection)) {
         const auto found = known.find(member);
@@ -52,7 +53,7 @@ int look(const Options& options, redisContext* connection, const char* newcomer,
         } else if (now.find(member) == now.end()) {
             const SessionView view = readMember(connection, member);
             now.emplace(member, view);
-            if (const int error = report(options, newcomer, view); error != 0) {
+            if (const int error = printEvent(options, eventForNew, view); error != 0) {
                 return error;
             }
         }
@@ -61,7 +62,7 @@ int look(const Options& options, redisContext* connection, const char* newcomer,
         if (now.find(member) != now.end()) {
             continue;
         }
-        if (const int error = report(options, "gone", view); error != 0) {
+        if (const int error = printEvent(options, "gone", view); error != 0) {
             return error;
         }
     }
@@ -73,22 +74,22 @@ int look(const Options& options, redisContext* connection, const char* newcomer,
 
 int runWatch(const Options& options) {
     const OpenStore opened = openStore(options.timeout);
-    signal(SIGINT, end);
-    signal(SIGTERM, end);
+    signal(SIGINT, exitOnSignal);
+    signal(SIGTERM, exitOnSignal);
     Views known;
-    const char* newcomer = "present";
+    const char* eventForNew = "present";
     for (;;) {
-        const int error = look(options, opened.connection.get(), newcomer, known);
+        const int error = reportChanges(options, opened.connection.get(), eventForNew, known);
         if (error != 0) {
-            // Nobody reads any more.
-            return error == EPIPE ? done : failed;
+            // A reader that has closed the output wants no more.
+            return error == EPIPE ? exit_status::success : exit_status::failure;
         }
-        // No event is asked for: what ends the wait early is that nobody reads any more.
+        // Asks for no event: only a closed output ends the wait early.
         pollfd output{.fd = STDOUT_FILENO, .events = 0, .revents = 0};
-        if (poll(&output, 1, pauseMilliseconds) != 0) {
-            return done;
+        if (poll(&output, 1, pollMilliseconds) != 0) {
+            return exit_status::success;
         }
-        newcomer = "new";
+        eventForNew = "new";
     }
 }
 

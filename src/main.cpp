@@ -1,5 +1,5 @@
-// The daemon: the store is brought up, then the worker threads serve until their connections
-// end.
+// The entry point: prepares the store, runs the worker threads, and ends the process when they have
+// ended.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -10,7 +10,7 @@
 #include "frame/logger.h"
 #include "frame/process_setup.h"
 #include "frame/workers.h"
-#include "service/first_start.h"
+#include "service/prepare_store.h"
 #include "service/session_service.h"
 #include "sessions/create_session.h"
 #include "sessions/delete_session.h"
@@ -19,22 +19,22 @@
 namespace session_service {
 namespace {
 
-constexpr int startFailure = -1;
+constexpr int failureStatus = -1;
 
-// Never destroyed, but kept in reach: volatile, or an optimizer drops the pointer that nobody reads
-// and leaves a leak to be found.
+// Never destroyed: workers may still run at the end. Volatile keeps the pointer, so that the leak
+// sanitizer sees the object as reachable.
 SessionService* volatile service = nullptr;
 
-// Runs until all workers have ended.
+// Runs until all workers have ended. Returns the exit status.
 int serve() {
     if (!prepareStore()) {
-        return startFailure;
+        return failureStatus;
     }
     // Not on the stack: workers may still use it while a failed start ends the process.
     static WorkerContext context;
     if (!initialize(context)) {
         logger->error("Failed to init thread argument.");
-        return startFailure;
+        return failureStatus;
     }
     Worker creation{createSessionThread, "Failed to run the thread for POSTCREATE.",
                     "Failed to join the create thread."};
@@ -42,22 +42,23 @@ int serve() {
                     "Failed to join the delete thread."};
     Worker expiry{sessionTimeoutThread, "Failed to create the thread for Timeout detection.",
                   "Failed to join the timeout thread."};
-    MutexGuard running(context.stopMutex);
+    lock(context.stopMutex);
     for (Worker* worker : {&creation, &deletion, &expiry}) {
         if (!start(*worker, context)) {
-            running.unlock();
-            logger->error("%s", worker->startFailure);
-            return startFailure;
+            unlock(context.stopMutex);
+            logger->error("%s", worker->startFailureText);
+            return failureStatus;
         }
     }
 
+    // Blocks for as long as PATCH requests are served.
     service = new SessionService;
 
     join(creation);
     join(deletion);
     // Unlocked only now: sessions must keep expiring while either request thread may still create
     // or delete one.
-    running.unlock();
+    unlock(context.stopMutex);
     join(expiry);
     logger->debug("SessionService terminates.");
     return EXIT_SUCCESS;
@@ -65,9 +66,10 @@ int serve() {
 
 int reportInitializationError(const std::exception& failure) {
     logger->error("Error occurs while initialize data: %s", failure.what());
-    return startFailure;
+    return failureStatus;
 }
 
+// Other exceptions, such as a lack of memory, end the process.
 int serveGuarded() {
     try {
         return serve();
@@ -90,7 +92,7 @@ int main() {
     startLog(configurationFile);
     const int status = serveGuarded();
     if (workersExist()) {
-        // Nothing is destroyed under the workers.
+        // Workers may be inside the log, the store or PAM: no destructor may run.
         _exit(status & 0xff);
     }
     endLog();

@@ -21,11 +21,6 @@ constexpr const char* daemonPath = "/usr/local/sbin/session-service";
 constexpr const char* seedFile = TESTBED_FILES "/seed/resources.txt";
 constexpr const char* suppressionFile = "/usr/local/share/memcheck.supp";
 constexpr std::array scripts{"resourceChange", "logGeneratorHelper"};
-constexpr std::array channels{
-    "&&/redfish/v1/SessionService/Sessions/CreateNewSession",
-    "&&/redfish/v1/SessionService/Sessions/DeleteSession",
-    "&&/redfish/v1/SessionService/CHANNEL",
-};
 
 std::string readWhole(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -203,30 +198,28 @@ void Controller::startDaemon(const DaemonOptions& options) {
 
 void Controller::waitUntilServing() {
     StoreClient store = connect();
-    // The daemon tries the third channel's subscription before its worker takes it up, so
-    // that three open channels alone do not tell that the worker listens.
-    constexpr long long subscriptionsOfAStart = 4;
-    // Start-up, the two request threads, the sweeper, the PATCH worker with its preparation
-    // (two), and the one here. The sweeper subscribes nothing.
-    constexpr long long connectionsOfAStart = 8;
+    // The daemon tries the third channel's subscription before its worker subscribes it, so
+    // that three subscribed channels alone do not mean that the worker listens.
+    constexpr long long subscriptionsOfStart = 4;
+    // Start-up, the two request threads, the expiry, the PATCH worker with its preparation
+    // (two), and the one here. The expiry subscribes nothing.
+    constexpr long long connectionsOfStart = 8;
     waitUntil("the daemon serves", [&] {
         if (const auto ended = daemon().exitStatus()) {
             throw Failure("The daemon ended with " + toText(*ended) + ": " + daemonErrors());
         }
-        if (calls(store, "subscribe") < subscriptionsBefore + subscriptionsOfAStart ||
-            calls(store, "auth") < connectionsBefore + connectionsOfAStart) {
+        if (calls(store, "subscribe") < subscriptionsBefore + subscriptionsOfStart ||
+            calls(store, "auth") < connectionsBefore + connectionsOfStart) {
             return false;
         }
-        Words command{"PUBSUB", "NUMSUB"};
-        command.insert(command.end(), channels.begin(), channels.end());
-        const Value counts = store.run(command);
-        for (std::size_t i = 1; i < counts.elements.size(); i += 2) {
-            if (counts.elements[i].integer == 0) {
-                return false;
-            }
-        }
-        return true;
+        return daemonListens();
     });
+}
+
+bool Controller::daemonListens() const {
+    StoreClient store = connect();
+    return store.subscribers(createChannel) > 0 && store.subscribers(deleteChannel) > 0 &&
+           store.subscribers(patchChannel) > 0;
 }
 
 Process& Controller::daemon() {

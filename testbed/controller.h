@@ -1,7 +1,7 @@
 // The testbed: what the session service expects around it on a real board,
 // made of real parts, in a private root of its own.
 //
-// Each step of its start is a verb, so that a test can change files or the store in
+// Each step of its start is a function, so that a test can change files or the store in
 // between, leave steps out or repeat them; start() takes them all. Everything that a
 // controller started has ended, and its folder is gone, when the object is gone or the
 // process has ended. The process ignores SIGPIPE from the first controller on.
@@ -49,10 +49,10 @@ class Controller {
     // Makes the folder and writes all files; starts nothing.
     explicit Controller(const ControllerOptions& options = {});
 
-    // Everything: the store with scripts and seed, the daemon; returns when it serves.
+    // All steps: the store with its scripts and seed, the daemon. Returns when it serves.
     void start();
 
-    // The store. It begins empty with each start; stopping it is a SHUTDOWN.
+    // The store. It is empty after each start; stopStore sends SHUTDOWN.
     void startStore();
     void loadScripts();
     void seedStore();
@@ -64,22 +64,23 @@ class Controller {
     // Blocks until the daemon has subscribed its three channels and opened all of its
     // lasting connections; throws Failure when it ends instead.
     void waitUntilServing();
+    // Whether all three channels have a subscriber, whoever started the daemon.
+    bool daemonListens() const;
     Process& daemon();
     bool daemonStarted() const { return static_cast<bool>(daemonProcess); }
     // What all daemons of this controller wrote to their standard streams.
     std::string daemonOutput() const;
     std::string daemonErrors() const;
 
-    // Starts another program inside, such as a directory server for logins; its name in
-    // the folder for its output is the program's.
+    // Starts another program inside, such as a directory server for logins.
     std::unique_ptr<Process> startProgram(const Launch& launch);
     // What all runs of a program wrote to its standard streams.
     std::string outputOf(const std::string& program) const;
     std::string errorsOf(const std::string& program) const;
-    // What programs that are built with sanitizers need in their environment, so that every
-    // finding ends them with a report; startDaemon sees to that itself.
+    // The environment of programs that are built with sanitizers, so that every finding ends
+    // them with a report; startDaemon sets it itself.
     static std::map<std::string, std::string> sanitizerOptions();
-    // Adds to what every program started from now on sees.
+    // For every program started from now on.
     void bind(Bind bind) { sandbox.bind(std::move(bind)); }
 
     // Connections from outside the private root, for one thread each.

@@ -2,10 +2,8 @@
 // Exit status 0: everything was as it must be.
 #include <signal.h>
 
-#include <array>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iomanip>
@@ -14,7 +12,9 @@
 #include <thread>
 
 #include "testbed/accounts.h"
+#include "testbed/checks.h"
 #include "testbed/controller.h"
+#include "testbed/events_and_audit_log.h"
 #include "testbed/web_front_end.h"
 
 namespace {
@@ -22,15 +22,11 @@ namespace {
 using testbed::Account;
 using testbed::Fields;
 using testbed::Reply;
-using testbed::Value;
 using testbed::Words;
 
-constexpr const char* eventStream = "&&EventStream";
-constexpr const char* auditMembersKey =
-    "&&/redfish/v1/Managers/1/LogServices/AuditLog/Entries/Members";
 constexpr std::size_t sessionLimit = 8;
 
-// What should be found in the event stream: action, resource, type, group identifier.
+// An entry of the event stream.
 struct Event {
     std::string action;
     std::string resource;
@@ -66,25 +62,6 @@ std::string withShortTokens(std::string text) {
 
 std::string unquoted(const std::string& json) {
     return json.size() > 1 && json.front() == '"' ? json.substr(1, json.size() - 2) : json;
-}
-
-struct ClosePipe {
-    void operator()(FILE* pipe) const noexcept { pclose(pipe); }
-};
-
-// Runs a shell command; returns what it wrote.
-std::string outputOf(const std::string& command) {
-    // NOLINTNEXTLINE(cert-env33-c): all commands are this program's own.
-    const std::unique_ptr<FILE, ClosePipe> pipe(popen(command.c_str(), "re"));
-    if (!pipe) {
-        throw testbed::Failure("A command cannot be started.");
-    }
-    std::string output;
-    std::array<char, 4096> piece{};
-    for (std::size_t count = 0; (count = fread(piece.data(), 1, piece.size(), pipe.get())) > 0;) {
-        output.append(piece.data(), count);
-    }
-    return output;
 }
 
 std::string loginBody(const Account& account, const std::string& password) {
@@ -137,15 +114,15 @@ class Demo {
     void showLogout();
     void showLimit();
     void showWeb();
-    void showTrail();
+    void showRecords();
 
-    // Logs in without output, and notes what a success has to leave in the trail.
+    // Logs in without output, and expects the events and the audit entry of a success.
     Reply login(const Account& account);
     // Logs the reader in until there are as many sessions as there can be; returns the new ones.
     Words fillUp(std::size_t present);
     // Logs these out again; returns whether all were.
     bool removeAll(const Words& sessions);
-    // Notes what the end of a session has to leave in the trail.
+    // Expects the events and the audit entry of a session's end.
     void expectLogout(const std::string& sessionUri, const Account& account);
     void expectEvents(const std::string& action, const std::string& sessionUri);
     void showReply(const Reply& reply);
@@ -153,7 +130,6 @@ class Demo {
     // every command has, and the address.
     WebAnswer curl(const std::string& arguments, const std::string& path);
     std::string curlCommand() const;
-    void check(bool right, const std::string& statement);
 
     std::vector<Event> events();
     std::vector<AuditEntry> auditEntries();
@@ -166,13 +142,8 @@ class Demo {
     std::vector<Event> expectedEvents;
     std::vector<AuditEntry> expectedAuditEntries;
     int lastGroup = 0;
-    bool allRight = true;
+    testbed::Checks checks;
 };
-
-void Demo::check(bool right, const std::string& statement) {
-    std::cout << (right ? "   [right] " : "   [WRONG] ") << statement << "\n";
-    allRight = allRight && right;
-}
 
 void Demo::showReply(const Reply& reply) {
     show("reply", reply.fields);
@@ -187,24 +158,20 @@ void Demo::showReply(const Reply& reply) {
 
 std::vector<Event> Demo::events() {
     std::vector<Event> found;
-    for (const Value& entry : store->run({"XRANGE", eventStream, "-", "+"}).elements) {
-        const std::vector<Value>& items = entry.elements.at(1).elements;
-        found.push_back({items.at(1).text, items.at(3).text, items.at(5).text, items.at(7).text});
+    for (const Words& event : testbed::lifeCycleEvents(*store)) {
+        found.push_back({event.at(0), event.at(1), event.at(2), event.at(3)});
     }
     return found;
 }
 
 std::vector<AuditEntry> Demo::auditEntries() {
     std::vector<AuditEntry> found;
-    const std::string reference = "&&ObjectRef ";
-    const Words members = store->lrange(auditMembersKey);
-    for (auto member = members.rbegin(); member != members.rend(); ++member) {
-        const Fields entry = store->hgetall(member->substr(reference.size()));
+    for (const Words& entry : testbed::auditEntries(*store)) {
         // ["user"] and {"OriginOfCondition":{"@odata.id":"uri"}}
-        const std::string user = entry.at("MessageArgs");
-        const std::string links = entry.at("Links");
+        const std::string& user = entry.at(1);
+        const std::string& links = entry.at(2);
         const std::size_t uri = links.rfind(":\"") + 2;
-        found.push_back({unquoted(entry.at("MessageId")), user.substr(2, user.size() - 4),
+        found.push_back({unquoted(entry.at(0)), user.substr(2, user.size() - 4),
                          links.substr(uri, links.rfind('"') - uri)});
     }
     return found;
@@ -232,7 +199,7 @@ void Demo::expectLogout(const std::string& sessionUri, const Account& account) {
 }
 
 void Demo::showStart() {
-    chapter("the testbed starts");
+    chapter("The testbed starts");
     const auto begin = std::chrono::steady_clock::now();
     controller.start();
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -247,15 +214,15 @@ void Demo::showRefusal() {
     chapter("A login with a wrong password");
     const Reply reply = frontEnd->login(testbed::administrator.name, "not the password");
     showReply(reply);
-    check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
-              reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
-          "the login is refused: the credentials are not valid");
-    check(reply.token().empty() && store->llen(testbed::membersKey) == 0,
-          "there is no token and no session");
+    checks.check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
+                     reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
+                 "the login is refused: the credentials are not valid");
+    checks.check(reply.token().empty() && store->llen(testbed::membersKey) == 0,
+                 "there is no token and no session");
     const std::string reason =
         std::string(testbed::administrator.name) + " does not pass the PAM auth.";
-    check(controller.readFile(testbed::logFile).find(reason) != std::string::npos,
-          "the log says why: " + reason);
+    checks.check(controller.readFile(testbed::logFile).find(reason) != std::string::npos,
+                 "the log says why: " + reason);
 }
 
 void Demo::showLogin() {
@@ -263,40 +230,41 @@ void Demo::showLogin() {
     const Reply reply = login(testbed::administrator);
     showReply(reply);
     firstSession = reply.location();
-    check(reply.status() == "OK" && reply.messages.size() == 1 &&
-              reply.messages[0].id == "Base.1.12.Created",
-          "the session is created");
+    checks.check(reply.status() == "OK" && reply.messages.size() == 1 &&
+                     reply.messages[0].id == "Base.1.12.Created",
+                 "the session is created");
 
     const Fields session = store->hgetall(firstSession);
     show("session resource " + firstSession, session);
-    check(unquoted(store->hget(firstSession, "UserName")) == testbed::administrator.name &&
-              unquoted(store->hget(firstSession, "@odata.id")) == firstSession,
-          "the session resource belongs to the user");
+    checks.check(unquoted(store->hget(firstSession, "UserName")) == testbed::administrator.name &&
+                     unquoted(store->hget(firstSession, "@odata.id")) == firstSession,
+                 "the session resource belongs to the user");
 
     const std::string tokenKey = testbed::tokenKey(reply.token());
     show("token record " + tokenKey, store->hgetall(tokenKey));
-    check(store->hget(tokenKey, "SessionID") == firstSession &&
-              store->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
-          "the token leads to the session and carries the privilege of the user's role");
-    check(unquoted(store->hget(testbed::tokenReferenceKey(firstSession), "XAUTH")) == reply.token(),
-          "the session leads to the token");
+    checks.check(store->hget(tokenKey, "SessionID") == firstSession &&
+                     store->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
+                 "the token leads to the session and carries the privilege of the user's role");
+    checks.check(
+        unquoted(store->hget(testbed::tokenReferenceKey(firstSession), "XAUTH")) == reply.token(),
+        "the session leads to the token");
 
     show(std::string("collection ") + testbed::sessionsUri, store->hgetall(testbed::sessionsUri));
     const Words members = store->lrange(testbed::membersKey);
-    check(members == Words{"&&ObjectRef " + firstSession} &&
-              store->hget(testbed::sessionsUri, "Members@odata.count") == "1",
-          "the collection holds this session and counts one");
+    checks.check(members == Words{"&&ObjectRef " + firstSession} &&
+                     store->hget(testbed::sessionsUri, "Members@odata.count") == "1",
+                 "the collection holds this session and counts one");
 
     for (const Event& event : events()) {
         std::cout << "   event " << event.action << " " << event.resource << " (group "
                   << event.group << ")\n";
     }
-    check(events() == expectedEvents, "both changes are announced, as one group");
+    checks.check(events() == expectedEvents, "both changes are events, as one group");
     const std::vector<AuditEntry> audit = auditEntries();
     for (const AuditEntry& entry : audit) {
         std::cout << "   audit entry " << entry.messageId << " " << entry.user << "\n";
     }
-    check(audit == expectedAuditEntries, "the login is in the audit log");
+    checks.check(audit == expectedAuditEntries, "the login is in the audit log");
 }
 
 void Demo::showPatch() {
@@ -304,29 +272,30 @@ void Demo::showPatch() {
     const std::string before = store->hget(testbed::serviceUri, "SessionTimeout");
     const Reply reply = frontEnd->patch({{"SessionTimeout", "600"}});
     showReply(reply);
-    check(reply.status() == "OK", "the change is accepted");
+    checks.check(reply.status() == "OK", "the change is accepted");
     const std::string after = store->hget(testbed::serviceUri, "SessionTimeout");
-    check(before == "300" && after == "600", "the service says " + after + ", it was " + before);
+    checks.check(before == "300" && after == "600",
+                 "the service says " + after + ", it was " + before);
     const std::string kept = controller.readFile(testbed::persistentFile);
     std::cout << "   " << testbed::persistentFile << "\n";
     std::istringstream lines(kept);
     for (std::string line; std::getline(lines, line);) {
         std::cout << "      " << line << "\n";
     }
-    check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
+    checks.check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
     expectedEvents.push_back(
         {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
-    testbed::waitUntil("the change is announced",
+    testbed::waitUntil("the change is an event",
                        [this] { return events().size() >= expectedEvents.size(); });
-    check(events() == expectedEvents, "the change is announced");
+    checks.check(events() == expectedEvents, "the change is an event");
 }
 
 void Demo::showExpiry() {
     chapter("A session expires");
     const Reply reply = login(testbed::operatorAccount);
-    check(reply.status() == "OK", "the operator has logged in: " + reply.location());
+    checks.check(reply.status() == "OK", "the operator has logged in: " + reply.location());
     const std::string tokenKey = testbed::tokenKey(reply.token());
-    check(store->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
+    checks.check(store->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
 
     constexpr long timeout = 4;
     std::cout << "   Nobody wants to wait that long: this one gets " << timeout << " seconds.\n"
@@ -346,11 +315,12 @@ void Demo::showExpiry() {
     expectLogout(reply.location(), testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
                        [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
-    check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
-    check(!store->exists(tokenKey) && !store->exists(testbed::tokenReferenceKey(reply.location())),
-          "its token is worth nothing any more");
-    check(store->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession},
-          "the administrator's session is still there");
+    checks.check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
+    checks.check(
+        !store->exists(tokenKey) && !store->exists(testbed::tokenReferenceKey(reply.location())),
+        "its token is worth nothing any more");
+    checks.check(store->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession},
+                 "the administrator's session is still there");
 }
 
 void Demo::showLogout() {
@@ -358,10 +328,10 @@ void Demo::showLogout() {
     const Reply reply = frontEnd->remove(firstSession);
     showReply(reply);
     expectLogout(firstSession, testbed::administrator);
-    check(reply.status() == "OK_EMPTY", "the session is removed");
-    check(store->llen(testbed::membersKey) == 0 && !store->exists(firstSession) &&
-              store->hget(testbed::sessionsUri, "Members@odata.count") == "0",
-          "the collection is empty");
+    checks.check(reply.status() == "OK_EMPTY", "the session is removed");
+    checks.check(store->llen(testbed::membersKey) == 0 && !store->exists(firstSession) &&
+                     store->hget(testbed::sessionsUri, "Members@odata.count") == "0",
+                 "the collection is empty");
 }
 
 Words Demo::fillUp(std::size_t present) {
@@ -369,7 +339,7 @@ Words Demo::fillUp(std::size_t present) {
     while (present + sessions.size() < sessionLimit) {
         const Reply reply = login(testbed::reader);
         if (reply.status() != "OK") {
-            check(false, "a login below the limit answered " + reply.status());
+            checks.check(false, "a login below the limit answered " + reply.status());
             break;
         }
         sessions.push_back(reply.location());
@@ -389,18 +359,19 @@ bool Demo::removeAll(const Words& sessions) {
 void Demo::showLimit() {
     chapter("As many sessions as there can be");
     const Words sessions = fillUp(0);
-    check(store->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
-          "the reader has logged in eight times");
+    checks.check(
+        store->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
+        "the reader has logged in eight times");
     const Reply ninth = login(testbed::reader);
     showReply(ninth);
-    check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
-              ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
-          "the ninth login is refused");
+    checks.check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
+                     ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
+                 "the ninth login is refused");
 
-    check(removeAll(sessions), "all eight have logged out");
-    check(store->llen(testbed::membersKey) == 0 && store->keys("&&X-AUTH-TOKEN-*").empty() &&
-              store->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
-          "nothing is left of any session");
+    checks.check(removeAll(sessions), "all eight have logged out");
+    checks.check(store->llen(testbed::membersKey) == 0 && store->keys("&&X-AUTH-TOKEN-*").empty() &&
+                     store->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
+                 "nothing is left of any session");
 }
 
 std::string Demo::curlCommand() const {
@@ -410,7 +381,7 @@ std::string Demo::curlCommand() const {
 WebAnswer Demo::curl(const std::string& arguments, const std::string& path) {
     const std::string rest = arguments + (arguments.empty() ? "" : " ") + web.url() + path;
     std::cout << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
-    WebAnswer answer{.status = {}, .text = outputOf(curlCommand() + " " + rest)};
+    WebAnswer answer{.status = {}, .text = testbed::shellOutput(curlCommand() + " " + rest)};
     answer.status = answer.text.substr(0, answer.text.find('\r'));
     std::cout << "      " << answer.status << "\n";
     for (const char* header : {"Location", "X-Auth-Token", "ETag", "Retry-After"}) {
@@ -432,9 +403,9 @@ void Demo::showWeb() {
     const std::string json = "-H 'Content-Type: application/json' ";
     web.start();
     std::cout << "   It listens on " << web.url() << ".\n";
-    check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
-          "without a token nothing can be read");
-    check(
+    checks.check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
+                 "without a token nothing can be read");
+    checks.check(
         curl(json + "-d '" + loginBody(testbed::administrator, "not the password") + "'", sessions)
             .holds("401 Unauthorized"),
         "a wrong password is refused");
@@ -443,7 +414,7 @@ void Demo::showWeb() {
         json + "-d '" + loginBody(testbed::administrator, testbed::administrator.password) + "'",
         sessions);
     const std::string session = created.header("Location");
-    check(created.holds("201 Created") && store->exists(session), "the session is created");
+    checks.check(created.holds("201 Created") && store->exists(session), "the session is created");
     expectEvents("add", session);
     expectedAuditEntries.push_back(
         {"AuditEvent.1.1.UserLogin", testbed::administrator.name, session});
@@ -452,18 +423,19 @@ void Demo::showWeb() {
     setenv("TOKEN", created.header("X-Auth-Token").c_str(), 1);
     std::cout << "   $ TOKEN=... (the X-Auth-Token above)\n";
     const std::string token = "-H \"X-Auth-Token: $TOKEN\"";
-    check(curl(token, session).holds(R"("UserName":"admin")"), "the token reads its session");
+    checks.check(curl(token, session).holds(R"("UserName":"admin")"),
+                 "the token reads its session");
 
-    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
-              .holds(R"("SessionTimeout":900)"),
-          "the session timeout is changed");
+    checks.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
+                     .holds(R"("SessionTimeout":900)"),
+                 "the session timeout is changed");
     expectedEvents.push_back(
         {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
-    testbed::waitUntil("the change is announced",
+    testbed::waitUntil("the change is an event",
                        [this] { return events().size() >= expectedEvents.size(); });
-    check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
-              .holds("400 Bad Request"),
-          "a timeout below 30 seconds is refused");
+    checks.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
+                     .holds("400 Bad Request"),
+                 "a timeout below 30 seconds is refused");
 
     const WebAnswer second =
         curl(json + "-d '" +
@@ -478,41 +450,46 @@ void Demo::showWeb() {
     expectLogout(expiring, testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
                        [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
-    check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
+    checks.check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
 
     const Words others = fillUp(1);
-    check(curl(json + "-d '" + loginBody(testbed::reader, testbed::reader.password) + "'", sessions)
-              .holds("503 Service"),
-          "with eight sessions a ninth login is refused for now");
-    check(removeAll(others), "the others have logged out");
+    checks.check(
+        curl(json + "-d '" + loginBody(testbed::reader, testbed::reader.password) + "'", sessions)
+            .holds("503 Service"),
+        "with eight sessions a ninth login is refused for now");
+    checks.check(removeAll(others), "the others have logged out");
 
-    check(curl(token + " -X DELETE", session).holds("204 No Content") && !store->exists(session),
-          "the session is removed");
+    checks.check(
+        curl(token + " -X DELETE", session).holds("204 No Content") && !store->exists(session),
+        "the session is removed");
     expectLogout(session, testbed::administrator);
-    check(curl(token, service).holds("401 Unauthorized"), "the token is worth nothing any more");
+    checks.check(curl(token, service).holds("401 Unauthorized"),
+                 "the token is worth nothing any more");
     unsetenv("TOKEN");
-    check(store->keys("&&/frontend/*").empty(), "the front end has left nothing in the store");
+    checks.check(store->keys("&&/frontend/*").empty(),
+                 "the front end has left nothing in the store");
 }
 
-void Demo::showTrail() {
-    chapter("The trail of all this");
+void Demo::showRecords() {
+    chapter("All events and audit entries");
     const std::vector<Event> foundEvents = events();
     for (const Event& event : foundEvents) {
         std::cout << "   event " << std::right << std::setw(3) << event.group << "  " << std::left
                   << std::setw(7) << event.action << event.resource << "\n";
     }
-    check(foundEvents == expectedEvents,
-          "the stream holds exactly these " + std::to_string(expectedEvents.size()) + " events");
+    checks.check(
+        foundEvents == expectedEvents,
+        "the stream holds exactly these " + std::to_string(expectedEvents.size()) + " events");
     const std::vector<AuditEntry> foundEntries = auditEntries();
     for (const AuditEntry& entry : foundEntries) {
         std::cout << "   audit " << std::left << std::setw(27) << entry.messageId << std::setw(9)
                   << entry.user << entry.origin << "\n";
     }
-    check(foundEntries == expectedAuditEntries, "the audit log holds exactly these " +
-                                                    std::to_string(expectedAuditEntries.size()) +
-                                                    " entries");
-    check(controller.readFile(testbed::logFile).find("[Error]") == std::string::npos,
-          "the log of the service holds no error");
+    checks.check(foundEntries == expectedAuditEntries,
+                 "the audit log holds exactly these " +
+                     std::to_string(expectedAuditEntries.size()) + " entries");
+    checks.check(controller.readFile(testbed::logFile).find("[Error]") == std::string::npos,
+                 "the log of the service holds no error");
 }
 
 bool Demo::run() {
@@ -524,11 +501,12 @@ bool Demo::run() {
     showLogout();
     showLimit();
     showWeb();
-    showTrail();
+    showRecords();
     std::cout << "\n"
-              << (allRight ? "Everything was as it must be." : "Something was WRONG: see above.")
+              << (checks.allRight() ? "Everything was as it must be."
+                                    : "Something was WRONG: see above.")
               << "\n";
-    return allRight;
+    return checks.allRight();
 }
 
 void Demo::keep() {

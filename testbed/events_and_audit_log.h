@@ -8,8 +8,7 @@
 
 namespace testbed {
 
-// The recorded changes of resources, oldest first: action, resource, resource type, event
-// group identifier.
+// The life cycle events, oldest first: action, resource, resource type, event group identifier.
 std::vector<Words> lifeCycleEvents(StoreClient& store);
 
 // The audit entries, oldest first, as stored: message identifier, arguments, links.

@@ -244,12 +244,4 @@ long uptime() {
     return information.uptime;
 }
 
-std::string tokenReferenceKey(const std::string& sessionUri) {
-    return "&&" + sessionUri;
-}
-
-std::string tokenKey(const std::string& token) {
-    return "&&X-AUTH-TOKEN-" + token;
-}
-
 }  // namespace testbed

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "testbed/store_client.h"
+#include "testbed/store_keys.h"
 
 namespace testbed {
 
@@ -93,7 +95,7 @@ struct SessionOptions {
     std::string timeout = "300";
     std::string lastAccessed{};  // empty: now
     std::string sessionType = "\"Redfish\"";
-    bool member = true;  // false: no entry in the collection
+    bool member = true;  // an entry in the collection
     Fields session{};    // of the session resource: replaced or added
     Words leaveOutOfSession{};
     Words leaveOutOfToken{};
@@ -109,12 +111,13 @@ struct InsertedSession {
 // To be used by one thread at a time; each thread takes its own from the controller.
 class FakeFrontEnd {
   public:
-    // `isServed` tells whether the service runs, so that nobody waits for one that has ended.
+    // `isServed` tells whether the service runs, so that no reply of one that has ended is
+    // waited for.
     FakeFrontEnd(std::string socket, std::string password, std::string keyFile,
                  std::function<bool()> isServed);
 
-    // Whole requests: stored, announced, answered. Throw Failure when nobody listens on
-    // the channel or no answer comes.
+    // Whole requests, from storing them to reading the reply. Throw Failure when nobody
+    // listens on the channel or no reply comes.
     Reply login(const std::string& user, const std::string& password,
                 const RequestOptions& options = {});
     Reply remove(const std::string& sessionUri, const RequestOptions& options = {});
@@ -148,17 +151,5 @@ class FakeFrontEnd {
 std::string jsonQuoted(const std::string& text);
 // Seconds since the machine started: the clock of LastAccessed.
 long uptime();
-
-inline constexpr const char* serviceUri = "/redfish/v1/SessionService";
-inline constexpr const char* sessionsUri = "/redfish/v1/SessionService/Sessions";
-inline constexpr const char* membersKey = "&&/redfish/v1/SessionService/Sessions/Members";
-inline constexpr const char* createChannel =
-    "&&/redfish/v1/SessionService/Sessions/CreateNewSession";
-inline constexpr const char* deleteChannel = "&&/redfish/v1/SessionService/Sessions/DeleteSession";
-inline constexpr const char* patchChannel = "&&/redfish/v1/SessionService/CHANNEL";
-
-// The keys that belong to a session.
-std::string tokenReferenceKey(const std::string& sessionUri);
-std::string tokenKey(const std::string& token);
 
 }  // namespace testbed

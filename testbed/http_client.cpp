@@ -8,6 +8,8 @@
 #include <cctype>
 #include <nlohmann/json.hpp>
 
+#include "testbed/store_keys.h"
+
 namespace testbed {
 
 namespace {
@@ -16,8 +18,6 @@ struct FreeList {
     void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
 };
 using ListPtr = std::unique_ptr<curl_slist, FreeList>;
-
-constexpr const char* sessionsPath = "/redfish/v1/SessionService/Sessions";
 
 CurlPtr newHandle() {
     static const CURLcode initialized = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -37,11 +37,11 @@ long millisecondsUntil(Deadline end) {
 // The lowest and the highest one.
 long versions(TlsVersion version) {
     switch (version) {
-        case TlsVersion::v1_1:
+        case TlsVersion::tls11:
             return CURL_SSLVERSION_TLSv1_1 | long{CURL_SSLVERSION_MAX_TLSv1_1};
-        case TlsVersion::v1_2:
+        case TlsVersion::tls12:
             return CURL_SSLVERSION_TLSv1_2 | long{CURL_SSLVERSION_MAX_TLSv1_2};
-        case TlsVersion::v1_3:
+        case TlsVersion::tls13:
             return CURL_SSLVERSION_TLSv1_3 | long{CURL_SSLVERSION_MAX_TLSv1_3};
         default:
             return CURL_SSLVERSION_DEFAULT;
@@ -229,7 +229,7 @@ HttpResponse HttpClient::patch(const std::string& path, const std::string& json)
 
 HttpResponse HttpClient::login(const std::string& user, const std::string& password) {
     const nlohmann::json credentials{{"UserName", user}, {"Password", password}};
-    HttpResponse response = post(sessionsPath, credentials.dump());
+    HttpResponse response = post(sessionsUri, credentials.dump());
     if (!response.token().empty()) {
         useToken(response.token());
     }
@@ -260,7 +260,7 @@ void HttpClient::prepare(CURL* handle) const {
         curl_easy_setopt(handle, CURLOPT_INTERFACE, settings.sourceAddress.c_str());
     }
     curl_easy_setopt(handle, CURLOPT_SSLVERSION, versions(settings.tls));
-    if (settings.tls == TlsVersion::v1_1) {
+    if (settings.tls == TlsVersion::tls11) {
         // OpenSSL's default level would not even offer it.
         curl_easy_setopt(handle, CURLOPT_SSL_CIPHER_LIST, "DEFAULT@SECLEVEL=0");
     }

@@ -16,7 +16,7 @@
 
 namespace testbed {
 
-enum class TlsVersion { any, v1_1, v1_2, v1_3 };
+enum class TlsVersion { any, tls11, tls12, tls13 };
 
 struct HttpOptions {
     std::string url{};              // scheme, address and port: where all paths lead
@@ -28,9 +28,9 @@ struct HttpOptions {
 struct HttpRequest {
     std::string method = "GET";
     std::string path{};  // sent as it is, a query included
-    // Whole lines, "Name: value"; "Name:" leaves out what would be sent otherwise.
+    // Whole lines, "Name: value"; "Name:" removes a header that is sent otherwise.
     std::vector<std::string> headers{};
-    // Goes as JSON unless a header tells another type.
+    // JSON unless a header gives another type.
     std::optional<std::string> body{};
 };
 
@@ -57,7 +57,7 @@ class TlsConnection {
   public:
     // Returns whether the server took all of it; it may have closed before.
     bool send(const std::string& bytes);
-    // What comes up to the end of `mark`; what came at all when the server closes before.
+    // All bytes up to and including `mark`, or up to the end when the server closes before.
     std::string receiveUntil(const std::string& mark);
     // All that comes until the server closes, in order or by a reset.
     std::string receiveAll();
@@ -85,10 +85,10 @@ class HttpClient {
     HttpResponse post(const std::string& path, const std::string& json);
     HttpResponse patch(const std::string& path, const std::string& json);
 
-    // Posts to the collection of sessions. A token that comes back goes with all requests
+    // Posts to the collection of sessions. The token of the response is sent with all requests
     // from then on.
     HttpResponse login(const std::string& user, const std::string& password);
-    // What goes with all requests from now on; empty: nothing.
+    // The token of all requests from now on; empty: none.
     void useToken(std::string token) { sessionToken = std::move(token); }
     void useBasic(std::string user, std::string password);
 

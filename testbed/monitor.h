@@ -1,4 +1,4 @@
-// Watches the commands that the store carries out.
+// Watches the commands that the store executes.
 #pragma once
 
 #include <chrono>
@@ -12,8 +12,8 @@ namespace testbed {
 
 struct MonitoredCommand {
     std::chrono::microseconds at{};  // by the server's clock
-    // The address of who sent it: "127.0.0.1:PORT", "unix:PATH" for everybody on the
-    // Unix socket, "lua" for a script.
+    // The address of the client: "127.0.0.1:PORT", "unix:PATH" for all clients of the Unix
+    // socket, "lua" for a script.
     std::string client;
     Words words;
 };
@@ -23,11 +23,11 @@ class Monitor {
     // Watches from here on.
     Monitor(const std::string& socketPath, const std::string& password);
 
-    // Blocks until a command fulfils the condition, and returns all that came since the
-    // last call, that one included. Throws Failure when none comes.
+    // Blocks until a command meets the condition, and returns all that came since the last
+    // call, that one included. Throws Failure when none comes.
     std::vector<MonitoredCommand> until(
         const std::function<bool(const MonitoredCommand&)>& condition);
-    // All that the store has carried out since the last call and up to now.
+    // All commands that the store has executed since the last call.
     std::vector<MonitoredCommand> soFar();
 
   private:

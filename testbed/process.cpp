@@ -9,10 +9,12 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <utility>
 
 #include "testbed/wait.h"
@@ -20,6 +22,10 @@
 namespace testbed {
 
 namespace {
+
+struct ClosePipe {
+    void operator()(std::FILE* pipe) const noexcept { pclose(pipe); }
+};
 
 struct Pipe {
     int readEnd = -1;
@@ -67,6 +73,20 @@ pid_t readSandboxPid(int descriptor) {
 }
 
 }  // namespace
+
+std::string shellOutput(const std::string& command) {
+    // NOLINTNEXTLINE(cert-env33-c): all commands are the programs' own.
+    const std::unique_ptr<std::FILE, ClosePipe> pipe(popen(command.c_str(), "re"));
+    if (!pipe) {
+        throw Failure("No shell: " + std::string(std::strerror(errno)));
+    }
+    std::string output;
+    std::array<char, 4096> chunk{};
+    while (const std::size_t count = std::fread(chunk.data(), 1, chunk.size(), pipe.get())) {
+        output.append(chunk.data(), count);
+    }
+    return output;
+}
 
 std::string procFile(pid_t pid, const std::string& name) {
     return "/proc/" + std::to_string(pid) + "/" + name;

@@ -19,7 +19,7 @@ struct ExitStatus {
 };
 std::string toText(const ExitStatus& status);
 
-// Where the standard streams lead; what is written is appended to the files.
+// The files of the standard streams; what is written is appended to them.
 struct Streams {
     std::string input = "/dev/null";
     std::string output = "/dev/null";
@@ -32,10 +32,14 @@ struct PassedDescriptor {
     int inside;
 };
 
-// Starts a program of the machine, found as a shell would, in a session of its own and with our
+// Starts a program of the machine, found by PATH, in a session of its own and with our
 // environment. Whoever starts it waits for its end. Throws Failure when it cannot be started.
 pid_t spawn(const std::vector<std::string>& arguments, const Streams& streams = {},
             const std::optional<PassedDescriptor>& extra = {});
+
+// Runs a shell command in our environment; returns what it wrote to its standard output. Throws
+// Failure when the shell cannot be started.
+std::string shellOutput(const std::string& command);
 
 // The path of a file in the process's folder under /proc.
 std::string procFile(pid_t pid, const std::string& name);
@@ -50,8 +54,8 @@ inline constexpr int infoDescriptor = 3;
 class Process {
   public:
     // Starts bubblewrap with these arguments, which have it report on infoDescriptor.
-    // `name` is what the kernel will call the program inside. The process lives no
-    // longer than the calling thread.
+    // `name` is the program's name in the kernel. The process lives no longer than the calling
+    // thread.
     Process(const std::vector<std::string>& arguments, std::string name, const Streams& streams);
     ~Process();
     Process(const Process&) = delete;

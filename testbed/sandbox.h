@@ -16,7 +16,7 @@
 
 namespace testbed {
 
-// Something of the machine that is to be seen inside.
+// A file or folder of the machine that is visible inside.
 struct Bind {
     enum class Kind { readOnly, writable, device };
 
@@ -33,20 +33,20 @@ struct Launch {
     std::vector<Bind> binds{};
     // Limits as prlimit takes them, such as "--nofile=64".
     std::vector<std::string> limits{};
-    // A program that runs the command, with its arguments, such as valgrind.
+    // A program that runs the command, such as valgrind, with its arguments.
     std::vector<std::string> runner{};
-    // Further options for bubblewrap, behind all others.
+    // Further options for bubblewrap, after all others.
     std::vector<std::string> sandboxOptions{};
     // Whether the command belongs to the same build as the testbed. An emulator runs it when
     // that build is for another machine.
     bool ofThisBuild = false;
-    // What the kernel will call the program in the end; empty: the last part of the
-    // command's first word.
+    // The program's name in the kernel in the end; empty: the last part of the command's first
+    // word.
     std::string name{};
     // The program's user and group inside, to whom all files of the root belong.
     int user = 0;
-    // The machine's own network in the place of a private one, so that clients outside
-    // reach the program.
+    // The machine's own network instead of a private one, so that clients outside reach the
+    // program.
     bool machineNetwork = false;
     Streams streams{};
 };
@@ -58,11 +58,11 @@ class Sandbox {
 
     // From now on all programs share one loopback network instead of having one each.
     void shareNetwork();
-    // Adds to what every program started from now on sees.
+    // For every program started from now on.
     void bind(Bind bind) { binds.push_back(std::move(bind)); }
 
-    // Starts a program. Returns once the sandbox is there, perhaps before the program
-    // runs. A sandbox that cannot be made is told on the program's standard error.
+    // Starts a program. Returns once the sandbox exists, perhaps before the program runs. When
+    // the sandbox cannot be made, the program's standard error says why.
     std::unique_ptr<Process> start(const Launch& launch) const;
 
   private:

@@ -155,6 +155,10 @@ long long StoreClient::publish(const std::string& channel, const std::string& te
     return run({"PUBLISH", channel, text}).integer;
 }
 
+long long StoreClient::subscribers(const std::string& channel) {
+    return run({"PUBSUB", "NUMSUB", channel}).elements.at(1).integer;
+}
+
 void StoreClient::subscribe(const std::string& channel) {
     run({"SUBSCRIBE", channel});
 }

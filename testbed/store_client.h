@@ -49,6 +49,8 @@ class StoreClient {
     Words keys(const std::string& pattern);  // in ascending order
     // Returns the number of receivers.
     long long publish(const std::string& channel, const std::string& text);
+    // How many connections have subscribed the channel.
+    long long subscribers(const std::string& channel);
 
     // Turns the connection into a subscribed one: only nextMessage may follow.
     void subscribe(const std::string& channel);
@@ -57,7 +59,7 @@ class StoreClient {
     // The text of a message that has arrived already.
     std::optional<std::string> pendingMessage();
 
-    // The next reply that was not asked for; none when `end` comes first.
+    // The next reply that belongs to no command; none when `end` comes first.
     std::optional<Value> next(Deadline end);
 
   private:

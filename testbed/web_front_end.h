@@ -1,7 +1,7 @@
-// The web front end, run by nginx in the private root of a testbed. It listens
-// on the machine's own loopback, so that any client of the machine reaches it, at an
-// address made from the number of this process: front ends of several processes never
-// meet. A process runs one at a time.
+// The real web front end, run by nginx in the private root of a testbed. It listens on the
+// machine's own loopback, so that any client of the machine reaches it, at an address made from
+// the number of this process: front ends of several processes do not collide. A process runs one
+// at a time.
 #pragma once
 
 #include <memory>
@@ -24,25 +24,25 @@ class WebFrontEnd {
     // outlive this object.
     explicit WebFrontEnd(Controller& host);
 
-    // Writes all files of the front end as they are shipped but for the addresses to listen
-    // on, and a fresh certificate with its key. What was changed in them is lost.
+    // Writes all files of the front end as they are shipped, except for the addresses to listen
+    // on, and a fresh certificate with its key. Changes that were made to them are lost.
     void install();
 
-    // Starts it with the files as they stand; returns when it accepts connections and can be
+    // Starts it with the files as they are; returns when it accepts connections and can be
     // stopped in order. Throws Failure with what it wrote when it ends instead.
     void start();
-    // Ends it at once, with requests under way; none when it does not run. Returns how it ended.
+    // Ends it at once, even with requests under way. Returns how it ended.
     ExitStatus stop();
     void restart();
     bool started() const { return static_cast<bool>(nginx); }
-    // Its first process; the ones that serve requests are its children.
+    // Its first process, whose children serve the requests.
     Process& process();
 
     const std::string& address() const { return listenAddress; }
     std::string url() const { return "https://" + listenAddress + ":8443"; }
-    // Where everything is redirected to url().
+    // The address from which everything is redirected to url().
     std::string plainUrl() const { return "http://" + listenAddress + ":8080"; }
-    // What verifies the server, as seen from outside.
+    // The certificate that verifies the server, as seen from outside.
     std::string certificatePath() const;
 
     // All that was logged since the files were last removed, over all starts.

@@ -11,6 +11,8 @@ local answers = {}
 
 -- The subscription has nothing to do while nothing comes.
 local idleMilliseconds = 3600000
+-- How often it looks whether the worker may end.
+local endMilliseconds = 100
 
 -- Seconds between tries to subscribe: the first pause, and what it is doubled up to.
 local firstPause = 0.1
@@ -25,7 +27,7 @@ local secondsOfDay = 86400
 local prefix
 local requestNumber = 0
 
--- What is expected, by return channel.
+-- What is expected, by return channel, which is the request's key.
 local expected = {}
 local count = 0
 
@@ -42,27 +44,31 @@ end
 -- Subscribes and delivers answers until the worker may end. Raises what goes wrong.
 local function listen(lost)
     local subscription = store.connect()
-    store.run(subscription, "psubscribe", prefix .. "*")
-    subscription:set_timeout(idleMilliseconds)
+    store.run(subscription, "PSUBSCRIBE", prefix .. "*")
+    subscription.socket:settimeout(idleMilliseconds)
     isOpen = true
     -- Their answers may have come while nobody listened.
     while #lost > 0 do
         takeUnexpected(table.remove(lost))
     end
     while not mayEnd() do
-        local message, failure = subscription:read_reply()
-        local answer = message and expected[message[3]]
+        if ngx.worker.exiting() then
+            subscription.socket:settimeout(endMilliseconds)
+        end
+        local message, failure = store.receive(subscription)
+        local channel = message and message[3]
+        local answer = expected[channel]
         if answer then
             answer.hasCome = true
             answers.forget(answer)
             answer.ready:post(1)
-        elseif message and message[3] ~= prefix then
-            takeUnexpected(message[3])
+        elseif message and channel ~= prefix then
+            takeUnexpected(channel)
         elseif not message and failure ~= "timeout" then
             error(failure)
         end
     end
-    subscription:close()
+    subscription.socket:close()
 end
 
 local function run()
@@ -104,7 +110,7 @@ local function watchForEnd(premature)
     prepareEnd()
     -- Wakes the subscription up.
     pcall(store.with, function(connection)
-        return store.run(connection, "publish", prefix, "")
+        return store.run(connection, "PUBLISH", prefix, "")
     end)
 end
 
@@ -131,7 +137,7 @@ function answers.expect()
         error(messages.unavailable())
     end
     requestNumber = requestNumber + 1
-    local answer = { channel = prefix .. requestNumber .. "/reply", ready = semaphore.new() }
+    local answer = { channel = prefix .. requestNumber .. "/request", ready = semaphore.new() }
     expected[answer.channel] = answer
     count = count + 1
     return answer

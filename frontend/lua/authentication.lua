@@ -1,14 +1,12 @@
 -- Who sends a request.
 local ffi = require "ffi"
 local contract = require "contract"
-local encrypt = require "encrypt"
-local json = require "json"
+local logins = require "logins"
 local messages = require "messages"
-local requests = require "requests"
+local privileges = require "privileges"
 local resources = require "resources"
-local settings = require "settings"
 local store = require "store"
-local turns = require "turns"
+local temporary = require "temporary_sessions"
 
 local authentication = {}
 
@@ -27,98 +25,73 @@ local function uptime()
     return tonumber(systemInformation.uptime)
 end
 
--- Key: a token's record. Arguments: the uptime, a resource to read. Looking up and noting the use
--- are one step: a record that is removed in between must not come back with nothing but its use.
-local lookUpScript = store.script(resources.collect .. [[
+local field = contract.token
+local recordFields = {
+    field.user, field.privilege, field.session, field.origin, field.passwordChangeRequired,
+}
+
+-- Key: a token's record. Argument: the uptime. Looking up and noting the use are one step: a record
+-- that is removed in between must not come back with nothing but its use.
+local useScript = store.script([[
 local record = run('HMGET', KEYS[1], $token.user, $token.privilege, $token.session, $token.origin,
-    $token.lastAccessed, $token.timeout, $token.passwordChangeRequired)
+    $token.passwordChangeRequired, $token.lastAccessed, $token.timeout)
 if not record or not record[1] or not record[3] then
     return false
 end
 local function number(text)
     return tonumber(string.match(text or '', '^%s*[-+]?%d+') or 0)
 end
-if tonumber(ARGV[1]) - number(record[5]) >= number(record[6]) then
+if tonumber(ARGV[1]) - number(record[6]) >= number(record[7]) then
     return false
 end
 redis.call('HSET', KEYS[1], $token.lastAccessed, ARGV[1])
-return cjson.encode({
-    name = record[1],
-    privilege = record[2] or '',
-    session = record[3],
-    origin = record[4] or '',
-    mustChangePassword = record[7] and true or false,
-    tree = collect(ARGV[2]),
-})
+return record
 ]])
 
-local function unauthorized(id)
-    return messages.problem(401, { messages.new(id) },
-        { ["WWW-Authenticate"] = 'Basic realm="Redfish"' })
+-- The tokens whose use has been noted in this second: they only have to be there still.
+local used = {}
+local usedSecond = 0
+
+local function lookUpCommand(key, now)
+    if usedSecond ~= now then
+        used = {}
+        usedSecond = now
+    end
+    return used[key] and { "HMGET", key, unpack(recordFields) }
+        or store.call(useScript, 1, key, now)
 end
 
--- Returns the user of a token, with the tree of the resource. Raises the problem 401 when the token
--- is not valid.
+local function unauthorized(id)
+    return messages.unauthorized({ messages.new(id) })
+end
+
+-- Returns the user of a token, with the resource at an address. Raises the problem 401 when the
+-- token is not valid.
 local function userOf(token, uri)
     if not token:find("^%x+$") or #token ~= contract.tokenLength then
         error(unauthorized(noValidSession))
     end
-    local user = store.with(function(connection)
-        return store.runScript(connection, lookUpScript, 1, contract.tokenKey(token), uptime(), uri)
+    local key = contract.tokenKey(token)
+    local now = uptime()
+    local commands = { lookUpCommand(key, now), resources.readCommand(uri) }
+    local replies = store.with(function(connection)
+        return store.runAll(connection, commands)
     end)
-    if not user then
-        error(unauthorized(noValidSession))
-    end
-    local privilege = tonumber(user.privilege:match("^%s*(%d+)")) or 0
-    user.privilege = privilege <= contract.maxPrivilege and privilege or 0
-    return user
-end
-
--- Messages of failed logins that are the client's fault.
-local clientFaults = { [contract.message.stringValueTooLong] = true }
-
--- Names go into logs, for which there may be little room.
-local maxNameLength = 255
-
--- Logs in through the session service. Returns its reply; raises the problem that a refusal is.
-function authentication.login(name, password)
-    if #name > maxNameLength then
-        error(messages.problem(400, {
-            messages.new(contract.message.stringValueTooLong, "(user name)",
-                tostring(maxNameLength)),
-        }))
-    end
-    local encrypted = encrypt(password)
-    if not encrypted then
-        ngx.log(ngx.ERR, "the key file is missing or malformed")
-        error(messages.unavailable())
-    end
-    local address = ngx.var.remote_addr
-    local deadline = ngx.now() + settings.answerTimeout
-    if not turns.take(address, settings.answerTimeout) then
-        error(messages.unavailable())
-    end
-    local reply = requests.call("login", {
-        [contract.request.privileges] = tostring(contract.privilege.login),
-        [contract.request.address] = address,
-        [contract.request.origin] = ngx.var.http_origin or "",
-    }, {
-        body = {
-            [contract.credentials.user] = json.encode(name),
-            [contract.credentials.password] = json.encode(encrypted),
-        },
-        deadline = deadline,
-        whenDone = function()
-            turns.give(address)
-        end,
-    })
-    if reply.status == contract.status.authFailed then
-        local problem = unauthorized(contract.message.invalidCredentials)
-        problem.messages = #reply.messages > 0 and reply.messages or problem.messages
+    local record = replies[1]
+    if not record or not record[1] or not record[3] then
+        local problem = unauthorized(noValidSession)
+        problem.isInvalidToken = true
         error(problem)
     end
-    requests.expectSuccess(reply, clientFaults)
-    return reply
+    used[key] = usedSecond == now or nil
+    return {
+        name = record[1],
+        privilege = privileges.from(record[2] or ""),
+        session = record[3],
+        origin = record[4] or "",
+        mustChangePassword = record[5] ~= false and record[5] ~= nil,
+        resource = resources.from(replies[2], uri),
+    }
 end
 
 -- Returns the name and the password of a Basic header, nil when it is malformed.
@@ -131,38 +104,58 @@ local function basicCredentials(header)
     return decoded:match("^([^:]*):(.*)$")
 end
 
+-- Returns the user of a request with credentials; `temporary` is the session that it shares.
+local function userOfCredentials(name, password, uri)
+    local session = temporary.take(name, password, function(mayStart, starts)
+        return logins.logIn(name, password,
+            { origin = contract.temporaryOrigin, mayStart = mayStart, starts = starts })
+    end)
+    local succeeded, user = pcall(userOf, session.token, uri)
+    if not succeeded then
+        temporary.release(session, type(user) == "table" and user.isInvalidToken)
+        error(user, 0)
+    end
+    user.temporary = session
+    return user
+end
+
 -- Returns the user of this request, with the resource at an address:
---   name, privilege, session (an address), mustChangePassword, tree (of the resource)
---   temporary: the session was made for this request alone (HTTP Basic), to be removed with it
--- Raises the problem 401 when there is no such user, 403 when the request comes from another origin
--- than the login.
+--   name, privilege, session (an address), mustChangePassword, resource (nil when there is none)
+-- authentication.release has to follow. Raises the problem 401 when there is no such user, 403 when
+-- the request comes from another origin than the login.
 function authentication.identify(uri)
     local token = ngx.var.http_x_auth_token
-    local header = ngx.var.http_authorization
-    local user
     if token then
-        user = userOf(token, uri)
-    elseif header then
-        local name, password = basicCredentials(header)
-        if not name then
-            error(unauthorized(contract.message.invalidCredentials))
+        local user = userOf(token, uri)
+        local origin = ngx.var.http_origin
+        if user.origin ~= "" and origin and origin ~= user.origin then
+            error(messages.problem(403, { messages.new("Base.1.12.AccessDenied", ngx.var.uri) }))
         end
-        local reply = authentication.login(name, password)
-        local succeeded, found = pcall(userOf, reply.token, uri)
-        if not succeeded then
-            requests.logOut(reply.location)
-            error(found, 0)
-        end
-        user = found
-        user.temporary = true
-    else
+        return user
+    end
+    local header = ngx.var.http_authorization
+    if not header then
         error(unauthorized(noValidSession))
     end
-    local origin = ngx.var.http_origin
-    if user.origin ~= "" and origin and origin ~= user.origin then
-        error(messages.problem(403, { messages.new("Base.1.12.AccessDenied", ngx.var.uri) }))
+    local name, password = basicCredentials(header)
+    if not name then
+        error(unauthorized(contract.message.invalidCredentials))
+    end
+    local succeeded, user = pcall(userOfCredentials, name, password, uri)
+    if not succeeded and type(user) == "table" and user.isInvalidToken then
+        -- The shared session has ended meanwhile.
+        return userOfCredentials(name, password, uri)
+    elseif not succeeded then
+        error(user, 0)
     end
     return user
+end
+
+-- Ends what the request of a user needed.
+function authentication.release(user)
+    if user.temporary then
+        temporary.release(user.temporary)
+    end
 end
 
 return authentication

@@ -6,14 +6,16 @@ contract.service = "/redfish/v1/SessionService"
 contract.sessions = "/redfish/v1/SessionService/Sessions"
 contract.accounts = "/redfish/v1/AccountService/Accounts"
 
+-- The lists of the members of collections.
+contract.accountMembers = "&&/redfish/v1/AccountService/Accounts/Members"
+contract.sessionMembers = "&&/redfish/v1/SessionService/Sessions/Members"
+
+-- Stands for the origin of a session that clients must not see. No page has it.
+contract.temporaryOrigin = "&&temporary"
+
 -- The pattern of an address below a collection.
 function contract.memberPattern(collection)
     return "^" .. collection .. "/[^/]+$"
-end
-
--- The key of a collection's list of members.
-function contract.membersKey(collection)
-    return "&&" .. collection .. "/Members"
 end
 
 -- Lists that name the channel of each kind of request.
@@ -33,6 +35,11 @@ contract.request = {
     target = "&&TargetURI",
     method = "&&RequestMethod",
 }
+
+-- The key of a request's body.
+function contract.bodyKey(requestKey)
+    return requestKey .. "/Body"
+end
 
 -- The key of the list of properties that await a handler, and its field of a property.
 function contract.checklistKey(requestKey)
@@ -89,9 +96,17 @@ contract.resource = {
     owner = "&&OwnerName",
 }
 
+-- The field that counts a list.
+function contract.countOf(property)
+    return property .. "@odata.count"
+end
+
 -- Fields of a stored session, and its type.
 contract.session = { user = "UserName", type = "SessionType", origin = "&&Origin" }
 contract.redfishType = '"Redfish"'
+
+-- Sessions of this type that there can be.
+contract.maxSessions = 8
 
 -- Tells whether a stored field is not a property of its resource.
 function contract.isInternal(field)
@@ -101,8 +116,10 @@ end
 -- What begins a field or a list element whose value is stored elsewhere.
 contract.kind = { array = "&&Array", object = "&&Object", uri = "&&ObjectRef" }
 
+contract.tokenPrefix = "&&X-AUTH-TOKEN-"
+
 function contract.tokenKey(token)
-    return "&&X-AUTH-TOKEN-" .. token
+    return contract.tokenPrefix .. token
 end
 
 -- Hexadecimal digits of a token.

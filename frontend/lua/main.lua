@@ -11,6 +11,7 @@ local resources = require "resources"
 local service = require "service"
 local sessions = require "sessions"
 local store = require "store"
+local temporary = require "temporary_sessions"
 
 local main = {}
 
@@ -38,7 +39,7 @@ local function checkRequest(method)
     if version and version ~= "4.0" then
         refuse(412, "ExtendedError.1.2.VersionNotSupported")
     end
-    for name in pairs(ngx.req.get_uri_args()) do
+    for name in pairs(ngx.var.args and ngx.req.get_uri_args() or {}) do
         if name:sub(1, 1) == "$" then
             refuse(501, "Base.1.12.QueryNotSupported")
         end
@@ -46,7 +47,11 @@ local function checkRequest(method)
 end
 
 local function checkAccept(mediaType)
-    local given = ngx.req.get_headers().accept or ""
+    local given = ngx.var.http_accept
+    if not given or given == "*/*" then
+        return
+    end
+    given = ngx.req.get_headers().accept
     local accept = (type(given) == "table" and table.concat(given, ",") or given):lower()
     local mainType = mediaType:match("^[^/]*")
     if accept ~= "" and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
@@ -180,7 +185,7 @@ end
 -- Returns the resource at an address after all checks that precede any method.
 local function checkedResource(user, method, uri)
     checkPasswordChange(user, method, uri)
-    local resource = resources.from(user.tree, uri)
+    local resource = user.resource
     if not resource then
         refuse(404, "Base.1.12.ResourceMissingAtURI", uri)
     end
@@ -200,7 +205,6 @@ local function serve(user, method, uri)
         answer = answerGet(resource)
     elseif method == "DELETE" and uri:find(contract.memberPattern(contract.sessions)) then
         sessions.remove(uri)
-        user.temporary = user.temporary and uri ~= user.session
         answer = { status = 204 }
     elseif method == "PATCH" and uri == contract.service then
         answer = service.patch(readBody(), resource)
@@ -242,9 +246,7 @@ local function handle()
 
     local user = authentication.identify(uri)
     local succeeded, answer = pcall(serve, user, method, uri)
-    if user.temporary and not pcall(sessions.remove, user.session) then
-        ngx.log(ngx.WARN, "a session of HTTP Basic could not be removed; it will expire")
-    end
+    authentication.release(user)
     if not succeeded then
         error(answer, 0)
     end
@@ -302,8 +304,8 @@ end
 function main.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
-        prepareEnd = function() end,
-        isBusy = function() return false end,
+        prepareEnd = temporary.endAll,
+        isBusy = temporary.exist,
     })
 end
 
@@ -318,7 +320,6 @@ local refusals = {
     [408] = { "Base.1.12.MissingOrMalformedPart" },
     [413] = { "Base.1.12.PayloadTooLarge" },
     [414] = { "Base.1.12.PayloadTooLarge" },
-    [429] = { contract.message.serviceTemporarilyUnavailable, "1" },
     [500] = { "Base.1.12.InternalError" },
     [501] = { "ExtendedError.1.2.MethodNotImplemented" },
     [503] = { contract.message.serviceTemporarilyUnavailable, "1" },

@@ -116,7 +116,8 @@ local registry = {
     },
 }
 
--- Returns a message: its identifier and its arguments, all texts.
+-- Returns a message: its identifier and its arguments, all texts. Its field resolution may say more
+-- than the registry does.
 function messages.new(id, ...)
     return { id = id, arguments = { ... } }
 end
@@ -153,7 +154,7 @@ local function textOf(message)
         MessageArgs = json.array(arguments),
         MessageSeverity = json.encode(entry[2]),
         Severity = json.encode(entry[2]),
-        Resolution = json.encode(entry[3]),
+        Resolution = json.encode(message.resolution or entry[3]),
     }
     if message.property then
         members.RelatedProperties = json.array({ json.encode("/" .. message.property) })
@@ -177,11 +178,31 @@ function messages.problem(status, list, headers)
     return { status = status, messages = list, headers = headers or {} }
 end
 
+-- The problem of a client that has to log in first, or that could not.
+function messages.unauthorized(list)
+    return messages.problem(401, list, { ["WWW-Authenticate"] = 'Basic realm="Redfish"' })
+end
+
+-- What nginx logs for a client that has closed its connection.
+messages.clientGoneStatus = 499
+
+-- What ends a request whose client has gone. Nobody reads it.
+function messages.clientGone()
+    return messages.problem(messages.clientGoneStatus, {})
+end
+
 -- The problem of a service that is not there now.
 function messages.unavailable(seconds)
     seconds = tostring(seconds or 5)
     local message = messages.new(contract.message.serviceTemporarilyUnavailable, seconds)
     return messages.problem(503, { message }, { ["Retry-After"] = seconds })
+end
+
+-- The problem of a client that asks too much.
+function messages.tooMany()
+    local problem = messages.unavailable()
+    problem.status = 429
+    return problem
 end
 
 -- Returns the JSON text of an error answer.

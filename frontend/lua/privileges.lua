@@ -7,9 +7,18 @@ local privilege = contract.privilege
 
 local privileges = {}
 
-local function holds(user, needed)
+-- Returns the privilege that a stored text stands for.
+function privileges.from(text)
+    local sum = tonumber(text:match("^%s*(%d+)")) or 0
+    return sum <= contract.maxPrivilege and sum or 0
+end
+
+-- Tells whether a user, or any record with a privilege, holds all that is needed.
+function privileges.holds(user, needed)
     return bit.band(user.privilege, needed) == needed
 end
+
+local holds = privileges.holds
 
 local function has(needed)
     return function(user)

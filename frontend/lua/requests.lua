@@ -6,47 +6,38 @@
 local answers = require "answers"
 local contract = require "contract"
 local messages = require "messages"
-local resources = require "resources"
 local settings = require "settings"
 local store = require "store"
 
 local requests = {}
 
--- Seconds that a reply is kept that comes when the front end is gone: the service adds it to the
--- key that is there, and gives it no expiry.
-local lateReplySeconds = 86400
-
--- Keys: the request, its body, its checklist, its reply. Arguments: the queue, the two expiries,
--- how many words there are for request, body and checklist, and these words. Nothing is stored
--- when nobody listens.
+-- Keys: the request, its body, its checklist. Arguments: the queue, the expiry, how many words
+-- there are for each key, and these words. Nothing is stored when nobody listens.
 local sendScript = store.script([[
 local channel = run('LINDEX', ARGV[1], 0)
 if not channel then
-    return cjson.encode(0)
+    return 0
 end
-local position = 7
-for i = 1, 3 do
-    local words = tonumber(ARGV[3 + i])
+local position = 6
+for i, key in ipairs(KEYS) do
+    local words = tonumber(ARGV[2 + i])
     if words > 0 then
-        redis.call('HSET', KEYS[i], unpack(ARGV, position, position + words - 1))
-        redis.call('EXPIRE', KEYS[i], ARGV[2])
+        redis.call('HSET', key, unpack(ARGV, position, position + words - 1))
+        redis.call('EXPIRE', key, ARGV[2])
     end
     position = position + words
 end
--- Its only purpose is the expiry of the reply.
-redis.call('HSET', KEYS[4], 'request', KEYS[1])
-redis.call('EXPIRE', KEYS[4], ARGV[3])
-local receivers = redis.call('PUBLISH', channel, KEYS[1] .. ' ' .. KEYS[4])
+local receivers = redis.call('PUBLISH', channel, KEYS[1] .. ' ' .. KEYS[1])
 if receivers == 0 then
     redis.call('DEL', unpack(KEYS))
 end
-return cjson.encode(receivers)
+return receivers
 ]])
 
--- Keys: the request, its body, its checklist, its reply. Argument: a resource to read as well, or
--- an empty text; a login's session is read anyway.
-local takeScript = store.script(resources.collect .. [[
-local fields = hash(KEYS[4])
+-- Keys: the request, its body, its checklist. Argument: a resource to read as well, or an empty
+-- text; a login's session is read anyway.
+local takeScript = store.script([[
+local fields = hash(KEYS[1])
 if not fields[$reply.status] then
     return false
 end
@@ -54,10 +45,12 @@ local result = {
     status = fields[$reply.status],
     location = fields[$reply.location],
     token = fields[$reply.token],
-    unhandled = hash(KEYS[3]),
+    unhandled = ARGV[1] ~= '' and hash(KEYS[3]) or nil,
     messages = {},
 }
 local list = fields[$reply.messages]
+local removed = {unpack(KEYS)}
+removed[#removed + 1] = list
 -- The latest message comes first.
 local entries = list and run('LRANGE', list, 0, -1) or {}
 for i = #entries, 1, -1 do
@@ -67,46 +60,58 @@ for i = #entries, 1, -1 do
         id = entry[$storedMessage.id] or '',
         arguments = arguments and run('LRANGE', arguments, 0, -1) or {},
     }
-    redis.call('DEL', entries[i], arguments or entries[i])
+    removed[#removed + 1] = entries[i]
+    removed[#removed + 1] = arguments
 end
-redis.call('DEL', KEYS[1], KEYS[2], KEYS[3], KEYS[4], list or KEYS[4])
+redis.call('DEL', unpack(removed))
 local uri = result.location or ARGV[1]
 if uri ~= '' then
-    result.tree = collect(uri)
+    result.resource = run('HGETALL', uri)
+end
+if result.location then
+    result.privilege = run('HGET', $tokenPrefix .. result.token, $token.privilege) or nil
+    result.older = {all = 0, ofUser = 0}
+    -- Later ones come before it in the list. Which session is one too many must not depend on them.
+    local user = run('HGET', uri, $session.user)
+    local isOlder = false
+    for _, element in ipairs(run('LRANGE', $sessionMembers, 0, -1) or {}) do
+        local member = string.match(element, '^&&%a+ (.+)$')
+        local session = isOlder and member
+            and run('HMGET', member, $session.type, $session.user, $session.origin) or {}
+        if session[1] == $redfishType then
+            local isUsers = session[2] == user and session[3] ~= $temporaryOrigin
+            result.older.all = result.older.all + 1
+            result.older.ofUser = result.older.ofUser + (isUsers and 1 or 0)
+        end
+        isOlder = isOlder or member == uri
+    end
 end
 return cjson.encode(result)
 ]])
 
 local function append(words, fields)
     local before = #words
-    for field, value in pairs(fields or {}) do
-        words[#words + 1] = field
+    for name, value in pairs(fields or {}) do
+        words[#words + 1] = name
         words[#words + 1] = value
     end
     return #words - before
 end
 
-local function keysOf(channel)
-    local stem = channel:gsub("[^/]*$", "")
-    local request = stem .. "request"
-    return request, stem .. "body", contract.checklistKey(request), channel
-end
-
--- Stores and publishes a request. Tells whether anybody has got it.
-local function send(kind, channel, record, body, checklist)
-    local request, bodyKey, checklistKey, reply = keysOf(channel)
-    -- The reply's key is the return channel's name as well: a login also writes into a hash of that
-    -- name, and so there is only one to remove.
-    record[contract.request.returnChannel] = reply
-    record[contract.request.data] = body and bodyKey
+-- Stores and publishes a request. Its key is that of the reply and the return channel as well, so
+-- that one expires and is removed. Tells whether anybody has got it.
+local function send(kind, key, record, body, checklist)
+    record[contract.request.returnChannel] = key
+    record[contract.request.data] = body and contract.bodyKey(key) or key
     local words = {}
     local recordWords = append(words, record)
     local bodyWords = append(words, body)
     local checklistWords = append(words, checklist)
+    local command = store.call(sendScript, 3, key, contract.bodyKey(key),
+        contract.checklistKey(key), contract.queues[kind], settings.requestExpiry, recordWords,
+        bodyWords, checklistWords, unpack(words))
     return store.with(function(connection)
-        return store.runScript(connection, sendScript, 4, request, bodyKey, checklistKey, reply,
-            contract.queues[kind], settings.requestExpiry, lateReplySeconds, recordWords, bodyWords,
-            checklistWords, unpack(words))
+        return store.runAll(connection, { command })[1]
     end) > 0
 end
 
@@ -116,12 +121,9 @@ local function unquoted(argument)
 end
 
 -- Takes the answer of a request and removes everything. Returns nil when there is none.
-local function take(channel, uri)
-    local request, bodyKey, checklistKey, reply = keysOf(channel)
-    local taken = store.with(function(connection)
-        return store.runScript(connection, takeScript, 4, request, bodyKey, checklistKey, reply,
-            uri or "")
-    end)
+local function take(key, uri)
+    local taken = store.runScript(takeScript, 3, key, contract.bodyKey(key),
+        contract.checklistKey(key), uri or "")
     for i, stored in ipairs(taken and taken.messages or {}) do
         local arguments = {}
         for n, argument in ipairs(stored.arguments) do
@@ -133,8 +135,8 @@ local function take(channel, uri)
 end
 
 -- Takes an answer that nobody waits for. Nobody would hold the session of such a login.
-local function takeUnheld(_, channel)
-    local succeeded, reply = pcall(take, channel)
+local function takeUnheld(_, key)
+    local succeeded, reply = pcall(take, key)
     if succeeded and reply and reply.location then
         requests.logOut(reply.location)
     end
@@ -152,21 +154,22 @@ local function awaitUnheld(_, answer, whenDone)
 end
 
 -- For the answers' own start.
-function requests.takeUnexpected(channel)
-    ngx.timer.at(0, takeUnheld, channel)
+function requests.takeUnexpected(key)
+    ngx.timer.at(0, takeUnheld, key)
 end
 
 local function doNothing()
 end
 
--- Sends a request to the service and returns its reply: status, location, token, messages,
--- unhandled (what is left of the checklist), tree (of the resource to read, or the session).
--- Raises the problem 503 when no reply comes in time.
+-- Sends a request to the service and returns its reply: status, location, token, messages;
+-- unhandled (what is left of the checklist) and resource (for resources.from) when one is to be
+-- read; after a login resource, privilege (a text) and older (sessions that were there before: all,
+-- and ofUser). Raises the problem 503 when no reply comes in time.
 --   kind     of the contract's queues
 --   record   fields of the request; the keys of its parts are added
---   options  body and checklist (fields), read (the address of a resource to read afterwards),
---            deadline, whenDone (called once the service is no longer busy with the request, or
---            cannot be expected to be): all optional
+--   options  body (fields; without it the record holds them), checklist (fields), read (the
+--            address of a resource to read afterwards), deadline, whenDone (called once the
+--            service is no longer busy with the request, or cannot be expected to be): all optional
 function requests.call(kind, record, options)
     local whenDone = options.whenDone or doNothing
     local expecting, answer = pcall(answers.expect)
@@ -200,7 +203,10 @@ end
 -- Logs a session out that nobody uses, without waiting for that; then calls whenDone, if given.
 -- Where it fails, the session expires.
 function requests.logOut(uri, whenDone)
-    ngx.timer.at(0, logOut, uri, whenDone or doNothing)
+    whenDone = whenDone or doNothing
+    if not ngx.timer.at(0, logOut, uri, whenDone) then
+        whenDone()
+    end
 end
 
 local httpStatus = {

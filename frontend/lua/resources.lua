@@ -7,42 +7,52 @@ local resources = {}
 
 local maxDepth = 32
 
--- For scripts: collects a stored resource and all that it is made of, in one moment.
-resources.collect = [[
+-- Argument: a resource. Collects it and all that it is made of, in one moment. Temporary sessions
+-- are left out of their collection.
+local collectScript = store.script([[
 local maxCollected = 1024
-local function collect(uri)
-    local tree = {hashes = {}, lists = {}}
-    local pending = {{$kind.object, uri}}
-    for _ = 1, maxCollected do
-        local next = table.remove(pending)
-        if not next then
-            break
-        end
-        local kind, key = next[1], next[2]
-        if kind == $kind.object and not tree.hashes[key] then
-            local fields = run('HGETALL', key) or {}
-            tree.hashes[key] = fields
-            for i = 1, #fields, 2 do
-                if string.byte(fields[i]) == 38 then
-                    local inner, source = string.match(fields[i], '^(&&%a+) [^ ]+ ([^ ]+)$')
-                    pending[#pending + 1] = inner and {inner, source}
-                end
-            end
-        elseif kind == $kind.array and not tree.lists[key] then
-            local elements = run('LRANGE', key, 0, -1) or {}
-            tree.lists[key] = elements
-            for _, element in ipairs(elements) do
-                local inner, source = string.match(element, '^(&&%a+) ([^ ]+)$')
-                pending[#pending + 1] = inner and {inner, source}
-            end
+local tree = {hashes = {}, lists = {}}
+local pending = {{$kind.object, ARGV[1]}}
+
+local function collectHash(key)
+    local fields = run('HGETALL', key) or {}
+    tree.hashes[key] = fields
+    for i = 1, #fields, 2 do
+        local kind, source = string.match(fields[i], '^(&&%a+) [^ ]+ ([^ ]+)$')
+        pending[#pending + 1] = kind and {kind, source}
+    end
+end
+
+local function isHidden(key, uri)
+    return key == $sessionMembers and uri
+        and run('HGET', uri, $session.origin) == $temporaryOrigin
+end
+
+local function collectList(key)
+    local elements = {}
+    tree.lists[key] = elements
+    for _, element in ipairs(run('LRANGE', key, 0, -1) or {}) do
+        local kind, source = string.match(element, '^(&&%a+) ([^ ]+)$')
+        if not isHidden(key, source) then
+            elements[#elements + 1] = element
+            pending[#pending + 1] = kind and {kind, source}
         end
     end
-    return tree
 end
-]]
 
-local readScript = store.script(resources.collect .. [[
-return cjson.encode(collect(ARGV[1]))
+for _ = 1, maxCollected do
+    local next = table.remove(pending)
+    if not next then
+        break
+    end
+    local kind, key = next[1], next[2]
+    if kind == $kind.object and not tree.hashes[key] then
+        collectHash(key)
+    elseif kind == $kind.array and not tree.lists[key] then
+        collectList(key)
+    end
+end
+return cjson.encode(tree)
 ]])
 
 local function fieldsOf(tree, key)
@@ -85,6 +95,7 @@ end
 -- Returns the members' texts by their names.
 local function convertFields(tree, fields, depth)
     local members = {}
+    local counts = {}
     for name, text in pairs(fields) do
         if not contract.isInternal(name) then
             members[name] = value(text)
@@ -93,7 +104,14 @@ local function convertFields(tree, fields, depth)
             if kind and fields[property] == nil then
                 members[property] = convert(tree, kind, source, depth + 1)
             end
+            if kind == contract.kind.array then
+                counts[contract.countOf(property)] = #(tree.lists[source] or {})
+            end
         end
+    end
+    for name, count in pairs(counts) do
+        -- What is counted is what is shown.
+        members[name] = members[name] and json.encode(count)
     end
     return members
 end
@@ -120,14 +138,53 @@ end
 
 -- Returns the string that a JSON text is, nil when it is none.
 local function stringOf(text)
-    local string = text and json.decode(text)
+    local string = text and (text:match('^"([^"\\%c\128-\255]*)"$') or json.decode(text))
     return type(string) == "string" and string or nil
 end
 
--- Returns the resource at an address from what `collect` has returned, nil when there is none:
+-- Addresses of resources that consist of more than one hash. A list that is too long begins anew.
+local composed = {}
+local composedCount = 0
+local maxComposed = 1000
+
+local function isComposed(fields)
+    for i = 1, #fields, 2 do
+        local kind = fields[i]:match("^(&&%a+) [^ ]+ [^ ]+$")
+        if kind == contract.kind.array or kind == contract.kind.object then
+            return true
+        end
+    end
+    return false
+end
+
+local function collect(uri)
+    return store.runScript(collectScript, 0, uri)
+end
+
+-- Returns the tree of a resource from its hash alone, when it consists of no more.
+local function treeOf(fields, uri)
+    if not isComposed(fields) then
+        return { hashes = { [uri] = fields }, lists = {} }
+    end
+    if not composed[uri] then
+        composedCount = composedCount < maxComposed and composedCount + 1 or 1
+        composed = composedCount > 1 and composed or {}
+        composed[uri] = true
+    end
+    return collect(uri)
+end
+
+-- Returns the command that reads a resource. Most are one hash.
+function resources.readCommand(uri)
+    return composed[uri] and store.call(collectScript, 0, uri) or { "HGETALL", uri }
+end
+
+-- Returns the resource at an address, nil when there is none, from the reply to that command or
+-- from the fields and values of its hash:
 --   uri, tree, fields (as stored), type, etag (without quotes; as a header has it in etagHeader),
 --   allow (a set of methods; a list in allowText)
-function resources.from(tree, uri)
+function resources.from(reply, uri)
+    local tree = type(reply) == "string" and store.decode(reply) or treeOf(reply or {}, uri)
     local fields = fieldsOf(tree, uri)
     if not fields or stringOf(fields[contract.resource.uri]) ~= uri then
         return nil
@@ -154,9 +211,11 @@ end
 
 -- Reads the resource at an address, nil when there is none.
 function resources.read(uri)
-    return resources.from(store.with(function(connection)
-        return store.runScript(connection, readScript, 0, uri)
-    end), uri)
+    local command = resources.readCommand(uri)
+    local reply = store.with(function(connection)
+        return store.runAll(connection, { command })[1]
+    end)
+    return resources.from(reply, uri)
 end
 
 -- Returns the JSON text of a resource; `annotations` are further members, or nil.
@@ -180,10 +239,7 @@ return false
 
 -- Returns the address of the account of a user, an empty text when there is none.
 function resources.accountOf(user)
-    return store.with(function(connection)
-        return store.runScript(connection, accountScript, 0,
-            contract.membersKey(contract.accounts), user)
-    end) or ""
+    return store.runScript(accountScript, 0, contract.accountMembers, user) or ""
 end
 
 return resources

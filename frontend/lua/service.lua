@@ -116,7 +116,7 @@ function service.patch(body, resource)
     for _, fault in ipairs(faults) do
         annotations[fault.property .. "@Message.ExtendedInfo"] = messages.texts({ fault })
     end
-    local changed = resources.from(reply.tree, contract.service) or resource
+    local changed = resources.from(reply.resource, contract.service) or resource
     return {
         status = 200,
         headers = { ETag = changed.etagHeader },

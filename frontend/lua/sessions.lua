@@ -1,6 +1,7 @@
 -- Logging in and out.
-local authentication = require "authentication"
+local client = require "client"
 local contract = require "contract"
+local logins = require "logins"
 local messages = require "messages"
 local requests = require "requests"
 local resources = require "resources"
@@ -53,12 +54,19 @@ function sessions.create(body)
     if #faults > 0 then
         error(messages.problem(400, faults))
     end
-    local reply = authentication.login(body[credentials.user], body[credentials.password])
+    local isGone = client.watch()
+    local reply = logins.logIn(body[credentials.user], body[credentials.password],
+        { origin = client.origin() })
+    if isGone() then
+        -- Nobody would hold the session.
+        requests.logOut(reply.location)
+        error(messages.clientGone())
+    end
     local annotations = {}
     if reply.messages[1] and reply.messages[1].id == contract.message.passwordChangeRequired then
         annotations["@Message.ExtendedInfo"] = messages.texts(reply.messages)
     end
-    local session = resources.from(reply.tree, reply.location)
+    local session = resources.from(reply.resource, reply.location)
     if not session then
         -- It has expired or been removed already.
         error(messages.unavailable())

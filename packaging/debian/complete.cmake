@@ -1,7 +1,7 @@
-# Completes the trees of all packages before they are packed.
+# Adds to each package what Debian requires, before it is packed.
 find_program(GZIP gzip REQUIRED)
 
-# Without a name and a time of its own, so that the same text makes the same file.
+# Without a name and a time in the file, so that the same input gives the same bytes.
 function(compress)
     execute_process(COMMAND ${GZIP} -9n ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()

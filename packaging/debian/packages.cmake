@@ -21,27 +21,27 @@ if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
 else()
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
 endif()
-# Adds what Debian asks of a package and nobody else of an installation.
+# Adds the files that only a Debian package needs.
 set(CPACK_DEBIAN_FILES ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/complete.cmake)
 
-# debian_package(COMPONENT SUMMARY DESCRIPTION): the variables that CPack reads.
+# debian_package(COMPONENT SUMMARY DESCRIPTION): sets the variables that CPack reads.
 function(debian_package component summary description)
     string(TOUPPER ${component} name)
     set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${component} PARENT_SCOPE)
     set(CPACK_DEBIAN_${name}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
 endfunction()
-# CPack would put it in front of each.
+# CPack would prepend it to each description.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 debian_package(session-service "Redfish session service of a server-management controller"
 "Logs the clients of a controller's Redfish interface in and out, expires idle
 sessions and applies changes to the settings of the session service. A web
-front end hands requests over through a Redis server on the same machine;
-users are checked by PAM.
+front end passes requests through a Redis server on the same machine; PAM
+checks the users.
 
-It starts once /etc/pam.d/q73 says who may log in, which this package leaves to
-the controller.")
+The service starts once /etc/pam.d/q73 says who may log in. This package leaves
+that file to the controller.")
 set(CPACK_DEBIAN_SESSION-SERVICE_PACKAGE_RECOMMENDS redis-server)
 set(CPACK_DEBIAN_SESSION-SERVICE_PACKAGE_SUGGESTS "session-service-frontend, krb5-user")
 set(CPACK_DEBIAN_SESSION-SERVICE_PACKAGE_CONTROL_EXTRA
@@ -50,18 +50,18 @@ set(CPACK_DEBIAN_SESSION-SERVICE_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/postrm)
 
 debian_package(session-service-frontend "Redfish web front end of the session service"
-"Turns HTTPS requests into requests to the session service and back, with nginx
-and its Lua module: a reference, to be put into place on a controller that
-has no front end of its own.")
+"Translates between HTTPS and the session service's requests, with nginx and
+its Lua module: a reference, to be installed on a controller that has no
+front end of its own.")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
-    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, lua-nginx-redis")
+    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS session-service)
 
 debian_package(session-service-demo "Demo of the Redfish session service"
-"Runs the session service with all that a controller has around it, in a
-private root file system, and shows the life of sessions, with curl over
-HTTPS, too. The machine that it runs on is left alone.")
+"Runs the session service and everything that a controller has around it in a
+private root file system, and shows the life of sessions, also with curl over
+HTTPS. It does not change the machine that it runs on.")
 set(CPACK_DEBIAN_SESSION-SERVICE-DEMO_PACKAGE_DEPENDS
     "session-service (= ${PROJECT_VERSION}), session-service-frontend (= ${PROJECT_VERSION}), bubblewrap, redis-server, openssl, curl")
 

@@ -62,7 +62,7 @@ void loadGroupPrivileges() {
             if (contains(line, role.key)) {
                 // The key is expected at the start of the line, wherever it was found.
                 role.privilege = static_cast<std::int32_t>(
-                    parsePrefixedInteger(line.substr(role.key.size())).value);
+                    parsePrefixedInt64(line.substr(role.key.size())).value);
                 break;
             }
         }

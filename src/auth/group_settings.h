@@ -49,8 +49,8 @@ struct RolePrivileges {
 extern GroupSettings groupSettings;
 extern RolePrivileges rolePrivileges;
 
-// Reads both files again, in the order in which a login needs it: the attribute and the groups, the
-// switch of Kerberos groups, the privileges.
+// Reads both files again: the attribute and the groups, then the switch of Kerberos groups, then
+// the privileges.
 void refreshGroupSettings();
 
 // Sets `value` from the last line of /etc/pam.d/q73.conf that gives the key: the text from
@@ -69,7 +69,7 @@ void loadGroupPrivileges();
 std::optional<std::int32_t> privilegeOfFirstRole(
     const std::function<bool(const std::string& group)>& hasGroup);
 
-// That of the first role with whose group the value of the group attribute begins.
+// The privilege value of the first role whose group the attribute's value begins with.
 std::optional<std::int32_t> privilegeOfAttribute(std::string_view value);
 
 }  // namespace session_service

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view escapedQuote = "'\\''";
 
-std::size_t quotedLength(const std::string& text) {
+std::size_t quotedLength(std::string_view text) {
     std::size_t length = 2;
     for (const char character : text) {
         length += character == '\'' ? escapedQuote.size() : 1;
@@ -20,7 +20,7 @@ std::size_t quotedLength(const std::string& text) {
     return length;
 }
 
-void appendQuoted(std::string& command, const std::string& text) {
+void appendQuoted(std::string& command, std::string_view text) {
     command += '\'';
     for (const char character : text) {
         if (character == '\'') {
@@ -44,16 +44,19 @@ std::string composeKadminCommand(const std::string& userName, const std::string&
     constexpr std::string_view start = "kadmin -p ";
     constexpr std::string_view withPassword = " -w ";
     constexpr std::string_view query = " getstrs ";
+    // PAM has seen both up to their first zero byte, and so does the tool.
+    const std::string_view name(userName.c_str());
+    const std::string_view secret(password.c_str());
     std::string command;
     // Growing would leave copies of the password behind.
-    command.reserve(start.size() + withPassword.size() + query.size() + 2 * quotedLength(userName) +
-                    quotedLength(password));
+    command.reserve(start.size() + withPassword.size() + query.size() + 2 * quotedLength(name) +
+                    quotedLength(secret));
     command += start;
-    appendQuoted(command, userName);
+    appendQuoted(command, name);
     command += withPassword;
-    appendQuoted(command, password);
+    appendQuoted(command, secret);
     command += query;
-    appendQuoted(command, userName);
+    appendQuoted(command, name);
     return command;
 }
 

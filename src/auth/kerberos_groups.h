@@ -14,7 +14,7 @@ namespace session_service {
 std::optional<std::int32_t> privilegeFromKerberos(const std::string& userName,
                                                   const std::string& password);
 
-// The parts of which it is made.
+// Its steps, declared for tests.
 
 // The tool's command line. Quotes inside the name and the password are escaped for the shell:
 // each stays one argument, whatever it holds. The caller wipes the result.
@@ -24,6 +24,7 @@ std::string composeKadminCommand(const std::string& userName, const std::string&
 // output. Empty, with an error line, when it could not be started.
 std::string executeCommand(const std::string& commandLine);
 
+// The privilege value of the first role whose group stands as "ATTRIBUTE: GROUP" in the text.
 std::optional<std::int32_t> privilegeAmongAttributes(const std::string& attributes);
 
 }  // namespace session_service

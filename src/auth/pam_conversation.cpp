@@ -45,8 +45,8 @@ bool answerFromInput(pam_response& response, const char* prompt) {
 
 void show(std::FILE* stream, const char* text) {
     const std::size_t length = std::strlen(text);
-    const bool open = length > 0 && text[length - 1] != '\n';
-    std::fprintf(stream, "%s%s", text, open ? "\n" : "");
+    const bool unterminated = length > 0 && text[length - 1] != '\n';
+    std::fprintf(stream, "%s%s", text, unterminated ? "\n" : "");
 }
 
 bool converse(const pam_message& message, pam_response& response, const char* password) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,8 +20,9 @@
 namespace session_service {
 namespace {
 
-// Ends a PAM transaction; an end that fails is logged. Modules run inside this process:
-// their signal handlers must be gone before they are, and pam_end has them clean up.
+// Ends a PAM transaction; an end that fails is logged. pam_end cleans up and unloads the modules:
+// signal handlers that they installed must be gone before, and what the clean-up changes is undone
+// after.
 void endTransaction(pam_handle_t* handle, int status) {
     restoreProcessState();
     const bool ended = pam_end(handle, status) == PAM_SUCCESS;

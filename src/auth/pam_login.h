@@ -6,7 +6,7 @@
 
 namespace session_service {
 
-// Who may log in: a service of this name under /etc/pam.d.
+// The PAM service that decides who may log in: a file of this name under /etc/pam.d.
 inline constexpr const char* pamService = "q73";
 
 enum class LoginDecision {
@@ -19,7 +19,7 @@ enum class LoginDecision {
 enum class PrivilegeSource {
     none,
     groupVariable,       // the PAM variable of the group attribute
-    kerberosGroup,       // the group that the Kerberos administration tool told
+    kerberosGroup,       // the group that the Kerberos administration tool reported
     kerberosAlone,       // a Kerberos login, with groups switched off
     privilegesVariable,  // the PAM variable PRIVILEGES
 };

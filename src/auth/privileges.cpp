@@ -9,10 +9,10 @@
 namespace session_service {
 namespace {
 
-// Logs why a text is no privilege value. The two sentences end in what this service's log has
-// always had there: a colon for the user's own value, none for those of a list.
-void logError(NumberError error, const char* noDigits, const char* outOfRange) {
-    logger->error("%s", describe(error, noDigits, outOfRange).c_str());
+// The log has always had a colon after the sentence for the user's own value, and none for a
+// list's.
+void logPrivilegeError(NumberError error, const char* noDigits, const char* outOfRange) {
+    logger->error("%s", describeNumberError(error, noDigits, outOfRange).c_str());
 }
 
 }  // namespace
@@ -22,9 +22,10 @@ std::vector<std::int32_t> parsePrivilegeList(const std::string& text) {
     std::size_t start = 0;
     for (;;) {
         const std::size_t comma = text.find(',', start);
-        const ParsedNumber mask = parseNumber(text.substr(start, comma - start));
+        const ParsedInt32 mask = parseInt32(text.substr(start, comma - start));
         if (!mask.value) {
-            logError(mask.error, "Privilege value type error", "Privilege value out of range");
+            logPrivilegeError(mask.error, "Privilege value type error",
+                              "Privilege value out of range");
         }
         const std::int32_t previous = masks.empty() ? 0 : masks.back();
         masks.push_back(mask.value.value_or(previous));
@@ -36,9 +37,10 @@ std::vector<std::int32_t> parsePrivilegeList(const std::string& text) {
 }
 
 std::int32_t parseUserPrivilege(const std::string& text) {
-    const ParsedNumber privilege = parseNumber(text);
+    const ParsedInt32 privilege = parseInt32(text);
     if (!privilege.value) {
-        logError(privilege.error, "Privilege value type error:", "Privilege value out of range:");
+        logPrivilegeError(privilege.error,
+                          "Privilege value type error:", "Privilege value out of range:");
     }
     return privilege.value.value_or(0);
 }

@@ -6,7 +6,7 @@
 
 namespace session_service {
 
-// Converts the moment; false, with `local` unspecified, when its year cannot be told. A
+// Converts the moment; false, with `local` unspecified, when its year cannot be represented. A
 // changed zone is noticed. Safe to call from several threads.
 inline bool toLocalTime(std::time_t moment, std::tm& local) {
     // tzset replaces what the process keeps of the zone.

@@ -11,7 +11,7 @@ constexpr const char* blanks = " \t\n\v\f\r";
 
 static_assert(sizeof(long long) == sizeof(std::int64_t));
 
-ParsedInteger readInteger(const std::string& text, int base) {
+ParsedInt64 readInteger(const std::string& text, int base) {
     char* end = nullptr;
     errno = 0;
     const std::int64_t value = std::strtoll(text.c_str(), &end, base);
@@ -34,9 +34,9 @@ int baseOf(const std::string& text) {
 
 }  // namespace
 
-ParsedNumber parseNumber(const std::string& text) {
+ParsedInt32 parseInt32(const std::string& text) {
     using Limits = std::numeric_limits<std::int32_t>;
-    const ParsedInteger integer = readInteger(text, 10);
+    const ParsedInt64 integer = readInteger(text, 10);
     if (!integer.hasDigits) {
         return {std::nullopt, NumberError::noDigits};
     }
@@ -46,16 +46,16 @@ ParsedNumber parseNumber(const std::string& text) {
     return {static_cast<std::int32_t>(integer.value)};
 }
 
-std::string describe(NumberError error, const char* noDigits, const char* outOfRange) {
+std::string describeNumberError(NumberError error, const char* noDigits, const char* outOfRange) {
     return std::string(error == NumberError::noDigits ? noDigits : outOfRange) + ' ' +
            numberErrorText;
 }
 
-ParsedInteger parseInteger(const std::string& text) {
+ParsedInt64 parseInt64(const std::string& text) {
     return readInteger(text, 10);
 }
 
-ParsedInteger parsePrefixedInteger(const std::string& text) {
+ParsedInt64 parsePrefixedInt64(const std::string& text) {
     return readInteger(text, baseOf(text));
 }
 

@@ -24,14 +24,14 @@ struct ProcessState {
     std::array<struct sigaction, signalsEnd> dispositions{};
     sigset_t blocked{};
     mode_t fileMask = 0;
-    std::array<char, PATH_MAX> folder{};
+    std::array<char, PATH_MAX> directory{};
     std::vector<char*> variables;  // ends with a null pointer, as environ does
 };
 
-std::optional<ProcessState> noted;
+std::optional<ProcessState> saved;
 
-// What environ points to from the first restoration on. Of this array every element is
-// replaced by itself, so that other threads may read their variables meanwhile.
+// What environ points to from the first restoration on. Restoring overwrites each element with the
+// same pointer, so that other threads may call getenv meanwhile.
 std::vector<char*> variables;
 
 }  // namespace
@@ -45,7 +45,7 @@ void openStandardStreams() {
 }
 
 void closeDescriptorsOnExec() {
-    // Kernels before 5.11 refuse; there is no harm in that but a restart that may have to wait.
+    // Kernels before 5.11 refuse; a child may then keep a supervisor's lock, and a restart waits.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
@@ -58,7 +58,7 @@ void disableCoreDumps() {
 }
 
 void saveProcessState() {
-    ProcessState& state = noted.emplace();
+    ProcessState& state = saved.emplace();
     for (std::size_t i = 1; i < signalsEnd; ++i) {
         sigaction(static_cast<int>(i), nullptr, &state.dispositions[i]);
     }
@@ -66,8 +66,8 @@ void saveProcessState() {
     // It cannot be read without being changed.
     state.fileMask = umask(0);
     umask(state.fileMask);
-    // Stays empty where there is none any more; what cannot be entered is left as it is.
-    [[maybe_unused]] const char* folder = getcwd(state.folder.data(), state.folder.size());
+    // Stays empty when the working directory is gone; chdir then fails and changes nothing.
+    [[maybe_unused]] const char* directory = getcwd(state.directory.data(), state.directory.size());
     for (char** variable = environ; variable && *variable; ++variable) {
         state.variables.push_back(*variable);
     }
@@ -76,17 +76,17 @@ void saveProcessState() {
 }
 
 void restoreProcessState() {
-    if (!noted) {
+    if (!saved) {
         return;
     }
     alarm(0);
     for (std::size_t i = 1; i < signalsEnd; ++i) {
-        sigaction(static_cast<int>(i), &noted->dispositions[i], nullptr);
+        sigaction(static_cast<int>(i), &saved->dispositions[i], nullptr);
     }
-    pthread_sigmask(SIG_SETMASK, &noted->blocked, nullptr);
-    umask(noted->fileMask);
-    [[maybe_unused]] const int changed = chdir(noted->folder.data());
-    variables = noted->variables;
+    pthread_sigmask(SIG_SETMASK, &saved->blocked, nullptr);
+    umask(saved->fileMask);
+    [[maybe_unused]] const int changed = chdir(saved->directory.data());
+    variables = saved->variables;
     environ = variables.data();
     closelog();
     openStandardStreams();

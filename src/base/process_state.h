@@ -1,5 +1,5 @@
-// What a process has only one of, and what others leave changed in it: PAM modules run
-// inside this one.
+// The state that a process has once, and how to restore it: PAM modules run inside this process
+// and change it.
 #pragma once
 
 namespace session_service {
@@ -16,17 +16,17 @@ void closeDescriptorsOnExec();
 // passwords pass through.
 void disableCoreDumps();
 
-// Notes what restoreProcessState brings back. To be called once, while there is one thread.
+// Saves what restoreProcessState restores. To be called once, while there is one thread.
 void saveProcessState();
 
-// Brings back, on the thread that calls the modules, what was noted: what signals do and
-// which of them are blocked, the mask of new files, the working folder and the variables of
-// the process; and the standard streams. The system's log no longer knows a name that a
-// module gave it. Does nothing when nothing was noted. Logs nothing.
+// Restores, on the thread that calls the modules, what was saved: what signals do and which of
+// them are blocked, the mask of new files, the working directory and the environment; and opens
+// the standard streams. The system's log forgets a name that a module gave it. Does nothing when
+// nothing was saved. Logs nothing.
 void restoreProcessState();
 
-// Waits for the children that have ended; for none that still runs. To be called on the only
-// thread that starts any, when it waits for none.
+// Reaps children that have ended, without blocking. To be called on the only thread that starts
+// any, while it waits for none.
 void reapChildren();
 
 }  // namespace session_service

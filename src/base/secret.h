@@ -14,7 +14,7 @@ inline void wipe(std::string& text) noexcept {
 }
 
 // A text that is wiped before its memory is released. An aggregate, so that a function's
-// result becomes the text itself: a text that is moved leaves its bytes behind.
+// result is built in place: moving a short text leaves its bytes behind.
 struct SecretText {
     std::string text;
 

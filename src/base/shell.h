@@ -5,9 +5,7 @@
 // this process ignores. Safe to call from several threads.
 #pragma once
 
-#include <cstddef>
 #include <functional>
-#include <string>
 #include <string_view>
 
 namespace session_service {

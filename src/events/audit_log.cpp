@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <ctime>
+#include <vector>
 
 #include "base/local_time.h"
 #include "frame/configuration.h"
@@ -15,7 +16,7 @@ namespace {
 
 const std::string& logEntryCollection() {
     static const std::string collection =
-        getConfigValue(configurationFile, auditSetting, maxSettingSize);
+        getConfigValue(configurationFile, auditSetting, settingBufferSize);
     return collection;
 }
 

@@ -27,18 +27,18 @@ void setCounter(redisContext* connection, const char* value) {
 }  // namespace
 
 std::int32_t maxEventGroupId(redisContext* connection) {
-    const std::int32_t kept = cachedMaxId;
-    if (kept != defaultMaxId) {
-        return kept;
+    const std::int32_t cached = cachedMaxId;
+    if (cached != defaultMaxId) {
+        return cached;
     }
     const std::string setting = store::hget(connection, defaultValuesKey, maxEventGroupField);
     if (setting.find('.') != std::string::npos) {
         return defaultMaxId;
     }
-    const ParsedNumber number = parseNumber(setting);
+    const ParsedInt32 number = parseInt32(setting);
     if (!number.value) {
-        logger->debug("%s", describe(number.error, "Max EventGroupId value type error",
-                                     "Max EventGroupId value out of range")
+        logger->debug("%s", describeNumberError(number.error, "Max EventGroupId value type error",
+                                                "Max EventGroupId value out of range")
                                 .c_str());
     }
     const std::int32_t maxId = number.value.value_or(0);

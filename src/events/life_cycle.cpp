@@ -8,16 +8,16 @@
 namespace session_service {
 namespace {
 
-bool readSetting() {
+bool readEventSetting() {
     const bool generate =
-        getConfigValue(configurationFile, eventSetting, maxSettingSize) != "false";
+        getConfigValue(configurationFile, eventSetting, settingBufferSize) != "false";
     logger->debug("SessionService will %sgenerate events when resource is created/updated/removed.",
                   generate ? "" : "not ");
     return generate;
 }
 
 bool areEventsEnabled() {
-    static const bool generate = readSetting();
+    static const bool generate = readEventSetting();
     return generate;
 }
 
@@ -37,10 +37,10 @@ void generateLifeCycleEvents(redisContext* connection, const EventList& events) 
         logger->error("Cannot get SHA script resourceChange.");
         return;
     }
-    std::vector<std::string> keys{std::to_string(events.size())};
-    keys.insert(keys.end(), events.begin(), events.end());
+    std::vector<std::string> arguments{std::to_string(events.size())};
+    arguments.insert(arguments.end(), events.begin(), events.end());
 
-    const store::ScriptAnswer answer = store::evalsha(connection, digest, keys);
+    const store::ScriptAnswer answer = store::evalsha(connection, digest, arguments);
     switch (answer.kind) {
         case store::ScriptAnswer::Kind::refused:
             logger->error("Failed to generate life cycle event. %s", answer.text.c_str());

@@ -6,6 +6,7 @@
 namespace session_service {
 
 inline constexpr const char* configurationFile = "/usr/local/etc/nginx/SessionService.conf";
-inline constexpr std::size_t maxSettingSize = 128;  // of a value, its ending zero included
+// For one value, its terminating zero included.
+inline constexpr std::size_t settingBufferSize = 128;
 
 }  // namespace session_service

@@ -39,7 +39,7 @@ namespace {
 constexpr std::array<const char*, 2> tags = {"[Error]", "[Debug]"};
 constexpr mode_t logFileMode = 0666;
 
-using SettingBuffer = std::array<char, maxSettingSize>;
+using SettingBuffer = std::array<char, settingBufferSize>;
 
 bool readSetting(const char* configPath, const char* key, SettingBuffer& value) {
     value.fill('\0');
@@ -128,7 +128,7 @@ void Logger::init(const char* configPath) {
         backup = value.data();
     }
     if (readSetting(configPath, logSizeSetting, value) && value[0] != '\0') {
-        const ParsedNumber size = parseNumber(value.data());
+        const ParsedInt32 size = parseInt32(value.data());
         if (!size.value) {
             std::fprintf(stderr, "Error: %s\n", numberErrorText);
         }

@@ -9,7 +9,7 @@
 
 namespace session_service {
 
-// The settings.
+// The keys of its settings in the configuration file.
 inline constexpr const char* logSystemSetting = "LOG_SYSTEM";
 inline constexpr const char* logFileSetting = "LOG_FILE";
 inline constexpr const char* logBackupSetting = "LOG_FILE_BAK";
@@ -53,9 +53,10 @@ class Logger {
 // The process's logger; set before any other thread exists.
 extern Logger* logger;
 
-// Makes the logger with the settings of that file, and its first line.
+// Creates the logger with the settings of that file and, when the log is a file, writes its first
+// line.
 void startLog(const char* configPath);
-// Destroys the logger, when no other thread uses it.
+// Destroys the logger. No other thread may use it any more.
 void endLog();
 
 }  // namespace session_service

@@ -1,7 +1,6 @@
 #include "frame/mutex.h"
 
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -10,14 +9,14 @@ namespace session_service {
 namespace {
 
 constexpr long pauseNanoseconds = 100'000'000;
-constexpr long nanosecondsOfASecond = 1'000'000'000;
+constexpr long nanosecondsPerSecond = 1'000'000'000;
 
 timespec endOfPause() {
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_nsec += pauseNanoseconds;
-    if (end.tv_nsec >= nanosecondsOfASecond) {
-        end.tv_nsec -= nanosecondsOfASecond;
+    if (end.tv_nsec >= nanosecondsPerSecond) {
+        end.tv_nsec -= nanosecondsPerSecond;
         ++end.tv_sec;
     }
     return end;
@@ -29,7 +28,7 @@ void sleepUntil(const timespec& end) {
 }
 
 // Pauses between two tries. True, with the mutex held, when it came free meanwhile.
-bool lockDuringPause(Mutex& mutex) TRY_ACQUIRE(true, mutex) UNCHECKED_LOCKS {
+bool lockDuringPause(Mutex& mutex) TSA_TRY_ACQUIRE(true, mutex) TSA_UNCHECKED {
     const timespec end = endOfPause();
     const int status = pthread_mutex_clocklock(&mutex.handle, CLOCK_MONOTONIC, &end);
     if (status != 0 && status != ETIMEDOUT) {
@@ -40,7 +39,7 @@ bool lockDuringPause(Mutex& mutex) TRY_ACQUIRE(true, mutex) UNCHECKED_LOCKS {
 
 }  // namespace
 
-bool tryLockFor(Mutex& mutex, int seconds) UNCHECKED_LOCKS {
+bool tryLockFor(Mutex& mutex, int seconds) TSA_UNCHECKED {
     constexpr unsigned overflowBit = 1U << 30;
     if ((static_cast<unsigned>(seconds) * 5U & overflowBit) != 0) {
         return false;
@@ -51,7 +50,7 @@ bool tryLockFor(Mutex& mutex, int seconds) UNCHECKED_LOCKS {
             return true;
         }
         if (attempt == attempts) {
-            // No try follows: that the mutex comes free now makes no difference any more.
+            // No try follows the last pause, so nothing can end it early.
             sleepUntil(endOfPause());
         } else if (lockDuringPause(mutex)) {
             return true;
@@ -60,7 +59,7 @@ bool tryLockFor(Mutex& mutex, int seconds) UNCHECKED_LOCKS {
     return false;
 }
 
-bool shouldStop(Mutex& mutex) UNCHECKED_LOCKS {
+bool shouldStop(Mutex& mutex) TSA_UNCHECKED {
     const int status = pthread_mutex_trylock(&mutex.handle);
     if (status == 0) {
         pthread_mutex_unlock(&mutex.handle);
@@ -69,23 +68,31 @@ bool shouldStop(Mutex& mutex) UNCHECKED_LOCKS {
     return status != EBUSY;
 }
 
-MutexGuard::MutexGuard(Mutex& guarded) UNCHECKED_LOCKS : mutex(guarded), held(true) {
+void lock(Mutex& mutex) TSA_UNCHECKED {
     pthread_mutex_lock(&mutex.handle);
 }
 
-MutexGuard::~MutexGuard() UNCHECKED_LOCKS {
+void unlock(Mutex& mutex) TSA_UNCHECKED {
+    pthread_mutex_unlock(&mutex.handle);
+}
+
+MutexGuard::MutexGuard(Mutex& guarded) TSA_UNCHECKED : mutex(guarded), held(true) {
+    lock(mutex);
+}
+
+MutexGuard::~MutexGuard() TSA_UNCHECKED {
     unlock();
 }
 
-bool MutexGuard::tryFor(int seconds) UNCHECKED_LOCKS {
+bool MutexGuard::tryFor(int seconds) TSA_UNCHECKED {
     held = tryLockFor(mutex, seconds);
     return held;
 }
 
-void MutexGuard::unlock() UNCHECKED_LOCKS {
+void MutexGuard::unlock() TSA_UNCHECKED {
     if (held) {
         held = false;
-        pthread_mutex_unlock(&mutex.handle);
+        session_service::unlock(mutex);
     }
 }
 

@@ -1,20 +1,22 @@
-// The top of a thread's body, beyond which no exception gets.
+// The outermost frame of a thread: no exception leaves it.
 #pragma once
 
 #include <cxxabi.h>
 
 namespace session_service {
 
-// Logs why the thread of that name ends, from within a handler of the exception.
+// To be called inside a catch block: logs that the thread of that name ends, and the exception.
 void logThreadEnd(const char* name) noexcept;
 
-// Runs the body. An exception ends it as a lost connection does, after an error line.
+// Runs the body. An exception ends it as a lost connection does, after the error line "The thread
+// of NAME ends: ...".
 template <typename Body>
 void runThreadBody(const char* name, const Body& body) {
     try {
         body();
     } catch (const abi::__forced_unwind&) {
-        // No exception: a PAM module has ended its thread, which must go on ending.
+        // Not an exception but pthread_exit, called by a PAM module: to swallow it would end the
+        // process.
         throw;
     } catch (...) {
         logThreadEnd(name);

@@ -13,9 +13,10 @@ struct WorkerContext {
     // Held by start-up until the create and delete threads have ended; the expiry thread
     // ends as soon as it can take it.
     Mutex stopMutex;
-    // Serializes the session work of the create, delete and expiry threads.
+    // Held while the sessions are counted before a login, while one is deleted, and for each pass
+    // of the expiry.
     Mutex dataMutex;
-    // Signalled after a session was created.
+    // Signalled after each login; nothing here waits on it.
     pthread_cond_t dataReady;
 };
 

@@ -5,7 +5,7 @@
 namespace session_service {
 namespace {
 
-int running = 0;
+int workerCount = 0;
 
 }  // namespace
 
@@ -13,19 +13,19 @@ bool start(Worker& worker, WorkerContext& context) {
     if (pthread_create(&worker.thread, nullptr, worker.body, &context) != 0) {
         return false;
     }
-    ++running;
+    ++workerCount;
     return true;
 }
 
 void join(const Worker& worker) {
     if (pthread_join(worker.thread, nullptr) != 0) {
-        logger->error("%s", worker.joinFailure);
+        logger->error("%s", worker.joinFailureText);
     }
-    --running;
+    --workerCount;
 }
 
 bool workersExist() {
-    return running > 0;
+    return workerCount > 0;
 }
 
 }  // namespace session_service

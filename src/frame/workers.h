@@ -8,9 +8,9 @@
 namespace session_service {
 
 struct Worker {
-    void* (*body)(void*);      // gets the WorkerContext
-    const char* startFailure;  // logged when it cannot be started
-    const char* joinFailure;   // logged when it cannot be waited for
+    void* (*body)(void*);          // gets the WorkerContext
+    const char* startFailureText;  // logged when it cannot be started
+    const char* joinFailureText;   // logged when it cannot be waited for
     pthread_t thread{};
 };
 
@@ -20,8 +20,8 @@ bool start(Worker& worker, WorkerContext& context);
 // Waits for the worker's end; a wait that fails is logged, and the worker counts as ended.
 void join(const Worker& worker);
 
-// Whether workers have been started and not been joined: they may be inside the log, the store or
-// PAM.
+// Whether a started worker has not been joined yet. The PATCH worker is not counted: whoever starts
+// it waits for it.
 bool workersExist();
 
 }  // namespace session_service

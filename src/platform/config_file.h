@@ -9,9 +9,9 @@
 #include <cstddef>
 #include <string>
 
-// Copies the value of `key` into `buffer`, cut to fit and zero-terminated.
-// Returns 0 when the key was found; another value, with the buffer left as it was,
-// when it was not or the file cannot be read. Safe to call from several threads.
+// `separator` is what stands between a key and its value. Copies the value of `key` into `buffer`,
+// cut to fit and zero-terminated. Returns 0 when the key was found; another value, with the buffer
+// left as it was, when it was not or the file cannot be read. Safe to call from several threads.
 int getPropertyValue(const char* file, const char* separator, const char* key, char* buffer,
                      std::size_t bufferSize);
 

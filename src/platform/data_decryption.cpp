@@ -12,7 +12,6 @@
 #include <cctype>
 #include <climits>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "base/file_descriptor.h"
@@ -62,10 +61,11 @@ const EVP_CIPHER* algorithm() {
     return found ? found.get() : EVP_aes_256_gcm();
 }
 
-// Writes half as many bytes as there are digits to `bytes`. False for odd or foreign digits.
+// Writes half as many bytes as there are digits to `bytes`. False for an odd number of digits or an
+// invalid one.
 bool parseHex(const std::string& digits, unsigned char* bytes) {
     std::size_t length = 0;
-    // The library takes a text to its first zero byte, which is a foreign digit here.
+    // The library takes a text to its first zero byte, which is no digit here.
     return digits.find('\0') == std::string::npos &&
            OPENSSL_hexstr2buf_ex(bytes, digits.size() / 2, &length, digits.c_str(), '\0') == 1;
 }

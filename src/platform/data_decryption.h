@@ -13,7 +13,7 @@
 // the result; working copies are wiped here. Safe to call from several threads.
 std::string decryptHexString(const std::string& hexText, const std::string& keyFilePath);
 
-// The other side, for whoever stores requests: encrypts with a fresh random nonce.
+// The counterpart, for whoever stores requests: encrypts with a fresh random nonce.
 // Returns lower-case hexadecimal digits, or an empty text when the key file cannot be
-// used or no random bytes are to be had.
+// used or random bytes are not available.
 std::string encryptToHexString(const std::string& plainText, const std::string& keyFilePath);

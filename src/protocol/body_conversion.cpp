@@ -22,15 +22,15 @@ void convertBody(redisContext* connection, FieldMap& body) {
         std::string json;
         if (name.rfind("&&", 0) != 0) {
             properties[name] = value;
-        } else if (convertToken(connection, name, property, json)) {
+        } else if (convertTokenField(connection, name, property, json)) {
             properties[property] = json;
         }
     }
     body = std::move(properties);
 }
 
-bool convertToken(redisContext* connection, const std::string& fieldName, std::string& property,
-                  std::string& json) {
+bool convertTokenField(redisContext* connection, const std::string& fieldName,
+                       std::string& property, std::string& json) {
     const std::vector<std::string> words = splitWords(fieldName, ' ');
     if (words.size() != 3) {
         logger->error("return false: %zu", words.size());

@@ -18,9 +18,10 @@ namespace session_service {
 // or its token is wrong).
 void convertBody(redisContext* connection, FieldMap& body);
 
-// Converts one token field. On success `property` and `json` are set.
-bool convertToken(redisContext* connection, const std::string& fieldName, std::string& property,
-                  std::string& json);
+// Converts one token field. True with `property` and `json` set; false when it cannot, with an
+// error line for a wrong form or token.
+bool convertTokenField(redisContext* connection, const std::string& fieldName,
+                       std::string& property, std::string& json);
 
 // The pieces between separators, empty ones included; a text without one is one piece.
 std::vector<std::string> splitWords(const std::string& text, char separator);

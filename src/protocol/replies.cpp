@@ -16,19 +16,19 @@ namespace {
 constexpr std::size_t maxEntryKeyLength = 511;
 constexpr int defaultLifetime = 6;
 
-// The seconds that messages are kept.
+// How long messages are kept, in seconds.
 int messageLifetime(redisContext* connection) {
     const std::string setting = store::hget(connection, defaultValuesKey, messageLifetimeField);
     if (setting.empty()) {
         return defaultLifetime;
     }
     constexpr std::int64_t maxSeconds = std::numeric_limits<int>::max() - 1;
-    const std::int64_t seconds = parseInteger(setting).value / 1000;
+    const std::int64_t seconds = parseInt64(setting).value / 1000;
     return static_cast<int>(std::clamp(seconds, std::int64_t{0}, maxSeconds)) + 1;
 }
 
-// The number of the entry that follows so many, cut to 32 bits. Unsigned: the store may claim any
-// length.
+// The number of the entry after `count` others, cut to 32 bits. Added unsigned: the store may
+// report any length.
 std::int32_t entryNumber(long long count) {
     return static_cast<std::int32_t>(static_cast<std::uint64_t>(count) + 1);
 }
@@ -76,19 +76,19 @@ void writeReply(redisContext* connection, Reply& reply, const Outcome& outcome) 
     }
 }
 
-void writeEarlyReply(redisContext* connection, const Reply& reply, const Outcome& outcome) {
+void writeReplyFieldByField(redisContext* connection, const Reply& reply, const Outcome& outcome) {
     store::hset(connection, reply.key, returnStatusField, outcome.status);
     store::hset(connection, reply.key, extendedInfoField, reply.messageList);
     writeExtendedMessage(connection, reply.messageList, outcome.messageId, outcome.arguments);
 }
 
 void writeExceptionReply(redisContext* connection, const Reply& reply, const char* messageId) {
-    writeEarlyReply(connection, reply, {status::exception, messageId});
+    writeReplyFieldByField(connection, reply, {reply_status::exception, messageId});
 }
 
 void writeExtendedMessage(redisContext* connection, const std::string& list, const char* messageId,
                           const MessageArguments& arguments) {
-    const std::optional<long long> count = store::llenReply(connection, list);
+    const std::optional<long long> count = store::llenUnchecked(connection, list);
     if (!count) {
         logger->error("Failed to get length of extended info array.");
         return;
@@ -97,7 +97,7 @@ void writeExtendedMessage(redisContext* connection, const std::string& list, con
     const std::string entryKey =
         (list + '/' + std::to_string(entryNumber(*count))).substr(0, maxEntryKeyLength);
     if (!messageId) {
-        throw std::logic_error("basic_string::_M_construct null not valid");
+        throw std::logic_error(nullTextError);
     }
     store::hset(connection, entryKey, messageIdField, messageId);
     if (!arguments.empty()) {

@@ -13,6 +13,7 @@
 
 namespace session_service {
 
+// The fields of a reply hash.
 inline const std::string returnStatusField = "&&ReturnStatus";
 inline const std::string extendedInfoField = "&&ExtendedInfo";
 inline const std::string responseDataField = "&&ResponseData";
@@ -25,7 +26,7 @@ inline constexpr const char* messageArgsField = "&&MessageArgs";
 inline constexpr const char* messageLifetimeField = "REDIS_CONNECTION_DEFAULT_TIMEOUT";
 
 // The words of a reply's status.
-namespace status {
+namespace reply_status {
 inline constexpr const char* ok = "OK";
 inline constexpr const char* okEmpty = "OK_EMPTY";  // done, and there is nothing to show
 inline constexpr const char* failure = "FAILURE";
@@ -33,7 +34,7 @@ inline constexpr const char* unavailable = "UNAVAILABLE";
 inline constexpr const char* authFailed = "AUTH_FAILED";
 inline constexpr const char* forbidden = "FORBIDDEN";
 inline constexpr const char* exception = "EXCEPTION";
-}  // namespace status
+}  // namespace reply_status
 
 namespace message_id {
 inline constexpr const char* created = "Base.1.12.Created";
@@ -52,20 +53,18 @@ inline constexpr const char* unprocessableEntity = "ExtendedError.1.2.Unprocessa
 
 using MessageArguments = std::vector<std::string>;
 
-// What a request came to.
+// The outcome of a request: its status word and, perhaps, a message.
 struct Outcome {
     const char* status;
     const char* messageId = nullptr;  // null: no message
     MessageArguments arguments{};
 };
 
-using ReplyFields = FieldMap;
-
 // A reply in the making.
 struct Reply {
     std::string key{};          // of the reply hash; empty: nobody waits for the reply
     std::string messageList{};  // the key of the list that gets its message
-    ReplyFields fields{};       // of the hash, beside status and message list
+    FieldMap fields{};          // of the hash, beside status and message list
 };
 
 // The reply to a login or logout: its message list is the reply key up to the last "/" followed
@@ -73,7 +72,7 @@ struct Reply {
 Reply composeReplyKeys(const std::string& replyKey);
 
 // The reply to a request that is refused before anything is done for it: its message list is the
-// reply key followed by "/ExtendedInfo", for an empty reply key, too.
+// reply key followed by "/ExtendedInfo", even for an empty reply key.
 Reply composeEarlyReply(const std::string& replyKey);
 
 // Whether somebody waits for the reply.
@@ -86,9 +85,9 @@ inline bool isExpected(const Reply& reply) {
 // hash cannot be written, and goes on.
 void writeReply(redisContext* connection, Reply& reply, const Outcome& outcome);
 
-// Writes status and message list with a command each, then the message; for an empty reply key,
-// too. The reply's further fields are not written.
-void writeEarlyReply(redisContext* connection, const Reply& reply, const Outcome& outcome);
+// Writes status and message list with a command each, then the message, even for an empty reply
+// key. The reply's further fields are not written.
+void writeReplyFieldByField(redisContext* connection, const Reply& reply, const Outcome& outcome);
 
 // The same for a request that failed for the service's own reasons: the status EXCEPTION and a
 // message without arguments.

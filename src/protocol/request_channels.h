@@ -39,7 +39,7 @@ Notice splitNotice(const std::string& payload);
 
 // Subscribes a connection of its own to the channel and hands the notices to the handler, one
 // after another. Returns on the notice "&&EXIT", and when the connection cannot be opened (logged)
-// or is lost. What the handler throws passes.
+// or is lost. Exceptions of the handler reach the caller.
 void serveRequests(const std::string& channel, const std::function<void(const Notice&)>& handle);
 
 }  // namespace session_service

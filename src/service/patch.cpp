@@ -14,8 +14,6 @@
 namespace session_service {
 namespace {
 
-const std::string timeoutProperty = sessionTimeoutField;
-
 // Tells the front end which of the properties that it waits for have been handled.
 void removeFromChecklist(redisContext* connection, const std::string& requestKey,
                          const FieldMap& properties) {
@@ -35,7 +33,7 @@ bool applyBody(redisContext* connection, const std::string& requestKey,
     bool changed = false;
     FieldMap properties;
     if (validateBody(connection, targetUri, bodyKey, changed, properties) != BodyStatus::valid) {
-        writeReply(connection, reply, {status::failure});
+        writeReply(connection, reply, {reply_status::failure});
         return false;
     }
     removeFromChecklist(connection, requestKey, properties);
@@ -48,7 +46,7 @@ bool applyBody(redisContext* connection, const std::string& requestKey,
             return false;
         }
     }
-    writeReply(connection, reply, {status::ok});
+    writeReply(connection, reply, {reply_status::ok});
     if (changed) {
         savePersistentProperties(properties);
     }
@@ -82,6 +80,7 @@ void handlePatchRequest(const Notice& notice) {
     }
 }
 
+// Not serveRequests: this thread knows no exit notice, and logs a subscription that fails.
 void serveNotices() {
     const ConnectionPtr connection = store::connect();
     if (!connection) {
@@ -92,6 +91,7 @@ void serveNotices() {
         logger->error("Failed to subscribe channel %s.", patchChannel.c_str());
         return;
     }
+    // A confirmation has three elements, too, but its last one is a number.
     constexpr std::size_t messageElements = 3;
     while (const auto notice = store::readNotice(connection.get())) {
         if (notice->elements != messageElements || !notice->text) {
@@ -119,12 +119,12 @@ BodyStatus validateBody(redisContext* connection, const std::string& targetUri,
         return BodyStatus::empty;
     }
     convertBody(connection, body);
-    const std::string timeout = fieldOf(body, timeoutProperty);
+    const std::string timeout = fieldOf(body, sessionTimeoutField);
     if (!timeout.empty()) {
-        if (store::hget(connection, targetUri, timeoutProperty) != timeout) {
+        if (store::hget(connection, targetUri, sessionTimeoutField) != timeout) {
             changed = true;
         }
-        properties[timeoutProperty] = timeout;
+        properties[sessionTimeoutField] = timeout;
     }
     return BodyStatus::valid;
 }

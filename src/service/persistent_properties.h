@@ -1,6 +1,6 @@
 // The properties of the service resource that outlive the store: a text file of
 // NAME=VALUE lines, provided by the installation. Empty lines and lines that start with
-// '#' are left alone by the load.
+// '#' are skipped by the load.
 #pragma once
 
 #include "store/commands.h"

@@ -82,10 +82,10 @@ std::int32_t SessionService::sessionTimeout() const noexcept {
 
 void SessionService::readSettings(redisContext* connection) {
     const std::string stored = store::hget(connection, serviceUri, sessionTimeoutField);
-    const ParsedNumber seconds = parseNumber(stored);
+    const ParsedInt32 seconds = parseInt32(stored);
     if (!seconds.value) {
-        logger->debug("%s", describe(seconds.error, "SessionTimeout value type error",
-                                     "SessionTimeout value out of range")
+        logger->debug("%s", describeNumberError(seconds.error, "SessionTimeout value type error",
+                                                "SessionTimeout value out of range")
                                 .c_str());
     }
     timeout = seconds.value.value_or(timeout);

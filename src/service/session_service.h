@@ -1,4 +1,4 @@
-// The service resource's object, which brings the PATCH machinery up.
+// The service resource. Its constructor runs the PATCH worker.
 #pragma once
 
 #include <cstdint>

@@ -24,10 +24,10 @@ bool addSessionMember(redisContext* connection, const char* id);
 // collection's count and stamps its entity tag. Reports nothing.
 void removeSessionMember(redisContext* connection, const std::string& uri);
 
-// Whether the store answers a read of the members list.
+// Whether the store answers a read of the members list: a deletion asks before it removes anything.
 bool canReadMembers(redisContext* connection);
 
-// Whether the collection has a count.
+// Whether the collection has a count to be decremented.
 bool hasMemberCount(redisContext* connection);
 
 // The URIs of the members, newest first.

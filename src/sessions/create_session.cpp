@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <vector>
+
 #include "auth/pam_login.h"
 #include "auth/privileges.h"
 #include "base/secret.h"
@@ -22,6 +24,7 @@
 namespace session_service {
 namespace {
 
+const std::string locationField = "&&Location";
 const std::string tokenField = "&&X-Auth-Token";
 
 // A login as the front end asked for it.
@@ -35,8 +38,8 @@ struct LoginRequest {
     std::string origin;  // may be empty
 };
 
-// Counts the sessions under the data mutex. False, with the reply written, when there are
-// too many or the mutex could not be taken in time.
+// Counts the sessions, under the data mutex if it can be taken in time. False, with the reply
+// written, when there are too many or it could not.
 bool checkSessionLimit(redisContext* connection, Reply& reply, WorkerContext& context) {
     MutexGuard lock(context.dataMutex, MutexGuard::Deferred{});
     const bool locked = lock.tryFor(dataMutexSeconds);
@@ -44,9 +47,9 @@ bool checkSessionLimit(redisContext* connection, Reply& reply, WorkerContext& co
     if (locked && count < maxSessions) {
         return true;
     }
-    writeReply(
-        connection, reply,
-        {status::unavailable, count >= maxSessions ? message_id::sessionLimitExceeded : nullptr});
+    writeReply(connection, reply,
+               {reply_status::unavailable,
+                count >= maxSessions ? message_id::sessionLimitExceeded : nullptr});
     return false;
 }
 
@@ -58,20 +61,20 @@ bool hasPrivilegeFor(const LoginRequest& request, const std::string& privilege) 
     return hasRequiredPrivilege(parseUserPrivilege(privilege), required);
 }
 
-// Writes what a session has beside its resource: the token reference, the token record and the
-// collection entry. False, with the reply written, when one of them fails.
+// Completes a session whose resource is there: entity tag, token reference, token record,
+// collection entry. False, with the reply written, when one of the last two fails.
 bool completeSession(redisContext* connection, Reply& reply, const NewSession& session) {
     updateEtag(connection, sessionUriOf(session.id));
     writeTokenReference(connection, session);
     const std::string timeout = store::hget(connection, serviceUri, sessionTimeoutField);
     if (!writeMetaSessionRecord(connection, session, timeout)) {
         logger->error("Failed to create meta session table.");
-        writeReply(connection, reply, {status::failure, message_id::databaseOperationError});
+        writeReply(connection, reply, {reply_status::failure, message_id::databaseOperationError});
         return false;
     }
     if (!addSessionMember(connection, session.id.c_str())) {
         logger->error("Failed to add session entry to Members.");
-        writeReply(connection, reply, {status::failure, message_id::unprocessableEntity});
+        writeReply(connection, reply, {reply_status::failure, message_id::unprocessableEntity});
         return false;
     }
     return true;
@@ -81,12 +84,12 @@ void writeSuccess(redisContext* connection, Reply& reply, const NewSession& sess
     if (!isExpected(reply)) {
         return;
     }
-    Outcome outcome{status::ok, message_id::created};
+    Outcome outcome{reply_status::ok, message_id::created};
     if (session.mustChangePassword) {
         outcome.messageId = message_id::passwordChangeRequired;
         outcome.arguments.push_back(findAccountByOwner(connection, session.userName));
     }
-    reply.fields["&&Location"] = sessionUriOf(session.id);
+    reply.fields[locationField] = sessionUriOf(session.id);
     reply.fields[tokenField] = session.token.text;
     writeReply(connection, reply, outcome);
     wipe(reply.fields[tokenField]);
@@ -100,8 +103,8 @@ void createSession(redisContext* connection, const LoginRequest& request, Worker
 
     if (store::hget(connection, serviceUri, serviceEnabledField) == "false") {
         logger->debug("SessionService disabled.");
-        writeEarlyReply(connection, composeEarlyReply(request.replyKey),
-                        {status::unavailable, message_id::serviceDisabled});
+        writeReplyFieldByField(connection, composeEarlyReply(request.replyKey),
+                               {reply_status::unavailable, message_id::serviceDisabled});
         return;
     }
     if (!checkSessionLimit(connection, reply, context)) {
@@ -110,11 +113,11 @@ void createSession(redisContext* connection, const LoginRequest& request, Worker
     const LoginResult login =
         authenticateUser(request.userName, request.password.text, request.remoteIp);
     if (login.decision == LoginDecision::refused) {
-        writeReply(connection, reply, {status::authFailed, message_id::invalidCredentials});
+        writeReply(connection, reply, {reply_status::authFailed, message_id::invalidCredentials});
         return;
     }
     if (!hasPrivilegeFor(request, login.privilege)) {
-        writeReply(connection, reply, {status::forbidden, message_id::insufficientPrivilege});
+        writeReply(connection, reply, {reply_status::forbidden, message_id::insufficientPrivilege});
         return;
     }
 
@@ -130,7 +133,7 @@ void createSession(redisContext* connection, const LoginRequest& request, Worker
     const std::string uri = sessionUriOf(session.id);
     if (!writeSessionRecord(connection, session)) {
         logger->error("Failed to add session entry.");
-        writeReply(connection, reply, {status::failure, message_id::databaseOperationError});
+        writeReply(connection, reply, {reply_status::failure, message_id::databaseOperationError});
         return;
     }
     const std::string groupId = std::to_string(nextEventGroupId(connection));
@@ -188,10 +191,10 @@ void handleCreateSessionRequest(const std::string& requestKey, const std::string
 
     if (request.password.text.size() > maxPasswordLength) {
         logger->debug("Password exceeds maxlength.");
-        writeEarlyReply(connection, composeEarlyReply(replyKey),
-                        {status::failure,
-                         message_id::stringValueTooLong,
-                         {"(password string)", std::to_string(maxPasswordLength)}});
+        writeReplyFieldByField(connection, composeEarlyReply(replyKey),
+                               {reply_status::failure,
+                                message_id::stringValueTooLong,
+                                {"(password string)", std::to_string(maxPasswordLength)}});
     } else {
         createSession(connection, request, context);
     }

@@ -14,8 +14,8 @@ inline constexpr int maxSessions = 8;
 // What passwords are decrypted with.
 inline constexpr const char* keyFile = "/var/nginx/pkey.tmp";
 
-// The thread's body; the argument is the WorkerContext. Returns null when the thread's
-// connection has ended or the exit notice arrived.
+// The thread's body; the argument is the WorkerContext. Returns null when the thread's connection
+// cannot be opened or has ended, on the exit notice, and after an exception, which is logged.
 void* createSessionThread(void* workerContext);
 
 // Serves the request at `requestKey` over a connection of its own: reads the request,

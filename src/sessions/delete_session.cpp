@@ -13,7 +13,7 @@
 namespace session_service {
 namespace {
 
-// Writes a reply that says why nothing came of the request, with an empty body.
+// Writes the reply to a deletion that failed, with an empty body.
 void refuse(redisContext* connection, Reply& reply, const Outcome& outcome) {
     reply.fields[responseDataField] = "";
     writeReply(connection, reply, outcome);
@@ -23,7 +23,7 @@ void refuse(redisContext* connection, Reply& reply, const Outcome& outcome) {
 void refuseForLostStore(redisContext* connection, Reply& reply, const char* logText) {
     if (isExpected(reply)) {
         logger->error("%s", logText);
-        refuse(connection, reply, {status::failure, message_id::databaseOperationError});
+        refuse(connection, reply, {reply_status::failure, message_id::databaseOperationError});
     }
 }
 
@@ -38,9 +38,10 @@ void deleteUnderLock(redisContext* connection, const std::string& sessionId,
         lock.unlock();
     } else {
         const std::string retryAfterSeconds = "1";
-        refuse(
-            connection, reply,
-            {status::unavailable, message_id::serviceTemporarilyUnavailable, {retryAfterSeconds}});
+        refuse(connection, reply,
+               {reply_status::unavailable,
+                message_id::serviceTemporarilyUnavailable,
+                {retryAfterSeconds}});
     }
     if (isExpected(reply)) {
         store::publish(connection, returnChannel, replyKey);
@@ -50,7 +51,7 @@ void deleteUnderLock(redisContext* connection, const std::string& sessionId,
 // Answers a request that is refused before its session is looked for.
 void refuseEarly(redisContext* connection, const std::string& returnChannel,
                  const std::string& replyKey, const Outcome& outcome) {
-    writeEarlyReply(connection, composeEarlyReply(replyKey), outcome);
+    writeReplyFieldByField(connection, composeEarlyReply(replyKey), outcome);
     store::publish(connection, returnChannel, replyKey);
 }
 
@@ -76,12 +77,12 @@ void deleteSession(redisContext* connection, const std::string& sessionId, Reply
     appendEvent(events, "delete", uri, "Session", groupId);
     if (!hasMemberCount(connection)) {
         logger->error("Failed to get sessions.");
-        refuse(connection, reply, {status::failure, message_id::databaseOperationError});
+        refuse(connection, reply, {reply_status::failure, message_id::databaseOperationError});
         generateLifeCycleEvents(connection, events);
         return;
     }
     removeSessionMember(connection, uri);
-    writeReply(connection, reply, {status::okEmpty});
+    writeReply(connection, reply, {reply_status::okEmpty});
     appendEvent(events, "change", collectionUri, "SessionCollection", groupId);
     generateLifeCycleEvents(connection, events);
     generateAuditLogEntry(connection, userName, "AuditEvent.1.1.UserLogout", uri);
@@ -112,13 +113,13 @@ void handleDeleteSessionRequest(const std::string& requestKey, const std::string
     if (!sessionType.empty() && sessionType != redfishSessionType) {
         logger->error("Request SessionType is not Redfish.");
         refuseEarly(connection, returnChannel, replyKey,
-                    {status::failure, message_id::unprocessableEntity});
+                    {reply_status::failure, message_id::unprocessableEntity});
         return;
     }
     if (store::hget(connection, serviceUri, serviceEnabledField) == "false") {
         logger->debug("Session Service disabled.");
         refuseEarly(connection, returnChannel, replyKey,
-                    {status::unavailable, message_id::serviceDisabled});
+                    {reply_status::unavailable, message_id::serviceDisabled});
         return;
     }
     // Without a slash the whole URI is the identifier: npos + 1 is 0.

@@ -15,6 +15,7 @@ namespace session_service {
 namespace {
 
 constexpr useconds_t passInterval = 1'000'000;
+// What is longer is cut.
 constexpr std::size_t maxUriLength = 511;
 
 bool hasExpired(redisContext* connection, const std::string& uri) {
@@ -24,13 +25,13 @@ bool hasExpired(redisContext* connection, const std::string& uri) {
 }
 
 void expireIdleSessions(redisContext* connection, WorkerContext& context)
-    REQUIRES(context.dataMutex) {
+    TSA_REQUIRES(context.dataMutex) {
     for (const std::string& uri : memberUris(connection)) {
         if (isRedfishSession(connection, uri) && hasExpired(connection, uri)) {
             std::string id = uri.substr(0, maxUriLength);
             removeSubstring(id, sessionUriPrefix);
-            Reply nobodyWaits;
-            deleteSession(connection, id, nobodyWaits, context);
+            Reply noReply;
+            deleteSession(connection, id, noReply, context);
         }
     }
 }
@@ -50,13 +51,6 @@ void expireUntilStopped(WorkerContext& context) {
 }
 
 }  // namespace
-
-void removeSubstring(std::string& text, const std::string& part) {
-    const std::size_t position = text.find(part);
-    if (position != std::string::npos) {
-        text.erase(position, part.size());
-    }
-}
 
 void* sessionTimeoutThread(void* workerContext) {
     runThreadBody("the session timeout", [workerContext] {

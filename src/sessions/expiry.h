@@ -1,8 +1,6 @@
 // The expiry of idle sessions.
 #pragma once
 
-#include <string>
-
 namespace session_service {
 
 // The thread's body; the argument is the WorkerContext. Once a second it deletes, under the
@@ -10,8 +8,5 @@ namespace session_service {
 // both in seconds of uptime. Returns null within about a second of the stop mutex's
 // release, or at once (logged) when its connection cannot be opened.
 void* sessionTimeoutThread(void* workerContext);
-
-// Removes the first occurrence of `part`, if there is one.
-void removeSubstring(std::string& text, const std::string& part);
 
 }  // namespace session_service

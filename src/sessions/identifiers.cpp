@@ -24,6 +24,7 @@ std::string generateRandomHex(unsigned byteCount) {
     // Tokens are made here: the text must not leave copies behind by growing.
     digits.reserve(std::size_t{byteCount} * 2);
     while (byteCount != 0) {
+        // Opened for every chunk: nothing random stays in a buffer.
         const FileDescriptor device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
         if (!device) {
             continue;

@@ -2,6 +2,8 @@
 
 #include <sys/sysinfo.h>
 
+#include <utility>
+
 #include "base/number.h"
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
@@ -11,13 +13,6 @@ namespace session_service {
 namespace {
 
 const std::string tokenRecordPrefix = "&&X-AUTH-TOKEN-";
-
-void eraseFirst(std::string& text, char character) {
-    const std::size_t position = text.find(character);
-    if (position != std::string::npos) {
-        text.erase(position, 1);
-    }
-}
 
 }  // namespace
 
@@ -38,6 +33,13 @@ std::string stripQuotes(const std::string& text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
+void removeSubstring(std::string& text, const std::string& part) {
+    const std::size_t position = text.find(part);
+    if (position != std::string::npos) {
+        text.erase(position, part.size());
+    }
+}
+
 bool writeSessionRecord(redisContext* connection, const NewSession& session) {
     const std::string uri = sessionUriOf(session.id);
     FieldMap fields = {
@@ -50,7 +52,7 @@ bool writeSessionRecord(redisContext* connection, const NewSession& session) {
         {"Password", "null"},
         {"@odata.id", quoteArg(uri)},
         {"@odata.etag", "0"},
-        {"&&OwnerName", session.userName},
+        {ownerNameField, session.userName},
         {"&&RemoteIP", session.remoteIp},
         {clientAddressField, quoteArg(session.remoteIp)},
         {"&&AllowMethod", "GET,HEAD,DELETE"},
@@ -115,8 +117,8 @@ bool tokenRecordKeyForDeletion(redisContext* connection, const std::string& uri,
     }
     const SecretText quoted{reply.text ? std::move(*reply.text) : "(nil)"};
     key.text = tokenRecordPrefix + quoted.text;
-    eraseFirst(key.text, '"');
-    eraseFirst(key.text, '"');
+    removeSubstring(key.text, "\"");
+    removeSubstring(key.text, "\"");
     return true;
 }
 
@@ -129,7 +131,7 @@ Activity readActivity(redisContext* connection, const std::string& tokenRecordKe
 }
 
 std::int32_t parseSeconds(const std::string& text) {
-    return static_cast<std::int32_t>(parseInteger(text).value);
+    return static_cast<std::int32_t>(parseInt64(text).value);
 }
 
 long uptimeSeconds() {

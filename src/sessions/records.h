@@ -16,7 +16,8 @@ namespace session_service {
 inline const std::string sessionUriPrefix = "/redfish/v1/SessionService/Sessions/";
 
 // Fields of the session resource.
-inline constexpr const char* userNameField = "UserName";  // of the token record, too
+inline constexpr const char* ownerNameField = "&&OwnerName";  // of an account, too
+inline constexpr const char* userNameField = "UserName";      // of the token record, too
 inline constexpr const char* clientAddressField = "ClientOriginIPAddress";
 inline constexpr const char* sessionTypeField = "SessionType";
 // The type of the sessions that this service owns, as stored.
@@ -36,6 +37,9 @@ SecretText tokenRecordKeyOf(const std::string& token);
 // Drops one enclosing pair of double quotes from a text of at least two characters;
 // escapes inside are left as they are.
 std::string stripQuotes(const std::string& text);
+
+// Removes the first occurrence of `part`, if there is one.
+void removeSubstring(std::string& text, const std::string& part);
 
 // What session creation knows of a login.
 struct NewSession {
@@ -69,8 +73,8 @@ bool isRedfishSession(redisContext* connection, const std::string& uri);
 
 // The key of the session's token record, which is "&&X-AUTH-TOKEN-" and what the token reference
 // holds, in two forms: expiry takes one enclosing pair of quotes off the stored token, a deletion
-// takes the first two quotes out of the key. They differ where somebody else has written the
-// reference, and other services know both.
+// takes the first two quotes out of the key. They differ only for a reference that somebody else
+// wrote with other quotes; both are kept.
 SecretText tokenRecordKeyForExpiry(redisContext* connection, const std::string& uri);
 
 // False when there is no reply. A reply without text gives a key that nothing has.
@@ -91,8 +95,8 @@ std::int32_t parseSeconds(const std::string& text);
 // Seconds since the kernel started: the clock of session activity and expiry.
 long uptimeSeconds();
 
-// Removes the three keys of a session with one command. Where the URI makes the token
-// reference's key that of one of the service's own lists, the list stays.
+// Removes the three keys of a session with one command. Where "&&" + URI is one of the service's
+// own lists, that list stays.
 void removeSessionKeys(redisContext* connection, const std::string& tokenRecordKey,
                        const std::string& uri);
 

@@ -1,8 +1,8 @@
 #include "store/commands.h"
 
-#include <array>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "base/number.h"
 #include "store/reply.h"
@@ -10,10 +10,10 @@
 namespace session_service::store {
 namespace {
 
-// A reply element's text, which building a text from must find there.
+// The element's text. Throws what building a text from null throws.
 const char* requireText(const redisReply* element) {
     if (!element->str) {
-        throw std::logic_error("basic_string::_M_construct null not valid");
+        throw std::logic_error(nullTextError);
     }
     return element->str;
 }
@@ -67,8 +67,9 @@ ReplyPtr sendArguments(redisContext* connection, std::span<const std::string_vie
 }
 
 std::string hget(redisContext* connection, const std::string& key, const std::string& field) {
-    const FieldReply reply = hgetReply(connection, key, field);
-    return reply.kind == FieldReply::Kind::text ? *reply.text : std::string();
+    FieldReply reply = hgetReply(connection, key, field);
+    // Moved: a token must not stay behind in a copy.
+    return reply.kind == FieldReply::Kind::text ? std::move(*reply.text) : std::string();
 }
 
 FieldReply hgetReply(redisContext* connection, const std::string& key, const std::string& field) {
@@ -220,7 +221,7 @@ void appendWords(std::vector<std::string>& arguments, const std::string& text) {
     }
 }
 
-std::optional<long long> llenReply(redisContext* connection, const std::string& key) {
+std::optional<long long> llenUnchecked(redisContext* connection, const std::string& key) {
     const ReplyPtr reply = sendWords(connection, "LLEN", key);
     return reply ? std::optional<long long>(reply->integer) : std::nullopt;
 }
@@ -234,7 +235,7 @@ std::optional<ScanPage> scan(redisContext* connection, std::int32_t cursor,
         return std::nullopt;
     }
     ScanPage page;
-    page.nextCursor = static_cast<std::int32_t>(parseInteger(reply->element[0]->str).value);
+    page.nextCursor = static_cast<std::int32_t>(parseInt64(reply->element[0]->str).value);
     const redisReply* keys = reply->element[1];
     page.keys.reserve(keys->elements);
     for (std::size_t i = 0; i < keys->elements; ++i) {

@@ -35,6 +35,9 @@ struct CloseConnection {
 };
 using ConnectionPtr = std::unique_ptr<redisContext, CloseConnection>;
 
+// What building a text from null throws.
+inline constexpr const char* nullTextError = "basic_string::_M_construct null not valid";
+
 namespace store {
 
 // Discovers, connects and authenticates; null on failure.
@@ -51,7 +54,7 @@ struct FieldReply {
     enum class Kind {
         lost,   // no reply
         text,   // the field's text
-        other,  // a missing field or key, a key of another kind: `text` is the store's own, if any
+        other,  // a missing field or key, without text; a refusal, with the store's
     };
     Kind kind = Kind::lost;
     std::optional<std::string> text{};
@@ -134,7 +137,7 @@ void appendWords(std::vector<std::string>& arguments, const std::string& text);
 
 // LLEN without a test of the reply's kind: what is not an integer counts as 0.
 // Empty only when there is no reply.
-std::optional<long long> llenReply(redisContext* connection, const std::string& key);
+std::optional<long long> llenUnchecked(redisContext* connection, const std::string& key);
 
 // One step of a SCAN over the keys that match `pattern`.
 struct ScanPage {
@@ -166,7 +169,8 @@ ScriptAnswer evalsha(redisContext* connection, const std::string& digest,
 // False when there is no reply.
 bool subscribe(redisContext* connection, const std::string& channel);
 
-// What arrived on a subscribed connection.
+// What arrived on a subscribed connection: a notice, or a confirmation, whose last element has no
+// text.
 struct ReceivedNotice {
     std::size_t elements = 0;         // of the array reply; 0 for any other reply
     std::optional<std::string> text;  // of its last element, where that has one

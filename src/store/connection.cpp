@@ -28,7 +28,7 @@ constexpr const char* socketDirectoryCommand =
     "dirname $(grep -m 1 '^unixsocket ' /etc/redis/redis.conf |                 awk '{print $2}') "
     "| tr -d '\\n'";
 
-// Either may hold the store's password.
+// A line that was read and the connection's parameters: both may hold the store's password.
 struct WipeAndFree {
     void operator()(char* text) const noexcept {
         explicit_bzero(text, std::strlen(text));
@@ -68,7 +68,7 @@ bool parsePort(const char* text, std::int64_t& port) {
     if (*text == '\0' || text[std::strspn(text, "0123456789\n")] != '\0') {
         return false;
     }
-    const session_service::ParsedInteger number = session_service::parseInteger(text);
+    const session_service::ParsedInt64 number = session_service::parseInt64(text);
     if (number.outOfRange) {
         std::fprintf(stderr, "strtol: %s\n", std::strerror(ERANGE));
         return false;
@@ -110,6 +110,18 @@ InfoPtr discover() {
         std::snprintf(info->password, sizeof(info->password), "%s", password.get());
     }
     return info;
+}
+
+// A context that was given its socket knows no address; redisReconnect needs one.
+void rememberAddress(redisContext& context, const ConnectionInfo& info) noexcept {
+    if (info.connectionKind == CONNECTION_KIND_UNIX) {
+        context.connection_type = REDIS_CONN_UNIX;
+        context.unix_sock.path = strdup(info.socketPath);
+    } else {
+        context.connection_type = REDIS_CONN_TCP;
+        context.tcp.host = strdup(info.host);
+        context.tcp.port = static_cast<int>(info.port);
+    }
 }
 
 }  // namespace
@@ -166,7 +178,9 @@ redisContext* connectToRedis(ConnectionInfo* info) noexcept {
         return nullptr;
     }
     redisContext* context = redisConnectFd(socket);
-    if (!context) {
+    if (context) {
+        rememberAddress(*context, *info);
+    } else {
         close(socket);
     }
     return context;

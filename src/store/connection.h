@@ -47,9 +47,9 @@ SESSION_SERVICE_EXPORT int redisDisconnectContext(redisContext* context) noexcep
 SESSION_SERVICE_EXPORT redisContext* connectToRedis(ConnectionInfo* info) noexcept;
 
 // Returns the parameters, to be released with free, or null when they cannot be
-// found: no port file, a port that is no plain number, or neither a socket file nor
-// the standard port (the port 0 gives a path that nobody listens on). The first success
-// fills a cache that later calls copy.
+// found: the look-up cannot be started, no memory, no port file, a port that is no plain number, or
+// neither a socket file nor the standard port (the port 0 gives a path that nobody listens on). The
+// first success fills a cache that later calls copy.
 SESSION_SERVICE_EXPORT ConnectionInfo* getRedisConnectionInfo(void) noexcept;
 
 // Reads the first line of DIRECTORY/redis.KEY, its line feed included. Returns a

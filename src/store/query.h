@@ -1,4 +1,4 @@
-// Commands whose replies a person is to be told about: what came back, of whatever kind.
+// Commands whose reply is shown to a person as it came, of whatever kind. For sessionctl.
 #pragma once
 
 #include <chrono>

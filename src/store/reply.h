@@ -1,4 +1,4 @@
-// Owners of what hiredis hands out, and the one way of sending a command.
+// The owner of a reply, and the functions that send a command.
 // Internal to this folder.
 #pragma once
 

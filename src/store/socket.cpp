@@ -1,5 +1,6 @@
 #include "store/socket.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -21,9 +22,9 @@ struct FreeAddresses {
 };
 using AddressesPtr = std::unique_ptr<addrinfo, FreeAddresses>;
 
-// Waits for a connection that a signal has interrupted; it goes on being made meanwhile.
-bool finishConnecting(int socket) noexcept {
-    pollfd ready{.fd = socket, .events = POLLOUT, .revents = 0};
+// Waits for a connection that is being made.
+bool finishConnecting(int descriptor) noexcept {
+    pollfd ready{.fd = descriptor, .events = POLLOUT, .revents = 0};
     while (poll(&ready, 1, -1) < 0) {
         if (errno != EINTR) {
             return false;
@@ -31,41 +32,37 @@ bool finishConnecting(int socket) noexcept {
     }
     int failure = 0;
     socklen_t size = sizeof(failure);
-    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0;
+    return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0;
 }
 
+bool makeBlocking(int descriptor) noexcept {
+    const int flags = fcntl(descriptor, F_GETFL);
+    return flags >= 0 && fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
+// Connects without blocking: a server whose queue is full must be seen as one that cannot be
+// reached.
 int connectTo(int family, const sockaddr* address, socklen_t size) noexcept {
-    const int connection = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connection < 0) {
+    const int descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0) {
         return -1;
     }
-    if (connect(connection, address, size) == 0 ||
-        (errno == EINTR && finishConnecting(connection))) {
-        return connection;
+    const bool connected = connect(descriptor, address, size) == 0 ||
+                           (errno == EINPROGRESS && finishConnecting(descriptor));
+    if (connected && makeBlocking(descriptor)) {
+        return descriptor;
     }
-    close(connection);
+    close(descriptor);
     return -1;
 }
 
-int connectToAnyOf(const char* host, const char* port, int family) noexcept {
+// The host's addresses of one family; null without any.
+AddressesPtr addressesOf(const char* host, const char* port, int family) noexcept {
     addrinfo hints{};
     hints.ai_family = family;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host, port, &hints, &found) != 0) {
-        return -1;
-    }
-    const AddressesPtr addresses(found);
-    for (const addrinfo* address = found; address; address = address->ai_next) {
-        const int connection = connectTo(family, address->ai_addr, address->ai_addrlen);
-        if (connection >= 0) {
-            // Commands are short, and each waits for its reply.
-            const int enabled = 1;
-            setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &enabled, sizeof(enabled));
-            return connection;
-        }
-    }
-    return -1;
+    return AddressesPtr(getaddrinfo(host, port, &hints, &found) == 0 ? found : nullptr);
 }
 
 }  // namespace
@@ -80,8 +77,20 @@ int connectUnixSocket(const char* path) noexcept {
 int connectTcpSocket(const char* host, int port) noexcept {
     std::array<char, sizeof("-2147483648")> portText{};
     std::snprintf(portText.data(), portText.size(), "%d", port);
-    const int connection = connectToAnyOf(host, portText.data(), AF_INET);
-    return connection >= 0 ? connection : connectToAnyOf(host, portText.data(), AF_INET6);
+    AddressesPtr addresses = addressesOf(host, portText.data(), AF_INET);
+    if (!addresses) {
+        addresses = addressesOf(host, portText.data(), AF_INET6);
+    }
+    for (const addrinfo* address = addresses.get(); address; address = address->ai_next) {
+        const int descriptor = connectTo(address->ai_family, address->ai_addr, address->ai_addrlen);
+        if (descriptor >= 0) {
+            // Commands are short, and each waits for its reply.
+            const int enabled = 1;
+            setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &enabled, sizeof(enabled));
+            return descriptor;
+        }
+    }
+    return -1;
 }
 
 }  // namespace session_service::store

@@ -10,7 +10,7 @@ namespace session_service::store {
 // A path that is too long for a socket's address is cut.
 int connectUnixSocket(const char* path) noexcept;
 
-// Tries the host's addresses in turn, those of IPv4 first.
+// Tries the host's addresses in turn: those of IPv4 or, when it has none, of IPv6.
 int connectTcpSocket(const char* host, int port) noexcept;
 
 }  // namespace session_service::store

@@ -2,7 +2,7 @@
 -- resource, resource type, the word EventGroupId, group identifier.
 --
 -- Each group becomes one entry of the stream &&EventStream, whose identifier is then
--- announced on the channel &&EventStream/Announcements. Answers the number of entries,
+-- published on the channel &&EventStream/Announcements. Answers the number of entries,
 -- or {"INVALID", reason} without recording anything.
 
 local stream = '&&EventStream'

@@ -1,4 +1,4 @@
-// Configuration files: lines are whole, and a key's value is what stands on its first line.
+// Configuration files: lines are read whole, and a key's value is that of its first line.
 #include "platform/config_file.h"
 
 #include <algorithm>
@@ -64,7 +64,7 @@ std::optional<std::string> expectedValue(const std::vector<std::string>& lines,
     return std::nullopt;
 }
 
-// A buffer of exactly this size, of which a sanitizer guards the ends.
+// A buffer of exactly this size, whose bounds a sanitizer guards.
 void checkValue(const MemoryFile& file, const std::string& separator, const std::string& key,
                 std::size_t bufferSize, const std::optional<std::string>& expected) {
     constexpr char before = '\xee';

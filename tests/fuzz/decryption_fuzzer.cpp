@@ -1,4 +1,4 @@
-// The decryption: texts and key files of every shape, and the way back.
+// Decryption of any texts with any key files, and encryption followed by decryption.
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -33,22 +33,22 @@ std::string capitals(std::string text) {
     return text;
 }
 
-// `place` chooses the byte that changes on the way.
-void checkWayBack(const std::string& plain, const std::string& keyFile, bool usable,
-                  std::size_t place) {
-    std::string travelling = encryptToHexString(plain, keyFile);
+// `place` chooses the digit that is changed.
+void checkEncryption(const std::string& plain, const std::string& keyFile, bool usable,
+                     std::size_t place) {
+    std::string encrypted = encryptToHexString(plain, keyFile);
     if (!usable) {
-        require(travelling.empty(), "without a key nothing is encrypted");
+        require(encrypted.empty(), "without a key nothing is encrypted");
         return;
     }
-    require(travelling.size() == 2 * (plain.size() + addedBytes) && isHex(travelling),
-            "what travels is the text's length, nonce and tag in digits");
-    require(decryptHexString(travelling, keyFile) == plain, "the text comes back");
-    require(decryptHexString(capitals(travelling), keyFile) == plain,
+    require(encrypted.size() == 2 * (plain.size() + addedBytes) && isHex(encrypted),
+            "the encrypted text has the text's length, nonce and tag in digits");
+    require(decryptHexString(encrypted, keyFile) == plain, "the text comes back");
+    require(decryptHexString(capitals(encrypted), keyFile) == plain,
             "the text comes back from capital digits");
-    char& digit = travelling[place % travelling.size()];
+    char& digit = encrypted[place % encrypted.size()];
     digit = digit == '0' ? '1' : '0';
-    require(decryptHexString(travelling, keyFile).empty(), "a changed digit is noticed");
+    require(decryptHexString(encrypted, keyFile).empty(), "a changed digit is noticed");
 }
 
 }  // namespace
@@ -70,6 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                   encrypted.size() == 2 * (decrypted.size() + addedBytes)),
             "only digits under a key are decrypted");
     const std::string plain = sections.next();
-    checkWayBack(plain, keyFile.path(), isKey(key), encrypted.size());
+    checkEncryption(plain, keyFile.path(), isKey(key), encrypted.size());
     return 0;
 }

@@ -1,4 +1,4 @@
-// What the Kerberos administration tool is asked, and what its answer is taken for.
+// The command for the Kerberos administration tool, and how its output is understood.
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -16,10 +16,10 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// The words of a command line by the shell's rules of quoting. What may end the command or
-// expand to something else must not stand there unquoted.
+// The words of a command line by the shell's rules of quoting. Characters that end a command or
+// expand to something else must be quoted.
 Words wordsOf(std::string_view commandLine) {
-    constexpr std::string_view harmless =
+    constexpr std::string_view safeUnquoted =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:,+@";
     Words words;
     bool inWord = false;
@@ -43,7 +43,7 @@ Words wordsOf(std::string_view commandLine) {
                     "a backslash stands before a character");
             words.back() += commandLine[at];
         } else {
-            require(harmless.find(character) != std::string_view::npos,
+            require(safeUnquoted.find(character) != std::string_view::npos,
                     "nothing outside quotes means anything to the shell");
             words.back() += character;
         }

@@ -1,4 +1,4 @@
-// Log lines: whatever a message holds, it makes one line that says just that.
+// Log lines: whatever a message holds, it is one line with exactly that message.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -35,7 +35,7 @@ void takeLogged(std::string_view& line, std::string_view text) {
     }
 }
 
-// Checks the line behind its tag and returns it.
+// Checks the line after its tag and returns it.
 std::string checkMessage(std::string_view line, std::string_view first, std::string_view second) {
     const std::string message(line.substr(0, line.find('\n')));
     require(line.size() == message.size() + 1, "a message is one whole line");
@@ -47,7 +47,7 @@ std::string checkMessage(std::string_view line, std::string_view first, std::str
     return message;
 }
 
-// A log that goes to a file in memory.
+// A log that is written to a file in memory.
 class FileLog {
   public:
     FileLog() {

@@ -1,5 +1,5 @@
-// What arrives on the request channels, as bytes from the store and as payloads. Every worker
-// hands on exactly the notices that there are, and no key becomes more than one argument.
+// The request channels, with any bytes from the store and any payloads. Each worker handles
+// exactly the notices that were published, and no key becomes more than one argument.
 #include "protocol/request_channels.h"
 
 #include <optional>

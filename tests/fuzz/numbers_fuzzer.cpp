@@ -1,5 +1,5 @@
-// Texts to numbers: single ones, lists of privileges, the lifetime of messages. Each result is
-// compared with what reading digit by digit gives.
+// Texts read as numbers: single ones, lists of privileges, the lifetime of messages. Each result
+// is compared with that of reading digit by digit.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -23,7 +23,7 @@ namespace {
 constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t smallest = std::numeric_limits<std::int32_t>::min();
 
-// The number at the start of the text, cut to a thousand times what 32 bits hold.
+// The number at the start of the text, limited to a thousand times the range of 32 bits.
 std::optional<std::int64_t> readDigits(std::string_view text) {
     text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
     const bool negative = text.starts_with('-');
@@ -60,7 +60,7 @@ Reading readNumber(std::string_view text) {
 
 void checkNumber(const std::string& text) {
     const Reading expected = readNumber(text);
-    const ParsedNumber number = parseNumber(text);
+    const ParsedInt32 number = parseInt32(text);
     require(number.value.has_value() == (expected.verdict == Verdict::number),
             "a text gives a number when it begins with one of 32 bits");
     require(number.value.value_or(0) == expected.value, "the number is what the digits say");

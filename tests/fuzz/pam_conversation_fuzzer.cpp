@@ -1,5 +1,5 @@
-// Conversations as modules may hold them: any number and style of messages, with and without
-// texts, over any input.
+// PAM conversations with any number and style of messages, with and without texts, and with any
+// standard input.
 #include "auth/pam_conversation.h"
 
 #include <security/pam_appl.h>
@@ -22,7 +22,7 @@
 #include "support/log_lines.h"
 #include "support/require.h"
 
-// There where a sanitizer owns the heap.
+// There when a sanitizer manages the heap.
 extern "C" {
 int __sanitizer_install_malloc_and_free_hooks(void (*allocated)(const volatile void*, std::size_t),
                                               void (*freed)(const volatile void*))
@@ -35,7 +35,7 @@ namespace {
 
 constexpr std::size_t maxMessages = 32;
 
-// What must not stand in memory that is given back.
+// What freed memory must not hold.
 std::array<std::string_view, 2> secrets;
 
 void inspectFreed(const volatile void* memory) {
@@ -56,7 +56,7 @@ void watchHeap() {
     static_cast<void>(watched);
 }
 
-// The text is what standard input gives while this lives.
+// While it lives, standard input gives this text.
 class StandardInput {
   public:
     explicit StandardInput(std::string& text)
@@ -100,7 +100,7 @@ Message readMessage(const std::string& piece) {
     return message;
 }
 
-// How a conversation goes.
+// The expected course of a conversation.
 struct Course {
     int status = PAM_SUCCESS;
     std::vector<std::optional<std::string>> answers;
@@ -163,12 +163,12 @@ Course expectedCourse(const std::vector<Message>& messages, const std::string& p
     return course;
 }
 
-// The line that begins the text, when it can be recognised: a short one may stand in memory
-// by chance, one that is also shown does.
+// The first line of the text, when it can be recognised: a short one may be in memory by chance,
+// and one that is also shown is in memory anyway.
 std::string_view recognisable(std::string_view text, const Course& expected) {
     constexpr std::size_t shortest = 8;
-    constexpr std::size_t longest = 500;
-    const std::string_view line = text.substr(0, std::min(text.find('\n'), longest));
+    constexpr std::size_t maxLength = 500;
+    const std::string_view line = text.substr(0, std::min(text.find('\n'), maxLength));
     const bool shownToo = expected.output.find(line) != std::string::npos ||
                           expected.errors.find(line) != std::string::npos;
     return line.size() < shortest || shownToo ? std::string_view() : line;

@@ -34,11 +34,11 @@ std::vector<Entry> entriesOf(const std::string& text) {
     return entries;
 }
 
-// The beginning of the text, with no more entries than a stand-in for the store answers.
+// The beginning of the text, with no more entries than the fake store has replies.
 std::string withFewEntries(const std::string& text) {
-    constexpr int mostEntries = 64;
+    constexpr int maxEntries = 64;
     std::size_t end = text.find('=');
-    for (int i = 0; i < mostEntries && end != std::string::npos; ++i) {
+    for (int i = 0; i < maxEntries && end != std::string::npos; ++i) {
         end = text.find('=', end + 1);
     }
     return text.substr(0, end);
@@ -76,8 +76,8 @@ std::string replyFor(char letter) {
     }
 }
 
-// `letters` choose the replies; what they do not reach is answered with an integer. At an 'x'
-// the connection is lost.
+// `letters` choose the replies; commands after them are answered with an integer. At an 'x' the
+// connection is lost.
 void checkLoad(const std::string& text, std::string letters) {
     const std::vector<Entry> entries = entriesOf(text);
     letters.resize(entries.size(), 'i');

@@ -1,5 +1,5 @@
-// Runs a fuzz target once over each file of a corpus; what it then finds ends the process as it
-// would end the fuzzer. Status 1 when there is no corpus.
+// Runs a fuzz target once on each file of a corpus. A finding ends the process, as it ends the
+// fuzzer. Status 1 when the corpus is empty.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

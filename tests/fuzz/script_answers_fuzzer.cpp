@@ -1,6 +1,6 @@
-// What the event and audit scripts in the store answer. Whatever it is, the log says of it what
-// it has to, on one line, and the script gets every item as one argument.
-// The input: the script's digest, a text from a client, and, from the third line on, the answer.
+// Replies of the event and audit scripts in the store. Whatever they are, the log reports them
+// properly, on one line, and the script gets every item as one argument.
+// The input: the script's digest, a text from a client, and, from the third line on, the reply.
 #include "events/audit_log.h"
 #include "events/life_cycle.h"
 #include "platform/config_file.h"
@@ -48,7 +48,7 @@ void tryEvents(const std::string& digest, const std::string& text, const std::st
     require(connection.takeCommands() == expected, "every item of an event is one argument");
 }
 
-// The setting is read once, which the log tells.
+// The setting is read once, and that is logged.
 void readEventSetting() {
     const CapturedStream log(stderr);
     generateLifeCycleEvents(nullptr, {});
@@ -104,7 +104,7 @@ void tryAudit(const std::string& digest, const std::string& text, const std::str
 }  // namespace
 }  // namespace session_service
 
-// Stands in for the controller's configuration file.
+// A fake of the controller's configuration file.
 
 std::string getConfigValue(const char* /*file*/, const char* key, std::size_t /*bufferSize*/) {
     return key == std::string("LogEntryCollection") ? session_service::collection : std::string();

@@ -1,4 +1,4 @@
-// The settings of groups and privileges, compared with another reading of the same files.
+// The settings of groups and privileges, compared with another reader of the same files.
 #include <algorithm>
 #include <cstdint>
 #include <limits>
@@ -30,8 +30,8 @@ std::string expectedSetting(const std::vector<std::string>& lines, std::string_v
     if (given == lines.rend()) {
         return before;
     }
-    const std::string behind = given->substr(given->find('=') + 1);
-    return behind.substr(0, behind.find(';')) + (key == "Attribute" ? "" : ";");
+    const std::string rest = given->substr(given->find('=') + 1);
+    return rest.substr(0, rest.find(';')) + (key == "Attribute" ? "" : ";");
 }
 
 int digitOf(char character) {
@@ -42,7 +42,7 @@ int digitOf(char character) {
     return small >= 'a' && small <= 'z' ? small - 'a' + 10 : 36;
 }
 
-// The number at the start of the text, its base told by its prefix; cut to 32 bits.
+// The number at the start of the text, in the base of its prefix; limited to 32 bits.
 std::int32_t expectedNumber(std::string_view text) {
     text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
     const bool negative = text.starts_with('-');

@@ -1,4 +1,4 @@
-// Commands run by the real shell: a client's texts reach the tool as they are.
+// Commands run by the real shell: a client's texts reach the tool unchanged.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,8 +11,8 @@
 namespace session_service {
 namespace {
 
-// The arguments that the tool is started with, a zero byte after each. A function of the
-// shell takes its place; no other program can be found.
+// The arguments of the tool, a zero byte after each. A shell function replaces it; no other
+// program can be found.
 std::string argumentsFor(const std::string& userName, const std::string& password) {
     const std::string command = R"(PATH=; kadmin() { printf '%s\0' "$@"; }; )" +
                                 composeKadminCommand(userName.c_str(), password.c_str());

@@ -1,5 +1,5 @@
-// Replies of the store, as bytes. Whatever they are, each wrapper sends one command with the
-// arguments that it was given and judges the reply by its rule.
+// Any bytes as replies of the store. Whatever they are, each wrapper sends one command with its
+// arguments and judges the reply by its rule.
 // The first line of the input is the text of every argument.
 #include <hiredis/hiredis.h>
 
@@ -31,7 +31,7 @@ ReplyPtr firstReply(std::string_view bytes) {
     return ReplyPtr(static_cast<redisReply*>(reply));
 }
 
-// Calls a wrapper on a connection of its own and gives its result.
+// Calls a wrapper on a connection of its own and returns its result.
 template <typename Call>
 auto resultOf(const Replies& replies, const Command& expected, Call call) {
     const FakeConnection connection(replies);
@@ -40,7 +40,7 @@ auto resultOf(const Replies& replies, const Command& expected, Call call) {
     return result;
 }
 
-// What an integer reply holds; `otherwise` for any other and for none.
+// The value of an integer reply; `otherwise` for any other and for none.
 long long integerOf(const ReplyPtr& reply, long long otherwise) {
     return isInteger(reply) ? reply->integer : otherwise;
 }
@@ -74,7 +74,7 @@ void tryWrites(const Replies& replies, const std::string& text, const ReplyPtr& 
     std::int32_t value = -7;
     require(resultOf(replies, {"HINCRBY", sent, sent, "-1"},
                      [&](auto* s) { return store::hincrby(s, text, text, -1, value); }) ==
-                (reply != nullptr),
+                static_cast<bool>(reply),
             "hincrby takes every reply");
     require(value == static_cast<std::int32_t>(integerOf(reply, -7)), "hincrby gives the value");
     require(resultOf(replies, {"HDEL", sent, sent},
@@ -96,7 +96,7 @@ void tryVectors(const Replies& replies, const std::string& text, const ReplyPtr&
     require(resultOf(replies, {"UNLINK", text, text},
                      [&](auto* s) {
                          return store::send(s, {"UNLINK", text, text});
-                     }) == (reply != nullptr),
+                     }) == static_cast<bool>(reply),
             "send takes every reply");
     const auto integer = resultOf(replies, {"LREM", text}, [&](auto* s) {
         return store::sendForInteger(s, {"LREM", text});
@@ -105,7 +105,7 @@ void tryVectors(const Replies& replies, const std::string& text, const ReplyPtr&
             "sendForInteger gives the integer");
 }
 
-// LLEN and LREM, which tell standard output of a lost connection.
+// LLEN and LREM, which write to standard output when the connection is lost.
 void tryListCounts(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
     const std::string sent = upToNull(text);
     const CapturedStream output(stdout);
@@ -123,9 +123,10 @@ void tryListCounts(const Replies& replies, const std::string& text, const ReplyP
             "only a lost connection is told on standard output");
 
     const auto length =
-        resultOf(replies, {"LLEN", sent}, [&](auto* s) { return store::llenReply(s, text); });
-    require(length.has_value() == (reply != nullptr) && (!length || *length == integerOf(reply, 0)),
-            "llenReply counts what is no integer as 0");
+        resultOf(replies, {"LLEN", sent}, [&](auto* s) { return store::llenUnchecked(s, text); });
+    require(length.has_value() == static_cast<bool>(reply) &&
+                (!length || *length == integerOf(reply, 0)),
+            "llenUnchecked counts what is no integer as 0");
 }
 
 void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
@@ -138,8 +139,7 @@ void tryFields(const Replies& replies, const std::string& text, const ReplyPtr& 
     const auto field =
         resultOf(replies, hget, [&](auto* s) { return store::hgetReply(s, text, text); });
     using Kind = store::FieldReply::Kind;
-    require((field.kind == Kind::lost) == (reply == nullptr) &&
-                (field.kind == Kind::text) == isText &&
+    require((field.kind == Kind::lost) == !reply && (field.kind == Kind::text) == isText &&
                 field.text ==
                     (reply && reply->str ? std::optional<std::string>(reply->str) : std::nullopt),
             "hgetReply tells a field's text from other replies and from none");
@@ -181,7 +181,7 @@ void tryCollections(const Replies& replies, const std::string& text, const Reply
             return true;
         }
     });
-    require(listed == (reply != nullptr) && threw == textless, "lrange judges by its rule");
+    require(listed == static_cast<bool>(reply) && threw == textless, "lrange judges by its rule");
     require(threw || (list.front() == "kept" &&
                       std::vector<std::string>(list.begin() + 1, list.end()) == elements),
             "lrange appends the elements");
@@ -202,7 +202,7 @@ void tryCollections(const Replies& replies, const std::string& text, const Reply
             return true;
         }
     });
-    require(read == (reply != nullptr) && threw == textless, "hgetall judges by its rule");
+    require(read == static_cast<bool>(reply) && threw == textless, "hgetall judges by its rule");
     require(threw || fields == expected, "hgetall inserts the fields");
 }
 
@@ -240,10 +240,10 @@ void tryScript(const Replies& replies, const std::string& text, const ReplyPtr& 
     require(answer.value == integerOf(reply, 0), "an answer gives its integer");
 }
 
-// A subscription and all that then arrives, to the end of the connection.
+// A subscription and all messages that follow, to the end of the connection.
 void trySubscription(const Replies& replies, const std::string& text, const ReplyPtr& reply) {
     const FakeConnection connection(replies);
-    require(store::subscribe(connection.get(), text) == (reply != nullptr),
+    require(store::subscribe(connection.get(), text) == static_cast<bool>(reply),
             "a subscription is confirmed by any reply");
     while (const auto notice = store::readNotice(connection.get())) {
         require(!notice->text || notice->elements > 0, "a text is that of an element");

@@ -1,6 +1,6 @@
-// What lies in the store, turned into JSON and into the properties of a request's body. Whatever
-// it is, the result is JSON of bounded depth, or a failure.
-// The input is taken twice: as replies, and as the elements of lists and hashes.
+// Stored data, converted to JSON and to the properties of a request's body. Whatever it is, the
+// result is JSON of bounded depth, or a failure.
+// The input is used twice: as replies, and as the elements of lists and hashes.
 #include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -20,7 +20,7 @@ namespace {
 using nlohmann::json;
 
 constexpr int maxLevels = 32;
-constexpr std::size_t mostConnections = 8;
+constexpr std::size_t maxConnections = 8;
 
 int levelsOf(const json& value) {
     int levels = 0;
@@ -39,7 +39,7 @@ void checkJson(const std::string& text, json::value_t kind) {
     require(levelsOf(value) <= maxLevels, "the text nests no deeper than its limit");
 }
 
-// Takes a conversion's result over, null included.
+// Takes ownership of a conversion's result, which may be null.
 void checkResult(char* text, json::value_t kind) {
     if (text) {
         checkJson(text, kind);
@@ -71,7 +71,7 @@ void tryToken(const std::string& field, const Replies& replies) {
     const CapturedStream log(stderr);
     std::string property = "kept";
     std::string text = "kept";
-    const bool converted = convertToken(connection.get(), field, property, text);
+    const bool converted = convertTokenField(connection.get(), field, property, text);
     require(isLog(log.written()), "a token that is wrong is logged on one line");
     if (!converted) {
         require(property == "kept" && text == "kept", "a failure leaves the outputs alone");
@@ -85,7 +85,7 @@ void tryToken(const std::string& field, const Replies& replies) {
 
 void tryBody(const Replies& replies) {
     const FakeConnection connection(replies);
-    FakeStore server(std::vector<Replies>(mostConnections, replies));
+    FakeStore server(std::vector<Replies>(maxConnections, replies));
     const CapturedStream log(stderr);
     FieldMap body;
     try {
@@ -106,7 +106,7 @@ void tryBody(const Replies& replies) {
 
 void tryPatch(const Replies& replies) {
     const FakeConnection connection(replies);
-    FakeStore server(std::vector<Replies>(mostConnections, replies));
+    FakeStore server(std::vector<Replies>(maxConnections, replies));
     const CapturedStream log(stderr);
     bool changed = false;
     FieldMap properties;

@@ -79,7 +79,7 @@ std::string deletedTokenKey(const std::string& storedToken) {
     return key;
 }
 
-// What the store answers to the commands of a deletion.
+// The replies to the commands of a deletion.
 Replies deletionReplies(const Fields& fields) {
     return {resp::array({}),
             resp::bulk(fields.storedToken),
@@ -91,7 +91,7 @@ Replies deletionReplies(const Fields& fields) {
             resp::integer(1)};  // LREM
 }
 
-// The commands of a deletion up to the one that takes the session out of the collection.
+// The commands of a deletion up to the one that removes the session from the collection.
 Commands deletionCommands(const std::string& id, const std::string& storedToken) {
     const std::string uri = sessionUriPrefix + id;
     const std::string reference = "&&" + uri;
@@ -217,7 +217,7 @@ void tryRecords(const Fields& fields) {
 }  // namespace
 }  // namespace session_service
 
-// Stands in for the wait before a pass: it is over at once, and the pass is the last one.
+// A fake of the wait before a pass: it is over at once, and the pass is the last one.
 extern "C" int usleep(useconds_t /*time*/) {
     pthread_mutex_unlock(&session_service::context.stopMutex.handle);
     return 0;

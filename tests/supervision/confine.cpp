@@ -1,8 +1,8 @@
-// Runs a program under a filter of system calls, inside the private root:
+// Runs a program under a system call filter (seccomp), inside the private root:
 //
 //   confine RULES PROGRAM [ARGUMENT...]
 //
-// RULES is a file, a rule a line:
+// RULES is a file with a rule on each line:
 //
 //   allow NAME          this call is allowed; what no line allows fails with EPERM
 //   family NUMBER       sockets of this family are allowed
@@ -94,9 +94,9 @@ void restrictMemory(const FilterPtr& filter, Rules& rules) {
     constexpr scmp_datum_t both = PROT_WRITE | PROT_EXEC;
     constexpr unsigned protection = 2;
     rules.allowed.erase("mmap");
-    for (const scmp_datum_t harmless : {0, PROT_WRITE, PROT_EXEC}) {
+    for (const scmp_datum_t allowed : {0, PROT_WRITE, PROT_EXEC}) {
         add(filter, SCMP_ACT_ALLOW, "mmap",
-            {SCMP_CMP(protection, SCMP_CMP_MASKED_EQ, both, harmless)});
+            {SCMP_CMP(protection, SCMP_CMP_MASKED_EQ, both, allowed)});
     }
     for (const char* call : {"mprotect", "pkey_mprotect"}) {
         rules.allowed.erase(call);

@@ -30,8 +30,8 @@ class UnderTheUnit : public LoginTest {
             << controller.readFile(unitLogFile);
     }
 
-    // What a command of the shell says that is tried in the daemon's place.
-    std::string tried(const std::string& command) {
+    // The output of a shell command that runs in place of the daemon.
+    std::string confinedOutput(const std::string& command) {
         const std::size_t before = controller.outputOf("sh").size();
         const auto shell =
             controller.startProgram({.command = {"/bin/sh", "-c", "exec 2>&1; " + command},
@@ -58,8 +58,8 @@ TEST_F(UnderTheUnit, AWrongPasswordIsRefused) {
 
 TEST_F(UnderTheUnit, ChangesOutliveTheStoreAndTheLogIsItsOwnersAlone) {
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "450"}}).status(), "OK");
-    // It comes behind the answer; the store must not go before.
-    waitUntil("the change is announced", [this] { return !lifeCycleEvents(store()).empty(); });
+    // The event comes after the reply; the store must not stop before.
+    waitUntil("the change is an event", [this] { return !lifeCycleEvents(store()).empty(); });
     EXPECT_NE(controller.readFile(persistentFile).find("\nSessionTimeout=450\n"),
               std::string::npos);
     struct stat log {};
@@ -68,14 +68,18 @@ TEST_F(UnderTheUnit, ChangesOutliveTheStoreAndTheLogIsItsOwnersAlone) {
 }
 
 TEST_F(UnderTheUnit, WhatTheUnitForbidsFails) {
-    EXPECT_THAT(tried("touch /etc/pam.d/q73"), testing::HasSubstr("Read-only file system"));
-    EXPECT_THAT(tried("touch /usr/local/bin/new"), testing::HasSubstr("Read-only file system"));
-    EXPECT_THAT(tried("nice true"), testing::HasSubstr("Operation not permitted"));
-    EXPECT_THAT(tried("unshare --user true"), testing::HasSubstr("Operation not permitted"));
-    EXPECT_THAT(tried("perl -e 'socket(my $s, 17, 3, 0) or print \"socket: $!\"'"),
+    EXPECT_THAT(confinedOutput("touch /etc/pam.d/q73"),
+                testing::HasSubstr("Read-only file system"));
+    EXPECT_THAT(confinedOutput("touch /usr/local/bin/new"),
+                testing::HasSubstr("Read-only file system"));
+    EXPECT_THAT(confinedOutput("nice true"), testing::HasSubstr("Operation not permitted"));
+    EXPECT_THAT(confinedOutput("unshare --user true"),
+                testing::HasSubstr("Operation not permitted"));
+    EXPECT_THAT(confinedOutput("perl -e 'socket(my $s, 17, 3, 0) or print \"socket: $!\"'"),
                 testing::HasSubstr("socket: Address family not supported"));
-    EXPECT_THAT(tried("ulimit -n"), testing::HasSubstr("1024"));
-    EXPECT_THAT(tried("grep CapEff /proc/self/status"), testing::HasSubstr("0000000020000002"));
+    EXPECT_THAT(confinedOutput("ulimit -n"), testing::HasSubstr("1024"));
+    EXPECT_THAT(confinedOutput("grep CapEff /proc/self/status"),
+                testing::HasSubstr("0000000020000002"));
 }
 
 }  // namespace

@@ -32,22 +32,16 @@ class RunningUnit : public SystemTest {
         SystemTest::TearDown();
     }
 
-    bool served() {
-        const Value counts = controller.connect().run(
-            {"PUBSUB", "NUMSUB", createChannel, deleteChannel, patchChannel});
-        return counts.elements.at(1).integer == 1 && counts.elements.at(3).integer == 1 &&
-               counts.elements.at(5).integer == 1;
-    }
     // A login and its logout.
     void expectLogin(const Account& account) {
-        waitUntil("the daemon serves", [this] { return served(); });
-        FakeFrontEnd webServer(controller.socketPath(), controller.storePassword(),
-                               controller.path(keyFile), [] { return true; });
-        const Reply login = webServer.login(account.name, account.password);
+        waitUntil("the daemon serves", [this] { return controller.daemonListens(); });
+        FakeFrontEnd client(controller.socketPath(), controller.storePassword(),
+                            controller.path(keyFile), [] { return true; });
+        const Reply login = client.login(account.name, account.password);
         EXPECT_EQ(login.status(), "OK") << account.name;
         EXPECT_EQ(controller.connect().hget(tokenKey(login.token()), "Privilege"),
                   account.privilege);
-        EXPECT_EQ(webServer.remove(login.location()).status(), "OK_EMPTY");
+        EXPECT_EQ(client.remove(login.location()).status(), "OK_EMPTY");
     }
 
   private:

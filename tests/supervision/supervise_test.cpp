@@ -36,18 +36,13 @@ class Supervisor : public SystemTest {
         supervisor.signal(SIGTERM);
         EXPECT_EQ(supervisor.wait(), ExitStatus{});
     }
-    bool served() {
-        const Value counts =
-            controller.connect().run({"PUBSUB", "NUMSUB", createChannel, patchChannel});
-        return counts.elements.at(1).integer == 1 && counts.elements.at(3).integer == 1;
+    void waitUntilListening() {
+        waitUntil("the daemon serves", [this] { return controller.daemonListens(); });
     }
-    void waitUntilServed() {
-        waitUntil("the daemon serves", [this] { return served(); });
-    }
-    std::string said() { return controller.errorsOf("sh"); }
-    void waitUntilSaid(const std::string& text) {
+    std::string errors() { return controller.errorsOf("sh"); }
+    void waitForMessage(const std::string& text) {
         waitUntil("the supervisor says \"" + text + "\"",
-                  [&] { return said().find(text) != std::string::npos; });
+                  [&] { return errors().find(text) != std::string::npos; });
     }
 
     static constexpr const char* lock = "/tmp/supervise.lock";
@@ -64,35 +59,35 @@ TEST_F(Supervisor, EndsAfterItsDaemonWhenItIsTold) {
                          "trap 'kill $supervisor; wait $supervisor; echo $?\n"
                          "      pidof session-service || echo gone; exit 0' TERM\n"
                          "wait"}});
-    waitUntilServed();
+    waitUntilListening();
     stop(*first);
     EXPECT_EQ(controller.outputOf("sh"), "0\ngone\n");
 }
 
 TEST_F(Supervisor, StartsTheDaemonAgainWhenTheStoreComesBack) {
     first = startSupervisor();
-    waitUntilServed();
+    waitUntilListening();
     controller.stopStore();
-    waitUntilSaid("; again in 1 s.");
-    waitUntilSaid(" ended with status 255; again in 2 s.");
+    waitForMessage("; again in 1 s.");
+    waitForMessage(" ended with status 255; again in 2 s.");
     startStore();
-    waitUntilServed();
+    waitUntilListening();
 }
 
 TEST_F(Supervisor, WaitsWhileAnotherOneRuns) {
     first = startSupervisor();
-    waitUntilServed();
+    waitUntilListening();
     second = startSupervisor();
-    waitUntilSaid("runs already; waiting for its end.");
-    EXPECT_TRUE(served());
+    waitForMessage("runs already; waiting for its end.");
+    EXPECT_TRUE(controller.daemonListens());
     stop(*first);
-    waitUntilServed();
+    waitUntilListening();
 }
 
 TEST_F(Supervisor, KeepsItsLockFromTheHelpersOfPam) {
     usePamTest("env=PRIVILEGES=511 descriptors=/tmp/descriptors");
     first = startSupervisor();
-    waitUntilServed();
+    waitUntilListening();
     EXPECT_EQ(frontEnd().login("anybody", "anything").status(), "OK");
     EXPECT_THAT(controller.readFile("/tmp/descriptors"),
                 AllOf(HasSubstr(" 2 -> "), Not(HasSubstr(lock))));
@@ -100,17 +95,17 @@ TEST_F(Supervisor, KeepsItsLockFromTheHelpersOfPam) {
 
 TEST_F(Supervisor, ThatWaitsEndsWhenItIsTold) {
     first = startSupervisor();
-    waitUntilServed();
+    waitUntilListening();
     second = startSupervisor();
-    waitUntilSaid("runs already; waiting for its end.");
+    waitForMessage("runs already; waiting for its end.");
     stop(*second);
-    EXPECT_TRUE(served());
+    EXPECT_TRUE(controller.daemonListens());
 }
 
 TEST_F(Supervisor, WithoutADaemonSaysHowItIsCalled) {
     first = controller.startProgram({.command = {"/bin/sh", supervise}});
     EXPECT_EQ(first->wait(), (ExitStatus{.value = 2}));
-    EXPECT_EQ(said(), "usage: supervise DAEMON [LOCK_FILE]\n");
+    EXPECT_EQ(errors(), "usage: supervise DAEMON [LOCK_FILE]\n");
 }
 
 }  // namespace

@@ -3,16 +3,14 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 
+#include "testbed/process.h"
 #include "testbed/wait.h"
 
 namespace testbed {
@@ -23,11 +21,6 @@ namespace fs = std::filesystem;
 
 using Names = std::vector<std::string>;
 using Calls = std::set<std::string>;
-
-struct ClosePipe {
-    void operator()(std::FILE* pipe) const noexcept { pclose(pipe); }
-};
-using PipePtr = std::unique_ptr<std::FILE, ClosePipe>;
 
 const std::map<std::string, int> families{
     {"AF_UNIX", AF_UNIX},
@@ -47,14 +40,8 @@ Names splitWords(const std::string& text) {
 
 // The sets of calls by their names; a set may hold the names of others.
 std::map<std::string, Names> readCallSets() {
-    const PipePtr pipe(popen("systemd-analyze --no-pager syscall-filter", "r"));
-    std::string text;
-    std::array<char, 4096> chunk{};
-    while (const std::size_t count = std::fread(chunk.data(), 1, chunk.size(), pipe.get())) {
-        text.append(chunk.data(), count);
-    }
     std::map<std::string, Names> sets;
-    std::istringstream lines(text);
+    std::istringstream lines(shellOutput("systemd-analyze --no-pager syscall-filter"));
     std::string set;
     for (std::string line; std::getline(lines, line);) {
         const Names words = splitWords(line);

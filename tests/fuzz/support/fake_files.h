@@ -1,5 +1,5 @@
-// Files in memory in the place of files at fixed paths. For one source of a program, which
-// then opens all its files through this.
+// Fakes of files at fixed paths, kept in memory. To be included by one source of a program,
+// whose calls of fopen it then replaces.
 #pragma once
 
 #include <dlfcn.h>
@@ -12,7 +12,7 @@
 
 namespace session_service {
 
-// The files in memory by the paths that they are opened at.
+// The fake files, by the paths that they are opened at.
 inline std::map<std::string, MemoryFile>& fakeFiles() {
     static std::map<std::string, MemoryFile> files;
     return files;

@@ -40,9 +40,9 @@ std::string receiveAll(int socket) {
 }
 
 void sendAll(int socket, std::string_view bytes) {
-    constexpr std::size_t mostAtOnce = 4096;  // hiredis reads no more than 16 KiB of a packet
+    constexpr std::size_t maxPacket = 4096;  // hiredis reads no more than 16 KiB of a packet
     while (!bytes.empty()) {
-        const std::string_view packet = bytes.substr(0, mostAtOnce);
+        const std::string_view packet = bytes.substr(0, maxPacket);
         require(send(socket, packet.data(), packet.size(), MSG_DONTWAIT) > 0,
                 "the replies fit into the socket");
         bytes.remove_prefix(packet.size());
@@ -77,8 +77,8 @@ FakeConnection::FakeConnection(const Replies& replies) : FakeConnection(replies,
 
 FakeConnection::FakeConnection(const Replies& replies, const std::array<int, 2>& ends)
     : server(ends[0]), client(redisConnectFd(ends[1])) {
-    constexpr std::size_t mostReplies = 64;
-    for (std::size_t i = 0; i < std::min(replies.size(), mostReplies); ++i) {
+    constexpr std::size_t maxReplies = 64;
+    for (std::size_t i = 0; i < std::min(replies.size(), maxReplies); ++i) {
         sendAll(server.get(), replies[i]);
     }
     shutdown(server.get(), SHUT_WR);
@@ -125,7 +125,7 @@ int redisDisconnectContext(redisContext* context) noexcept {
     return context ? 0 : 1;
 }
 
-// A reply may announce more elements than there is memory for: the connection is then lost.
+// A reply may declare more elements than there is memory for: the connection is then lost.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }

@@ -1,5 +1,5 @@
-// Store connections whose replies lie ready before the first command: no server and no thread
-// is needed, and any bytes may stand for a reply.
+// A fake store whose replies are in the socket before the first command: there is no thread, and
+// a reply can be any bytes.
 #pragma once
 
 #include <array>
@@ -13,8 +13,8 @@
 
 namespace session_service {
 
-// What a server sends on one connection. The client reads one of them at a time: an answer to
-// the command before, when it holds one reply.
+// What the server sends on one connection. The client reads one element at a time, as the reply
+// to the command before when it is one.
 using Replies = std::vector<std::string>;
 
 // A connection to a server that sends the replies, 64 at most, and then nothing more.
@@ -36,8 +36,8 @@ class FakeConnection {
     ConnectionPtr client;
 };
 
-// What store::connect reaches while it lives: the n-th connection gets the n-th replies, and
-// those beyond are refused.
+// While it lives, store::connect connects to it: the n-th connection gets the n-th replies, and
+// those after the last are refused.
 class FakeStore {
   public:
     explicit FakeStore(std::vector<Replies> repliesOfConnections);
@@ -48,7 +48,7 @@ class FakeStore {
     // The next connection, for the caller to close, or null.
     redisContext* accept();
 
-    // What was opened so far. The client's ends are not there.
+    // The connections so far, without their client's ends.
     [[nodiscard]] const std::deque<FakeConnection>& connections() const { return opened; }
 
   private:

@@ -1,4 +1,4 @@
-// What a fuzz target demands of the code.
+// The properties that a fuzz target checks.
 #pragma once
 
 #include <unistd.h>

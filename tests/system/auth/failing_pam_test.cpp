@@ -65,5 +65,22 @@ TEST_F(FailingPam, ThatDoesNotEndLeavesTheResultAsItIs) {
     EXPECT_EQ(errorLines(), Words(2, "PAM: pam_end() failed."));
 }
 
+TEST_F(FailingPam, ThatDoesNotStartIsNotEnded) {
+    expectErrorLine("Failed to create pam handler.");
+    constexpr const char* library = "/usr/local/lib/pam_failures.so";
+    controller.install(TEST_PAM_FAILURES, library);
+    // The library forgets some memory when it cannot start; a leak detector may as well.
+    controller.writeFile("/tmp/suppressions", "leak:libpam.so\n");
+    startStore();
+    startDaemon(
+        {.environment = {{"LD_PRELOAD", library},
+                         {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                         {"LSAN_OPTIONS", "suppressions=/tmp/suppressions:print_suppressions=0"}}});
+    controller.removeFile(pamServiceFile);
+    EXPECT_EQ(frontEnd().login("somebody", "secret").status(), "AUTH_FAILED");
+    EXPECT_EQ(errorLines(), Words{"Failed to create pam handler."});
+    EXPECT_EQ(controller.daemonErrors().find("pam_end"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace testbed

@@ -216,5 +216,26 @@ TEST_F(RolePrivileges, AreNotReadFromLinesWithoutAKey) {
     EXPECT_EQ(userOf("User=5\nuser =6\nuser 7\nuser\n\n"), "9");
 }
 
+TEST_F(RolePrivileges, KnowNoOtherBases) {
+    EXPECT_EQ(userOf("user=0b11\n"), "0");
+    EXPECT_EQ(userOf("user=0B11\n"), "0");
+    EXPECT_EQ(userOf("user=-0b11\n"), "0");
+    EXPECT_EQ(userOf("user=0o17\n"), "0");
+    EXPECT_EQ(userOf("user=0x10\n"), "16");
+    EXPECT_EQ(userOf("user=-0x10\n"), "-16");
+    EXPECT_EQ(userOf("user=010\n"), "8");
+    EXPECT_EQ(userOf("user=+010\n"), "8");
+    EXPECT_EQ(userOf("user=0x\n"), "0");
+    EXPECT_EQ(userOf("user=0xg\n"), "0");
+}
+
+TEST_F(RolePrivileges, AreReadByALoginThatIsRefusedToo) {
+    controller.writeFile(privilegeFile, "user=5\n");
+    usePamTest("auth=PAM_AUTH_ERR");
+    EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
+    controller.removeFile(privilegeFile);
+    EXPECT_EQ(privilegeWith("aci_group=aciuser;"), "5");
+}
+
 }  // namespace
 }  // namespace testbed

@@ -225,5 +225,26 @@ TEST_F(KerberosGroup, IsAskedForByAToolThatEndsWithAClosedPipeAsUsual) {
     EXPECT_EQ(ignored >> (SIGPIPE - 1) & 1, 0U) << std::hex << ignored;
 }
 
+TEST_F(PrivilegesVariable, OfOneCharacterTooManyIsCut) {
+    EXPECT_EQ(privilegeWith({"PRIVILEGES=9" + std::string(511, 'x')}), "9" + std::string(510, 'x'));
+}
+
+TEST_F(PrivilegesVariable, LeavesNothingToTheNextLogin) {
+    expectNoPrivilege();
+    EXPECT_EQ(privilegeWith({"PRIVILEGES=9" + std::string(600, 'x')}).size(), 511U);
+    EXPECT_EQ(privilegeWith({"PRIVILEGES=1"}), "1");
+    EXPECT_EQ(privilegeWith({}), "");
+}
+
+TEST_F(PrivilegesVariable, OfARefusedLoginCountsForNothing) {
+    expectNoPrivilege();
+    usePamTest("auth=PAM_AUTH_ERR env=PRIVILEGES=511");
+    EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
+    usePamTest("acct=PAM_ACCT_EXPIRED env=PRIVILEGES=511");
+    EXPECT_EQ(privilegeOf(), "AUTH_FAILED");
+    EXPECT_EQ(store().keys("&&X-AUTH-TOKEN-*"), Words{});
+    EXPECT_EQ(privilegeWith({}), "");
+}
+
 }  // namespace
 }  // namespace testbed

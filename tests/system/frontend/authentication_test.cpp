@@ -177,10 +177,13 @@ TEST_F(WebToken, BelongsToTheOriginItWasGivenTo) {
 
 class WebBasic : public WebTest {
   protected:
+    // It is gone soon after its last use.
     void expectNoSession() {
-        EXPECT_EQ(store().llen(membersKey), 0);
-        EXPECT_EQ(store().keys(sessionsUri + std::string("/*")), Words{});
-        EXPECT_EQ(store().keys(tokenKey("*")), Words{});
+        waitUntil("no session is left", [this] {
+            return store().llen(membersKey) == 0 &&
+                   store().keys(sessionsUri + std::string("/*")).empty() &&
+                   store().keys(tokenKey("*")).empty();
+        });
     }
     HttpResponse getWith(const std::string& authorization) {
         return client().request(
@@ -195,8 +198,8 @@ TEST_F(WebBasic, ServesARequestAndLeavesNoSession) {
         EXPECT_EQ(answer.status, 200);
         EXPECT_EQ(answer.json()["@odata.id"], serviceUri);
         EXPECT_EQ(answer.token(), "");
-        expectNoSession();
     }
+    expectNoSession();
     EXPECT_EQ(client().patch(serviceUri, R"({"SessionTimeout":600})").status, 200);
     EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
     expectNoSession();
@@ -222,8 +225,8 @@ TEST_F(WebBasic, LeavesNoSessionWhenTheRequestFails) {
         EXPECT_EQ(
             client().request({.method = row.method, .path = row.path, .body = row.body}).status,
             row.status);
-        expectNoSession();
     }
+    expectNoSession();
     client().useBasic(administrator.name, administrator.password);
     EXPECT_EQ(client().patch(serviceUri, "no JSON").status, 400);
     expectNoSession();
@@ -243,8 +246,8 @@ TEST_F(WebBasic, IsUnauthorizedWithWrongCredentials) {
          {std::pair{administrator.name, reader.password}, {"nobody-here", "anything"}}) {
         client().useBasic(user, password);
         expectUnauthorized(client().get(serviceUri), invalidCredentials);
-        expectNoSession();
     }
+    EXPECT_EQ(store().llen(membersKey), 0);
 }
 
 TEST_F(WebBasic, IsUnauthorizedWhenTheHeaderIsMalformed) {
@@ -321,7 +324,6 @@ TEST_F(WebBasic, ServesRequestsInParallelWithTokens) {
     HttpClient another = newClient();
     another.useBasic(administrator.name, administrator.password);
     EXPECT_EQ(another.get(login.location()).status, 200);
-    EXPECT_EQ(store().llen(membersKey), 1);
     EXPECT_EQ(another.remove(login.location()).status, 204);
     expectNoSession();
 }
@@ -436,10 +438,10 @@ TEST_F(WebHead, NeedsATokenAsAGetDoes) {
 using WebConnection = WebTest;
 
 TEST_F(WebConnection, SpeaksTls12And13AndNothingOlder) {
-    for (const TlsVersion version : {TlsVersion::v1_2, TlsVersion::v1_3}) {
+    for (const TlsVersion version : {TlsVersion::tls12, TlsVersion::tls13}) {
         EXPECT_EQ(newClient({.tls = version}).get("/redfish").status, 200);
     }
-    HttpClient old = newClient({.tls = TlsVersion::v1_1});
+    HttpClient old = newClient({.tls = TlsVersion::tls11});
     EXPECT_THROW(old.get("/redfish"), Failure);
 }
 

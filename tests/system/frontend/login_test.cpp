@@ -217,7 +217,7 @@ TEST_F(WebLoginWithAForeseenIdentifier, ThatTheDatabaseDoesNotTakeIsTheServicesF
 
 TEST_F(WebLogin, BeyondEightSessionsIsUnavailable) {
     for (int i = 0; i < 7; ++i) {
-        frontEnd().insertSession();
+        frontEnd().insertSession({.userName = "another" + std::to_string(i)});
     }
     EXPECT_EQ(login().status, 201);
     const HttpResponse ninth = newClient().login(reader.name, reader.password);
@@ -229,7 +229,7 @@ TEST_F(WebLogin, BeyondEightSessionsIsUnavailable) {
 
 TEST_F(WebLogin, InParallelIsServedUpToTheLimit) {
     constexpr std::size_t attempts = 16;
-    constexpr std::size_t limit = 8;
+    constexpr std::size_t limit = 6;
     std::mutex mutex;
     std::vector<HttpResponse> answers;
     std::vector<std::thread> threads;
@@ -260,7 +260,52 @@ TEST_F(WebLogin, InParallelIsServedUpToTheLimit) {
         }
     }
     EXPECT_EQ(admitted.size(), limit);
+    waitUntil("the sessions that were too many have ended",
+              [&] { return store().lrange(membersKey).size() == limit; });
     EXPECT_THAT(store().lrange(membersKey), UnorderedElementsAreArray(admitted));
+}
+
+TEST_F(WebLogin, OfOneUserLeavesTwoPlacesToOthers) {
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(newClient().login(reader.name, reader.password).status, 201);
+    }
+    const HttpResponse seventh = newClient().login(reader.name, reader.password);
+    EXPECT_EQ(seventh.status, 503);
+    EXPECT_EQ(messageIds(seventh), Words{"Base.1.12.SessionLimitExceeded"});
+    EXPECT_THAT(seventh.json()["error"][extendedInfo][0]["Resolution"].get<std::string>(),
+                HasSubstr("This user has 6 of the 8 sessions"));
+    EXPECT_NE(seventh.header("retry-after"), "");
+    EXPECT_EQ(seventh.token(), "");
+    EXPECT_EQ(seventh.location(), "");
+    waitUntil("the seventh session has ended", [this] { return store().llen(membersKey) == 6; });
+
+    // Whose password is wrong learns nothing of it.
+    EXPECT_EQ(newClient().login(reader.name, "wrong").status, 401);
+    // A temporary session is none of the six.
+    HttpClient basic = newClient();
+    basic.useBasic(reader.name, reader.password);
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    EXPECT_EQ(newClient().login(operatorAccount.name, operatorAccount.password).status, 201);
+    EXPECT_EQ(login().status, 201);
+    EXPECT_EQ(store().llen(membersKey), 8);
+}
+
+TEST_F(WebLogin, TakesTheLastPlaceOnlyWithThePrivilegeToConfigureTheManager) {
+    for (int i = 0; i < 7; ++i) {
+        frontEnd().insertSession({.userName = "another" + std::to_string(i)});
+    }
+    const HttpResponse refused = newClient().login(reader.name, reader.password);
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(messageIds(refused), Words{"Base.1.12.SessionLimitExceeded"});
+    EXPECT_THAT(refused.json()["error"][extendedInfo][0]["Resolution"].get<std::string>(),
+                HasSubstr("for users who can configure the manager"));
+    waitUntil("its session has ended", [this] { return store().llen(membersKey) == 7; });
+    HttpClient basic = newClient();
+    basic.useBasic(operatorAccount.name, operatorAccount.password);
+    EXPECT_EQ(basic.get(serviceUri).status, 503);
+    waitUntil("its session has ended", [this] { return store().llen(membersKey) == 7; });
+    EXPECT_EQ(login().status, 201);
+    EXPECT_EQ(store().llen(membersKey), 8);
 }
 
 // --- a password that must be changed
@@ -404,57 +449,6 @@ TEST_F(WebLoginToASlowService, DoesNotHoldUpOtherRequests) {
     waitUntilPamHolds();
     EXPECT_EQ(client().get(serviceUri).status, 200);
     expectTheLateSessionToGo(1);
-}
-
-class WebLoginAtATime : public WebLogin {
-  protected:
-    WebLoginAtATime() {
-        usePamTest("env=PRIVILEGES=511");
-        holdPam();
-    }
-    void startLogin(const std::string& sourceAddress) {
-        threads_.emplace_back([this, sourceAddress] {
-            try {
-                EXPECT_EQ(newClient({.sourceAddress = sourceAddress}).login("any", "any").status,
-                          201);
-            } catch (const Failure& failure) {
-                ADD_FAILURE() << failure.what();
-            }
-        });
-    }
-    void waitForRequests(std::size_t count) {
-        waitUntil(std::to_string(count) + " requests are under way",
-                  [&] { return requests().size() == count; });
-    }
-    Words requests() { return store().keys("&&/frontend/*/request"); }
-
-    std::vector<std::jthread> threads_;
-};
-
-TEST_F(WebLoginAtATime, IsUnderWayTwiceForAnAddressAndNotInTheWayOfOthers) {
-    for (int i = 0; i < 4; ++i) {
-        startLogin("127.0.0.1");
-    }
-    waitForRequests(2);
-    startLogin("127.0.0.2");
-    waitForRequests(3);
-    startLogin("127.0.0.2");
-    waitForRequests(4);
-    releasePam();
-    threads_.clear();
-    EXPECT_EQ(store().llen(membersKey), 6);
-}
-
-TEST_F(WebLoginAtATime, StoresNothingWithoutAnExpiry) {
-    startLogin("127.0.0.1");
-    waitUntilPamHolds();
-    const Words keys = store().keys(requestKeys);
-    EXPECT_EQ(keys.size(), 3U);
-    for (const std::string& key : keys) {
-        EXPECT_GT(store().run({"TTL", key}).integer, 0) << key;
-    }
-    releasePam();
-    threads_.clear();
 }
 
 TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
@@ -621,49 +615,6 @@ TEST_F(WebLogin, TakesBodiesOf64KibibytesAndNoLongerOnes) {
         EXPECT_EQ(messageIds(answer), Words{"Base.1.12.PayloadTooLarge"});
     }
     EXPECT_EQ(store().llen(membersKey), 2);
-}
-
-// --- the rate
-
-class WebLoginRate : public WebLogin {
-  protected:
-    WebLoginRate() {
-        changeLimit("rate=100000r/s", "rate=1r/m");
-        changeLimit("burst=10000", "burst=1");
-    }
-    void expectTooMany(const HttpResponse& answer) {
-        EXPECT_EQ(answer.status, 429);
-        EXPECT_EQ(messageIds(answer), Words{"Base.1.12.ServiceTemporarilyUnavailable"});
-        EXPECT_NE(answer.header("retry-after"), "");
-        EXPECT_EQ(answer.token(), "");
-    }
-    HttpResponse basicGet(HttpClient asking) {
-        asking.useBasic(reader.name, reader.password);
-        return asking.get(serviceUri);
-    }
-};
-
-TEST_F(WebLoginRate, IsLimitedForAnAddressAndNotForAnother) {
-    EXPECT_EQ(login().status, 201);
-    EXPECT_EQ(newClient().post(sessionsUri + std::string("/Members"), "{}").status, 400);
-    expectTooMany(newClient().login(administrator.name, administrator.password));
-    expectTooMany(newClient().post(sessionsUri + std::string("/Members"), "{}"));
-    expectTooMany(basicGet(newClient()));
-    // Requests with a token are no logins.
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(client().get(serviceUri).status, 200);
-    }
-    HttpClient elsewhere = newClient({.sourceAddress = "127.0.0.9"});
-    EXPECT_EQ(elsewhere.login(reader.name, reader.password).status, 201);
-    EXPECT_EQ(store().llen(membersKey), 2);
-}
-
-TEST_F(WebLoginRate, CountsRequestsWithCredentials) {
-    EXPECT_EQ(basicGet(newClient()).status, 200);
-    EXPECT_EQ(basicGet(newClient()).status, 200);
-    expectTooMany(basicGet(newClient()));
-    expectTooMany(login());
-    EXPECT_EQ(store().llen(membersKey), 0);
 }
 
 // --- logging out

@@ -296,7 +296,7 @@ TEST_F(WebService, EndsTheSessionOfARequestWithBasicCredentials) {
     EXPECT_EQ(patch(R"({"SessionTimeout":600})").status, 200);
     EXPECT_EQ(patch(R"({"SessionTimeout":6})").status, 400);
     EXPECT_EQ(timeout(), "600");
-    EXPECT_EQ(store().lrange(membersKey), sessions);
+    waitUntil("the session has ended", [&] { return store().lrange(membersKey) == sessions; });
 }
 
 // The store and the front end run, the daemon does not.

@@ -482,5 +482,42 @@ TEST_F(PatchOverABadConnection, DropsAnObjectThatCannotBeRead) {
     EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "300");
 }
 
+TEST_F(Patch, OfAnObjectIsDoneWithItsJsonText) {
+    controller.writeFile(persistentFile, "SessionTimeout=300\n");
+    store().hset("source", {{"Seconds", "600"}, {"Note", "a \"b\""}});
+    Request request = frontEnd().preparePatch({{"&&Object SessionTimeout source", "unused"}});
+    const std::string checklist = request.requestKey() + "/Checklist";
+    store().del(checklist);
+    store().hset(checklist, {{"/SessionTimeout", ""}, {"/Other", ""}});
+    request.send();
+    EXPECT_EQ(request.reply().status(), "OK");
+    const std::string json = R"({"Note":"a \"b\"","Seconds":600})";
+    EXPECT_EQ(timeout(), json);
+    EXPECT_EQ(controller.readFile(persistentFile), "SessionTimeout=" + json + "\n");
+    EXPECT_EQ(store().hgetall(checklist), (Fields{{"/Other", ""}}));
+    settle();
+    EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
+
+    // The same text once more is no change.
+    EXPECT_EQ(frontEnd().patch({{"&&Object SessionTimeout source", ""}}).status(), "OK");
+    settle();
+    EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
+}
+
+TEST_F(Patch, WithoutAReplyKeyThatTheStoreRefusesIsAnExceptionUnderTheEmptyKey) {
+    expectErrorLine("OperationFailed: Failed to SetMultipleFields.");
+    store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "9000000"}});
+    store().del(serviceUri);
+    store().run({"SET", serviceUri, "no hash"});
+    Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
+    request.send(request.requestKey() + " ");
+    EXPECT_EQ(request.published(), "");
+    const std::string messages = request.requestKey() + list;
+    EXPECT_EQ(store().hgetall(""),
+              (Fields{{"&&ReturnStatus", "EXCEPTION"}, {"&&ExtendedInfo", messages}}));
+    EXPECT_EQ(store().hgetall(messages + "/1"),
+              (Fields{{"&&MessageId", "Base.1.12.OperationFailed"}}));
+}
+
 }  // namespace
 }  // namespace testbed

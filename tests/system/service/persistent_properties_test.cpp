@@ -347,5 +347,15 @@ TEST_F(Saving, KeepsTheSettingOverARestartOfTheStore) {
     waitUntil("the login is in the audit log", [&] { return !auditEntries(store()).empty(); });
 }
 
+TEST_F(Saving, LeavesAFolderInItsPlaceAlone) {
+    controller.removeFile(persistentFile);
+    std::filesystem::create_directory(controller.path(persistentFile));
+    EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "600"}}).status(), "OK");
+    EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
+    waitUntil("the event is there", [&] { return !lifeCycleEvents(store()).empty(); });
+    EXPECT_TRUE(std::filesystem::is_directory(controller.path(persistentFile)));
+    EXPECT_TRUE(std::filesystem::is_empty(controller.path(persistentFile)));
+}
+
 }  // namespace
 }  // namespace testbed

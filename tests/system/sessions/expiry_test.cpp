@@ -523,5 +523,46 @@ TEST_F(Expiry, LogsThatItRuns) {
     }
 }
 
+TEST_F(Expiry, KeepsThirtyTwoBitsOfItsNumbers) {
+    constexpr long long nextLowerHalf = 4294967296;
+    const std::vector<InsertedSession> expired{
+        frontEnd().insertSession({.timeout = "4294967296"}),
+        frontEnd().insertSession({.timeout = "2147483648"}),
+        frontEnd().insertSession({.timeout = "9223372036854775807"}),
+        frontEnd().insertSession({.timeout = "300", .lastAccessed = "2147483648"}),
+        frontEnd().insertSession(
+            {.timeout = "300", .lastAccessed = std::to_string(uptime() - 400 + nextLowerHalf)}),
+    };
+    const std::vector<InsertedSession> kept{
+        frontEnd().insertSession({.timeout = "4294967596"}),
+        frontEnd().insertSession({.timeout = "-4294966996"}),
+        frontEnd().insertSession({.timeout = "6442450943"}),
+        frontEnd().insertSession(
+            {.timeout = "300", .lastAccessed = std::to_string(uptime() + nextLowerHalf)}),
+    };
+    waitForAPass();
+    for (const InsertedSession& session : expired) {
+        EXPECT_FALSE(exists(session)) << store().hgetall(tokenKey(session.token)).at("Timeout");
+    }
+    for (const InsertedSession& session : kept) {
+        EXPECT_TRUE(exists(session)) << session.uri;
+    }
+}
+
+TEST_F(Expiry, LooksAtTheSessionsOnceASecondAndNoMoreOften) {
+    Monitor monitor = controller.monitor();
+    const auto nextPass = [&] {
+        return monitor
+            .until([](const MonitoredCommand& command) { return isPassStart(command.words); })
+            .back()
+            .at;
+    };
+    const std::chrono::microseconds first = nextPass();
+    nextPass();
+    nextPass();
+    // A little less than three seconds: the store may have come to the first one late.
+    EXPECT_GE(nextPass() - first, std::chrono::milliseconds(2500));
+}
+
 }  // namespace
 }  // namespace testbed

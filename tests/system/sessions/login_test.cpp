@@ -1,7 +1,7 @@
 #include <sys/stat.h>
-#include <sys/time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <regex>
 
 #include "support/permissive_pam_test.h"
@@ -20,10 +20,9 @@ bool matches(const std::string& text, const char* pattern) {
 }
 
 unsigned long long wallClockMilliseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long long>(now.tv_usec) / 1000;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<unsigned long long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
 // The milliseconds of an entity tag between two readings of the clock.

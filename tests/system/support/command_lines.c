@@ -1,7 +1,7 @@
 /*
  * Preloaded into the daemon, and so into every program that it starts: appends the program's
  * arguments to the file that the environment variable COMMAND_LINES names, each with a zero
- * byte behind it and an empty one behind the last.
+ * byte after it and an empty one after the last.
  */
 #include <fcntl.h>
 #include <stdlib.h>

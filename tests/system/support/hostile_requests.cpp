@@ -16,7 +16,7 @@ constexpr std::size_t megabyte = std::size_t{1024} * 1024;
 constexpr std::array channels{createChannel, deleteChannel, patchChannel};
 const Words victims{"victim0", "victim1", "victim2", "victim3"};
 
-// The commands among them would leave the file /tmp/started behind.
+// The commands among them would create the file /tmp/started.
 const Words texts{
     "",
     " ",
@@ -40,7 +40,7 @@ const Words texts{
     "x\nNov 21 01:39:00 1700000000 [Error]: forged",
     "\r\nFLUSHALL\r\n",
     "x\r\n*1\r\n$8\r\nFLUSHALL\r\n",
-    "before\0behind"s,
+    "before\0after"s,
     "\0"s,
     "\x01\x1b[2J\x7f\b\t",
     "\xff\xfe\x80",
@@ -93,11 +93,11 @@ struct KnownKey {
 const std::vector<KnownKey> knownKeys{
     {serviceUri, {"ServiceEnabled", "SessionTimeout", "@odata.etag"}},
     {sessionsUri, {"Members@odata.count", "@odata.etag"}},
-    {"/redfish/v1/EventService", {"&&EVENT_GROUP_ID_COUNTER"}},
+    {eventServiceUri, {eventGroupCounter}},
     {"webDefaultValue", {"REDIS_CONNECTION_DEFAULT_TIMEOUT", "MAX_EVENT_GROUP_ID"}},
     {"redisSHAScripts", {"resourceChange", "logGeneratorHelper"}},
-    {"/redfish/v1/Managers/1/LogServices/AuditLog/Entries", {"&&MaxEntries", "&&LastId"}},
-    {"&&EventStream", {"Action"}},
+    {auditEntriesUri, {"&&MaxEntries", "&&LastId"}},
+    {eventStream, {"Action"}},
     {"/redfish/v1/AccountService/Accounts/hostile", {"&&OwnerName"}},
     {"/redfish/v1/SessionService/Sessions/victim0", {"SessionType", "UserName", "Id"}},
     {"/redfish/v1/SessionService/Sessions/victim1", {"SessionType", "UserName", "Id"}},
@@ -141,9 +141,9 @@ std::string repeatedUpTo(const std::string& piece, std::size_t size) {
 
 std::string readable(const std::string& text) {
     constexpr const char* digits = "0123456789abcdef";
-    constexpr std::size_t most = 120;
+    constexpr std::size_t maxShown = 120;
     std::string shown;
-    for (const char character : text.substr(0, most)) {
+    for (const char character : text.substr(0, maxShown)) {
         const auto code = static_cast<unsigned char>(character);
         if (code < 0x20 || code >= 0x7f || character == '\\' || character == '"') {
             shown += "\\x";
@@ -154,7 +154,7 @@ std::string readable(const std::string& text) {
         }
     }
     const std::string rest =
-        text.size() > most ? "... (" + std::to_string(text.size()) + " bytes)" : "";
+        text.size() > maxShown ? "... (" + std::to_string(text.size()) + " bytes)" : "";
     return '"' + shown + '"' + rest;
 }
 

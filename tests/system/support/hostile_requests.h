@@ -1,8 +1,8 @@
-// Requests of a front end that means harm.
+// Random requests of a hostile front end.
 //
-// They are drawn from a seed: the same seed and the same names of others give the same
-// requests. Most are valid but for a few things, so that they get far. Request and body keys
-// are used again and again, so that hashes change while they are read.
+// They are generated from a seed: the same seed and the same foreign names give the same
+// requests. Most are valid but for a few mutations, so that they get far. Request and body keys
+// are reused, so that hashes change while they are read.
 #pragma once
 
 #include <random>
@@ -15,21 +15,21 @@ namespace testbed {
 
 struct HostileRequest {
     // Commands for the store, in order, each with its key as the second word. Some of them
-    // fail on the kind of key that is there.
+    // fail because the key holds a value of another type.
     std::vector<Words> preparation;
     std::string channel;
     std::string notice;
 };
 
-// As it would be repeated by hand, a command a line; long texts are shortened.
+// The commands that repeat it by hand, one on each line; long texts are shortened.
 std::string toText(const HostileRequest& request);
 
-// What requests name besides what is their own.
+// What requests name besides their own keys.
 struct ForeignNames {
     Words keys;
     // Resources of sessions that no deletion may name: it would rightly delete them.
     Words sessions;
-    Words passwords;  // as they travel, the administrator's in front
+    Words passwords;  // encrypted, the administrator's first
 };
 
 class HostileRequests {
@@ -38,7 +38,7 @@ class HostileRequests {
 
     HostileRequest next();
 
-    // Makes the sessions that requests delete and corrupt.
+    // The commands that insert the sessions for requests to delete and corrupt.
     static std::vector<Words> insertVictims();
 
   private:

@@ -2,8 +2,8 @@
 //
 //   json_probe OUTPUT {object|array|reference SOURCE}...
 //
-// Writes what each call gave into the file OUTPUT, a zero byte behind each: "text " and
-// the text, or "failure".
+// Writes the result of each call to the file OUTPUT, a zero byte after each: "text " and the
+// text, or "failure".
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,12 +18,12 @@ struct Free {
     void operator()(char* text) const noexcept { std::free(text); }
 };
 
-char* convert(redisContext* store, const char* operation, const char* source) {
+char* convert(redisContext* connection, const char* operation, const char* source) {
     if (std::strcmp(operation, "object") == 0) {
         return convertRedisDataToJsonString(source);
     }
     if (std::strcmp(operation, "array") == 0) {
-        return convertArrayDataToJsonString(store, source);
+        return convertArrayDataToJsonString(connection, source);
     }
     return convertObjectRefDataToJsonString(nullptr, source);
 }
@@ -32,12 +32,12 @@ char* convert(redisContext* store, const char* operation, const char* source) {
 
 int main(int argc, char** argv) {
     std::FILE* output = argc > 1 ? std::fopen(argv[1], "we") : nullptr;
-    const session_service::ConnectionPtr store = session_service::store::connect();
-    if (!output || !store) {
+    const session_service::ConnectionPtr connection = session_service::store::connect();
+    if (!output || !connection) {
         return EXIT_FAILURE;
     }
     for (int i = 2; i + 1 < argc; i += 2) {
-        const std::unique_ptr<char, Free> text(convert(store.get(), argv[i], argv[i + 1]));
+        const std::unique_ptr<char, Free> text(convert(connection.get(), argv[i], argv[i + 1]));
         std::fprintf(output, "%s%s%c", text ? "text " : "failure", text ? text.get() : "", 0);
     }
     return std::fclose(output) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -1,5 +1,5 @@
-// The fixture of tests whose logins meet something broken: the daemon must be as able
-// afterwards as it was before.
+// The fixture of tests about logins that meet a fault outside the daemon, such as a broken PAM
+// module: afterwards the daemon must work as before.
 #pragma once
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 
 namespace testbed {
 
-// A FIFO inside the private root. Whoever reads it there waits until it opens.
+// A FIFO inside the private root. A program that reads it blocks until the gate is opened.
 class Gate {
   public:
     Gate(Controller& host, std::string fifo) : controller(host), inside(std::move(fifo)) {
@@ -26,7 +26,7 @@ class Gate {
         if (mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
             throw Failure("No FIFO: " + std::string(std::strerror(errno)));
         }
-        // To read as well, because the other side may not be there yet.
+        // For reading as well, because there may be no reader yet.
         descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     }
     ~Gate() { open(); }
@@ -35,7 +35,7 @@ class Gate {
 
     void open() {
         if (descriptor >= 0) {
-            // Gone first, so that nobody begins to wait who would never be let in.
+            // Removed first, so that no later reader blocks for ever.
             controller.removeFile(inside);
             close(descriptor);
             descriptor = -1;
@@ -61,8 +61,7 @@ class LoginFaultTest : public LoginTest {
     }
 
     std::string processFolder() { return "/proc/" + std::to_string(controller.daemon().pid()); }
-    // The numbers of the daemon's children, as seen from outside; also of those that have
-    // ended and that nobody has waited for.
+    // The process numbers of the daemon's children, as seen from outside, zombies included.
     Words children() {
         Words numbers;
         for (const auto& task : std::filesystem::directory_iterator(processFolder() + "/task")) {
@@ -74,7 +73,7 @@ class LoginFaultTest : public LoginTest {
         return numbers;
     }
 
-    // Nobody is in, and nobody was: no session of any kind, no token, no audit entry.
+    // There is no session and never was one: no token, no event, no audit entry.
     void expectNoSession() {
         EXPECT_EQ(store().lrange(membersKey), Words{});
         EXPECT_EQ(store().keys(std::string(sessionsUri) + "/*"), Words{});
@@ -83,7 +82,7 @@ class LoginFaultTest : public LoginTest {
         EXPECT_EQ(lifeCycleEvents(store()), std::vector<Words>{});
     }
 
-    // A login that is refused as one with a wrong password is, with this debug line.
+    // A login is refused like one with a wrong password, with this debug line.
     void expectRefusal(const std::string& line) {
         const long before = countLogged(line);
         const Reply reply = frontEnd().login("somebody", "anything");
@@ -96,8 +95,8 @@ class LoginFaultTest : public LoginTest {
         EXPECT_EQ(countLogged(line), before + 1);
         expectNoSession();
     }
-    // A login that is let in, with this privilege and everything that belongs to a session;
-    // and its logout.
+    // A login succeeds, with this privilege and everything that belongs to a session; and its
+    // logout does.
     void expectLogin(const std::string& privilege) {
         Request login =
             frontEnd().prepareLogin("somebody", "anything", {.leaveOut = {operationPrivileges}});
@@ -122,7 +121,7 @@ class LoginFaultTest : public LoginTest {
         EXPECT_FALSE(store().exists(tokenKey(reply.token())));
     }
 
-    // Deletion, expiry and PATCH, while logins wait.
+    // Logouts, expiry and PATCH work, while logins wait.
     void expectOtherRequestsServed() {
         EXPECT_EQ(frontEnd().remove(frontEnd().insertSession().uri).status(), "OK_EMPTY");
         const InsertedSession session = frontEnd().insertSession({.timeout = "0"});
@@ -132,12 +131,14 @@ class LoginFaultTest : public LoginTest {
         });
         EXPECT_FALSE(store().exists(session.uri));
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "600"}}).status(), "OK");
-        // The answer comes before the event: this one, which changes nothing, comes after it.
+        // The event of a change follows its reply; this request, which changes nothing, is served
+        // after both.
         EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "600"}}).status(), "OK");
         EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
     }
 
-    // Two logins, the first of which is held inside something. `release` lets it go on.
+    // Of two logins the second waits until the first has been served. The first blocks in
+    // something; `release` lets it go on.
     template <typename Reached, typename Release>
     void expectLoginsSerialized(const std::string& privilege, Reached waitUntilReached,
                                 Release release) {
@@ -163,16 +164,16 @@ class LoginFaultTest : public LoginTest {
         expectRecovered();
     }
 
-    // The stack that the controller comes with.
+    // The PAM stack that the controller comes with.
     void useLocalAccounts() { usePamLines(localAccounts); }
-    // The daemon is what it was when it began to serve: a local account gets in, and nothing
-    // that was opened is still open.
+    // The daemon works as at its start: a local account logs in, and no descriptor has been
+    // leaked.
     void expectRecovered(std::ptrdiff_t foreignDescriptors = 0) {
         useLocalAccounts();
         EXPECT_EQ(privilegeOf(reader.name, reader.password), reader.privilege);
         // Standard streams, and one connection of each worker.
         const std::ptrdiff_t idle = 3 + 4 + foreignDescriptors;
-        waitUntil("no descriptor is left over", [&] { return openDescriptors() == idle; });
+        waitUntil("no descriptor is leaked", [&] { return openDescriptors() == idle; });
         EXPECT_FALSE(controller.daemon().exitStatus());
     }
 

@@ -1,4 +1,4 @@
-// The fixture of tests about what a login comes to.
+// The fixture of tests about the outcome of a login.
 #pragma once
 
 #include <string>
@@ -29,8 +29,8 @@ class LoginTest : public SystemTest {
     }
     // A session with an empty privilege leaves this line.
     void expectNoPrivilege() { expectErrorLine("Privilege value type error: stoi"); }
-    // Names with blanks do not fit the audit log's script; without a log it is not asked.
-    void switchOffAuditLog() { store().del("/redfish/v1/Managers/1/LogServices/AuditLog/Entries"); }
+    // The audit log's script cannot take names with blanks; without a log it is not run.
+    void switchOffAuditLog() { store().del(auditEntriesUri); }
 
     static constexpr const char* groupFile = "/etc/pam.d/q73.conf";
     static constexpr const char* privilegeFile = "/etc/pam.d/groups2privs.conf";

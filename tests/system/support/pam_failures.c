@@ -1,7 +1,7 @@
 /*
- * Preloaded into the daemon: has those PAM calls fail that never do by themselves, namely
+ * Preloaded into the daemon: injects failures into PAM calls that never fail by themselves, namely
  * pam_set_item of the remote host and pam_end, where the environment variable PAM_FAILURES
- * names them. Tells each pam_end and its status on standard error.
+ * names them. Writes each pam_end and its status to standard error.
  */
 #include <security/pam_appl.h>
 

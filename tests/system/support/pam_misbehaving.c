@@ -1,7 +1,6 @@
 /*
- * PAM module that leaves its process in another state than it found it. It lets everybody
- * in, with the variable PRIVILEGES set to 7. Its arguments are carried out one after the
- * other:
+ * Misbehaving PAM module, which changes the state of its process. It permits every login, with
+ * the variable PRIVILEGES set to 7. Its arguments are carried out one after the other:
  *
  *   helper=SIGNAL          a helper process dies by the signal (a number); the module notices
  *                          and gives up with PAM_AUTHINFO_UNAVAIL
@@ -40,7 +39,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-/* In the module's own memory, so that it vanishes with the module. */
+/* In the module's own memory, so that it is gone when the module is unloaded. */
 static char variable[256];
 static char label[] = "pam_misbehaving";
 
@@ -90,9 +89,9 @@ static void block_signals(void) {
     (void)pthread_sigmask(SIG_BLOCK, &all, NULL);
 }
 
-enum { longest = 1 << 20, rounds = 1000 };
+enum { max_length = 1 << 20, rounds = 1000 };
 
-static char long_text[longest + 1];
+static char long_text[max_length + 1];
 
 static const struct pam_message password = {PAM_PROMPT_ECHO_OFF, "Password: "};
 static const struct pam_message info = {PAM_TEXT_INFO, "Welcome"};
@@ -189,7 +188,7 @@ static int converse(pam_handle_t* handle, const char* name) {
     if (with->name == NULL) {
         return converse_without(application, name);
     }
-    memset(long_text, 'x', longest);
+    memset(long_text, 'x', max_length);
     for (int i = 0; i < with->times && status == PAM_SUCCESS; ++i) {
         status = converse_once(application, with);
     }

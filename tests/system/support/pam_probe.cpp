@@ -2,8 +2,8 @@
 //
 //   pam_probe SERVICE USER {authenticate|credentials}
 //
-// An empty USER: the modules have to ask for the name, and get no answer. Prints the status
-// that the operation gave.
+// With an empty USER the modules have to ask for the name, and get no answer. Prints the status
+// that the operation returns.
 #include <security/pam_appl.h>
 
 #include <cstdio>

@@ -1,18 +1,18 @@
 /*
- * PAM module that does what real modules seldom do. Without arguments it says yes to
+ * Scripted PAM module, for what real modules seldom do. Without arguments it permits
  * everything and asks nothing. Arguments:
  *
- *   auth=STATUS acct=STATUS   what the entry point answers, by name or number
+ *   auth=STATUS acct=STATUS   what the entry point returns, by name or number
  *   password=TEXT             asks for the password; another one gives PAM_AUTH_ERR
  *   prompt=TEXT               asks with this prompt instead of "Password: "
  *   style=STYLE               asks in this style: echo_off (the default), echo_on, error,
  *                             info or a number
- *   line_feed                 asks with a line feed behind the prompt
+ *   line_feed                 asks with a line feed after the prompt
  *   messages=COUNT            asks that many times in one conversation, at most 64
  *   env=NAME=VALUE            sets a variable of the PAM environment
  *   record=FILE               appends what the entry point was given and what the
- *                             conversation answered: fields NAME=VALUE, a zero byte behind
- *                             each, an empty field behind the last
+ *                             conversation answered: fields NAME=VALUE, a zero byte after
+ *                             each, an empty field after the last
  *   block=FILE                after recording, waits while FILE exists
  *   descriptors=FILE          has a helper program list its open descriptors into FILE
  */

@@ -1,6 +1,5 @@
-// The fixture of tests that look closely at what a login does once it is let in:
-// everything runs, and PAM lets everybody in, with every privilege, unless the test says
-// otherwise.
+// The fixture of tests about what a login does once PAM has admitted it: everything runs, and
+// PAM admits everybody, with every privilege, unless the test says otherwise.
 #pragma once
 
 #include <algorithm>
@@ -12,14 +11,11 @@
 
 namespace testbed {
 
-inline constexpr const char* eventServiceUri = "/redfish/v1/EventService";
-inline constexpr const char* eventGroupCounter = "&&EVENT_GROUP_ID_COUNTER";
-inline constexpr const char* auditEntriesUri =
-    "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
+// The argument of the PAM module that gives every privilege.
 inline const std::string allPrivileges = "env=PRIVILEGES=511 ";
 
-// The store's content, a serialised value a key, but for what belongs to requests and
-// their replies.
+// The store's content: a serialised value for each key, without those of requests and their
+// replies.
 using Snapshot = std::map<std::string, std::string>;
 
 class PermissivePamTest : public SystemTest {
@@ -35,8 +31,8 @@ class PermissivePamTest : public SystemTest {
         return frontEnd().login("alice", "a password", options);
     }
 
-    // The daemon's random device gives the bytes of this text, from the first one on, at
-    // each opening.
+    // The daemon's random device gives these bytes, from the first one on, whenever it is
+    // opened.
     DaemonOptions withRandomBytes(const std::string& bytes) {
         controller.writeFile("/random", bytes);
         return {.binds = {{controller.path("/random"), "/dev/urandom"}}};
@@ -52,7 +48,7 @@ class PermissivePamTest : public SystemTest {
     static inline const std::string randomToken =
         "0fa9c0d20fa9c0d20fa9c0d20fa9c0d20fa9c0d20fa9c0d20fa9c0d20fa9c0d2";
 
-    // Registers a script of the test's own in the place of another service's.
+    // Registers a script of the test's own in place of another service's.
     void useScript(const std::string& name, const std::string& lua) {
         store().hset("redisSHAScripts", {{name, store().run({"SCRIPT", "LOAD", lua}).text}});
     }
@@ -60,14 +56,14 @@ class PermissivePamTest : public SystemTest {
     // Takes all sessions out of the collection, so that further logins are admitted.
     void emptyCollection() { store().del(membersKey); }
 
-    // Makes the key one of a kind that nobody expects.
+    // Gives the key a value of a type that nobody expects.
     void corrupt(const std::string& key) {
         store().del(key);
         store().run({"SADD", key, "something else"});
     }
 
-    // Blocks until so many sessions have expired; the audit entry is the last act of an
-    // expiry, which an end of the store before it would leave with an error line.
+    // Blocks until so many sessions have expired. It waits for the audit entries, which come
+    // last: if the store ended before, there would be an error line.
     void waitUntilExpired(std::ptrdiff_t sessions) {
         waitUntil(std::to_string(sessions) + " sessions have expired", [&] {
             const std::vector<Words> entries = auditEntries(store());
@@ -97,7 +93,7 @@ class PermissivePamTest : public SystemTest {
         }
         return snapshot;
     }
-    // The keys that came, went or changed since then, in ascending order.
+    // The keys that were added, removed or changed since then, in ascending order.
     Words changedSince(const Snapshot& before) {
         const Snapshot after = snapshot();
         Words changed;

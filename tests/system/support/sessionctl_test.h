@@ -9,13 +9,13 @@
 
 namespace testbed {
 
-// What one run of the command came to.
+// The result of one run of the command.
 struct Outcome {
     int status = -1;
     std::string output;
     std::string errors;
 
-    // The output as the document that it has to be.
+    // The output, which has to be JSON.
     nlohmann::json json() const { return nlohmann::json::parse(output); }
 };
 
@@ -34,8 +34,8 @@ class SessionctlTest : public SystemTest {
         SystemTest::TearDown();
     }
 
-    // Starts it; waits are patient unless the arguments say otherwise. `input` is a path of
-    // the machine.
+    // Starts it, with a long timeout unless the arguments give another. `input` is a path of the
+    // machine.
     std::unique_ptr<Process> startSessionctl(const Words& arguments,
                                              const std::string& input = "/dev/null") {
         Launch launch{.command = {program},
@@ -63,7 +63,7 @@ class SessionctlTest : public SystemTest {
     static constexpr const char* program = "/usr/local/sbin/sessionctl";
 };
 
-// Everything runs.
+// The same, with everything running.
 class RunningSessionctlTest : public SessionctlTest {
   protected:
     using SessionctlTest::SessionctlTest;

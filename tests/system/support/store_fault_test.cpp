@@ -124,7 +124,7 @@ std::vector<Words> StoreFaultTest::expectWithoutFault(const Steps& steps) {
 
 // Of a request that sends that many commands at least.
 Effects StoreFaultTest::effectsOfRequest(std::size_t commands) {
-    store().del("&&EventStream");
+    store().del(eventStream);
     store().hset(eventServiceUri, {{eventGroupCounter, "41"}});
     Request request = prepare();
     EXPECT_EQ(request.send(), 1);

@@ -2,7 +2,7 @@
 // Each argument is an operation, followed by its operands:
 //
 //   configuration KEY DIRECTORY   getRedisConfiguration; null for a missing operand
-//   discover                      getRedisConnectionInfo; the others use what it gave
+//   discover                      getRedisConnectionInfo; the others use its result
 //   kind NUMBER                   changes the kind of connection
 //   connect                       connectToRedis
 //   authenticate PASSWORD         redisAuthentication; null for a missing operand
@@ -11,7 +11,7 @@
 //   open                          redisConnectContext
 //   remove FILE                   deletes a file
 //
-// Prints what each gave, a zero byte behind each.
+// Prints the result of each, a zero byte after each.
 #include <hiredis/hiredis.h>
 #include <unistd.h>
 

@@ -71,23 +71,13 @@ void SystemTest::checkDaemon() {
     expectNoPassword(errors, "standard error");
     expectNoPassword(controller.daemonOutput(), "standard output");
     expectNoPassword(earlierLog + controller.readFile(logFile), "log");
-    std::vector<bool> seen(expectedErrors.size(), false);
+    Words errorMessages;
     for (const LogLine& line : logLines()) {
-        if (line.tag != "[Error]") {
-            continue;
+        if (line.tag == "[Error]") {
+            errorMessages.push_back(line.message);
         }
-        bool expected = false;
-        for (std::size_t i = 0; i < seen.size(); ++i) {
-            if (contains(line.message, expectedErrors[i])) {
-                seen[i] = true;
-                expected = true;
-            }
-        }
-        EXPECT_TRUE(expected) << "unexpected error line: " << line.message;
     }
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_TRUE(seen[i]) << "missing error line: " << expectedErrors[i];
-    }
+    expectErrorLines(errorMessages, expectedErrors);
 }
 
 void SystemTest::start() {
@@ -252,6 +242,19 @@ FakeFrontEnd& SystemTest::frontEnd() {
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
+}
+
+void expectErrorLines(const Words& lines, const Words& expected) {
+    for (const std::string& line : lines) {
+        const bool isExpected = std::any_of(expected.begin(), expected.end(),
+                                            [&](const auto& text) { return contains(line, text); });
+        EXPECT_TRUE(isExpected) << "unexpected error line: " << line;
+    }
+    for (const std::string& text : expected) {
+        const bool isThere = std::any_of(lines.begin(), lines.end(),
+                                         [&](const auto& line) { return contains(line, text); });
+        EXPECT_TRUE(isThere) << "missing error line: " << text;
+    }
 }
 
 Words splitAtZeroBytes(const std::string& text) {

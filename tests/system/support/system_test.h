@@ -46,8 +46,8 @@ class SystemTest : public testing::Test {
     void startDaemon(const DaemonOptions& options = {});
     // A daemon that has to end by itself; returns once it has.
     ExitStatus runDaemon(const DaemonOptions& options = {});
-    // Stops the store and waits until the daemon has ended of it; a PAM call that is held
-    // goes on first.
+    // Stops the store and waits for the daemon to end because of it. A login that is held inside
+    // PAM is released first.
     void stopDaemon();
 
     // How the daemon has to end; without it: with exit status 0.
@@ -99,7 +99,7 @@ class SystemTest : public testing::Test {
     std::string earlierLog;
     std::size_t heldLogins = 0;
     ExitStatus expectedStatus{};
-    std::vector<std::string> expectedErrors;
+    Words expectedErrors;
 };
 
 // For tests that find everything running, with the accounts of the controller.
@@ -111,7 +111,11 @@ class RunningSystemTest : public SystemTest {
 
 bool contains(const std::string& text, const std::string& part);
 
-// The parts of a text, each with a zero byte behind it.
+// Fails the test when an error line contains none of the expected texts, or when one of these is
+// in no line.
+void expectErrorLines(const Words& lines, const Words& expected);
+
+// The parts of a text, each with a zero byte after it.
 Words splitAtZeroBytes(const std::string& text);
 
 // The lines of a text, without their line feeds.

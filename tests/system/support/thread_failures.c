@@ -1,6 +1,6 @@
 /*
- * Preloaded into the daemon: has those calls fail on which its threads stand and that never
- * fail by themselves, where the environment variable THREAD_FAILURES names them:
+ * Preloaded into the daemon: injects failures into calls that its threads depend on and that
+ * never fail by themselves, where the environment variable THREAD_FAILURES names them:
  *
  *   lock:N      the Nth lock cannot be made, counted from 1
  *   join:N      the Nth wait for a thread fails, counted from 1, once the thread has ended

@@ -1,10 +1,10 @@
 // The fixture of all tests that reach the session service through the web front end.
 //
-// The rate of logins is out of the way. The end of a test, besides what SystemTest looks
-// at, fails the test when requests are left over in the store, when the front end has
-// ended or ends in a wrong way, when its error log holds a line of level error or above that
-// the test did not announce, or lacks one that it did, and when one of its logs tells a
-// password or a token. A failed test prints the logs.
+// The rate of logins is not limited. Besides what SystemTest checks, a test fails when a request
+// is left in the store; when the front end ended before the test did, or not as it should; when
+// its error log holds a line of level error or above that the test did not expect, or lacks one
+// that it did; and when one of its logs tells a password or a token. A failed test prints the
+// logs.
 #pragma once
 
 #include <optional>

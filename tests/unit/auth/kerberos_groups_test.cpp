@@ -44,6 +44,12 @@ TEST_F(KadminCommand, QuotesTheNameAndThePassword) {
               "kadmin -p 'eve' -w 'correct horse' getstrs 'eve'");
 }
 
+TEST_F(KadminCommand, EndsItsTextsWherePamEndsThem) {
+    using namespace std::string_literals;
+    EXPECT_EQ(composeKadminCommand("eve\0x"s, "secret\0' more"s),
+              "kadmin -p 'eve' -w 'secret' getstrs 'eve'");
+}
+
 TEST_F(KadminCommand, GivesTheToolEveryTextAsOneArgument) {
     for (const std::string& text :
          {std::string("plain"), std::string("two  words "), std::string("it's"), std::string("'"),

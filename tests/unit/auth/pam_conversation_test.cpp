@@ -192,20 +192,24 @@ TEST_F(Conversation, TakesUpTo32Messages) {
 TEST_F(Conversation, RefusesWrongInput) {
     const pam_message* messages[33] = {};
     std::fill(std::begin(messages), std::end(messages), &passwordPrompt);
+    pam_response nobody{};
     pam_response* responses = nullptr;
     void* data = password.data();
     const auto refusal = [&](int count, const pam_message** given, pam_response** out, void* with) {
+        responses = &nobody;
         return standardErrorOf(
             [&] { EXPECT_EQ(pamConversation(count, given, out, with), PAM_CONV_ERR); });
     };
     const std::string line = "[Error]: PAM converse - input data error.\n";
-    EXPECT_EQ(refusal(0, messages, &responses, data), line);
-    EXPECT_EQ(refusal(-1, messages, &responses, data), line);
-    EXPECT_EQ(refusal(33, messages, &responses, data), line);
+    for (const int count : {0, -1, 33}) {
+        EXPECT_EQ(refusal(count, messages, &responses, data), line);
+        EXPECT_EQ(responses, nullptr) << count;
+    }
     EXPECT_EQ(refusal(1, nullptr, &responses, data), line);
-    EXPECT_EQ(refusal(1, messages, nullptr, data), line);
+    EXPECT_EQ(responses, nullptr);
     EXPECT_EQ(refusal(1, messages, &responses, nullptr), line);
     EXPECT_EQ(responses, nullptr);
+    EXPECT_EQ(refusal(1, messages, nullptr, data), line);
 }
 
 }  // namespace

@@ -21,44 +21,46 @@ TEST(Number, StandsAtTheStartOfTheText) {
                                              {"0x10", 0},
                                              {"2147483647", 2147483647},
                                              {"-2147483648", -2147483647 - 1}}) {
-        EXPECT_EQ(parseNumber(text).value, value) << text;
-        EXPECT_EQ(parseNumber(text).error, NumberError::none) << text;
+        EXPECT_EQ(parseInt32(text).value, value) << text;
+        EXPECT_EQ(parseInt32(text).error, NumberError::none) << text;
     }
 }
 
 TEST(Number, IsNoneWithoutDigits) {
     for (const char* text : {"", " ", "-", "+", "abc", "- 1", "--1", "\"5\"", ".5"}) {
-        EXPECT_EQ(parseNumber(text).value, std::nullopt) << text;
-        EXPECT_EQ(parseNumber(text).error, NumberError::noDigits) << text;
+        EXPECT_EQ(parseInt32(text).value, std::nullopt) << text;
+        EXPECT_EQ(parseInt32(text).error, NumberError::noDigits) << text;
     }
 }
 
 TEST(Number, IsNoneBeyond32Bits) {
     for (const char* text : {"2147483648", "-2147483649", "99999999999999999999"}) {
-        EXPECT_EQ(parseNumber(text).value, std::nullopt) << text;
-        EXPECT_EQ(parseNumber(text).error, NumberError::outOfRange) << text;
+        EXPECT_EQ(parseInt32(text).value, std::nullopt) << text;
+        EXPECT_EQ(parseInt32(text).error, NumberError::outOfRange) << text;
     }
 }
 
 TEST(Number, ErrorsAreDescribedWithTheConversionsOwnText) {
-    EXPECT_EQ(describe(NumberError::noDigits, "No digits:", "Too large:"), "No digits: stoi");
-    EXPECT_EQ(describe(NumberError::outOfRange, "No digits:", "Too large:"), "Too large: stoi");
+    EXPECT_EQ(describeNumberError(NumberError::noDigits, "No digits:", "Too large:"),
+              "No digits: stoi");
+    EXPECT_EQ(describeNumberError(NumberError::outOfRange, "No digits:", "Too large:"),
+              "Too large: stoi");
 }
 
 TEST(Integer, IsClampedTo64Bits) {
-    EXPECT_EQ(parseInteger("-42 and more").value, -42);
-    EXPECT_EQ(parseInteger("4294967296").value, 4294967296);
-    EXPECT_FALSE(parseInteger("9223372036854775807").outOfRange);
-    EXPECT_EQ(parseInteger("9223372036854775808").value, std::numeric_limits<std::int64_t>::max());
-    EXPECT_TRUE(parseInteger("9223372036854775808").outOfRange);
-    EXPECT_EQ(parseInteger("-9223372036854775809").value, std::numeric_limits<std::int64_t>::min());
-    EXPECT_TRUE(parseInteger("-9223372036854775809").outOfRange);
+    EXPECT_EQ(parseInt64("-42 and more").value, -42);
+    EXPECT_EQ(parseInt64("4294967296").value, 4294967296);
+    EXPECT_FALSE(parseInt64("9223372036854775807").outOfRange);
+    EXPECT_EQ(parseInt64("9223372036854775808").value, std::numeric_limits<std::int64_t>::max());
+    EXPECT_TRUE(parseInt64("9223372036854775808").outOfRange);
+    EXPECT_EQ(parseInt64("-9223372036854775809").value, std::numeric_limits<std::int64_t>::min());
+    EXPECT_TRUE(parseInt64("-9223372036854775809").outOfRange);
 }
 
 TEST(Integer, IsZeroWithoutDigits) {
-    EXPECT_EQ(parseInteger("x1").value, 0);
-    EXPECT_FALSE(parseInteger("x1").hasDigits);
-    EXPECT_TRUE(parseInteger("0").hasDigits);
+    EXPECT_EQ(parseInt64("x1").value, 0);
+    EXPECT_FALSE(parseInt64("x1").hasDigits);
+    EXPECT_TRUE(parseInt64("0").hasDigits);
 }
 
 TEST(Integer, TakesItsBaseFromItsPrefix) {
@@ -76,7 +78,7 @@ TEST(Integer, TakesItsBaseFromItsPrefix) {
                                                                          {"0o17", 0},
                                                                          {"abc", 0},
                                                                          {"", 0}}) {
-        EXPECT_EQ(parsePrefixedInteger(text).value, value) << text;
+        EXPECT_EQ(parsePrefixedInt64(text).value, value) << text;
     }
 }
 

@@ -1,25 +1,14 @@
 #include "events/audit_log.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <ctime>
 
+#include "support/fixed_clock.h"
+
 namespace session_service {
 namespace {
-
-// The zone of this process while it lives.
-class TimeZone {
-  public:
-    explicit TimeZone(const char* name) { setenv("TZ", name, 1); }
-    TimeZone(const TimeZone&) = delete;
-    TimeZone& operator=(const TimeZone&) = delete;
-    ~TimeZone() {
-        unsetenv("TZ");
-        tzset();
-    }
-};
 
 // Not std::time, which may lag behind the clock of the stamps by a tick.
 std::time_t secondsNow() {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include <thread>
 
 #include "support/captured_output.h"
+#include "support/fixed_clock.h"
 #include "support/temporary_folder.h"
 
 namespace session_service {
@@ -64,6 +64,18 @@ class Log : public testing::Test {
         return std::nullopt;
     }
 
+    // The log and what it was rotated to.
+    std::set<std::string> filesOfTheLog() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+            const std::string name = entry.path().filename();
+            if (name.starts_with("log")) {
+                names.insert(name);
+            }
+        }
+        return names;
+    }
+
     TemporaryFolder folder;
     Logger log;
 };
@@ -76,21 +88,25 @@ TEST_F(Log, CreatesItsFileAtStart) {
 }
 
 TEST_F(Log, WritesDateSecondsTagAndMessage) {
-    initialize("LOG_FILE={LOG}\n");
-    const std::time_t before = std::time(nullptr);
-    log.error("count is %d", 5);
-    const std::string line = textOfLog();
-    constexpr std::size_t dateLength = 15;
-    ASSERT_GT(line.size(), dateLength);
-    const std::time_t seconds = std::stol(line.substr(dateLength));
-    EXPECT_LE(before, seconds);
-    EXPECT_LE(seconds, std::time(nullptr));
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    std::array<char, 64> date{};
-    std::strftime(date.data(), date.size(), "%b %e %T", &local);
-    EXPECT_EQ(line,
-              std::string(date.data()) + ' ' + std::to_string(seconds) + " [Error]: count is 5\n");
+    struct Moment {
+        const char* zone;
+        std::time_t seconds;
+        const char* line;
+    };
+    for (const Moment& moment : {
+             Moment{"UTC0", 1700000000, "Nov 14 22:13:20 1700000000 [Error]: count is 5\n"},
+             Moment{"CST-8", 1700000000, "Nov 15 06:13:20 1700000000 [Error]: count is 5\n"},
+             Moment{"UTC0", 1672531199, "Dec 31 23:59:59 1672531199 [Error]: count is 5\n"},
+             Moment{"UTC0", 1709251200, "Mar  1 00:00:00 1709251200 [Error]: count is 5\n"},
+             Moment{"UTC0", 0, "Jan  1 00:00:00 0 [Error]: count is 5\n"},
+             Moment{"UTC0", 4294967296, "Feb  7 06:28:16 4294967296 [Error]: count is 5\n"},
+         }) {
+        const TimeZone here(moment.zone);
+        const FixedClock clock(moment.seconds);
+        initialize("LOG_FILE={LOG}\n");
+        log.error("count is %d", 5);
+        EXPECT_EQ(textOfLog(), moment.line);
+    }
 }
 
 TEST_F(Log, AppendsOneLineAMessage) {
@@ -308,6 +324,38 @@ TEST_F(Log, KeepsTheLinesOfManyThreadsWhole) {
     }
     EXPECT_EQ(messages.size(), expected.size());
     EXPECT_EQ(std::set<std::string>(messages.begin(), messages.end()), expected);
+}
+
+TEST_F(Log, RotatedTwiceWithinASecondKeepsTheLastFileOfThatSecond) {
+    FixedClock clock(1700000000);
+    initialize("LOG_FILE={LOG}\nLOG_FILE_SIZE=1\n");
+    log.error("first");
+    log.error("second");
+    log.error("third");
+    EXPECT_EQ(messagesOf(textOfLog()), Lines{"[Error]: third"});
+    EXPECT_EQ(messagesOf(folder.read("log1700000000")), Lines{"[Error]: second"});
+    EXPECT_EQ(filesOfTheLog(), (std::set<std::string>{"log", "log1700000000"}));
+
+    clock.set(1700000001);
+    EXPECT_EQ(standardErrorOf([&] { log.error("fourth"); }), "");
+    EXPECT_EQ(messagesOf(textOfLog()), Lines{"[Error]: fourth"});
+    EXPECT_EQ(messagesOf(folder.read("log1700000001")), Lines{"[Error]: third"});
+    EXPECT_EQ(messagesOf(folder.read("log1700000000")), Lines{"[Error]: second"});
+    EXPECT_EQ(filesOfTheLog(), (std::set<std::string>{"log", "log1700000000", "log1700000001"}));
+}
+
+TEST_F(Log, BeginsANewFileWhereTheOldOneWasDeleted) {
+    for (const char* size : {"", "LOG_FILE_SIZE=1\n", "LOG_FILE_SIZE=100000\n"}) {
+        Logger fresh;
+        const std::string file =
+            folder.write("settings", "LOG_FILE=" + folder.path("log") + "\n" + size);
+        fresh.init(file.c_str());
+        fresh.error("lost");
+        std::filesystem::remove(folder.path("log"));
+        EXPECT_EQ(standardErrorOf([&] { fresh.error("kept"); }), "") << size;
+        EXPECT_EQ(messagesOf(textOfLog()), Lines{"[Error]: kept"}) << size;
+        EXPECT_EQ(filesOfTheLog(), std::set<std::string>{"log"}) << size;
+    }
 }
 
 }  // namespace

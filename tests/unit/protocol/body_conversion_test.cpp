@@ -85,7 +85,8 @@ TEST(RequestBody, LetsALaterFieldWin) {
 TEST(Token, LeavesItsOutputsAloneWhenItFails) {
     std::string property = "property";
     std::string json = "json";
-    standardErrorOf([&] { EXPECT_FALSE(convertToken(nullptr, "&&Other A b", property, json)); });
+    standardErrorOf(
+        [&] { EXPECT_FALSE(convertTokenField(nullptr, "&&Other A b", property, json)); });
     EXPECT_EQ(property, "property");
     EXPECT_EQ(json, "json");
 }
@@ -93,7 +94,7 @@ TEST(Token, LeavesItsOutputsAloneWhenItFails) {
 TEST(Token, MayHaveEmptyWords) {
     std::string property;
     std::string json;
-    EXPECT_TRUE(convertToken(nullptr, "&&ObjectRef  ", property, json));
+    EXPECT_TRUE(convertTokenField(nullptr, "&&ObjectRef  ", property, json));
     EXPECT_EQ(property, "");
     EXPECT_EQ(json, R"({"@odata.id":""})");
 }

@@ -239,22 +239,6 @@ TEST(Message, KeepsArgumentsWithBlanksAndPercentSignsWhole) {
     EXPECT_EQ(commands.at(4), (Command{"RPUSH", "a list%d/1/MessageArgs", "\"\""}));
 }
 
-TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
-    const std::map<std::string, std::string> entries = {
-        {"2147483646", "list/2147483647"},
-        {"2147483647", "list/-2147483648"},
-        {"4294967295", "list/0"},
-        {"9223372036854775807", "list/0"},
-    };
-    for (const auto& [length, entry] : entries) {
-        std::vector<std::string> replies = messageReplies(0);
-        replies[0] = ":" + length + "\r\n";
-        const ScriptedStore peer(replies);
-        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
-        EXPECT_EQ(peer.commands().at(2).at(1), entry) << length;
-    }
-}
-
 // The commands of a refusal that writes its fields one by one, in front of its message.
 void expectFieldsThenMessage(const Commands& commands, const std::string& status,
                              const std::string& list, const std::string& messageId) {
@@ -281,11 +265,58 @@ TEST(ExceptionReply, WritesItsStatusAndOneMessage) {
 
 TEST(EarlyReply, HasAMessageListOfItsOwn) {
     const ScriptedStore peer(afterTwoFields(messageReplies(2)));
-    writeEarlyReply(peer.connection(), composeEarlyReply("r/reply"),
-                    {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
+    writeReplyFieldByField(
+        peer.connection(), composeEarlyReply("r/reply"),
+        {"FAILURE", "Base.1.12.StringValueTooLong", {"(password string)", "1024"}});
     expectFieldsThenMessage(peer.commands(), "FAILURE", "r/reply/ExtendedInfo",
                             "Base.1.12.StringValueTooLong");
     EXPECT_EQ(peer.commands().size(), 12U);
+}
+
+TEST(Message, IsNumberedIn32BitsWhateverLengthTheStoreClaims) {
+    const std::map<long long, std::string> entries = {
+        {-1, "list/0"},
+        {2147483646, "list/2147483647"},
+        {2147483647, "list/-2147483648"},
+        {4294967294, "list/-1"},
+        {4294967295, "list/0"},
+        {4294967296, "list/1"},
+        {9223372036854775806, "list/-1"},
+        {9223372036854775807, "list/0"},
+        {-9223372036854775807 - 1, "list/1"},
+    };
+    for (const auto& [length, entry] : entries) {
+        std::vector<std::string> replies = messageReplies(0);
+        replies[0] = integer(length);
+        const ScriptedStore peer(replies);
+        writeExtendedMessage(peer.connection(), "list", "Base.1.12.Created", {});
+        EXPECT_EQ(peer.commands(), (Commands{
+                                       {"LLEN", "list"},
+                                       readLifetime,
+                                       {"HSET", entry, "&&MessageId", "Base.1.12.Created"},
+                                       {"LPUSH", "list", entry},
+                                       {"EXPIRE", "list", "6"},
+                                       {"EXPIRE", entry, "6"},
+                                   }))
+            << length;
+    }
+}
+
+TEST(EarlyReply, WithoutAReplyKeyIsWrittenUnderTheEmptyOne) {
+    const ScriptedStore peer(afterTwoFields(messageReplies(0)));
+    writeReplyFieldByField(peer.connection(), composeEarlyReply(""),
+                           {"UNAVAILABLE", "ExtendedError.1.2.ServiceDisabled"});
+    EXPECT_EQ(peer.commands(),
+              (Commands{
+                  {"HSET", "", "&&ReturnStatus", "UNAVAILABLE"},
+                  {"HSET", "", "&&ExtendedInfo", "/ExtendedInfo"},
+                  {"LLEN", "/ExtendedInfo"},
+                  readLifetime,
+                  {"HSET", "/ExtendedInfo/1", "&&MessageId", "ExtendedError.1.2.ServiceDisabled"},
+                  {"LPUSH", "/ExtendedInfo", "/ExtendedInfo/1"},
+                  {"EXPIRE", "/ExtendedInfo", "6"},
+                  {"EXPIRE", "/ExtendedInfo/1", "6"},
+              }));
 }
 
 }  // namespace

@@ -29,23 +29,23 @@ TEST(Duration, IsTheTwoLargestUnits) {
                                                                         {86400, "1d00h"},
                                                                         {123456789, "1428d21h"},
                                                                         {-61, "-1m01s"}}) {
-        EXPECT_EQ(durationText(seconds), text);
+        EXPECT_EQ(formatDuration(seconds), text);
     }
 }
 
 TEST(Table, AlignsItsColumns) {
-    EXPECT_EQ(tableText({{"A", "B", "C"}, {"long", "x", ""}, {"", "", "end\n"}}),
+    EXPECT_EQ(formatTable({{"A", "B", "C"}, {"long", "x", ""}, {"", "", "end\n"}}),
               "A     B  C\n"
               "long  x\n"
               "-     -  end\\x0a\n");
 }
 
 TEST(Table, DoesNotAlignWithALastCell) {
-    EXPECT_EQ(tableText({{"a heading"}, {"a", "b"}}), "a heading\na  b\n");
+    EXPECT_EQ(formatTable({{"a heading"}, {"a", "b"}}), "a heading\na  b\n");
 }
 
 TEST(JsonText, IsAsciiWhateverTheBytes) {
-    EXPECT_EQ(jsonText("\x1b\xc3\xbc\xff\x7f", -1), "\"\\u001b\\u00fc\\ufffd\\u007f\"\n");
+    EXPECT_EQ(formatJson("\x1b\xc3\xbc\xff\x7f", -1), "\"\\u001b\\u00fc\\ufffd\\u007f\"\n");
 }
 
 }  // namespace

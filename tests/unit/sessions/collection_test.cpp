@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fixed_clock.h"
 #include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
 
 const std::string members = "&&/redfish/v1/SessionService/Sessions/Members";
-const std::string collection = "/redfish/v1/SessionService/Sessions";
 
 TEST(MemberUris, AreWhatFollowsThePrefix) {
     const ScriptedStore peer({resp::bulkArray({"&&ObjectRef /redfish/v1/A", "&&ObjectRef ",
@@ -19,19 +19,20 @@ TEST(MemberUris, AreWhatFollowsThePrefix) {
 }
 
 TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
+    const FixedClock clock(1700000000, 123456);
     const ScriptedStore peer(
         {resp::integer(1), resp::error("ERR not looked at"), resp::integer(0)});
-    removeSessionMember(peer.connection(), collection + "/0000a1b2");
-    Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 3U);
-    EXPECT_EQ(commands[0],
-              (Command{"LREM", members, "-1", "&&ObjectRef " + collection + "/0000a1b2"}));
-    EXPECT_EQ(commands[1], (Command{"HINCRBY", collection, "Members@odata.count", "-1"}));
-    commands[2].pop_back();
-    EXPECT_EQ(commands[2], (Command{"HSET", collection, "@odata.etag"}));
+    removeSessionMember(peer.connection(), "/redfish/v1/SessionService/Sessions/0000a1b2");
+    EXPECT_EQ(
+        peer.commands(),
+        (Commands{
+            {"LREM", members, "-1", "&&ObjectRef /redfish/v1/SessionService/Sessions/0000a1b2"},
+            {"HINCRBY", "/redfish/v1/SessionService/Sessions", "Members@odata.count", "-1"},
+            {"HSET", "/redfish/v1/SessionService/Sessions", "@odata.etag", "\"1700000000123\""},
+        }));
 
-    for (const std::string& reply :
-         {resp::integer(0), resp::integer(2), resp::error("WRONGTYPE")}) {
+    for (const std::string& reply : {resp::integer(0), resp::integer(2), resp::integer(4294967297),
+                                     resp::bulk("1"), resp::error("WRONGTYPE")}) {
         const ScriptedStore other({reply});
         removeSessionMember(other.connection(), "/a");
         EXPECT_EQ(other.commands().size(), 1U) << reply;
@@ -39,15 +40,17 @@ TEST(FormerMember, IsCountedOffOnlyWhenItWasInTheList) {
 }
 
 TEST(NewMember, IsPushedStampedAndCounted) {
+    const FixedClock clock(1700000000, 123456);
     const ScriptedStore peer(
         {resp::integer(1), resp::integer(0), resp::error("ERR not looked at")});
     EXPECT_TRUE(addSessionMember(peer.connection(), "0000a1b2"));
-    Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 3U);
-    EXPECT_EQ(commands[0], (Command{"LPUSH", members, "&&ObjectRef " + collection + "/0000a1b2"}));
-    commands[1].pop_back();
-    EXPECT_EQ(commands[1], (Command{"HSET", collection, "@odata.etag"}));
-    EXPECT_EQ(commands[2], (Command{"HINCRBY", collection, "Members@odata.count", "1"}));
+    EXPECT_EQ(
+        peer.commands(),
+        (Commands{
+            {"LPUSH", members, "&&ObjectRef /redfish/v1/SessionService/Sessions/0000a1b2"},
+            {"HSET", "/redfish/v1/SessionService/Sessions", "@odata.etag", "\"1700000000123\""},
+            {"HINCRBY", "/redfish/v1/SessionService/Sessions", "Members@odata.count", "1"},
+        }));
 }
 
 TEST(NewMember, ThatTheListRefusesChangesNothingElse) {

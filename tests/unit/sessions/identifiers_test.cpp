@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/no_descriptors.h"
 #include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
 
 TEST(RandomHex, HasTwoLowerCaseDigitsAByte) {
-    for (const unsigned count : {1U, 2U, 3U, sessionIdBytes, 8U, tokenBytes}) {
+    for (const unsigned count : {1U, 2U, 3U, 4U, 8U, 32U}) {
         for (int i = 0; i < 100; ++i) {  // Leading zeros are kept, too.
             const std::string text = generateRandomHex(count);
             EXPECT_EQ(text.size(), 2 * count);
@@ -17,14 +18,16 @@ TEST(RandomHex, HasTwoLowerCaseDigitsAByte) {
     }
 }
 
-TEST(RandomHex, OfNoBytesIsEmpty) {
+TEST(RandomHex, OfNoBytesIsEmptyAndOpensNothing) {
+    // A device that cannot be opened would be tried again without end.
+    const NoDescriptors none;
     EXPECT_EQ(generateRandomHex(0), "");
 }
 
 TEST(RandomHex, DoesNotRepeat) {
     std::set<std::string> drawn;
     for (int i = 0; i < 100; ++i) {
-        drawn.insert(generateRandomHex(tokenBytes));
+        drawn.insert(generateRandomHex(32));
     }
     EXPECT_EQ(drawn.size(), 100U);
 }
@@ -52,6 +55,11 @@ TEST(Token, IsDrawnUntilItIsFree) {
     ASSERT_EQ(commands.size(), 2U);
     EXPECT_EQ(commands[1], (Command{"HGET", "&&X-AUTH-TOKEN-" + token, "UserName"}));
     EXPECT_NE(commands[0], commands[1]);
+}
+
+TEST(Token, IsFreeWhereTheStoreRefusesToTell) {
+    const ScriptedStore peer({resp::error("WRONGTYPE")});
+    EXPECT_EQ(generateToken(peer.connection()).size(), 64U);
 }
 
 }  // namespace

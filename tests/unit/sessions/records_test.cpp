@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fixed_clock.h"
 #include "support/scripted_store.h"
 
 namespace session_service {
@@ -64,6 +65,26 @@ TEST(StripQuotes, DropsOneEnclosingPair) {
     }
 }
 
+std::string without(std::string text, const std::string& part) {
+    removeSubstring(text, part);
+    return text;
+}
+
+TEST(RemoveSubstring, TakesTheFirstOccurrenceOut) {
+    EXPECT_EQ(without("/a/b/c", "/a/"), "b/c");
+    EXPECT_EQ(without("one two one", "one"), " two one");
+    EXPECT_EQ(without("middle", "dd"), "mile");
+    EXPECT_EQ(without("at the end", " end"), "at the");
+    EXPECT_EQ(without("whole", "whole"), "");
+    EXPECT_EQ(without("aaa", "aa"), "a");
+}
+
+TEST(RemoveSubstring, LeavesATextWithoutThePartAlone) {
+    EXPECT_EQ(without("text", "x y"), "text");
+    EXPECT_EQ(without("tex", "text"), "tex");
+    EXPECT_EQ(without("", "x"), "");
+}
+
 TEST(SessionRecord, HoldsItsPropertiesAsJsonAndTheRestBare) {
     const Command command =
         commandOf([](redisContext* store) { return writeSessionRecord(store, newSession()); });
@@ -115,22 +136,18 @@ TEST(TokenReference, NamesTheTokenAndTheCollection) {
 }
 
 TEST(TokenRecord, HoldsBareTexts) {
-    const long before = uptimeSeconds();
+    const FixedUptime uptime(86400);
     const Command command = commandOf([](redisContext* store) {
         return writeMetaSessionRecord(store, newSession(), "as stored");
     });
     EXPECT_EQ(command[0], "HSET");
     EXPECT_EQ(command[1], "&&X-AUTH-TOKEN-t0k3n");
-    FieldMap fields = fieldsOf(command);
-    const long lastAccessed = std::stol(fields["LastAccessed"]);
-    EXPECT_GE(lastAccessed, before);
-    EXPECT_LE(lastAccessed, uptimeSeconds());
-    EXPECT_EQ(fields["LastAccessed"], std::to_string(lastAccessed));
-    fields.erase("LastAccessed");
-    EXPECT_EQ(fields, (FieldMap{{"UserName", "eve \"the\\cat\""},
-                                {"Privilege", "511"},
-                                {"SessionID", uri},
-                                {"Timeout", "as stored"}}));
+    EXPECT_EQ(fieldsOf(command),
+              (FieldMap{{"UserName", "eve \"the\\cat\""},
+                        {"Privilege", "511"},
+                        {"SessionID", "/redfish/v1/SessionService/Sessions/0000a1b2"},
+                        {"LastAccessed", "86400"},
+                        {"Timeout", "as stored"}}));
 }
 
 TEST(TokenRecord, HoldsAnOriginAndTheNeedForANewPassword) {
@@ -149,6 +166,43 @@ TEST(TokenRecord, TellsThatTheStoreRefusedIt) {
     EXPECT_TRUE(refusedBy(resp::error("WRONGTYPE"), [](redisContext* store) {
         return writeMetaSessionRecord(store, newSession(), "300");
     }));
+}
+
+TEST(Seconds, AreTheNumberAtTheStartOfTheText) {
+    const std::map<std::string, std::int32_t> texts = {
+        {"300", 300},
+        {" 300 ", 300},
+        {"+7", 7},
+        {"-7", -7},
+        {"0300", 300},
+        {"12abc", 12},
+        {"1.9", 1},
+        {"0x10", 0},
+        {"", 0},
+        {"never", 0},
+        {"\"300\"", 0},
+        {"- 1", 0},
+        {"2147483647", 2147483647},
+    };
+    for (const auto& [text, seconds] : texts) {
+        EXPECT_EQ(parseSeconds(text), seconds) << text;
+    }
+}
+
+TEST(Seconds, AreCutTo32Bits) {
+    const std::map<std::string, std::int32_t> texts = {
+        {"2147483648", -2147483647 - 1},
+        {"4294967295", -1},
+        {"4294967296", 0},
+        {"4294967596", 300},
+        {"-2147483649", 2147483647},
+        {"-4294966996", 300},
+        {"9223372036854775807", -1},
+        {"-9223372036854775808", 0},
+    };
+    for (const auto& [text, seconds] : texts) {
+        EXPECT_EQ(parseSeconds(text), seconds) << text;
+    }
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ const std::vector<std::function<void(redisContext*)>> operations = {
         store::sendForInteger(s, Command{"HSET", "key", "a", "b"});
     },
     [](redisContext* s) { store::hgetReply(s, "key", "field"); },
-    [](redisContext* s) { store::llenReply(s, "key"); },
+    [](redisContext* s) { store::llenUnchecked(s, "key"); },
     [](redisContext* s) { store::scan(s, 17, "pattern*"); },
     [](redisContext* s) {
         store::evalsha(s, "digest", {"2", "first", "second"});
@@ -445,7 +445,7 @@ TEST(HashFieldReply, TellsTheFieldsTextFromOtherRepliesAndFromNone) {
 
 TEST(ListLengthReply, CountsWhateverIsNoIntegerAsNothing) {
     const auto results = resultsOf<std::optional<long long>>(
-        [](redisContext* s) { return store::llenReply(s, "k"); });
+        [](redisContext* s) { return store::llenUnchecked(s, "k"); });
     for (const auto& [kind, length] : results) {
         if (kind == "lost") {
             EXPECT_EQ(length, std::nullopt);
@@ -585,6 +585,140 @@ TEST(FieldOf, IsEmptyForAMissingField) {
     const FieldMap fields = {{"a", "1"}};
     EXPECT_EQ(fieldOf(fields, "a"), "1");
     EXPECT_EQ(fieldOf(fields, "b"), "");
+}
+
+TEST(HashRead, OfAnOddCountLeavesTheLastElementOut) {
+    const ScriptedStore peer({bulkArray({"a", "1", "b"}), bulkArray({"a"})});
+    FieldMap fields;
+    EXPECT_TRUE(store::hgetall(peer.connection(), "k", fields));
+    EXPECT_EQ(fields, (FieldMap{{"a", "1"}}));
+    fields.clear();
+    EXPECT_TRUE(store::hgetall(peer.connection(), "k", fields));
+    EXPECT_TRUE(fields.empty());
+}
+
+TEST(HashRead, KeepsThePairsInFrontOfAnElementWithoutText) {
+    for (const std::string& reply :
+         {array({bulk("b"), bulk("2"), bulk("a"), bulk("1"), bulk("c"), nil()}),
+          array({bulk("b"), bulk("2"), bulk("a"), bulk("1"), nil(), bulk("3")}),
+          array({bulk("b"), bulk("2"), bulk("a"), bulk("1"), integer(3), bulk("3"), bulk("d"),
+                 bulk("4")})}) {
+        const ScriptedStore peer({reply});
+        FieldMap fields = {{"kept", "0"}};
+        EXPECT_THROW(store::hgetall(peer.connection(), "k", fields), std::logic_error);
+        EXPECT_EQ(fields, (FieldMap{{"a", "1"}, {"b", "2"}, {"kept", "0"}})) << reply;
+    }
+}
+
+TEST(ListRead, KeepsTheElementsInFrontOfOneWithoutText) {
+    const ScriptedStore peer({array({bulk("b"), bulk("a"), nil(), bulk("c")})});
+    std::vector<std::string> list;
+    try {
+        store::lrange(peer.connection(), "k", list);
+        ADD_FAILURE() << "nothing thrown";
+    } catch (const std::logic_error& failure) {
+        EXPECT_STREQ(failure.what(), "basic_string::_M_construct null not valid");
+    }
+    EXPECT_EQ(list, (std::vector<std::string>{"b", "a"}));
+}
+
+TEST(HashWrite, OfNoFieldsIsTheBareCommandAndWhatTheStoreSaysToIt) {
+    // What a store says.
+    const std::string refusal = error("ERR wrong number of arguments for 'hset' command");
+    const ScriptedStore peer({refusal, refusal, integer(0), integer(0)});
+    EXPECT_FALSE(store::hsetMany(peer.connection(), "a key", {}));
+    EXPECT_FALSE(store::hsetFields(peer.connection(), "a key", {}));
+    EXPECT_TRUE(store::hsetMany(peer.connection(), "a key", {}));
+    EXPECT_TRUE(store::hsetFields(peer.connection(), "a key", {}));
+    EXPECT_EQ(peer.commands(), Commands(4, {"HSET", "a key"}));
+    const ScriptedStore lost;
+    EXPECT_FALSE(store::hsetMany(lost.connection(), "a key", {}));
+    EXPECT_FALSE(store::hsetFields(lost.connection(), "a key", {}));
+}
+
+// What the call gives for an integer.
+template <typename Result>
+Result resultFor(long long value, const std::function<Result(redisContext*)>& call) {
+    const ScriptedStore peer({integer(value)});
+    return call(peer.connection());
+}
+
+TEST(NumberBeyond32Bits, IsCutToThemInLengthsCountsAndNewValues) {
+    const std::map<long long, std::int32_t> cut = {
+        {2147483647, 2147483647},
+        {2147483648, -2147483647 - 1},
+        {4294967295, -1},
+        {4294967296, 0},
+        {4294967297, 1},
+        {-2147483649, 2147483647},
+        {-4294967295, 1},
+        {9223372036854775807, -1},
+        {-9223372036854775807 - 1, 0},
+    };
+    for (const auto& [value, expected] : cut) {
+        EXPECT_EQ(
+            resultFor<std::int32_t>(value, [](redisContext* s) { return store::llen(s, "k"); }),
+            expected)
+            << value;
+        EXPECT_EQ(resultFor<std::int32_t>(
+                      value, [](redisContext* s) { return store::lrem(s, "k", 0, "v"); }),
+                  expected)
+            << value;
+        EXPECT_EQ(resultFor<std::int32_t>(value,
+                                          [](redisContext* s) {
+                                              std::int32_t length = 99;
+                                              EXPECT_TRUE(store::lpush(s, "k", "v", length));
+                                              return length;
+                                          }),
+                  expected)
+            << value;
+        EXPECT_EQ(resultFor<std::int32_t>(value,
+                                          [](redisContext* s) {
+                                              std::int32_t sum = 99;
+                                              EXPECT_TRUE(store::hincrby(s, "k", "f", 1, sum));
+                                              return sum;
+                                          }),
+                  expected)
+            << value;
+    }
+}
+
+// The integers that the call takes as success.
+std::set<long long> successesOf(const std::function<bool(redisContext*)>& call) {
+    std::set<long long> successes;
+    for (const long long value :
+         {2147483648, 4294967296, 4294967297, 9223372036854775807, -2147483649, -4294967295,
+          -4294967296, -9223372036854775807 - 1}) {
+        if (resultFor<bool>(value, call)) {
+            successes.insert(value);
+        }
+    }
+    return successes;
+}
+
+TEST(NumberBeyond32Bits, IsJudgedAsAWhole) {
+    const std::set<long long> none;
+    const std::set<long long> positive = {2147483648, 4294967296, 4294967297, 9223372036854775807};
+    const std::set<long long> all = {
+        2147483648,  4294967296,  4294967297,          -2147483649,
+        -4294967295, -4294967296, 9223372036854775807, -9223372036854775807 - 1};
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::hset(s, "k", "f", "v"); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::del(s, "k"); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::expire(s, "k", 1); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::hexists(s, "k", "f"); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::hdel(s, "k", "f"); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::exists(s, "k"); }), none);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::publish(s, "c", "m"); }), positive);
+    EXPECT_EQ(successesOf([](redisContext* s) {
+                  return store::hsetFields(s, "k", {{"f", "v"}});
+              }),
+              positive);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::publishAny(s, "c", "m"); }), all);
+    EXPECT_EQ(successesOf([](redisContext* s) { return store::lpush(s, "k", "v"); }), all);
+    EXPECT_EQ(successesOf([](redisContext* s) {
+                  return store::hsetMany(s, "k", {{"f", "v"}});
+              }),
+              all);
 }
 
 }  // namespace

@@ -180,5 +180,23 @@ TEST(Authentication, NeedsAConnectionAndAPassword) {
     EXPECT_TRUE(peer.commands().empty());
 }
 
+// Other programs of the controller hand this record over, too.
+TEST(ConnectionParameters, HaveAFixedLayout) {
+    const ConnectionInfo info{};
+    const auto at = [&](const void* member) {
+        return static_cast<const char*>(member) - reinterpret_cast<const char*>(&info);
+    };
+    EXPECT_EQ(at(&info.connectionKind), 0);
+    EXPECT_EQ(sizeof(info.connectionKind), 4U);
+    EXPECT_EQ(at(&info.port), 8);
+    EXPECT_EQ(sizeof(info.port), 8U);
+    EXPECT_EQ(at(&info.socketPath), 16);
+    EXPECT_EQ(sizeof(info.socketPath), 1024U);
+    EXPECT_EQ(at(&info.password), 1040);
+    EXPECT_EQ(sizeof(info.password), 1024U);
+    EXPECT_EQ(at(&info.host), 2064);
+    EXPECT_EQ(sizeof(info), 2072U);
+}
+
 }  // namespace
 }  // namespace session_service

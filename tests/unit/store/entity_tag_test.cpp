@@ -1,34 +1,47 @@
 #include "store/entity_tag.h"
 
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
+#include "support/fixed_clock.h"
 #include "support/scripted_store.h"
 
 namespace session_service {
 namespace {
 
-unsigned long long wallClockMilliseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-           static_cast<unsigned long long>(now.tv_usec) / 1000;
+// The entity tag that a resource gets.
+std::string stampedTag() {
+    const ScriptedStore peer({resp::error("ERR nobody looks at it")});
+    updateEtag(peer.connection(), "/redfish/v1/Some Thing%s");
+    const Commands commands = peer.commands();
+    EXPECT_EQ(commands.size(), 1U);
+    Command command = commands.at(0);
+    const std::string tag = command.back();
+    command.pop_back();
+    EXPECT_EQ(command, (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
+    return tag;
 }
 
 TEST(EntityTag, IsAQuotedCountOfMilliseconds) {
-    const ScriptedStore peer({resp::error("ERR nobody looks at it")});
-    const auto before = wallClockMilliseconds();
-    updateEtag(peer.connection(), "/redfish/v1/Some Thing%s");
-    const Commands commands = peer.commands();
-    ASSERT_EQ(commands.size(), 1U);
-    ASSERT_EQ(commands[0].size(), 4U);
-    EXPECT_EQ(Command(commands[0].begin(), commands[0].end() - 1),
-              (Command{"HSET", "/redfish/v1/Some Thing%s", "@odata.etag"}));
-    const std::string tag = commands[0][3];
-    const auto milliseconds = std::stoull(tag.substr(1));
-    EXPECT_EQ(tag, '"' + std::to_string(milliseconds) + '"');
-    EXPECT_LE(before, milliseconds);
-    EXPECT_LE(milliseconds, wallClockMilliseconds());
+    FixedClock clock(1700000000, 123456);
+    EXPECT_EQ(stampedTag(), "\"1700000000123\"");
+    clock.set(1700000000, 999999);
+    EXPECT_EQ(stampedTag(), "\"1700000000999\"");
+    clock.set(1700000000, 999);
+    EXPECT_EQ(stampedTag(), "\"1700000000000\"");
+    clock.set(4294967296, 7000);
+    EXPECT_EQ(stampedTag(), "\"4294967296007\"");
+    clock.set(0, 42000);
+    EXPECT_EQ(stampedTag(), "\"42\"");
+}
+
+TEST(EntityTag, IsTheSameWithinAMillisecond) {
+    FixedClock clock(1700000000, 123000);
+    const std::string tag = stampedTag();
+    EXPECT_EQ(stampedTag(), tag);
+    clock.set(1700000000, 123999);
+    EXPECT_EQ(stampedTag(), tag);
+    clock.set(1700000000, 124000);
+    EXPECT_NE(stampedTag(), tag);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What a piece of code writes to the standard streams.
+// Captures what a piece of code writes to the standard streams.
 #pragma once
 
 #include <functional>

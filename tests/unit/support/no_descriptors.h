@@ -1,4 +1,4 @@
-// A process without a free descriptor.
+// Exhausts the descriptors of the process.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -17,7 +17,7 @@ std::array<int, 2> openPair() {
     return ends;
 }
 
-// The number in a line such as "*3" or "$12"; `position` moves behind the line. Empty when
+// The number in a line such as "*3" or "$12"; `position` moves past the line. Empty when
 // the line is not complete.
 std::optional<std::size_t> takeNumber(const std::string& bytes, std::size_t& position) {
     const std::size_t end = bytes.find("\r\n", position);

@@ -1,5 +1,5 @@
-// The server's end of a store connection, for replies that a real server seldom gives
-// and for the bytes that travel.
+// A fake store that sends prepared replies, for those that a real server seldom gives, and
+// records the bytes that it receives.
 #pragma once
 
 #include <array>
@@ -16,10 +16,10 @@ namespace session_service {
 using Command = std::vector<std::string>;
 using Commands = std::vector<Command>;
 
-// A command as it travels.
+// A command in the form in which it is sent.
 std::string encode(const Command& command);
 
-// Replies as they travel.
+// Replies in the form in which they are sent.
 namespace resp {
 std::string integer(long long value);
 std::string status(const std::string& text);
@@ -30,8 +30,8 @@ std::string array(const std::vector<std::string>& elements);
 std::string bulkArray(const std::vector<std::string>& texts);
 }  // namespace resp
 
-// Answers every command with the next of the given replies. A command beyond them is kept
-// too, and answered by hanging up.
+// Answers every command with the next of the given replies. A command after the last of them is
+// recorded, too, and answered by closing the connection.
 class ScriptedStore {
   public:
     explicit ScriptedStore(std::vector<std::string> scriptedReplies = {});
@@ -42,8 +42,8 @@ class ScriptedStore {
     // The client's end, borrowed.
     [[nodiscard]] redisContext* connection() const { return client.get(); }
 
-    // What has arrived, as commands and byte for byte. Complete whenever the client's
-    // call has returned.
+    // What has been received, as commands and byte for byte. Complete once the client's call has
+    // returned.
     [[nodiscard]] Commands commands() const;
     [[nodiscard]] std::string bytes() const;
 

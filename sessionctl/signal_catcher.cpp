@@ -1,19 +1,19 @@
-#include "sessionctl/interruption.h"
+#include "sessionctl/signal_catcher.h"
 
 namespace session_service::console {
 namespace {
 
 volatile sig_atomic_t caughtSignal = 0;
 
-void note(int signal) {
+void rememberSignal(int signal) {
     caughtSignal = signal;
 }
 
 }  // namespace
 
-// Outside of wait the signals are blocked: none can come between a look at caught() and
-// the wait.
-Interruption::Interruption() {
+// The signals are blocked except during a wait, so that none can come between a call of caught()
+// and the wait.
+SignalCatcher::SignalCatcher() {
     caughtSignal = 0;
     sigset_t blocked;
     sigemptyset(&blocked);
@@ -22,26 +22,26 @@ Interruption::Interruption() {
     }
     sigprocmask(SIG_BLOCK, &blocked, &mask);
     struct sigaction action {};
-    action.sa_handler = note;
+    action.sa_handler = rememberSignal;
     for (std::size_t i = 0; i < signals.size(); ++i) {
         sigaction(signals[i], &action, &dispositions[i]);
     }
 }
 
-Interruption::~Interruption() {
+SignalCatcher::~SignalCatcher() {
     for (std::size_t i = 0; i < signals.size(); ++i) {
         sigaction(signals[i], &dispositions[i], nullptr);
     }
     sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
-int Interruption::caught() noexcept {
+int SignalCatcher::caught() noexcept {
     return caughtSignal;
 }
 
-short Interruption::wait(int descriptor, short events, const timespec* limit) const {
+short SignalCatcher::wait(int descriptor, short events, const timespec* timeout) const {
     pollfd polled{.fd = descriptor, .events = events, .revents = 0};
-    return ppoll(&polled, 1, limit, &mask) > 0 ? polled.revents : short{0};
+    return ppoll(&polled, 1, timeout, &mask) > 0 ? polled.revents : short{0};
 }
 
 }  // namespace session_service::console

@@ -1,4 +1,4 @@
-// What the service's resources need before anybody is served.
+// The first initialization of the service's resources in the store.
 #pragma once
 
 namespace session_service {

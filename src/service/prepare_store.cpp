@@ -1,4 +1,4 @@
-#include "service/first_start.h"
+#include "service/prepare_store.h"
 
 #include <cstdint>
 

@@ -19,25 +19,25 @@ json orNull(const std::optional<Number>& number) {
 
 json summaryOf(const SessionView& view) {
     return {{"id", view.id},
-            {"user", view.recorded ? json(view.user) : json()},
-            {"client", view.recorded ? json(view.client) : json()},
+            {"user", view.hasResource ? json(view.user) : json()},
+            {"client", view.hasResource ? json(view.client) : json()},
             {"idleSeconds", orNull(view.idle)},
             {"expiresInSeconds", orNull(view.expiresIn)},
             {"fault", view.fault.empty() ? json() : json(view.fault)}};
 }
 
 std::string idleText(const SessionView& view) {
-    return view.idle ? durationText(*view.idle) : "";
+    return view.idle ? formatDuration(*view.idle) : "";
 }
 
 std::string expiryText(const SessionView& view) {
     if (!view.expiresIn) {
         return "";
     }
-    return *view.expiresIn > 0 ? durationText(*view.expiresIn) : "now";
+    return *view.expiresIn > 0 ? formatDuration(*view.expiresIn) : "now";
 }
 
-// Public properties are stored as JSON, what is the daemon's own as bare text.
+// Public properties are stored as JSON, internal ones as bare text.
 json resourceOf(const SessionView& view) {
     json values = json::object();
     for (const auto& [name, value] : view.resource) {
@@ -46,7 +46,7 @@ json resourceOf(const SessionView& view) {
     return values;
 }
 
-void append(std::vector<Row>& rows, const Fields& fields) {
+void appendFields(std::vector<Row>& rows, const Fields& fields) {
     for (const auto& [name, value] : fields) {
         rows.push_back({"  " + name, value});
     }
@@ -59,55 +59,57 @@ std::string describe(const SessionView& view, bool member) {
                           {"  expires in", expiryText(view)},
                           {"  fault", view.fault}};
     rows.push_back({"Resource " + sessionUriOf(view.id)});
-    append(rows, view.resource);
+    appendFields(rows, view.resource);
     rows.push_back({"Token record"});
-    append(rows, view.tokenRecord);
-    return tableText(rows);
+    appendFields(rows, view.tokenRecord);
+    return formatTable(rows);
 }
 
 }  // namespace
 
 int runList(const Options& options) {
-    const OpenStore connection = openStore(options.timeout);
+    const OpenStore opened = openStore(options.timeout);
     std::vector<SessionView> views;
-    for (const std::string& member : readMembers(connection.connection.get())) {
-        views.push_back(readMember(connection.connection.get(), member));
+    for (const std::string& member : readMembers(opened.connection.get())) {
+        views.push_back(readMember(opened.connection.get(), member));
     }
     if (options.json) {
         json sessions = json::array();
         std::transform(views.begin(), views.end(), std::back_inserter(sessions), summaryOf);
-        return print(jsonText({{"limit", maxSessions}, {"sessions", sessions}})) ? done : failed;
+        return print(formatJson({{"limit", maxSessions}, {"sessions", sessions}}))
+                   ? exit_status::success
+                   : exit_status::failure;
     }
     std::vector<Row> rows{{"IDENTIFIER", "USER", "CLIENT", "IDLE FOR", "EXPIRES IN", "FAULT"}};
     for (const SessionView& view : views) {
         rows.push_back(
             {view.id, view.user, view.client, idleText(view), expiryText(view), view.fault});
     }
-    const auto taken = std::count_if(views.begin(), views.end(),
-                                     [](const SessionView& view) { return view.counted; });
-    return print(tableText(rows) + std::to_string(taken) + " of " + std::to_string(maxSessions) +
+    const auto taken = std::count_if(
+        views.begin(), views.end(), [](const SessionView& view) { return view.countsTowardLimit; });
+    return print(formatTable(rows) + std::to_string(taken) + " of " + std::to_string(maxSessions) +
                  " places are taken.\n")
-               ? done
-               : failed;
+               ? exit_status::success
+               : exit_status::failure;
 }
 
 int runShow(const Options& options, const std::string& id) {
-    const OpenStore connection = openStore(options.timeout);
-    const SessionView view = readSession(connection.connection.get(), id);
-    const std::vector<std::string> members = readMembers(connection.connection.get());
-    const bool member = std::find(members.begin(), members.end(), memberOf(id)) != members.end();
-    if (!view.recorded && !member) {
-        throw Problem(failed, "There is no session " + escaped(id) + ".");
+    const OpenStore opened = openStore(options.timeout);
+    const SessionView view = readSession(opened.connection.get(), id);
+    const std::vector<std::string> members = readMembers(opened.connection.get());
+    const bool member = std::find(members.begin(), members.end(), memberFor(id)) != members.end();
+    if (!view.hasResource && !member) {
+        throw CommandError(exit_status::failure, "There is no session " + escaped(id) + ".");
     }
     if (!options.json) {
-        return print(describe(view, member)) ? done : failed;
+        return print(describe(view, member)) ? exit_status::success : exit_status::failure;
     }
     json document = summaryOf(view);
     document["uri"] = sessionUriOf(id);
     document["inCollection"] = member;
     document["resource"] = resourceOf(view);
     document["tokenRecord"] = view.tokenRecord;
-    return print(jsonText(document)) ? done : failed;
+    return print(formatJson(document)) ? exit_status::success : exit_status::failure;
 }
 
 }  // namespace session_service::console

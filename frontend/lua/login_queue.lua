@@ -1,0 +1,161 @@
+-- Logins wait here and not in the session service, which checks one password after another and
+-- takes seconds for a wrong one: it gets few at a time. The next one comes from where nothing has
+-- failed recently; among those, from where the fewest are waiting; among those, it is the first.
+-- Whoever guesses passwords waits behind everybody else.
+local semaphore = require "ngx.semaphore"
+local failures = require "failures"
+local settings = require "settings"
+
+local queue = {}
+
+-- The logins that wait, by the network that they come from, the first one first.
+local lines = {}
+local waiting = 0
+local arrivals = 0
+local inService = 0
+
+-- When a timer will look at the queue again, nil when none will.
+local wakeTime
+
+-- Ends the waiting of a login.
+local function finish(login, outcome)
+    local line = lines[login.network]
+    for i, other in ipairs(line) do
+        if other == login then
+            table.remove(line, i)
+            break
+        end
+    end
+    if #line == 0 then
+        lines[login.network] = nil
+    end
+    waiting = waiting - 1
+    login.outcome = outcome
+    login.ready:post(1)
+end
+
+local function precedes(one, other)
+    if one.hasFailed ~= other.hasFailed then
+        return other.hasFailed
+    elseif one.length ~= other.length then
+        return one.length < other.length
+    end
+    return one.login.arrival < other.login.arrival
+end
+
+-- Returns the login of a line that comes first; nil when none of them may start.
+local function firstOf(line)
+    for _, login in ipairs(line) do
+        if not login.mayStart or login.mayStart() then
+            return login
+        end
+    end
+    return nil
+end
+
+-- Returns the login that comes next, nil when there is none; and after how many seconds another may
+-- come, if any.
+local function findNext()
+    local best, seconds
+    -- The last turn is for those from where nothing has failed.
+    local failedMayStart = inService < math.max(settings.maxLogins - 1, 1)
+    for network, line in pairs(lines) do
+        local hasFailed, pause = failures.of(network)
+        local login = pause == 0 and (failedMayStart or not hasFailed) and firstOf(line)
+        local candidate = { login = login, hasFailed = hasFailed, length = #line }
+        if login and (not best or precedes(candidate, best)) then
+            best = candidate
+        elseif pause > 0 then
+            seconds = math.min(seconds or pause, pause)
+        end
+    end
+    return best and best.login, seconds
+end
+
+local function wakeLater(seconds)
+    local time = ngx.now() + seconds
+    if wakeTime and wakeTime <= time then
+        return
+    end
+    local function wake()
+        wakeTime = nil
+        queue.advance()
+    end
+    wakeTime = ngx.timer.at(seconds, wake) and time
+end
+
+-- Gives turns while there are any. To be called when a login may start that could not before.
+function queue.advance()
+    while waiting > 0 and inService < settings.maxLogins do
+        local login, seconds = findNext()
+        if not login then
+            if seconds then
+                wakeLater(seconds)
+            end
+            return
+        elseif login.isGone() then
+            finish(login, "gone")
+        else
+            inService = inService + 1
+            if login.starts then
+                login.starts()
+            end
+            finish(login, "turn")
+        end
+    end
+end
+
+-- Makes room for one more when too many are waiting. Tells whether there is room.
+local function makeRoom(network)
+    local own = lines[network] or {}
+    if #own >= settings.maxWaitingOfAddress then
+        return false
+    elseif waiting < settings.maxWaiting then
+        return true
+    end
+    local longest = own
+    for _, line in pairs(lines) do
+        longest = #line > #longest and line or longest
+    end
+    if longest == own then
+        return false
+    end
+    finish(longest[#longest], "refused")
+    return true
+end
+
+-- Waits for a turn. Returns what has come of it:
+--   turn     the service may be asked; queue.leave has to follow
+--   late     the deadline has come
+--   gone     the client has closed its connection
+--   refused  too many are waiting
+-- A login has network, deadline and isGone; and, if not all of them may start at any time, mayStart
+-- and starts, which is called when its turn has come.
+function queue.enter(login)
+    local network = login.network
+    if not makeRoom(network) then
+        return "refused"
+    end
+    arrivals = arrivals + 1
+    login.arrival = arrivals
+    login.ready = semaphore.new()
+    lines[network] = lines[network] or {}
+    table.insert(lines[network], login)
+    waiting = waiting + 1
+    queue.advance()
+    if not login.outcome then
+        login.ready:wait(math.max(login.deadline - ngx.now(), 0))
+    end
+    if not login.outcome then
+        finish(login, "late")
+    end
+    return login.outcome
+end
+
+-- Ends a turn.
+function queue.leave()
+    inService = inService - 1
+    queue.advance()
+end
+
+return queue

@@ -1,0 +1,67 @@
+#include "support/file_stand_in.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+session_service::FileStandIn* current = nullptr;
+
+}  // namespace
+
+// The names are the linker's. The C library has fopen under two of them; which one is called
+// depends on macros.
+extern "C" {
+std::FILE* __real_fopen(const char* path, const char* mode);
+
+std::FILE* __wrap_fopen(const char* path, const char* mode) {
+    std::FILE* file = current ? current->open(path, mode) : nullptr;
+    return file ? file : __real_fopen(path, mode);
+}
+
+std::FILE* __wrap_fopen64(const char* path, const char* mode) {
+    return __wrap_fopen(path, mode);
+}
+}
+
+namespace session_service {
+
+FileStandIn::FileStandIn(std::string path, std::string standIn)
+    : replacedPath(std::move(path)), otherFile(std::move(standIn)) {
+    current = this;
+}
+
+FileStandIn::FileStandIn(std::string path, std::string text, int error)
+    : replacedPath(std::move(path)), remainingText(std::move(text)), failure(error) {
+    current = this;
+}
+
+FileStandIn::~FileStandIn() {
+    current = nullptr;
+}
+
+std::FILE* FileStandIn::open(const std::string& path, const char* mode) {
+    if (path != replacedPath) {
+        return nullptr;
+    }
+    openedModes.emplace_back(mode);
+    if (!otherFile.empty()) {
+        return __real_fopen(otherFile.c_str(), mode);
+    }
+    return fopencookie(this, "r",
+                       {.read = readText, .write = nullptr, .seek = nullptr, .close = nullptr});
+}
+
+ssize_t FileStandIn::readText(void* standIn, char* buffer, std::size_t size) {
+    auto& self = *static_cast<FileStandIn*>(standIn);
+    if (self.remainingText.empty()) {
+        errno = self.failure;
+        return -1;
+    }
+    const std::size_t count = self.remainingText.copy(buffer, size);
+    self.remainingText.erase(0, count);
+    return static_cast<ssize_t>(count);
+}
+
+}  // namespace session_service
