@@ -3,6 +3,8 @@ return {
     storeSocket = "/run/redis/redis.sock",
     storePasswordFile = "/run/redis/redis.requirepass",
     keyFile = "/var/nginx/pkey.tmp",
+    -- The one of nginx.conf. A client without TLS is sent to no name that is not in it.
+    certificateFile = "/usr/local/etc/nginx/certificate.pem",
 
     -- Seconds that a client waits for the session service; then it is told to try again.
     answerTimeout = 20,

@@ -8,54 +8,34 @@ cjson.decode_invalid_numbers(false)
 
 local json = {}
 
--- Tells whether a text that cjson accepts is JSON: it also accepts control characters in strings,
--- and numbers such as "1." and "-.5".
+-- The whole of a text that cjson accepts and that is JSON in UTF-8: cjson also accepts control
+-- characters in strings, numbers such as "1." and "-.5", and anything behind a zero byte.
+local strictText = [=[^(?:[][{}:, \t\r\n]++]=]
+    .. [=[|"[^"\\\x00-\x1f]*+(?:\\.[^"\\\x00-\x1f]*+)*+"]=]
+    .. [=[|-?(?:0|[1-9]\d*+)(?:\.\d++)?+(?:[eE][+-]?\d++)?+(?![\w.+-])]=]
+    .. [=[|true|false|null)*+\z]=]
+
 local function isStrict(text)
-    local strict = true
-    local rest = text:gsub("\\.", ""):gsub('"([^"]*)"', function(characters)
-        strict = strict and not characters:find("[%z\1-\31]")
-        return ""
-    end)
-    for number in rest:gmatch("[%d.+-][%w.+-]*") do
-        local tail = number:match("^%-?%d+(.*)$")
-        tail = tail and tail:match("^%.%d+(.*)$") or tail
-        strict = strict and tail and (tail == "" or tail:find("^[eE][+-]?%d+$"))
-    end
-    return strict
+    return ngx.re.find(text, strictText, "jou") ~= nil
 end
 
--- Tells whether an object of this valid JSON text names a property twice.
-local function hasDuplicateNames(text)
-    local names = {}
-    local depth = 0
-    local at = 1
-    while true do
-        local start = text:find('["{}]', at)
-        if not start then
-            return false
-        end
-        local found = text:sub(start, start)
-        at = start + 1
-        if found == "{" then
-            depth = depth + 1
-            names[depth] = {}
-        elseif found == "}" then
-            depth = depth - 1
-        else
-            repeat
-                at = text:find('["\\]', at)
-                local escape = text:sub(at, at) == "\\"
-                at = at + (escape and 2 or 1)
-            until not escape
-            if text:find("^[ \t\r\n]*:", at) then
-                local name = cjson.decode("[" .. text:sub(start, at - 1) .. "]")[1]
-                if names[depth][name] then
-                    return true
-                end
-                names[depth][name] = true
-            end
+-- Returns the number of names of all objects in a value.
+local function countNames(value)
+    local count = 0
+    if type(value) == "table" then
+        for name, inner in pairs(value) do
+            count = count + (type(name) == "string" and 1 or 0) + countNames(inner)
         end
     end
+    return count
+end
+
+-- Tells whether an object of this valid JSON text, which stands for this value, names a property
+-- twice: then there are more colons than names.
+local function hasDuplicateNames(text, value)
+    local structure = text:gsub("\\.", ""):gsub('"[^"]*"', "")
+    local _, colons = structure:gsub(":", "")
+    return colons ~= countNames(value)
 end
 
 -- Tells whether a text is UTF-8, which the parser does not look at.
@@ -67,7 +47,7 @@ end
 -- names a property twice, which programs read in different ways.
 function json.decode(text)
     local valid, value = pcall(cjson.decode, text)
-    if not valid or not json.isUtf8(text) or not isStrict(text) or hasDuplicateNames(text) then
+    if not valid or not isStrict(text) or hasDuplicateNames(text, value) then
         return nil
     end
     return value

@@ -4,6 +4,7 @@ local contract = require "contract"
 local encrypt = require "encrypt"
 local failures = require "failures"
 local json = require "json"
+local log = require "log"
 local messages = require "messages"
 local privileges = require "privileges"
 local queue = require "login_queue"
@@ -136,7 +137,7 @@ local function attempt(name, password, options)
     end
     local encrypted = encrypt(password)
     if not encrypted then
-        ngx.log(ngx.ERR, "the key file is missing or malformed")
+        log.error("the key file is missing or malformed")
         error(messages.unavailable())
     end
     local deadline = ngx.now() + settings.answerTimeout

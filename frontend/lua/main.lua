@@ -4,7 +4,9 @@ local authentication = require "authentication"
 local contract = require "contract"
 local files = require "files"
 local json = require "json"
+local log = require "log"
 local messages = require "messages"
+local negotiation = require "negotiation"
 local privileges = require "privileges"
 local requests = require "requests"
 local resources = require "resources"
@@ -22,7 +24,7 @@ local function refuse(status, id, ...)
 end
 
 local function refuseMethod(allow)
-    error(messages.problem(405, { messages.new("Base.1.12.OperationNotAllowed") },
+    error(messages.problem(405, { messages.new("ExtendedError.1.2.MethodNotAllowed") },
         { Allow = allow }))
 end
 
@@ -52,10 +54,8 @@ local function checkAccept(mediaType)
         return
     end
     given = ngx.req.get_headers().accept
-    local accept = (type(given) == "table" and table.concat(given, ",") or given):lower()
-    local mainType = mediaType:match("^[^/]*")
-    if accept ~= "" and not (accept:find("*/*", 1, true) or accept:find(mediaType, 1, true)
-        or accept:find(mainType .. "/*", 1, true)) then
+    local accept = type(given) == "table" and table.concat(given, ",") or given
+    if not negotiation.accepts(accept, mediaType) then
         refuse(406, "ExtendedError.1.2.MediaTypeNotSupported")
     end
 end
@@ -81,22 +81,9 @@ local function readBody()
     return body
 end
 
--- Tells whether a header's list of entity tags holds this one.
-local function listsEtag(list, etag)
-    if list:find("^%s*%*%s*$") then
-        return true
-    end
-    for tag in list:gmatch('"([^"]*)"') do
-        if tag == etag then
-            return true
-        end
-    end
-    return false
-end
-
 local function checkPrecondition(resource)
     local wanted = ngx.var.http_if_match
-    if wanted and not listsEtag(wanted, resource.etag) then
+    if wanted and not negotiation.listsEtag(wanted, resource, true) then
         refuse(412, "Base.1.12.PreconditionFailed")
     end
 end
@@ -108,7 +95,7 @@ local function answerGet(resource)
         ETag = resource.etagHeader,
     }
     local known = ngx.var.http_if_none_match
-    if known and resource.etag and listsEtag(known, resource.etag) then
+    if known and negotiation.listsEtag(known, resource, false) then
         return { status = 304, headers = headers }
     end
     return {
@@ -171,13 +158,14 @@ local public = {
     [contract.root .. "/$metadata"] = metadata,
 }
 
--- A user whose password has expired can change it and log out, and nothing else.
+-- A user whose password has expired can read the own account, change the password there, and log
+-- out, and nothing else.
 local function checkPasswordChange(user, method, uri)
     if not user.mustChangePassword or method == "DELETE" and uri == user.session then
         return
     end
     local account = resources.accountOf(user.name)
-    if not (method == "PATCH" and uri == account) then
+    if uri ~= account or method ~= "PATCH" and method ~= "GET" then
         refuse(403, contract.message.passwordChangeRequired, account)
     end
 end
@@ -193,6 +181,10 @@ local function checkedResource(user, method, uri)
         refuseMethod(resource.allowText)
     end
     privileges.check(user, method, resource)
+    -- The answer to a DELETE has no body.
+    if method ~= "DELETE" then
+        checkAccept("application/json")
+    end
     checkPrecondition(resource)
     return resource
 end
@@ -223,7 +215,7 @@ local function handle()
     local uri = ngx.var.uri:gsub("(.)/$", "%1")
     if not json.isUtf8(uri) then
         -- An answer that names it would not be UTF-8 either.
-        refuse(400, "Base.1.12.MissingOrMalformedPart")
+        refuse(400, "ExtendedError.1.2.MalformedRequest")
     end
 
     if public[uri] then
@@ -235,12 +227,12 @@ local function handle()
         end
         return public[uri]()
     end
-    checkAccept("application/json")
     -- nginx ends the request in here when the body is too large or too slow: before anything has
     -- been started that would have to be undone.
     ngx.req.read_body()
     if method == "POST"
         and (uri == contract.sessions or uri == contract.sessions .. "/Members") then
+        checkAccept("application/json")
         return sessions.create(readBody())
     end
 
@@ -292,16 +284,17 @@ local function answerOf(problem)
         }
     end
     if store.hasFailed(problem) then
-        ngx.log(ngx.WARN, "the store: ", problem.text)
+        log.warn("the store: " .. tostring(problem.text))
         return answerOf(messages.unavailable())
     end
     -- A fault of the front end's own.
-    ngx.log(ngx.ERR, tostring(problem))
+    log.error(tostring(problem))
     return answerOf(messages.problem(500, { messages.new("Base.1.12.InternalError") }))
 end
 
 -- Prepares a worker for its requests.
 function main.start()
+    log.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
         prepareEnd = temporary.endAll,
@@ -317,9 +310,9 @@ end
 
 -- The messages of nginx's own refusals, by their status.
 local refusals = {
-    [408] = { "Base.1.12.MissingOrMalformedPart" },
-    [413] = { "Base.1.12.PayloadTooLarge" },
-    [414] = { "Base.1.12.PayloadTooLarge" },
+    [408] = { "ExtendedError.1.2.MalformedRequest" },
+    [413] = { "ExtendedError.1.2.RequestTooLarge" },
+    [414] = { "ExtendedError.1.2.RequestTooLarge" },
     [500] = { "Base.1.12.InternalError" },
     [501] = { "ExtendedError.1.2.MethodNotImplemented" },
     [503] = { contract.message.serviceTemporarilyUnavailable, "1" },
@@ -332,7 +325,8 @@ function main.refuse()
         return main.answer()
     end
     local status = ngx.status
-    local message = refusals[status] or { "Base.1.12.MissingOrMalformedPart" }
+    log.warn("refused by the web server with status " .. status)
+    local message = refusals[status] or { "ExtendedError.1.2.MalformedRequest" }
     local headers = message[2] and { ["Retry-After"] = message[2] }
     local problem = messages.problem(status, { messages.new(unpack(message)) }, headers)
     send(answerOf(problem))

@@ -4,106 +4,156 @@ local json = require "json"
 
 local messages = {}
 
+-- What comes from a client is shown up to here.
+local maxShownBytes = 256
+-- So many faults of one request are listed; the others are counted.
+local maxListed = 10
+
 local retry = "Send the request again later."
 local correct = "Correct the request and send it again."
+local correctValue = "Correct the value for the property in the request body and resubmit the "
+    .. "request if the operation failed."
+local addProperties = "Add properties in the JSON object and resubmit the request."
 
--- By identifier: the text with %1, %2 for the arguments, the severity, the resolution.
+-- By identifier: the text with %1, %2 for the arguments, the severity, the resolution. Texts of
+-- "Base" are those of the standard's registry.
 local registry = {
     ["Base.1.12.AccessDenied"] = {
-        "%1 cannot be reached with this origin.", "Critical", "Log in from this origin."
+        "While attempting to establish a connection to '%1', the service denied access.",
+        "Critical",
+        "Attempt to ensure that the URI is correct and that the service has the appropriate "
+            .. "credentials."
     },
-    [contract.message.created] = { "The resource has been created.", "OK", "None." },
+    [contract.message.created] = { "The resource was created successfully.", "OK", "None." },
     ["Base.1.12.EmptyJSON"] = {
-        "The request's object is empty, and properties are expected.", "Warning", correct
+        "The request body submitted contained an empty JSON object and the service is unable to "
+            .. "process it.",
+        "Warning", addProperties
     },
     ["Base.1.12.GeneralError"] = {
-        "The request failed. The details say why, if anything is known.", "Critical", "None."
+        "A general error has occurred.  See Resolution for information on how to resolve the "
+            .. "error, or @Message.ExtendedInfo if Resolution is not provided.",
+        "Critical", "None."
     },
     [contract.message.insufficientPrivilege] = {
-        "The user's privileges do not suffice for this.", "Critical",
-        "Log in as a user with more privileges, or have yours changed."
+        "There are insufficient privileges for the account or credentials associated with the "
+            .. "current session to perform the requested operation.",
+        "Critical",
+        "Either abandon the operation or change the associated access rights and resubmit the "
+            .. "request if the operation failed."
     },
     ["Base.1.12.InternalError"] = {
-        "The request failed for an internal reason. The service goes on.", "Critical", retry
+        "The request failed due to an internal service error.  The service is still operational.",
+        "Critical",
+        "Resubmit the request.  If the problem persists, consider resetting the service."
     },
     ["Base.1.12.MalformedJSON"] = {
-        "The request's body is not the JSON that is expected.", "Critical", correct
-    },
-    ["Base.1.12.MissingOrMalformedPart"] = {
-        "The request is incomplete or malformed.", "Critical", correct
+        "The request body submitted was malformed JSON and could not be parsed by the receiving "
+            .. "service.",
+        "Critical", "Ensure that the request body is valid JSON and resubmit the request."
     },
     ["Base.1.12.NoOperation"] = {
-        "The request holds nothing to change.", "Warning", correct
+        "The request body submitted contain no data to act upon and no changes to the resource "
+            .. "took place.",
+        "Warning", addProperties
     },
     ["Base.1.12.NoValidSession"] = {
-        "There is no valid session for this request.", "Critical", "Log in, then send it again."
+        "There is no valid session established with the implementation.", "Critical",
+        "Establish a session before attempting any operations."
     },
     [contract.message.operationFailed] = {
-        "An operation of the service failed as part of the request.", "Warning", retry
-    },
-    ["Base.1.12.OperationNotAllowed"] = {
-        "The resource does not allow this method.", "Critical",
-        "Use one of the methods that the Allow header names."
+        "An error occurred internal to the service as part of the overall request.  Partial "
+            .. "results may have been returned.",
+        "Warning",
+        "Resubmit the request.  If the problem persists, consider resetting the service or "
+            .. "provider."
     },
     [contract.message.passwordChangeRequired] = {
-        "The password must be changed first, in the account %1.", "Critical",
-        "Set another password with a PATCH of that account."
-    },
-    ["Base.1.12.PayloadTooLarge"] = {
-        "The request is larger than the service takes.", "Critical", "Send less."
+        "The password provided for this account must be changed before access is granted.  PATCH "
+            .. "the Password property for this account located at the target URI '%1' to complete "
+            .. "this process.",
+        "Critical",
+        "Change the password for this account using a PATCH to the Password property at the URI "
+            .. "provided."
     },
     ["Base.1.12.PreconditionFailed"] = {
-        "The resource has changed: its ETag is not among those of the request.", "Critical",
-        "Read the resource again, then repeat the change with its ETag."
+        "The ETag supplied did not match the ETag required to change this resource.", "Critical",
+        "Try the operation again using the appropriate ETag."
     },
     ["Base.1.12.PropertyMissing"] = {
-        "The property %1 is required and missing.", "Warning", correct
+        "The property %1 is a required property and must be included in the request.", "Warning",
+        "Ensure that the property is in the request body and has a valid value and resubmit the "
+            .. "request if the operation failed."
     },
     ["Base.1.12.PropertyNotWritable"] = {
-        "The property %1 cannot be changed.", "Warning", "Leave the property out."
+        "The property %1 is a read only property and cannot be assigned a value.", "Warning",
+        "Remove the property from the request body and resubmit the request if the operation "
+            .. "failed."
     },
     ["Base.1.12.PropertyUnknown"] = {
-        "The property %1 is not one of this resource.", "Warning", "Leave the property out."
+        "The property %1 is not in the list of valid properties for the resource.", "Warning",
+        "Remove the unknown property from the request body and resubmit the request if the "
+            .. "operation failed."
     },
     ["Base.1.12.PropertyValueFormatError"] = {
-        "The value of the property %2 cannot be used.", "Warning", correct
-    },
-    ["Base.1.12.PropertyValueNotInList"] = {
-        "The value %1 is not one that the property %2 can have.", "Warning", correct
+        "The value '%1' for the property %2 is of a different format than the property can accept.",
+        "Warning", correctValue
     },
     ["Base.1.12.PropertyValueOutOfRange"] = {
-        "The value %1 of the property %2 is outside its range.", "Warning", correct
+        "The value '%1' for the property %2 is not in the supported range of acceptable values.",
+        "Warning", correctValue
     },
     ["Base.1.12.PropertyValueTypeError"] = {
-        "The value %1 of the property %2 has another type than the property.", "Warning", correct
+        "The value '%1' for the property %2 is of a different type than the property can accept.",
+        "Warning", correctValue
     },
     ["Base.1.12.QueryNotSupported"] = {
-        "Queries of this kind are not supported.", "Warning", "Leave the query out."
+        "Querying is not supported by the implementation.", "Warning",
+        "Remove the query parameters and resubmit the request if the operation failed."
     },
     ["Base.1.12.ResourceMissingAtURI"] = {
-        "There is no resource at %1.", "Critical", "Correct the address of the request."
+        "The resource at the URI '%1' was not found.", "Critical",
+        "Place a valid resource at the URI or correct the URI and resubmit the request."
     },
     [contract.message.serviceTemporarilyUnavailable] = {
-        "The service cannot answer now. Try again in %1 seconds.", "Critical", retry
+        "The service is temporarily unavailable.  Retry in %1 seconds.", "Critical",
+        "Wait for the indicated retry duration and retry the operation."
     },
     [contract.message.sessionLimitExceeded] = {
-        "There are as many sessions as there can be.", "Critical",
-        "Log out of another session, or wait until one has expired."
+        "The session establishment failed due to the number of simultaneous sessions exceeding "
+            .. "the limit of the implementation.",
+        "Critical",
+        "Reduce the number of other sessions before trying to establish the session or increase "
+            .. "the limit of simultaneous sessions, if supported."
     },
     [contract.message.stringValueTooLong] = {
-        "The value %1 is longer than %2 characters.", "Warning", correct
+        "The string '%1' exceeds the length limit %2.", "Warning",
+        "Resubmit the request with an appropriate string length."
     },
     [contract.message.databaseOperationError] = {
         "The service could not store the change.", "Critical", retry
     },
+    ["ExtendedError.1.2.FurtherErrors"] = {
+        "There are %1 more errors, which are not listed.", "Warning", correct
+    },
     [contract.message.invalidCredentials] = {
         "The user name or the password is wrong.", "Critical", correct
+    },
+    ["ExtendedError.1.2.MalformedRequest"] = {
+        "The request is incomplete or malformed.", "Critical", correct
     },
     ["ExtendedError.1.2.MediaTypeNotSupported"] = {
         "Requests and answers are application/json.", "Warning", correct
     },
+    ["ExtendedError.1.2.MethodNotAllowed"] = {
+        "The resource does not allow this method.", "Critical",
+        "Use one of the methods that the Allow header names."
+    },
     ["ExtendedError.1.2.MethodNotImplemented"] = {
         "The service does not know this.", "Warning", correct
+    },
+    ["ExtendedError.1.2.RequestTooLarge"] = {
+        "The request is larger than the service takes.", "Critical", "Send less."
     },
     [contract.message.serviceDisabled] = {
         "The service is switched off.", "Warning", "Switch the service on."
@@ -116,10 +166,22 @@ local registry = {
     },
 }
 
+-- Returns as much of a text as is shown, without half a character at its end.
+local function shown(text)
+    if #text <= maxShownBytes then
+        return text
+    end
+    return (text:sub(1, maxShownBytes):gsub("[\192-\255]?[\128-\191]*$", "")) .. "..."
+end
+
 -- Returns a message: its identifier and its arguments, all texts. Its field resolution may say more
 -- than the registry does.
 function messages.new(id, ...)
-    return { id = id, arguments = { ... } }
+    local arguments = { ... }
+    for i, argument in ipairs(arguments) do
+        arguments[i] = shown(argument)
+    end
+    return { id = id, arguments = arguments }
 end
 
 local general = messages.new("Base.1.12.GeneralError")
@@ -134,10 +196,15 @@ local function sentence(message)
     end))
 end
 
--- Appends a message about one property of the request to a list.
+-- Appends a message about one property of the request to a list, or counts it when there are
+-- enough.
 function messages.add(list, property, id, ...)
+    if #list >= maxListed then
+        list.omitted = (list.omitted or 0) + 1
+        return
+    end
     local message = messages.new(id, ...)
-    message.property = property
+    message.property = shown(property)
     list[#list + 1] = message
 end
 
@@ -162,7 +229,7 @@ local function textOf(message)
     return json.object(members)
 end
 
--- Returns the JSON text of an array of messages.
+-- Returns the JSON text of an array of messages, and of one for those that were only counted.
 function messages.texts(list)
     local texts = {}
     for i, message in ipairs(list) do
@@ -170,6 +237,10 @@ function messages.texts(list)
     end
     -- Messages about properties come in the order of a table's keys, which is none.
     table.sort(texts)
+    if list.omitted then
+        texts[#texts + 1] = textOf(
+            messages.new("ExtendedError.1.2.FurtherErrors", tostring(list.omitted)))
+    end
     return json.array(texts)
 end
 

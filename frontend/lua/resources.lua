@@ -73,7 +73,8 @@ end
 
 local convertHash, convertList
 
--- Returns the JSON text that a reference leads to; nil when there is none.
+-- Returns the JSON text that a reference leads to, nil when there is none; of a list also how many
+-- elements it has.
 local function convert(tree, kind, source, depth)
     if depth > maxDepth then
         error("a resource is nested too deeply")
@@ -92,20 +93,39 @@ local function value(text)
     return json.isValid(text) and text or json.encode(text)
 end
 
+-- Returns the string that a JSON text is, nil when it is none.
+local function stringOf(text)
+    local string = text and (text:match('^"([^"\\%c\128-\255]*)"$') or json.decode(text))
+    return type(string) == "string" and string or nil
+end
+
+-- Returns what a stored entity tag says, and the tag as a header has it; nil when there is none.
+-- Some services store it as a header has it.
+local function etagOf(text)
+    local etag = stringOf(text)
+    if not etag then
+        return nil
+    end
+    local opaque = etag:match('^"([^"%c]*)"$') or etag:match('^W/"([^"%c]*)"$')
+    return opaque or etag, opaque and etag or json.encode(etag)
+end
+
 -- Returns the members' texts by their names.
 local function convertFields(tree, fields, depth)
     local members = {}
     local counts = {}
     for name, text in pairs(fields) do
-        if not contract.isInternal(name) then
+        if name == contract.resource.etag then
+            local _, header = etagOf(text)
+            members[name] = header and json.encode(header)
+        elseif not contract.isInternal(name) then
             members[name] = value(text)
         else
             local kind, property, source = name:match("^(&&%a+) ([^ ]+) ([^ ]+)$")
             if kind and fields[property] == nil then
-                members[property] = convert(tree, kind, source, depth + 1)
-            end
-            if kind == contract.kind.array then
-                counts[contract.countOf(property)] = #(tree.lists[source] or {})
+                local number
+                members[property], number = convert(tree, kind, source, depth + 1)
+                counts[contract.countOf(property)] = number
             end
         end
     end
@@ -133,13 +153,7 @@ function convertList(tree, key, depth)
         end
         elements[#elements + 1] = text
     end
-    return json.array(elements)
-end
-
--- Returns the string that a JSON text is, nil when it is none.
-local function stringOf(text)
-    local string = text and (text:match('^"([^"\\%c\128-\255]*)"$') or json.decode(text))
-    return type(string) == "string" and string or nil
+    return json.array(elements), #elements
 end
 
 -- Addresses of resources that consist of more than one hash. A list that is too long begins anew.
@@ -194,15 +208,10 @@ function resources.from(reply, uri)
         tree = tree,
         fields = fields,
         type = stringOf(fields[contract.resource.type]),
-        etag = stringOf(fields[contract.resource.etag]),
         allowText = fields[contract.resource.methods] or "GET,HEAD",
         allow = {},
     }
-    -- Some services store it as a header has it.
-    local opaque = resource.etag
-        and (resource.etag:match('^"([^"%c]*)"$') or resource.etag:match('^W/"([^"%c]*)"$'))
-    resource.etagHeader = opaque and resource.etag or resource.etag and json.encode(resource.etag)
-    resource.etag = opaque or resource.etag
+    resource.etag, resource.etagHeader = etagOf(fields[contract.resource.etag])
     for method in resource.allowText:gmatch("%a+") do
         resource.allow[method] = true
     end

@@ -47,33 +47,33 @@ local readOnly = {
     Status = true,
 }
 
--- Returns the properties of a body to change, messages about the others, and the number of all.
+-- Returns the properties of a body to change, messages about the others, and whether there are any.
 local function classify(body, resource)
     local changes = {}
     local faults = {}
-    local count = 0
+    for name, convert in pairs(writable) do
+        local value = body[name]
+        if value ~= nil then
+            local text, id = convert(value)
+            changes[name] = text
+            if not text then
+                messages.add(faults, name, id, argumentOf(value), name)
+            end
+        end
+    end
     local known = {}
     for name in pairs(resource.fields) do
         known[name:match("^&&%a+ ([^ ]+) ") or name] = true
     end
-    for name, value in pairs(body) do
+    for name in pairs(body) do
         -- A client that sends back what it has read sends annotations; they change nothing.
-        if not name:find("@") then
-            count = count + 1
-            if writable[name] then
-                local text, id = writable[name](value)
-                changes[name] = text
-                if not text then
-                    messages.add(faults, name, id, argumentOf(value), name)
-                end
-            elseif readOnly[name] or known[name] and not contract.isInternal(name) then
-                messages.add(faults, name, "Base.1.12.PropertyNotWritable", name)
-            else
-                messages.add(faults, name, "Base.1.12.PropertyUnknown", name)
-            end
+        if not writable[name] and not name:find("@", 1, true) then
+            local isReadOnly = readOnly[name] or known[name] and not contract.isInternal(name)
+            messages.add(faults, name,
+                isReadOnly and "Base.1.12.PropertyNotWritable" or "Base.1.12.PropertyUnknown", name)
         end
     end
-    return changes, faults, count
+    return changes, faults, next(changes) ~= nil or faults[1] ~= nil
 end
 
 -- Answers a PATCH of the service. What can be changed is changed, and messages tell about the
@@ -82,8 +82,8 @@ function service.patch(body, resource)
     if next(body) == nil then
         error(messages.problem(400, { messages.new("Base.1.12.EmptyJSON") }))
     end
-    local changes, faults, count = classify(body, resource)
-    if count == 0 then
+    local changes, faults, hasAny = classify(body, resource)
+    if not hasAny then
         error(messages.problem(400, { messages.new("Base.1.12.NoOperation") }))
     end
     if next(changes) == nil then
@@ -100,13 +100,17 @@ function service.patch(body, resource)
     }, { body = changes, checklist = checklist, read = contract.service })
     requests.expectSuccess(reply, {})
 
+    local refused = {}
     local applied = false
     for name in pairs(changes) do
         if reply.unhandled[contract.checklistField(name)] then
-            messages.add(faults, name, "Base.1.12.PropertyNotWritable", name)
+            messages.add(refused, name, "Base.1.12.PropertyNotWritable", name)
         else
             applied = true
         end
+    end
+    for _, fault in ipairs(refused) do
+        table.insert(faults, fault)
     end
     if not applied then
         error(messages.problem(400, faults))
@@ -115,6 +119,9 @@ function service.patch(body, resource)
     local annotations = {}
     for _, fault in ipairs(faults) do
         annotations[fault.property .. "@Message.ExtendedInfo"] = messages.texts({ fault })
+    end
+    if faults.omitted then
+        annotations["@Message.ExtendedInfo"] = messages.texts({ omitted = faults.omitted })
     end
     local changed = resources.from(reply.resource, contract.service) or resource
     return {

@@ -56,7 +56,7 @@ TEST_F(WebLogin, AnswersWithTheSessionItsLocationAndItsToken) {
     ASSERT_TRUE(session.contains("Password"));
     EXPECT_TRUE(session["Password"].is_null());
     EXPECT_FALSE(session.contains(extendedInfo));
-    EXPECT_EQ(answer.header("etag"), jsonQuoted(session["@odata.etag"].get<std::string>()));
+    EXPECT_EQ(session["@odata.etag"], answer.header("etag"));
     EXPECT_EQ(answer.header("content-type"), "application/json");
     EXPECT_EQ(answer.header("cache-control"), "no-store");
 }
@@ -323,7 +323,7 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedTellsWhere) {
     EXPECT_THAT(message["Message"].get<std::string>(), HasSubstr(expired.uri));
 }
 
-TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogoutOnly) {
+TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogout) {
     const InsertedSession another = frontEnd().insertSession({.userName = expired.name});
     const HttpResponse answer = login(expired);
     const std::pair<const char*, std::string> refused[] = {
@@ -334,7 +334,6 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogoutOnly)
         {"GET", answer.location()},
         {"GET", another.uri},
         {"DELETE", another.uri},
-        {"GET", expired.uri},
         {"DELETE", expired.uri},
         {"PATCH", reader.uri},
         {"GET", "/redfish/v1/Systems"},
@@ -351,6 +350,7 @@ TEST_F(WebLogin, WithAPasswordThatMustBeChangedAllowsThatChangeAndTheLogoutOnly)
     }
     EXPECT_TRUE(store().exists(another.uri));
     EXPECT_EQ(client().get("/redfish/v1").status, 200);
+    EXPECT_EQ(client().get(expired.uri).status, 200);
     // No account service is there to carry it out.
     EXPECT_EQ(client().patch(expired.uri, R"({"Password":"Another-1-word"})").status, 501);
     EXPECT_EQ(client().remove(answer.location()).status, 204);
@@ -600,7 +600,6 @@ TEST_F(WebLogin, TakesABodyInTheSmallestChunks) {
 }
 
 TEST_F(WebLogin, TakesBodiesOf64KibibytesAndNoLongerOnes) {
-    expectWebErrorLine("client intended to send too large");
     constexpr std::size_t longest = 65536;
     std::string body = credentials(administrator);
     body.insert(1, longest - body.size(), ' ');
@@ -612,7 +611,7 @@ TEST_F(WebLogin, TakesBodiesOf64KibibytesAndNoLongerOnes) {
         EXPECT_EQ(post(body).status, 201) << framing;
         const HttpResponse answer = post(' ' + body);
         EXPECT_EQ(answer.status, 413) << framing;
-        EXPECT_EQ(messageIds(answer), Words{"Base.1.12.PayloadTooLarge"});
+        EXPECT_EQ(messageIds(answer), Words{"ExtendedError.1.2.RequestTooLarge"});
     }
     EXPECT_EQ(store().llen(membersKey), 2);
 }

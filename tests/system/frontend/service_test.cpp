@@ -223,7 +223,6 @@ TEST_F(WebService, ChangesWhatMatchesTheClientsEntityTag) {
     long seconds = 600;
     const std::vector<std::function<std::string()>> cases{
         [&] { return etag(); },
-        [&] { return "W/" + etag(); },
         [&] { return "\"other\", " + etag(); },
         [] { return std::string("*"); },
     };
@@ -235,10 +234,10 @@ TEST_F(WebService, ChangesWhatMatchesTheClientsEntityTag) {
 }
 
 TEST_F(WebService, RefusesToChangeWhatDoesNotMatchTheClientsEntityTag) {
-    const std::string bare = etag().substr(1, etag().size() - 2);
     const Words announced = announcedDuring([&] {
-        for (const std::string& tags : {std::string("\"other\""), bare, "\"" + bare + "0\"",
-                                        std::string("\"\""), std::string("nonsense")}) {
+        for (const std::string& tags :
+             {std::string("\"other\""), "W/" + etag(), "\"1" + etag().substr(1),
+              std::string("\"\""), std::string("nonsense")}) {
             const HttpResponse response = patchIfMatch(tags, R"({"SessionTimeout":600})");
             EXPECT_EQ(response.status, 412) << tags;
             EXPECT_EQ(identifiersOf(errorsOf(response)), Words{"Base.1.12.PreconditionFailed"});

@@ -52,6 +52,7 @@ void WebTest::TearDown() {
         if (const auto ended = web.process().exitStatus()) {
             ADD_FAILURE() << "The web front end ended with " << toText(*ended) << ".";
         } else {
+            waitForErrorLines();
             EXPECT_EQ(toText(web.stop()), toText(ExitStatus{}))
                 << "for the end of the web front end";
         }
@@ -133,6 +134,19 @@ void WebTest::checkLeftovers() {
                   [&] { return (keys = store.keys(requestKeys)).empty(); });
     } catch (const Failure& failure) {
         ADD_FAILURE() << failure.what() << " " << testing::PrintToString(keys);
+    }
+}
+
+// Some lines are written a moment after what they tell of.
+void WebTest::waitForErrorLines() {
+    try {
+        waitUntil("the expected error lines are there", [&] {
+            const std::string log = web.errorLog();
+            return std::all_of(expectedWebErrors.begin(), expectedWebErrors.end(),
+                               [&](const std::string& text) { return contains(log, text); });
+        });
+    } catch (const Failure& failure) {
+        ADD_FAILURE() << failure.what();
     }
 }
 

@@ -42,6 +42,7 @@ class WebTest : public SystemTest {
   private:
     void checkLeftovers();
     void waitUntilDaemonIsIdle();
+    void waitForErrorLines();
     void checkErrorLog();
     void checkSecrets(const std::string& log) const;
 
