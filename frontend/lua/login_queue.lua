@@ -73,6 +73,8 @@ local function findNext()
 end
 
 local function wakeLater(seconds)
+    -- A timer of less than a millisecond runs before the clock has gone on, again and again.
+    seconds = math.max(seconds, 0.001)
     local time = ngx.now() + seconds
     if wakeTime and wakeTime <= time then
         return

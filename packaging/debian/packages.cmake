@@ -57,6 +57,7 @@ set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
     "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS session-service)
+set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_SUGGESTS logrotate)
 
 debian_package(session-service-demo "Demo of the Redfish session service"
 "Runs the session service and everything that a controller has around it in a
