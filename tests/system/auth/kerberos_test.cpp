@@ -41,14 +41,14 @@ class Kerberos : public LoginTest {
         }
     }
     void startServers() {
-        kdc_ = controller.startProgram({.command = {"/usr/sbin/krb5kdc", "-n"}});
-        kadmind_ = controller.startProgram({.command = {"/usr/sbin/kadmind", "-nofork"}});
+        keyServer = controller.startProgram({.command = {"/usr/sbin/krb5kdc", "-n"}});
+        adminServer = controller.startProgram({.command = {"/usr/sbin/kadmind", "-nofork"}});
         waitUntil("the servers answer", [this] {
             return controller.readFile(kdcLog).find("commencing operation") != std::string::npos &&
                    controller.readFile(kadmindLog).find("starting") != std::string::npos;
         });
     }
-    void stopAdministrationServer() { kadmind_.reset(); }
+    void stopAdministrationServer() { adminServer.reset(); }
 
     const std::string withoutGroup = "1";
 
@@ -77,8 +77,8 @@ class Kerberos : public LoginTest {
         "    kdc = FILE:/var/log/kdc.log\n"
         "    admin_server = FILE:/var/log/kadmind.log\n";
 
-    std::unique_ptr<Process> kdc_;
-    std::unique_ptr<Process> kadmind_;
+    std::unique_ptr<Process> keyServer;
+    std::unique_ptr<Process> adminServer;
 };
 
 TEST_F(Kerberos, GivesEachRoleItsPrivilege) {

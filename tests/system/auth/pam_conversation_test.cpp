@@ -12,7 +12,7 @@ class PamConversation : public LoginTest {
     PamRecord ask(const std::string& arguments, const std::string& password = "secret") {
         controller.removeFile("/tmp/pam.records");
         usePamTest("env=PRIVILEGES=1 " + arguments);
-        result_ = privilegeOf("somebody", password);
+        result = privilegeOf("somebody", password);
         return pamRecords().at(0);
     }
     void expectAnswers(const PamRecord& record, const Words& answers) {
@@ -23,17 +23,17 @@ class PamConversation : public LoginTest {
             given.push_back(record.at("answer" + std::to_string(given.size())));
         }
         EXPECT_EQ(given, answers);
-        EXPECT_EQ(result_, "1");
+        EXPECT_EQ(result, "1");
     }
     // The module gets no answer at all, and the login fails.
     void expectFailure(const PamRecord& record) {
         EXPECT_EQ(record.at("conversation"), std::to_string(PAM_CONV_ERR));
         EXPECT_EQ(record.at("answers"), "null");
-        EXPECT_EQ(result_, "AUTH_FAILED");
+        EXPECT_EQ(result, "AUTH_FAILED");
     }
 
   private:
-    std::string result_;
+    std::string result;
 };
 
 TEST_F(PamConversation, AnswersTheHiddenPromptWithThePassword) {

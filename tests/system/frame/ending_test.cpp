@@ -46,14 +46,14 @@ class EndingTest : public SystemTest {
     std::string processFolder() { return "/proc/" + std::to_string(controller.daemon().pid()); }
     std::ptrdiff_t threads() { return entriesOf(processFolder() + "/task"); }
     // How many have ended of those that ran when the daemon began to serve.
-    std::ptrdiff_t endedThreads() { return threadsWhenServing_ - threads(); }
+    std::ptrdiff_t endedThreads() { return threadsWhenServing - threads(); }
     void waitForEndedThreads(std::ptrdiff_t count) {
         waitUntil(std::to_string(count) + " threads have ended",
                   [&] { return endedThreads() == count; });
     }
     void serve() {
         startDaemon();
-        threadsWhenServing_ = threads();
+        threadsWhenServing = threads();
     }
 
     void endThreadOf(const char* channel) {
@@ -96,7 +96,7 @@ class EndingTest : public SystemTest {
     }
 
   private:
-    std::ptrdiff_t threadsWhenServing_ = 0;
+    std::ptrdiff_t threadsWhenServing = 0;
 };
 
 class Exit : public EndingTest {
@@ -184,7 +184,7 @@ class LostConnection : public EndingTest {
     void SetUp() override {
         usePamTest("env=PRIVILEGES=511");
         startStore();
-        monitor_.emplace(controller.monitor());
+        storeMonitor.emplace(controller.monitor());
         serve();
     }
 
@@ -197,11 +197,11 @@ class LostConnection : public EndingTest {
             }
             return !client.empty();
         };
-        for (const MonitoredCommand& seen : monitor_->soFar()) {
+        for (const MonitoredCommand& seen : storeMonitor->soFar()) {
             isMeant(seen);
         }
         if (client.empty()) {
-            monitor_->until(isMeant);
+            storeMonitor->until(isMeant);
         }
         ASSERT_EQ(store().run({"CLIENT", "KILL", "ADDR", client}).integer, 1);
     }
@@ -230,7 +230,7 @@ class LostConnection : public EndingTest {
     }
 
   private:
-    std::optional<Monitor> monitor_;
+    std::optional<Monitor> storeMonitor;
 };
 
 TEST_F(LostConnection, OfTheCreateThreadEndsThatThreadAlone) {
@@ -349,47 +349,47 @@ TEST_F(StoppedStore, WaitsForTheLoginInsidePam) {
 // A proxy that holds the first command of a kind, which is the store's last moment.
 class HeldCommand {
   public:
-    explicit HeldCommand(Controller& controller) : proxy_(controller) {}
+    explicit HeldCommand(Controller& controller) : storeProxy(controller) {}
     ~HeldCommand() { release(); }
 
     // Requests come on fresh connections; some of their commands are the sweeper's, too.
     enum class Connections { all, fresh };
 
     void hold(Words beginning, Connections connections) {
-        proxy_.setFilter([this, beginning = std::move(beginning),
-                          connections](const Words& command) {
-            std::unique_lock lock(mutex_);
+        storeProxy.setFilter([this, beginning = std::move(beginning),
+                              connections](const Words& command) {
+            std::unique_lock lock(stateMutex);
             if (command[0] == "AUTH") {
-                fresh_.insert(std::this_thread::get_id());
+                freshThreads.insert(std::this_thread::get_id());
             }
-            const bool meant =
-                command.size() >= beginning.size() &&
-                std::equal(beginning.begin(), beginning.end(), command.begin()) &&
-                (connections == Connections::all || fresh_.contains(std::this_thread::get_id()));
+            const bool meant = command.size() >= beginning.size() &&
+                               std::equal(beginning.begin(), beginning.end(), command.begin()) &&
+                               (connections == Connections::all ||
+                                freshThreads.contains(std::this_thread::get_id()));
             if (meant) {
-                held_ = true;
-                released_.wait(lock, [this] { return release_; });
+                holdsCommand = true;
+                released.wait(lock, [this] { return isReleased; });
             }
             return StoreProxy::Verdict::pass;
         });
     }
     bool isHeld() {
-        const std::lock_guard lock(mutex_);
-        return held_;
+        const std::lock_guard lock(stateMutex);
+        return holdsCommand;
     }
     void release() {
-        const std::lock_guard lock(mutex_);
-        release_ = true;
-        released_.notify_all();
+        const std::lock_guard lock(stateMutex);
+        isReleased = true;
+        released.notify_all();
     }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable released_;
-    bool held_ = false;
-    bool release_ = false;
-    std::set<std::thread::id> fresh_;  // the proxy has a thread for each connection
-    StoreProxy proxy_;
+    std::mutex stateMutex;
+    std::condition_variable released;
+    bool holdsCommand = false;
+    bool isReleased = false;
+    std::set<std::thread::id> freshThreads;  // the proxy has a thread for each connection
+    StoreProxy storeProxy;
 };
 
 struct LastCommand {
@@ -464,25 +464,25 @@ INSTANTIATE_TEST_SUITE_P(At, StoppedStoreDuringAPass,
 // Ends the connection of one request at a command that a number tells.
 class CutRequests : public StoppedStore {
   protected:
-    CutRequests() : proxy_(controller) {}
+    CutRequests() : storeProxy(controller) {}
 
     void SetUp() override {
         StoppedStore::SetUp();
         startStore();
         serve();
-        proxy_.setFilter([this](const Words& command) { return verdictOn(command); });
+        storeProxy.setFilter([this](const Words& command) { return verdictOn(command); });
     }
 
     // The connection that comes next ends at its command of this number, from 1 on.
     void cutNextAt(int number) {
-        const std::lock_guard lock(mutex_);
-        next_ = true;
-        left_ = number;
+        const std::lock_guard lock(stateMutex);
+        takesNext = true;
+        commandsLeft = number;
     }
     // Whether that has happened.
     bool isCut() {
-        const std::lock_guard lock(mutex_);
-        return left_ == 0;
+        const std::lock_guard lock(stateMutex);
+        return commandsLeft == 0;
     }
 
     // Sends requests, each cut one command later than the one before, until one is served
@@ -509,22 +509,23 @@ class CutRequests : public StoppedStore {
 
   private:
     StoreProxy::Verdict verdictOn(const Words& command) {
-        const std::lock_guard lock(mutex_);
-        if (next_ && command[0] == "AUTH") {
-            next_ = false;
-            connection_ = std::this_thread::get_id();
+        const std::lock_guard lock(stateMutex);
+        if (takesNext && command[0] == "AUTH") {
+            takesNext = false;
+            watchedThread = std::this_thread::get_id();
         }
-        if (left_ > 0 && std::this_thread::get_id() == connection_ && --left_ == 0) {
+        if (commandsLeft > 0 && std::this_thread::get_id() == watchedThread &&
+            --commandsLeft == 0) {
             return StoreProxy::Verdict::cut;
         }
         return StoreProxy::Verdict::pass;
     }
 
-    std::mutex mutex_;
-    bool next_ = false;
-    int left_ = 0;
-    std::thread::id connection_;
-    StoreProxy proxy_;
+    std::mutex stateMutex;
+    bool takesNext = false;
+    int commandsLeft = 0;
+    std::thread::id watchedThread;
+    StoreProxy storeProxy;
 };
 
 TEST_F(CutRequests, AtAnyCommandOfALoginLeaveTheNextLoginAsItWas) {

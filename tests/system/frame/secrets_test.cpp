@@ -45,8 +45,8 @@ class SecretFinder {
         const std::size_t size = std::min(secret.size(), longestPiece);
         for (std::size_t at = 0; at + size <= secret.size(); ++at) {
             const std::string piece = secret.substr(at, size);
-            beginnings_.set(beginning(piece.data()));
-            pieces_.emplace(prefix(piece.data()), Piece{piece, name});
+            beginnings.set(beginning(piece.data()));
+            secretPieces.emplace(prefix(piece.data()), Piece{piece, name});
         }
     }
 
@@ -55,10 +55,10 @@ class SecretFinder {
         std::set<std::string> found;
         for (std::size_t at = 0; at + prefixSize <= memory.size(); ++at) {
             const char* here = memory.data() + at;
-            if (!beginnings_.test(beginning(here))) {
+            if (!beginnings.test(beginning(here))) {
                 continue;
             }
-            const auto [first, last] = pieces_.equal_range(prefix(here));
+            const auto [first, last] = secretPieces.equal_range(prefix(here));
             for (auto each = first; each != last; ++each) {
                 const auto& [text, name] = each->second;
                 if (memory.compare(at, text.size(), text) == 0) {
@@ -88,8 +88,8 @@ class SecretFinder {
         return value;
     }
 
-    std::bitset<std::size_t{1} << 16> beginnings_;
-    std::unordered_multimap<std::uint64_t, Piece> pieces_;
+    std::bitset<std::size_t{1} << 16> beginnings;
+    std::unordered_multimap<std::uint64_t, Piece> secretPieces;
 };
 
 class Secrets : public PermissivePamTest {
@@ -98,7 +98,7 @@ class Secrets : public PermissivePamTest {
         constexpr char library[] = "/usr/local/lib/command_lines.so";
         controller.install(TEST_COMMAND_LINES, library);
         startStore();
-        monitor_.emplace(controller.monitor());
+        storeMonitor.emplace(controller.monitor());
         // An arena for each thread and large stacks would make a core image of 300 MB, most of
         // them never used.
         startDaemon({.environment = {{"LD_PRELOAD", library},
@@ -108,11 +108,11 @@ class Secrets : public PermissivePamTest {
                      .limits = {"--stack=1048576"}});
 
         const std::string key = controller.readFile(keyFile).substr(0, 64);
-        passwords_.add("the key", key);
-        passwords_.add("the key's bytes", bytesOf(key));
+        passwordFinder.add("the key", key);
+        passwordFinder.add("the key's bytes", bytesOf(key));
         store();
         frontEnd();
-        idleClients_ = clients();
+        idleClients = clients();
     }
 
     void TearDown() override {
@@ -138,7 +138,7 @@ class Secrets : public PermissivePamTest {
             user, password,
             {.body = {{"UserName", '"' + user + '"'}, {"Password", std::move(cipher)}}});
         if (!reply.token().empty()) {
-            tokens_.add("a token", reply.token());
+            tokenFinder.add("a token", reply.token());
         }
         return reply;
     }
@@ -181,8 +181,8 @@ class Secrets : public PermissivePamTest {
             stream[i] = static_cast<char>(stream[i] ^ password[i]);
         }
         const std::string name = password.substr(0, 40);
-        passwords_.add("the password " + name, password);
-        passwords_.add("the key stream of " + name, stream);
+        passwordFinder.add("the password " + name, password);
+        passwordFinder.add("the key stream of " + name, stream);
     }
 
     long clients() {
@@ -213,9 +213,9 @@ class Secrets : public PermissivePamTest {
     }
 
     void checkMemory() {
-        waitUntil("no request is under way", [this] { return clients() == idleClients_; });
+        waitUntil("no request is under way", [this] { return clients() == idleClients; });
         const std::string memory = coreImage();
-        EXPECT_THAT(passwords_.in(memory), IsEmpty()) << "in the daemon's memory";
+        EXPECT_THAT(passwordFinder.in(memory), IsEmpty()) << "in the daemon's memory";
 
         SecretFinder known;
         known.add("the store's password", controller.storePassword());
@@ -224,9 +224,10 @@ class Secrets : public PermissivePamTest {
 
     void checkWire() {
         std::size_t logins = 0;
-        for (const MonitoredCommand& command : monitor_->soFar()) {
+        for (const MonitoredCommand& command : storeMonitor->soFar()) {
             for (const std::string& word : command.words) {
-                EXPECT_THAT(passwords_.in(word), IsEmpty()) << "in what " << command.words.front();
+                EXPECT_THAT(passwordFinder.in(word), IsEmpty())
+                    << "in what " << command.words.front();
             }
             logins += command.words.size() == 3 && command.words[1] == createChannel ? 1 : 0;
         }
@@ -234,7 +235,7 @@ class Secrets : public PermissivePamTest {
     }
 
     void checkTexts() {
-        passwords_.add("the store's password", controller.storePassword());
+        passwordFinder.add("the store's password", controller.storePassword());
         const std::string log = controller.readFile(logFile);
         EXPECT_NE(log, "");
         expectNothingTold(log, "in the log");
@@ -250,8 +251,8 @@ class Secrets : public PermissivePamTest {
         }
     }
     void expectNothingTold(const std::string& text, const std::string& place) const {
-        EXPECT_THAT(passwords_.in(text), IsEmpty()) << place;
-        EXPECT_THAT(tokens_.in(text), IsEmpty()) << place;
+        EXPECT_THAT(passwordFinder.in(text), IsEmpty()) << place;
+        EXPECT_THAT(tokenFinder.in(text), IsEmpty()) << place;
     }
 
     // The tool takes the password among its arguments. Those of the shell that becomes the tool
@@ -261,10 +262,10 @@ class Secrets : public PermissivePamTest {
                words[0] == "kadmin" || (words.size() > 1 && words[1] == "/usr/local/bin/kadmin");
     }
 
-    std::optional<Monitor> monitor_;
-    SecretFinder passwords_;
-    SecretFinder tokens_;
-    long idleClients_ = 0;
+    std::optional<Monitor> storeMonitor;
+    SecretFinder passwordFinder;
+    SecretFinder tokenFinder;
+    long idleClients = 0;
 };
 
 TEST_F(Secrets, OfLocalAccountsAreForgotten) {

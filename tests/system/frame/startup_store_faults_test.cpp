@@ -90,7 +90,7 @@ class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault>
         for (const char* queue : {createQueue, deleteQueue, patchQueue}) {
             store().del(queue);
         }
-        injector_.inject(fault, 0, [step = theStart[at]](const FaultInjector::SentCommand& sent) {
+        injector.inject(fault, 0, [step = theStart[at]](const FaultInjector::SentCommand& sent) {
             return matches(step, sent.words);
         });
         Effects expected = effectsWith(fault, theStart, at);
@@ -152,7 +152,7 @@ class FaultyStart : public SystemTest, public testing::WithParamInterface<Fault>
         return lines;
     }
 
-    FaultInjector injector_{controller};
+    FaultInjector injector{controller};
 };
 
 TEST_P(FaultyStart, FailsOrServesAsTheFaultLeavesPossible) {

@@ -45,7 +45,7 @@ class Client {
 
         const Words environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8",
                                 "HOME=" + folder};
-        const int error = posix_spawn(&pid_, command.front().c_str(), &actions, &attributes,
+        const int error = posix_spawn(&pid, command.front().c_str(), &actions, &attributes,
                                       pointersTo(command).data(), pointersTo(environment).data());
         posix_spawn_file_actions_destroy(&actions);
         posix_spawnattr_destroy(&attributes);
@@ -54,9 +54,9 @@ class Client {
         }
     }
     ~Client() {
-        if (!ended_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
+        if (!ended) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
         }
     }
     Client(const Client&) = delete;
@@ -64,8 +64,8 @@ class Client {
 
     ExitStatus wait() {
         int status = 0;
-        waitUntil("the client ends", [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
-        ended_ = true;
+        waitUntil("the client ends", [&] { return waitpid(pid, &status, WNOHANG) == pid; });
+        ended = true;
         return WIFSIGNALED(status) ? ExitStatus{true, WTERMSIG(status)}
                                    : ExitStatus{false, WEXITSTATUS(status)};
     }
@@ -80,8 +80,8 @@ class Client {
         return pointers;
     }
 
-    pid_t pid_ = -1;
-    bool ended_ = false;
+    pid_t pid = -1;
+    bool ended = false;
 };
 
 class WebClients : public WebTest {

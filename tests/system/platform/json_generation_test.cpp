@@ -256,17 +256,17 @@ class BodyConversion : public RunningSystemTest {
     }
     void expectError(const std::string& message) {
         expectErrorLine(message);
-        expected_.push_back(message);
+        expected.push_back(message);
     }
     void TearDown() override {
-        for (const std::string& message : expected_) {
+        for (const std::string& message : expected) {
             EXPECT_EQ(countLogged(message), 1) << message;
         }
         RunningSystemTest::TearDown();
     }
 
   private:
-    Words expected_;
+    Words expected;
 };
 
 TEST_F(BodyConversion, TakesAPlainFieldAsItIs) {

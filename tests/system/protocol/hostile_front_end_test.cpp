@@ -210,26 +210,26 @@ class HostileFrontEnd : public SystemTest,
             controller.writeFile("/etc/pam.d/q73.conf", "KrbAttrGrouping=1;\n");
         }
         start();
-        threads_ = countThreads();
+        threads = countThreads();
         insertCanaries();
         buildFences();
         for (const std::string& password :
              {std::string(administrator.password), std::string("'; touch /tmp/started; '"),
               std::string("$(touch /tmp/started)"), std::string("-w"), std::string("%s%n\n"),
               std::string(), std::string("a\0b", 3), std::string(1024, 'p')}) {
-            passwords_.push_back(frontEnd().encryptPassword(password));
+            passwords.push_back(frontEnd().encryptPassword(password));
         }
-        returns_.emplace(controller.connect());
-        returns_->subscribe(fenceReturn);
+        returns.emplace(controller.connect());
+        returns->subscribe(fenceReturn);
         // The messages of a reply are still there after any stall.
         store().hset("webDefaultValue", {{"REDIS_CONNECTION_DEFAULT_TIMEOUT", "600000"}});
-        baseline_ = readStore();
+        baseline = readStore();
         expectPlainLife();
         settle();
         restoreStore();
         // What is logged from here on is of requests.
         controller.removeFile(logFile);
-        files_ = readFiles();
+        filesBefore = readFiles();
     }
 
     static const House& house() { return std::get<0>(GetParam()); }
@@ -243,11 +243,11 @@ class HostileFrontEnd : public SystemTest,
                 passFence(channel);
             }
             settle();
-            EXPECT_EQ(countThreads(), threads_);
+            EXPECT_EQ(countThreads(), threads);
             checkStore(storm);
             checkFiles();
             restoreStore();
-            controller.writeFile(persistentFile, files_.at(persistentFile));
+            controller.writeFile(persistentFile, filesBefore.at(persistentFile));
             waitForExpiry();
             checkLog();
             expectPlainLife();
@@ -270,7 +270,7 @@ class HostileFrontEnd : public SystemTest,
     }
 
     // How often the requests came to each outcome.
-    std::map<std::string, unsigned long> outcomes_{
+    std::map<std::string, unsigned long> outcomes{
         {"AUTH_FAILED", 0}, {"EXCEPTION", 0}, {"FAILURE", 0},     {"FORBIDDEN", 0},
         {"OK", 0},          {"OK_EMPTY", 0},  {"UNAVAILABLE", 0},
     };
@@ -320,13 +320,13 @@ class HostileFrontEnd : public SystemTest,
     // Returns once the daemon has served everything that was announced on the channel.
     void passFence(const std::string& channel) {
         constexpr std::chrono::milliseconds attention{100};
-        const std::string reply = "&&/fence/reply/" + std::to_string(++fences_);
+        const std::string reply = "&&/fence/reply/" + std::to_string(++fenceCount);
         store().publish(channel, "&&/fence/request " + reply);
         const Deadline end = deadlineFromNow();
         for (;;) {
             const auto ended = controller.daemon().exitStatus();
             const Deadline now = std::chrono::steady_clock::now();
-            const std::optional<Value> message = returns_->next(now + attention);
+            const std::optional<Value> message = returns->next(now + attention);
             if (message && message->elements.at(2).text == reply) {
                 return;
             }
@@ -349,7 +349,7 @@ class HostileFrontEnd : public SystemTest,
     }
 
     void rage(Storm& storm, unsigned long count) {
-        HostileRequests requests(storm.seed, {namesOfOthers(), {canarySession}, passwords_});
+        HostileRequests requests(storm.seed, {namesOfOthers(), {canarySession}, passwords});
         for (unsigned long i = 0; i < count; ++i) {
             if (i % 10 == 0) {
                 mend(storm);
@@ -368,7 +368,7 @@ class HostileFrontEnd : public SystemTest,
 
     Words namesOfOthers() const {
         Words names;
-        for (const auto& key : baseline_) {
+        for (const auto& key : baseline) {
             if (!startsWith(key.first, "&&/fence/") && !startsWith(key.first, branch)) {
                 names.push_back(key.first);
             }
@@ -408,8 +408,8 @@ class HostileFrontEnd : public SystemTest,
     void mend(Storm& storm) {
         std::vector<Words> commands{{"DEL", membersKey}};
         for (const std::string& key : storm.made) {
-            const auto found = baseline_.find(key);
-            if (found != baseline_.end()) {
+            const auto found = baseline.find(key);
+            if (found != baseline.end()) {
                 commands.push_back({"RESTORE", key, "0", found->second.serialised, "REPLACE"});
             }
         }
@@ -424,7 +424,7 @@ class HostileFrontEnd : public SystemTest,
 
     void restoreStore() {
         Words script{"EVAL", restoringScript, "0"};
-        for (const auto& [key, value] : baseline_) {
+        for (const auto& [key, value] : baseline) {
             script.push_back(key);
             script.push_back(value.serialised);
         }
@@ -455,7 +455,7 @@ class HostileFrontEnd : public SystemTest,
 
     void checkStore(const Storm& storm) {
         const std::map<std::string, Stored> content = readStore();
-        for (const auto& [key, before] : baseline_) {
+        for (const auto& [key, before] : baseline) {
             if (storm.made.count(key) == 0) {
                 SCOPED_TRACE(key);
                 const auto found = content.find(key);
@@ -515,7 +515,7 @@ class HostileFrontEnd : public SystemTest,
     bool mayBeThere(const Storm& storm, const std::string& key) const {
         const std::string session = std::string(sessionsUri) + "/";
         const std::string entries = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries/";
-        return baseline_.count(key) != 0 || storm.made.count(key) != 0 ||
+        return baseline.count(key) != 0 || storm.made.count(key) != 0 ||
                storm.named.count(key) != 0 || startsWith(key, "&&/request/") ||
                startsWith(key, "&&/fence/") || isDrawn(key, session, 8) ||
                isDrawn(key, "&&" + session, 8) || isDrawn(key, "&&X-AUTH-TOKEN-", 64) ||
@@ -536,8 +536,8 @@ class HostileFrontEnd : public SystemTest,
 
     void countOutcome(const Stored& reply) {
         const auto status = reply.fields.find("&&ReturnStatus");
-        if (status != reply.fields.end() && outcomes_.count(status->second) != 0) {
-            ++outcomes_[status->second];
+        if (status != reply.fields.end() && outcomes.count(status->second) != 0) {
+            ++outcomes[status->second];
         }
     }
 
@@ -567,17 +567,17 @@ class HostileFrontEnd : public SystemTest,
         std::map<std::string, std::string> files = readFiles();
         // A PATCH writes its value there, and nothing else.
         std::string& properties = files[persistentFile];
-        const std::string before = files_.at(persistentFile);
+        const std::string before = filesBefore.at(persistentFile);
         const std::size_t value = before.find("=") + 1;
         EXPECT_EQ(properties.substr(0, value), before.substr(0, value));
         EXPECT_EQ(properties.find('\n', value), properties.size() - 1);
         properties = before;
-        for (const auto& [path, content] : files_) {
+        for (const auto& [path, content] : filesBefore) {
             const auto found = files.find(path);
             EXPECT_TRUE(found != files.end() && found->second == content) << "changed: " << path;
         }
         for (const auto& file : files) {
-            EXPECT_EQ(files_.count(file.first), 1U) << "unexpected file " << file.first;
+            EXPECT_EQ(filesBefore.count(file.first), 1U) << "unexpected file " << file.first;
         }
         controller.removeFile("/tmp/pam.records");
         controller.removeFile("/tmp/kadmin.arguments");
@@ -637,12 +637,12 @@ class HostileFrontEnd : public SystemTest,
         }
     }
 
-    std::optional<StoreClient> returns_;
-    unsigned long fences_ = 0;
-    std::ptrdiff_t threads_ = 0;
-    Words passwords_;
-    std::map<std::string, Stored> baseline_;
-    std::map<std::string, std::string> files_;
+    std::optional<StoreClient> returns;
+    unsigned long fenceCount = 0;
+    std::ptrdiff_t threads = 0;
+    Words passwords;
+    std::map<std::string, Stored> baseline;
+    std::map<std::string, std::string> filesBefore;
 };
 
 TEST_P(HostileFrontEnd, LeavesDaemonAndStrangersUnharmed) {
@@ -656,10 +656,10 @@ TEST_P(HostileFrontEnd, LeavesDaemonAndStrangersUnharmed) {
     }
     expectExpiry();
     // Storms that do not get far show little.
-    EXPECT_GT(outcomes_["OK"], 0U);
-    EXPECT_GT(outcomes_["OK_EMPTY"], 0U);
+    EXPECT_GT(outcomes["OK"], 0U);
+    EXPECT_GT(outcomes["OK_EMPTY"], 0U);
     std::cout << requests << " requests:";
-    for (const auto& [outcome, count] : outcomes_) {
+    for (const auto& [outcome, count] : outcomes) {
         std::cout << ' ' << outcome << ' ' << count;
     }
     std::cout << '\n';

@@ -50,11 +50,11 @@ class FaultySubscription : public SystemTest {
     // an attempt, which is as good as any with `attempt`.
     void answer(const std::map<std::string, StoreProxy::Verdict>& byChannel,
                 const std::optional<StoreProxy::Verdict>& attempt = std::nullopt) {
-        expiryRuns_ = false;
-        proxy_.setFilter(
+        expiryRuns = false;
+        storeProxy.setFilter(
             [=, this, attempts = std::make_shared<std::atomic<int>>(0)](const Words& command) {
                 if (command[0] != "SUBSCRIBE") {
-                    expiryRuns_ = expiryRuns_ || command[0] == "LRANGE";
+                    expiryRuns = expiryRuns || command[0] == "LRANGE";
                     return StoreProxy::Verdict::pass;
                 }
                 const bool isAttempt = command[1] == patchChannel && (*attempts)++ == 0;
@@ -84,12 +84,12 @@ class FaultySubscription : public SystemTest {
 
     // The last thread to be waited for, since it subscribes nothing.
     void waitForTheExpiry() {
-        waitUntil("the expiry runs", [this] { return expiryRuns_.load(); });
+        waitUntil("the expiry runs", [this] { return expiryRuns.load(); });
     }
 
   private:
-    std::atomic<bool> expiryRuns_ = false;
-    StoreProxy proxy_{controller};
+    std::atomic<bool> expiryRuns = false;
+    StoreProxy storeProxy{controller};
 };
 
 const std::string nil = "$-1\r\n";

@@ -222,13 +222,13 @@ class FailedServiceBootstrap : public ServiceBootstrap {
   protected:
     void expectFailure(const std::string& line, const std::string& thrown) {
         expectExitStatus(failedStart);
-        lines_ = {line, "Error occurs while initialize data: " + thrown};
-        for (const std::string& each : lines_) {
+        lines = {line, "Error occurs while initialize data: " + thrown};
+        for (const std::string& each : lines) {
             expectErrorLine(each);
         }
     }
     void TearDown() override {
-        for (const std::string& each : lines_) {
+        for (const std::string& each : lines) {
             EXPECT_EQ(countLogged(each), 1) << each;
         }
         EXPECT_EQ(countLogged("SessionService terminates."), 0);
@@ -236,7 +236,7 @@ class FailedServiceBootstrap : public ServiceBootstrap {
     }
 
   private:
-    Words lines_;
+    Words lines;
 };
 
 TEST_F(FailedServiceBootstrap, WhenTheQueueIsNoList) {

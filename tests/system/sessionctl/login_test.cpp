@@ -171,90 +171,90 @@ class Terminal {
   public:
     Terminal() {
         std::array<char, 128> name{};
-        if (openpty(&master_, &slave_, name.data(), nullptr, nullptr) != 0) {
+        if (openpty(&master, &slave, name.data(), nullptr, nullptr) != 0) {
             throw Failure("No terminal.");
         }
-        path_ = name.data();
+        terminalPath = name.data();
     }
     ~Terminal() {
-        close(slave_);
-        close(master_);
+        close(slave);
+        close(master);
     }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return terminalPath; }
     bool echoes() const {
         termios settings{};
-        tcgetattr(slave_, &settings);
+        tcgetattr(slave, &settings);
         return (settings.c_lflag & ECHO) != 0;
     }
     void type(const std::string& text) const {
-        EXPECT_EQ(write(master_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        EXPECT_EQ(write(master, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
     // What it has shown so far; blocks until there is something.
     std::string shown() const {
         std::array<char, 1024> text{};
-        const ssize_t count = read(master_, text.data(), text.size());
+        const ssize_t count = read(master, text.data(), text.size());
         return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
     }
 
   private:
-    int master_ = -1;
-    int slave_ = -1;
-    std::string path_;
+    int master = -1;
+    int slave = -1;
+    std::string terminalPath;
 };
 
 class TryingAtATerminal : public Trying {
   protected:
     void SetUp() override {
         usePamTest("password=" + secret + " env=PRIVILEGES=511");
-        process_ = startSessionctl({"login",
-                                    "some\x1b"
-                                    "body"},
-                                   terminal_.path());
+        running = startSessionctl({"login",
+                                   "some\x1b"
+                                   "body"},
+                                  console.path());
         waitUntil("the password is asked for", [this] {
             return controller.errorsOf("sessionctl") == R"(Password of some\x1bbody: )";
         });
     }
     void TearDown() override {
-        EXPECT_TRUE(terminal_.echoes());
+        EXPECT_TRUE(console.echoes());
         EXPECT_THAT(controller.outputOf("sessionctl") + controller.errorsOf("sessionctl"),
                     Not(HasSubstr(secret)));
         Trying::TearDown();
     }
 
     const std::string secret = "Cobalt-3-thicket";
-    Terminal terminal_;
-    std::unique_ptr<Process> process_;
+    Terminal console;
+    std::unique_ptr<Process> running;
 };
 
 TEST_F(TryingAtATerminal, ShowsNothingOfThePassword) {
-    EXPECT_FALSE(terminal_.echoes());
-    terminal_.type(secret + "\n");
-    EXPECT_EQ(process_->wait(), ExitStatus{});
-    EXPECT_EQ(terminal_.shown(), "\r\n");
+    EXPECT_FALSE(console.echoes());
+    console.type(secret + "\n");
+    EXPECT_EQ(running->wait(), ExitStatus{});
+    EXPECT_EQ(console.shown(), "\r\n");
 }
 
 TEST_F(TryingAtATerminal, KeepsThePasswordOutOfItsArguments) {
     holdPam();
-    terminal_.type(secret + "\n");
+    console.type(secret + "\n");
     waitUntilPamHolds();
-    EXPECT_THAT(procText(process_->pid(), "cmdline"),
+    EXPECT_THAT(procText(running->pid(), "cmdline"),
                 AllOf(HasSubstr("login"), Not(HasSubstr(secret))));
-    EXPECT_THAT(procText(process_->pid(), "environ"), Not(HasSubstr(secret)));
+    EXPECT_THAT(procText(running->pid(), "environ"), Not(HasSubstr(secret)));
     releasePam();
-    EXPECT_EQ(process_->wait(), ExitStatus{});
+    EXPECT_EQ(running->wait(), ExitStatus{});
 }
 
 TEST_F(TryingAtATerminal, EndsAsAskedWhileItWaitsForThePassword) {
-    process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
+    running->signal(SIGINT);
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
 }
 
 TEST_F(TryingAtATerminal, EndsWithTheInput) {
-    terminal_.type("\x04");
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 1}));
+    console.type("\x04");
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = false, .value = 1}));
 }
 
 }  // namespace

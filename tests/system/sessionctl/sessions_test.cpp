@@ -365,28 +365,28 @@ class UnansweredDeletion : public WithoutADaemon {
     void SetUp() override {
         WithoutADaemon::SetUp();
         frontEnd().insertSession({.identifier = "00000001"});
-        silent_.emplace(controller.connect());
-        silent_->subscribe(deleteChannel);
-        process_ = startSessionctl({"delete", "00000001"});
-        notice_ = silent_->nextMessage();
+        silentListener.emplace(controller.connect());
+        silentListener->subscribe(deleteChannel);
+        running = startSessionctl({"delete", "00000001"});
+        receivedNotice = silentListener->nextMessage();
     }
 
-    std::optional<StoreClient> silent_;
-    std::unique_ptr<Process> process_;
-    std::string notice_;
+    std::optional<StoreClient> silentListener;
+    std::unique_ptr<Process> running;
+    std::string receivedNotice;
 };
 
 TEST_F(UnansweredDeletion, IsTakenBackWhenInterrupted) {
-    process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
+    running->signal(SIGINT);
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = true, .value = SIGINT}));
     EXPECT_EQ(controller.errorsOf("sessionctl"),
               "sessionctl: The deletion was taken back, unless it is being carried out.\n");
-    EXPECT_FALSE(store().exists(notice_.substr(0, notice_.find(' '))));
+    EXPECT_FALSE(store().exists(receivedNotice.substr(0, receivedNotice.find(' '))));
 }
 
 TEST_F(UnansweredDeletion, MayStillBeCarriedOutWhenTheStoreGoes) {
     controller.stopStore();
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(controller.errorsOf("sessionctl"),
               "sessionctl: The store has stopped answering. The deletion may still be carried "
               "out.\n");

@@ -18,7 +18,7 @@ class Watching : public RunningSessionctlTest {
     void watch(const Words& arguments = {}) {
         Words all{"watch"};
         all.insert(all.end(), arguments.begin(), arguments.end());
-        process_ = startSessionctl(all);
+        running = startSessionctl(all);
     }
     // Blocks until it has written so many lines.
     Words lines(std::size_t count) const {
@@ -37,7 +37,7 @@ class Watching : public RunningSessionctlTest {
         return frontEnd().insertSession({.identifier = identifier, .userName = user}).uri;
     }
 
-    std::unique_ptr<Process> process_;
+    std::unique_ptr<Process> running;
 };
 
 TEST_F(Watching, TellsWhoIsThereAndWhoComesAndGoes) {
@@ -53,8 +53,8 @@ TEST_F(Watching, TellsWhoIsThereAndWhoComesAndGoes) {
     EXPECT_THAT(lines(3), ElementsAre(MatchesRegex(time + "present  00000001  ann  -"),
                                       MatchesRegex(time + "new      00000002  b\\\\x1bb  -"),
                                       MatchesRegex(time + "gone     00000002  b\\\\x1bb  -")));
-    process_->signal(SIGINT);
-    EXPECT_EQ(process_->wait(), ExitStatus{});
+    running->signal(SIGINT);
+    EXPECT_EQ(running->wait(), ExitStatus{});
     EXPECT_EQ(controller.errorsOf("sessionctl"), "");
 }
 
@@ -66,8 +66,8 @@ TEST_F(Watching, GivesProgramsOneDocumentALine) {
     event.erase("time");
     EXPECT_EQ(event,
               (json{{"event", "present"}, {"id", "00000001"}, {"user", "ann"}, {"client", ""}}));
-    process_->signal(SIGTERM);
-    EXPECT_EQ(process_->wait(), ExitStatus{});
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->wait(), ExitStatus{});
 }
 
 TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {
@@ -84,7 +84,7 @@ TEST_F(Watching, GivesProgramsItsFailureOnALineToo) {
     inserted("00000001");
     lines(1);
     stopDaemon();
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(json::parse(lines(2).at(1)), (json{{"error", "The store has stopped answering."}}));
 }
 
@@ -93,7 +93,7 @@ TEST_F(Watching, EndsWithTheStore) {
     inserted("00000001");
     lines(1);
     stopDaemon();
-    EXPECT_EQ(process_->wait(), (ExitStatus{.bySignal = false, .value = 3}));
+    EXPECT_EQ(running->wait(), (ExitStatus{.bySignal = false, .value = 3}));
     EXPECT_EQ(controller.errorsOf("sessionctl"), "sessionctl: The store has stopped answering.\n");
 }
 

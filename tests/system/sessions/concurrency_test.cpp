@@ -18,18 +18,18 @@ constexpr char auditLog[] = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries
 class Handover {
   public:
     void put(const std::string& uri) {
-        const std::lock_guard lock(mutex_);
-        uris_.push_back(uri);
+        const std::lock_guard lock(listMutex);
+        knownUris.push_back(uri);
     }
     // Any of them; it stays for others. Empty when there is none.
     std::string any(unsigned random) {
-        const std::lock_guard lock(mutex_);
-        return uris_.empty() ? std::string() : uris_[random % uris_.size()];
+        const std::lock_guard lock(listMutex);
+        return knownUris.empty() ? std::string() : knownUris[random % knownUris.size()];
     }
 
   private:
-    std::mutex mutex_;
-    Words uris_;
+    std::mutex listMutex;
+    Words knownUris;
 };
 
 struct Tally {
@@ -184,26 +184,26 @@ class Concurrency : public RunningSystemTest {
     // Several clients at work, each on a thread; however this ends, they are told to stop.
     class Clients {
       public:
-        explicit Clients(std::atomic<bool>& stopFlag) : stop_(stopFlag) {}
-        ~Clients() { stop_ = true; }  // the threads are waited for after that
+        explicit Clients(std::atomic<bool>& stopFlag) : isStopped(stopFlag) {}
+        ~Clients() { isStopped = true; }  // the threads are waited for after that
         Clients(const Clients&) = delete;
         Clients& operator=(const Clients&) = delete;
 
         template <typename Act>
         void start(Act act) {
-            clients_.push_back(std::async(std::launch::async, act));
+            runningClients.push_back(std::async(std::launch::async, act));
         }
         // Throws what the first failing client threw.
         void stop() {
-            stop_ = true;
-            for (std::future<void>& client : clients_) {
+            isStopped = true;
+            for (std::future<void>& client : runningClients) {
                 client.get();
             }
         }
 
       private:
-        std::atomic<bool>& stop_;
-        std::vector<std::future<void>> clients_;
+        std::atomic<bool>& isStopped;
+        std::vector<std::future<void>> runningClients;
     };
 
     std::atomic<bool> stop = false;

@@ -101,13 +101,14 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
         startStore();
         // With a fraction each deletion asks for the maximum.
         store().hset("webDefaultValue", {{"MAX_EVENT_GROUP_ID", "65535.5"}});
-        proxy_.setFilter([this](const Words& command) {
-            const std::lock_guard lock(mutex_);
-            if (command == listing && expiry_ == std::thread::id()) {
-                expiry_ = std::this_thread::get_id();
+        proxy.setFilter([this](const Words& command) {
+            const std::lock_guard lock(stateMutex);
+            if (command == listing && expiryThread == std::thread::id()) {
+                expiryThread = std::this_thread::get_id();
             }
-            return expiry_ == std::this_thread::get_id() && filter_ ? filter_(command)
-                                                                    : StoreProxy::Verdict::pass;
+            return expiryThread == std::this_thread::get_id() && currentFilter
+                       ? currentFilter(command)
+                       : StoreProxy::Verdict::pass;
         });
     }
 
@@ -119,9 +120,9 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
     // Of the commands of the expiry that is started next, one at a time, from the first list of
     // the sessions on.
     void setFilter(StoreProxy::Filter filter) {
-        const std::lock_guard lock(mutex_);
-        expiry_ = {};
-        filter_ = std::move(filter);
+        const std::lock_guard lock(stateMutex);
+        expiryThread = {};
+        currentFilter = std::move(filter);
     }
 
     // What has been done to the session, but for the count, which all have in common.
@@ -163,8 +164,8 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
             "Timeout session thread is running ...",
             "SessionService will generate events when resource is created/updated/removed."};
         Lines lines;
-        for (const std::vector<LogLine> all = logLines(); lines_ < all.size(); ++lines_) {
-            const LogLine& line = all[lines_];
+        for (const std::vector<LogLine> all = logLines(); linesSeen < all.size(); ++linesSeen) {
+            const LogLine& line = all[linesSeen];
             if (usual.count(line.message) == 0) {
                 lines.push_back(line.tag + " " + line.message);
             }
@@ -183,11 +184,11 @@ class FaultyExpiry : public SystemTest, public testing::WithParamInterface<Fault
     }
 
   private:
-    std::mutex mutex_;
-    std::thread::id expiry_;  // serves its connection
-    StoreProxy::Filter filter_;
-    std::size_t lines_ = 0;  // of the log, looked at already
-    StoreProxy proxy_{controller};
+    std::mutex stateMutex;
+    std::thread::id expiryThread;  // serves its connection
+    StoreProxy::Filter currentFilter;
+    std::size_t linesSeen = 0;  // of the log, looked at already
+    StoreProxy proxy{controller};
 };
 
 // --- a connection that ends
@@ -212,17 +213,17 @@ class LostExpiry : public FaultyExpiry {
         store().hset(sessionsUri, {{"Members@odata.count", "0"}});
         const InsertedSession expiring = frontEnd().insertSession(expiredSession);
         const InsertedSession living = frontEnd().insertSession(liveSession);
-        commands_ = 0;
+        commandCount = 0;
         setFilter([this, at, verdict = fault.verdict, step = steps[at]](const Words& command) {
-            if (commands_++ != at) {
+            if (commandCount++ != at) {
                 return StoreProxy::Verdict::pass;
             }
-            isMeantOne_ = matches(step, command);
+            isMeantOne = matches(step, command);
             return verdict;
         });
         startDaemon();
-        waitUntil("the command has come", [&] { return commands_ > at; });
-        EXPECT_TRUE(isMeantOne_);
+        waitUntil("the command has come", [&] { return commandCount > at; });
+        EXPECT_TRUE(isMeantOne);
         Effects effects = effectsWith(fault, steps, at);
         // The one that is logged out adds one and takes one away.
         expectLogouts();
@@ -231,12 +232,12 @@ class LostExpiry : public FaultyExpiry {
         EXPECT_EQ(effectsOn(expiring), effects);
         EXPECT_EQ(effectsOn(living), Effects{});
         expectLines(linesWith(fault, steps, at));
-        EXPECT_EQ(commands_, at + 1);
+        EXPECT_EQ(commandCount, at + 1);
     }
 
   private:
-    std::atomic<std::size_t> commands_ = 0;
-    std::atomic<bool> isMeantOne_ = false;
+    std::atomic<std::size_t> commandCount = 0;
+    std::atomic<bool> isMeantOne = false;
 };
 
 TEST_P(LostExpiry, WhileItLooksAtTheSessionsIsSilent) {
@@ -271,9 +272,9 @@ class MisledExpiry : public FaultyExpiry {
   protected:
     // A session that meets the fault at each of its commands, and one that never does.
     void plant(const SessionOptions& options, const Steps& steps) {
-        cases_.push_back({frontEnd().insertSession(options), &steps});
+        cases.push_back({frontEnd().insertSession(options), &steps});
         for (std::size_t at = 0; at < steps.size(); ++at) {
-            cases_.push_back({frontEnd().insertSession(options), &steps, at});
+            cases.push_back({frontEnd().insertSession(options), &steps, at});
         }
     }
 
@@ -281,15 +282,15 @@ class MisledExpiry : public FaultyExpiry {
     void pass() {
         setFilter([this](const Words& command) { return verdictOn(command); });
         startDaemon();
-        waitUntil("the pass is over", [this] { return isOver_.load(); });
+        waitUntil("the pass is over", [this] { return isOver.load(); });
     }
 
     void expectWhatTheTablesSay() {
-        EXPECT_EQ(strangeCommands_, std::vector<Words>{});
-        std::size_t count = cases_.size();
+        EXPECT_EQ(strangeCommands, std::vector<Words>{});
+        std::size_t count = cases.size();
         Lines lines;
         // The list begins with the youngest.
-        for (auto each = cases_.rbegin(); each != cases_.rend(); ++each) {
+        for (auto each = cases.rbegin(); each != cases.rend(); ++each) {
             Effects effects = effectsOf(*each->steps, 0, each->steps->size());
             if (each->isHit) {
                 lines = joined({lines, linesWith(GetParam(), *each->steps, *each->at)});
@@ -314,41 +315,41 @@ class MisledExpiry : public FaultyExpiry {
 
     StoreProxy::Verdict verdictOn(const Words& command) {
         const Fault& fault = GetParam();
-        const Case* const last = &cases_.front();
-        if (command == listing && (current_ == nullptr || isDone(*last))) {
-            isOver_ = current_ != nullptr;
-            if (current_ != nullptr) {
+        const Case* const last = &cases.front();
+        if (command == listing && (current == nullptr || isDone(*last))) {
+            isOver = current != nullptr;
+            if (current != nullptr) {
                 return StoreProxy::Verdict::cut;
             }
-            const bool isHit = fault.fits(command) && !isListHit_;
-            isListHit_ = true;
+            const bool isHit = fault.fits(command) && !isListHit;
+            isListHit = true;
             return isHit ? fault.verdict : StoreProxy::Verdict::pass;
         }
-        const auto found = std::find_if(cases_.begin(), cases_.end(), [&](const Case& each) {
+        const auto found = std::find_if(cases.begin(), cases.end(), [&](const Case& each) {
             return command == Words{"HGET", each.session.uri, "SessionType"};
         });
-        if (found != cases_.end()) {
-            current_ = &*found;
-            next_ = 0;
+        if (found != cases.end()) {
+            current = &*found;
+            nextCase = 0;
         }
-        const std::size_t at = next_++;
-        if (current_->isHit) {
+        const std::size_t at = nextCase++;
+        if (current->isHit) {
             return StoreProxy::Verdict::pass;
         }
-        if (at >= current_->steps->size() || !matches(current_->steps->at(at), command)) {
-            strangeCommands_.push_back(command);
+        if (at >= current->steps->size() || !matches(current->steps->at(at), command)) {
+            strangeCommands.push_back(command);
         }
-        current_->isHit = current_->at == at && fault.fits(command);
-        return current_->isHit ? fault.verdict : StoreProxy::Verdict::pass;
+        current->isHit = current->at == at && fault.fits(command);
+        return current->isHit ? fault.verdict : StoreProxy::Verdict::pass;
     }
-    bool isDone(const Case& one) const { return current_ == &one && next_ == one.steps->size(); }
+    bool isDone(const Case& one) const { return current == &one && nextCase == one.steps->size(); }
 
-    std::vector<Case> cases_;
-    Case* current_ = nullptr;  // whose commands come
-    std::size_t next_ = 0;     // of them
-    bool isListHit_ = false;
-    std::vector<Words> strangeCommands_;
-    std::atomic<bool> isOver_ = false;
+    std::vector<Case> cases;
+    Case* current = nullptr;   // whose commands come
+    std::size_t nextCase = 0;  // of them
+    bool isListHit = false;
+    std::vector<Words> strangeCommands;
+    std::atomic<bool> isOver = false;
 };
 
 TEST_P(MisledExpiry, DoesToEachSessionWhatTheFaultLeavesPossible) {

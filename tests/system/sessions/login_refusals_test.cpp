@@ -28,12 +28,12 @@ class RefusedLogin : public PermissivePamTest {
         EXPECT_EQ(reply.messages, messages);
     }
     Reply refused(const RequestOptions& options = {}) {
-        before_ = snapshot();
+        snapshotBefore = snapshot();
         return login(options);
     }
-    void expectNothingStays() { EXPECT_EQ(changedSince(before_), Words{}); }
+    void expectNothingStays() { EXPECT_EQ(changedSince(snapshotBefore), Words{}); }
 
-    Snapshot before_;
+    Snapshot snapshotBefore;
 };
 
 // --- without an answer
@@ -293,7 +293,7 @@ TEST_F(HalfMadeSession, WhoseTokenRecordIsNotTakenKeepsResourceAndReference) {
     corrupt(tokenKey(randomToken));
     expectReply(refused(), "FAILURE", {{"ExtendedError.1.2.DatabaseOperationError", {}}});
     EXPECT_EQ(countLogged("Failed to create meta session table."), 1);
-    EXPECT_EQ(changedSince(before_),
+    EXPECT_EQ(changedSince(snapshotBefore),
               (Words{tokenReferenceKey(randomUri), "&&EventStream", eventServiceUri, randomUri}));
     EXPECT_EQ(lifeCycleEvents(store()), (std::vector<Words>{{"add", randomUri, "Session", "1"}}));
     EXPECT_EQ(store().hget(tokenReferenceKey(randomUri), "XAUTH"), jsonQuoted(randomToken));
@@ -305,8 +305,9 @@ TEST_F(HalfMadeSession, ThatTheCollectionDoesNotTakeKeepsItsTokenRecordToo) {
     corrupt(membersKey);
     expectReply(refused(), "FAILURE", {{"ExtendedError.1.2.UnprocessableEntity", {}}});
     EXPECT_EQ(countLogged("Failed to add session entry to Members."), 1);
-    EXPECT_EQ(changedSince(before_), (Words{tokenReferenceKey(randomUri), "&&EventStream",
-                                            tokenKey(randomToken), eventServiceUri, randomUri}));
+    EXPECT_EQ(changedSince(snapshotBefore),
+              (Words{tokenReferenceKey(randomUri), "&&EventStream", tokenKey(randomToken),
+                     eventServiceUri, randomUri}));
     EXPECT_EQ(lifeCycleEvents(store()), (std::vector<Words>{{"add", randomUri, "Session", "1"}}));
     EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"), "0");
 }

@@ -675,25 +675,25 @@ INSTANTIATE_TEST_SUITE_P(Unwilling, LoginOnAStoreThatTurns,
 class Gate {
   public:
     void hold() {
-        std::unique_lock lock(mutex_);
-        holds_ = true;
-        opened_.wait(lock, [this] { return open_; });
+        std::unique_lock lock(stateMutex);
+        isHolding = true;
+        hasOpened.wait(lock, [this] { return isOpen; });
     }
     bool holds() const {
-        const std::lock_guard lock(mutex_);
-        return holds_;
+        const std::lock_guard lock(stateMutex);
+        return isHolding;
     }
     void open() {
-        const std::lock_guard lock(mutex_);
-        open_ = true;
-        opened_.notify_all();
+        const std::lock_guard lock(stateMutex);
+        isOpen = true;
+        hasOpened.notify_all();
     }
 
   private:
-    mutable std::mutex mutex_;
-    std::condition_variable opened_;
-    bool holds_ = false;
-    bool open_ = false;
+    mutable std::mutex stateMutex;
+    std::condition_variable hasOpened;
+    bool isHolding = false;
+    bool isOpen = false;
 };
 
 class SlowLogin : public FaultyLogin {
