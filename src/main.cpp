@@ -21,8 +21,7 @@ namespace {
 
 constexpr int failureStatus = -1;
 
-// Never destroyed: workers may still run at the end. Volatile keeps the pointer, so that the leak
-// sanitizer sees the object as reachable.
+// Never destroyed: workers may still run. Volatile, so that the leak sanitizer finds it in reach.
 SessionService* volatile service = nullptr;
 
 // Runs until all workers have ended. Returns the exit status.
