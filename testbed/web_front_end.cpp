@@ -13,7 +13,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* nginxProgram = "/usr/sbin/nginx";
-constexpr const char* pidFile = "/run/nginx/nginx.pid";
+constexpr const char* pidFile = "/run/session-service-frontend/nginx.pid";
 constexpr const char* listenFile = "/usr/local/etc/nginx/listen.conf";
 constexpr const char* plainListenFile = "/usr/local/etc/nginx/listen-http.conf";
 constexpr const char* certificateFile = "/usr/local/etc/nginx/certificate.pem";
@@ -34,7 +34,8 @@ std::string addressOfThisProcess() {
 
 WebFrontEnd::WebFrontEnd(Controller& host)
     : controller(host), listenAddress(addressOfThisProcess()) {
-    for (const char* folder : {"/var/lib/nginx", "/var/log/nginx", "/run/nginx"}) {
+    for (const char* folder :
+         {"/var/log/session-service-frontend", "/run/session-service-frontend"}) {
         fs::create_directories(controller.path(folder));
     }
     install();

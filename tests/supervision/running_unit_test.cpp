@@ -68,7 +68,7 @@ class RunningUnit : public SystemTest {
                makeRoot() + "\nBindReadOnlyPaths=/usr /etc/alternatives " + outside + "/etc:/etc " +
                outside + "/usr/local:/usr/local " + TESTBED_DAEMON +
                ":/usr/local/sbin/session-service\nBindPaths=" + outside + "/var:/var " + outside +
-               "/run/redis:/run/redis\nReadWritePaths=-+/var/"
+               "/run/session-service-store:/run/session-service-store\nReadWritePaths=-+/var/"
                "nginx\nLogsDirectory=\nLogsDirectory=" +
                unitName + "\n";
     }

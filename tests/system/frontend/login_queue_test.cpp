@@ -16,7 +16,7 @@ using Clock = std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr char refusedLogFile[] = "/var/log/nginx/refused-logins.log";
+constexpr char refusedLogFile[] = "/var/log/session-service-frontend/refused-logins.log";
 constexpr char statusPath[] = "/status";
 
 double secondsSince(Clock::time_point start) {

@@ -89,7 +89,7 @@ TEST_F(CheckingARunningService, FindsNothingWhenAllIsWell) {
     EXPECT_EQ(outcome.status, 0);
     const Words lines = splitLines(outcome.output);
     EXPECT_THAT(lines, Each(MatchesRegex("ok       .+: .+")));
-    EXPECT_EQ(lines.at(0), "ok       store: answers at /run/redis/redis.sock");
+    EXPECT_EQ(lines.at(0), "ok       store: answers at /run/session-service-store/redis.sock");
 }
 
 TEST_F(CheckingARunningService, LooksAtTheResources) {
@@ -186,11 +186,11 @@ TEST_F(Checking, FindsADaemonThatIsNotThere) {
 }
 
 TEST_F(Checking, LooksAtTheFilesAllTheSameWithoutAStore) {
-    expectFound("FAILED", "store", "Nobody listens at /run/redis/redis.sock.");
+    expectFound("FAILED", "store", "Nobody listens at /run/session-service-store/redis.sock.");
     expectFound("ok", pamSubject, "all its modules are there");
     expectFound("ok", keyFile, "well-formed");
     controller.startStore();
-    controller.writeFile("/run/redis/redis.requirepass", "something else");
+    controller.writeFile("/run/session-service-store/redis.requirepass", "something else");
     expectFound("FAILED", "store", "WRONGPASS");
 }
 
@@ -200,8 +200,9 @@ TEST_F(Checking, ShowsNothingOfThePasswordThatTheStoreRefuses) {
                          controller.readFile(configuration) + "rename-command AUTH LOGIN\n");
     const auto server =
         controller.startProgram({.command = {"/usr/bin/redis-server", configuration}});
-    waitUntil("the store listens",
-              [this] { return std::filesystem::exists(controller.path("/run/redis/redis.sock")); });
+    waitUntil("the store listens", [this] {
+        return std::filesystem::exists(controller.path("/run/session-service-store/redis.sock"));
+    });
     const Outcome outcome = sessionctl({"check"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.output,
