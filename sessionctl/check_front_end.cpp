@@ -29,7 +29,7 @@ namespace {
 
 constexpr const char* frontEndUser = "session-service-frontend";
 constexpr const char* resource = "/redfish/v1";
-constexpr const char* subject = "web front end";
+constexpr const char* frontEndSubject = "web front end";
 
 struct FreeCertificate {
     void operator()(X509* certificate) const noexcept { X509_free(certificate); }
@@ -215,20 +215,21 @@ void checkFrontEnd(Report& report, const char* folder, std::chrono::seconds time
 
     const HttpsAnswer answer = fetch(*address, timeout);
     if (!answer.fault.empty()) {
-        report.fail(subject, "Nobody answers over HTTPS on " + address->text + " (" + answer.fault +
-                                 "): is it running? Its error log tells more.");
+        report.fail(frontEndSubject, "Nobody answers over HTTPS on " + address->text + " (" +
+                                         answer.fault +
+                                         "): is it running? Its error log tells more.");
     } else if (answer.line.find(" 200 ") == std::string::npos) {
-        report.fail(subject,
+        report.fail(frontEndSubject,
                     std::string(resource) + " is answered with \"" + escaped(answer.line) + "\".");
     } else {
         const CertificatePtr certificate = readCertificate(certificatePath);
         if (certificate && answer.certificate &&
             X509_cmp(certificate.get(), answer.certificate.get()) != 0) {
-            report.warn(subject,
+            report.warn(frontEndSubject,
                         "It has another certificate than " + certificatePath + ": start it again.");
         }
     }
-    report.conclude(subject, "answers over HTTPS on " + address->text);
+    report.conclude(frontEndSubject, "answers over HTTPS on " + address->text);
 }
 
 }  // namespace session_service::console

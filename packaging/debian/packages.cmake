@@ -1,12 +1,5 @@
 # The Debian packages; scripts/package makes them.
 
-# What the compiler compiles for, as Debian calls it.
-separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${flags} -print-multiarch
-    OUTPUT_VARIABLE triplet OUTPUT_STRIP_TRAILING_WHITESPACE)
-execute_process(
-    COMMAND dpkg-architecture --host-type "${triplet}" --force --query DEB_HOST_ARCH
-    OUTPUT_VARIABLE SESSION_SERVICE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 set(CPACK_GENERATOR DEB)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

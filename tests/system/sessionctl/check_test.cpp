@@ -301,7 +301,7 @@ TEST_F(CheckingTheFrontEnd, FindsNothingWhenAllIsWell) {
 
 TEST_F(CheckingTheFrontEnd, FindsOneThatDoesNotAnswer) {
     stopDaemon();
-    stopStore();
+    controller.stopStore();
     expectFound("FAILED", subject, "/redfish/v1 is answered with \"HTTP/1.1 503");
     web.stop();
     expectFound("FAILED", subject, "Nobody answers over HTTPS");
