@@ -1,12 +1,5 @@
 # The Debian packages; scripts/package makes them.
 
-# What the compiler compiles for, as Debian calls it.
-separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${flags} -print-multiarch
-    OUTPUT_VARIABLE triplet OUTPUT_STRIP_TRAILING_WHITESPACE)
-execute_process(
-    COMMAND dpkg-architecture --host-type "${triplet}" --force --query DEB_HOST_ARCH
-    OUTPUT_VARIABLE SESSION_SERVICE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 set(CPACK_GENERATOR DEB)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -67,7 +60,7 @@ its Lua module: a reference, for a controller that has no front end of its own.
 Installing this package starts nothing; session-service-setup(8) does.")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
-    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, openssl, systemd | systemd-standalone-sysusers | systemd-sysusers")
+    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, lua-nginx-redis, openssl, systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS "session-service, logrotate")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/session-service-frontend/conffiles

@@ -63,7 +63,7 @@ class RunningUnit : public SystemTest {
     std::string dropIn() const {
         const std::string outside = controller.path("");
         return "[Unit]\nConditionPathExists=\n"
-               "[Service]\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
+               "[Service]\nExecStartPre=\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
                "RootDirectory=" +
                makeRoot() + "\nBindReadOnlyPaths=/usr /etc/alternatives " + outside + "/etc:/etc " +
                outside + "/usr/local:/usr/local " + TESTBED_DAEMON +
