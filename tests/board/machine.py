@@ -1,7 +1,6 @@
 """One running board."""
 import contextlib
 import json
-import shlex
 import shutil
 import signal
 import socket
@@ -108,10 +107,6 @@ class Machine:
         if status:
             raise Failure(f"Status {status} of: {script}\n{output}")
         return output
-
-    def put(self, path, content, mode="644"):
-        quoted = shlex.quote(str(path))
-        self.run(f"head -c {len(content)} >{quoted} && chmod {mode} {quoted}", content)
 
     def monitor(self, command, **arguments):
         with socket.socket(socket.AF_UNIX) as connection:

@@ -13,8 +13,8 @@ here = pathlib.Path(__file__).resolve().parent
 suite = "bookworm"
 packages = """
     systemd systemd-sysv udev dbus kmod iproute2 procps libpam-modules libpam-runtime
-    redis-server redis-tools nginx libnginx-mod-http-lua lua-cjson lua-luaossl openssl
-    libhiredis0.14 libssl3 libstdc++6 curl ca-certificates logrotate
+    redis-server redis-tools nginx libnginx-mod-http-lua lua-cjson lua-luaossl lua-nginx-redis
+    openssl libhiredis0.14 libssl3 libstdc++6 curl ca-certificates logrotate
 """.split()
 left_out = ("/usr/share/man/*", "/usr/share/locale/*", "/usr/share/doc/*", "/usr/share/info/*")
 
@@ -36,13 +36,13 @@ def made(cache, board, log):
     return folder
 
 
-def sources():
-    """This computer's own mirrors of Debian, for any architecture."""
+def sources(wanted):
+    """Lines for apt: this computer's own mirrors of Debian with the suites that are WANTED."""
     targets = subprocess.run(
         ["apt-get", "indextargets", "--format", "$(REPO_URI) $(RELEASE) $(COMPONENT)",
          "Created-By: Packages", "Origin: Debian"],
         check=True, text=True, capture_output=True).stdout
-    lines = sorted({line for line in targets.splitlines() if line.split()[1].startswith(suite)})
+    lines = sorted({line for line in targets.splitlines() if wanted(line.split()[1])})
     if not any(line.split()[1] == suite for line in lines):
         raise Failure(f"apt knows no mirror of Debian's {suite}; does apt-get update help?")
     keys = "/usr/share/keyrings/debian-archive-keyring.gpg"
@@ -58,13 +58,22 @@ def download_options():
 
 
 def make(folder, board, log):
-    (folder / "sources").write_text(sources())
-    download = here / "guest/download"
+    """With the suites of updates, too, unless the mirror has no whole index of them: they come later for
+    some architectures than for others."""
+    try:
+        bootstrap(folder, board, sources(lambda name: name.startswith(suite)), log)
+    except Failure:
+        print("Once more, without updates:", file=log, flush=True)
+        bootstrap(folder, board, sources(lambda name: name == suite), log)
+
+
+def bootstrap(folder, board, lines, log):
+    (folder / "sources").write_text(lines)
     with namespace.entered(board.emulator) as inside:
         inside.run(
             ["mmdebstrap", "--mode=root", "--variant=minbase",
              f"--architectures={board.architecture}", f"--include={','.join(packages)}",
              *(f"--dpkgopt=path-exclude={path}" for path in left_out), *download_options(),
-             f'--customize-hook="{download}" {board.kernel} "{folder}"',
+             f'--customize-hook="{here}/guest/download" {board.kernel} "{folder}"',
              suite, folder / "root.tar", folder / "sources"],
             stdout=log, stderr=log, stdin=subprocess.DEVNULL)
