@@ -284,6 +284,8 @@ def reboot(scenario):
     scenario.session = scenario.login_when_it_serves()
     taken = time.monotonic() - scenario.machine.started
     scenario.report.append(f"  from the boot to the first login: {taken:.0f} s")
+    state = scenario.run("systemctl is-system-running --wait; systemctl --failed")
+    scenario.must(state.startswith("running"), f"Not all units run:\n{state}")
     scenario.must(not scenario.is_alive(old), "A session outlived the machine.")
     shown = scenario.expect(200, "GET", service, scenario.session)["SessionTimeout"]
     scenario.must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
