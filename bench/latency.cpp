@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/expiry_pass.h"
+#include "bench/permissive_pam.h"
 #include "bench/requests.h"
 
 namespace bench {
@@ -98,8 +99,8 @@ double secondsOfLogin(RepeatedRequests& requests, Server server) {
 void start(Controller& controller, const std::string& more = {}) {
     permitAllLogins(controller, more);
     controller.start();
-    // The log collection takes all entries.
-    controller.connect().hset(testbed::auditEntriesUri, {{"&&MaxEntries", "1000000"}});
+    testbed::StoreClient store = controller.connect();
+    keepAllAuditEntries(store);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/permissive_pam.h"
 #include "bench/process_statistics.h"
 #include "bench/requests.h"
 #include "testbed/accounts.h"
