@@ -131,6 +131,8 @@ LoginResult authenticateUser(const std::string& userName, const std::string& pas
     if (result.decision != LoginDecision::refused) {
         findPrivilege(handle.get(), userName, password, result);
     }
+    // Not left to the destructor: a module that ends the thread here would end the process.
+    endTransaction(handle.release(), PAM_SUCCESS);
     return result;
 }
 

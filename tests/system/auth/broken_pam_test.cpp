@@ -49,6 +49,24 @@ class BrokenPam : public LoginFaultTest {
         throw Failure("The process has no mask of new files.");
     }
 
+    // The thread of the logins ends at the next one; the others go on, and the process ends in
+    // order.
+    void expectOnlyLoginsEnd() {
+        const auto threads = [&] {
+            return std::distance(std::filesystem::directory_iterator(processFolder() + "/task"),
+                                 {});
+        };
+        const auto before = threads();
+        Request login = frontEnd().prepareLogin("somebody", "anything");
+        login.send();
+        waitUntil("a thread has ended", [&] { return threads() == before - 1; });
+        expectNoSession();
+        expectOtherRequestsServed();
+        EXPECT_FALSE(login.publishedAlready());
+        stopDaemon();
+        EXPECT_EQ(toText(controller.daemon().wait()), toText(ExitStatus{}));
+    }
+
     // Each login lets those go that have ended.
     void waitUntilChildrenAreGone() {
         waitUntil("the children are gone", [&] {
@@ -386,6 +404,18 @@ TEST_F(BrokenPam, ThatMadeBrokenPipesDeadlyDoesNotKillTheDaemonWhenTheStoreGoes)
     expectLogin("7");
     stopDaemon();
     EXPECT_EQ(toText(controller.daemon().wait()), toText(ExitStatus{}));
+}
+
+TEST_F(BrokenPam, ThatEndsItsThreadEndsLoginsAndNothingElse) {
+    useMisbehavingPam("exit=authentication");
+    // libpam takes the end for a call of the module's.
+    expectErrorLine("PAM: pam_end() failed.");
+    expectOnlyLoginsEnd();
+}
+
+TEST_F(BrokenPam, ThatEndsItsThreadWhileItCleansUpEndsLoginsAndNothingElse) {
+    useMisbehavingPam("exit=cleanup");
+    expectOnlyLoginsEnd();
 }
 
 TEST_F(BrokenPam, LeavesTheMaskOfNewFilesAsItWas) {

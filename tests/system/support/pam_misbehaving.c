@@ -21,6 +21,8 @@
  *   syslog=TEXT            writes to the system's log
  *   alarm=SECONDS          has the process get SIGALRM then
  *   print=TEXT             writes a line to standard output and one to standard error
+ *   exit=authentication    ends the thread, in the authentication
+ *   exit=cleanup           ends the thread, while the transaction ends
  *   answered=CONVERSATION  has a conversation (see below); gives up with PAM_ABORT unless the
  *                          application answers with the password "anything" whatever asks for it
  *   refused=CONVERSATION   the same; gives up unless the application refuses it
@@ -29,6 +31,7 @@
 #include <security/pam_modules.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdbool.h>
 #include <stdio.h>
@@ -87,6 +90,13 @@ static void block_signals(void) {
 
     sigfillset(&all);
     (void)pthread_sigmask(SIG_BLOCK, &all, NULL);
+}
+
+static void exit_thread(pam_handle_t* handle, void* data, int status) {
+    (void)handle;
+    (void)data;
+    (void)status;
+    pthread_exit(NULL);
 }
 
 enum { max_length = 1 << 20, rounds = 1000 };
@@ -237,6 +247,10 @@ static int perform(pam_handle_t* handle, const char* act, const char* value) {
         (void)fprintf(stderr, "%s\n", value);
     } else if (strcmp(act, "alarm") == 0) {
         (void)alarm((unsigned)atoi(value));
+    } else if (strcmp(act, "exit") == 0 && strcmp(value, "cleanup") == 0) {
+        (void)pam_set_data(handle, label, label, exit_thread);
+    } else if (strcmp(act, "exit") == 0) {
+        pthread_exit(NULL);
     } else if (strcmp(act, "answered") == 0) {
         return converse(handle, value) == PAM_SUCCESS ? PAM_SUCCESS : PAM_ABORT;
     } else if (strcmp(act, "refused") == 0) {
