@@ -29,8 +29,8 @@ struct FrontEndCommands {
 FrontEndCommands recordFrontEnd();
 
 // Sends them. A front end has made each of these requests before, so that the store knows the
-// scripts, and the daemon has the same key. There is one such loop at a time. All functions block until the request has been
-// answered, and throw Failure when it was refused.
+// scripts, and the daemon has the same key. There is one such loop at a time. All functions block
+// until the request has been answered, and throw Failure when it was refused.
 class FrontEndLoop {
   public:
     FrontEndLoop(const testbed::Controller& controller, FrontEndCommands commands);

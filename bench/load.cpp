@@ -31,7 +31,7 @@ using bench::WebRequest;
 using bench::WebWork;
 using Seconds = std::chrono::duration<double>;
 
-// As multiples of the floor of a login and its logout.
+// As multiples of the baseline of a login and its logout.
 constexpr double maxSessionRatio = 1.5;
 constexpr double maxSessionNginxRatio = 0.5;
 // As multiples of a bare answer of nginx.
@@ -103,7 +103,7 @@ void Load::measureRequestTimes(const bench::FrontEndCommands& commands) {
     const bench::RequestTimes times =
         bench::measureRequestTimes(controller, web, commands, options.duration / 4);
     Json& all = results["processorMicroseconds"] = Json::array();
-    table.head({"processor time", "nginx", "store", "daemon", "together", "ratio to the floor"});
+    table.head({"processor time", "nginx", "store", "daemon", "together", "ratio to the baseline"});
     for (const auto& [name, time] :
          {std::pair{"login and logout", times.session}, {"read", times.read}}) {
         const auto row = [&](const std::string& label, const bench::ProcessorTime& part,
@@ -112,18 +112,18 @@ void Load::measureRequestTimes(const bench::FrontEndCommands& commands) {
                        microseconds(part.daemon), microseconds(part.all()), ratio});
         };
         row(name, time.measured, fixed(time.ratio(), 2));
-        row("its floor", time.floor, "");
+        row("its baseline", time.baseline, "");
         all.push_back({{"request", name},
                        {"measured", toJson(time.measured)},
-                       {"floor", toJson(time.floor)},
+                       {"baseline", toJson(time.baseline)},
                        {"ratio", rounded(time.ratio(), 3)}});
     }
     results["bareMicroseconds"] = rounded(times.bare * 1e6, 1);
 
-    targets.push_back(bench::targetOf("processor time of a login and its logout, to its floor",
+    targets.push_back(bench::targetOf("processor time of a login and its logout, to its baseline",
                                       times.session.ratio(), maxSessionRatio));
-    targets.push_back(bench::targetOf("nginx's part of it, to the same floor",
-                                      times.session.measured.nginx / times.session.floor.all(),
+    targets.push_back(bench::targetOf("nginx's part of it, to the same baseline",
+                                      times.session.measured.nginx / times.session.baseline.all(),
                                       maxSessionNginxRatio));
     targets.push_back(bench::targetOf("nginx's time of a read, to a bare answer of nginx",
                                       times.read.measured.nginx / times.bare, maxReadNginxRatio));

@@ -120,11 +120,11 @@ RequestTimes measureRequestTimes(Controller& controller, WebFrontEnd& web,
     expectStatus(reader.remove(readSession), 204);
 
     RequestTimes result;
-    result.session = {.measured = medianOf(times[0]), .floor = medianOf(times[1])};
-    result.read = {.measured = medianOf(times[2]), .floor = medianOf(times[3])};
+    result.session = {.measured = medianOf(times[0]), .baseline = medianOf(times[1])};
+    result.read = {.measured = medianOf(times[2]), .baseline = medianOf(times[3])};
     result.bare = medianOf(times[4]).nginx;
-    result.session.floor.nginx = 2 * result.bare;
-    result.read.floor.nginx = result.bare;
+    result.session.baseline.nginx = 2 * result.bare;
+    result.read.baseline.nginx = result.bare;
     return result;
 }
 

@@ -1,6 +1,6 @@
-// Processor time of requests over HTTPS, beside that of their floor: the same commands and scripts
-// for the daemon and the store, sent without the front end, and a bare answer of nginx over the
-// same TLS for each request.
+// Processor time of requests over HTTPS, beside that of their baseline: the same commands and
+// scripts for the daemon and the store, sent without the front end, and a bare answer of nginx over
+// the same TLS for each request.
 #pragma once
 
 #include <chrono>
@@ -21,9 +21,9 @@ struct ProcessorTime {
 
 struct RequestTime {
     ProcessorTime measured;
-    ProcessorTime floor;
+    ProcessorTime baseline;
 
-    double ratio() const { return measured.all() / floor.all(); }
+    double ratio() const { return measured.all() / baseline.all(); }
 };
 
 struct RequestTimes {

@@ -2,11 +2,12 @@
 set logscale x 2
 set xlabel "connections"
 set ylabel "logins with logouts in a second"
-set xrange [0.9:18]
+set xrange [0.85:18.8]
 set yrange [0:*]
 set xtics scale 0 ()
 set for [i = 1:|connections|] xtics add (sprintf("%d", connections[i]) connections[i])
-set offsets graph 0, graph 0, graph 0.1, graph 0
+set offsets graph 0, graph 0, graph 0.12, graph 0
+set tmargin 1
 unset key
 plot $data using 1:2 with linespoints linewidth 2 pointtype 7 linecolor rgb blue, \
-     $data using 1:2:(sprintf("%.0f", $2)) with labels offset 0,1 textcolor rgb text
+     "" using 1:2:(sprintf("%.0f", $2)) with labels offset 0,1 textcolor rgb text
