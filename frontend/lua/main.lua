@@ -236,7 +236,7 @@ local function handle()
         return sessions.create(readBody())
     end
 
-    local user = authentication.identify(uri)
+    local user = authentication.identify(uri, method)
     local succeeded, answer = pcall(serve, user, method, uri)
     authentication.release(user)
     if not succeeded then
