@@ -251,10 +251,13 @@ local function schemaOf(type)
     return name and "http://redfish.dmtf.org/schemas/v1/" .. name .. ".json"
 end
 
+-- They have been looked at; nginx would apply them once more to the answer.
+local conditions = {
+    "If-Match", "If-None-Match", "If-Modified-Since", "If-Unmodified-Since",
+}
+
 local function send(answer)
-    -- They have been looked at; nginx would apply them once more to the answer.
-    for _, condition in ipairs({ "If-Match", "If-None-Match", "If-Modified-Since",
-        "If-Unmodified-Since" }) do
+    for _, condition in ipairs(conditions) do
         ngx.req.clear_header(condition)
     end
     ngx.status = answer.status
