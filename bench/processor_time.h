@@ -40,8 +40,8 @@ void addBareResource(testbed::Controller& controller);
 ProcessorTime processorTime(testbed::Controller& controller, testbed::WebFrontEnd& web,
                             testbed::StoreClient& store);
 
-// Measures over one kept connection, in blocks of each kind of request that take turns; the median
-// of the blocks counts.
+// Measures over one kept connection, in blocks of each kind of request that take turns; the lower
+// quartile of the blocks counts.
 RequestTimes measureRequestTimes(testbed::Controller& controller, testbed::WebFrontEnd& web,
                                  const FrontEndCommands& commands,
                                  std::chrono::duration<double> duration);
