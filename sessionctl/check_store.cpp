@@ -160,26 +160,30 @@ void checkScript(Report& report, redisContext* connection, const char* script) {
     report.conclude(subject, "registered and loaded");
 }
 
-// The processes of that name, each with its number and, if it is the unit's, with that word.
+// The processes that run the daemon's program, each with its number and, if it is the unit's, with
+// that word. The name of a process is no help: it may be the start of a longer one.
 std::vector<std::string> findDaemons() {
     std::vector<std::string> processes;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string folder = entry.path();
-        std::string name;
-        std::string unit;
-        const auto firstLine = [&](const std::string& line) {
-            name = line;
-            return false;
-        };
-        readLines((folder + "/comm").c_str(), firstLine);
-        if (name != daemonName) {
+        std::error_code unreadable;
+        std::string program =
+            std::filesystem::read_symlink(folder + "/exe", unreadable).filename().string();
+        // As it is called when an upgrade has replaced its file.
+        constexpr std::string_view replaced = " (deleted)";
+        if (program.ends_with(replaced)) {
+            program.resize(program.size() - replaced.size());
+        }
+        if (program != daemonName) {
             continue;
         }
+        std::string unit;
         readLines((folder + "/cgroup").c_str(), [&](const std::string& line) {
-            unit =
-                line.ends_with(std::string("/") + daemonName + ".service") ? " (the unit's)" : unit;
-            return true;
+            if (line.ends_with(std::string("/") + daemonName + ".service")) {
+                unit = " (the unit's)";
+            }
+            return unit.empty();
         });
         processes.push_back(entry.path().filename().string() + unit);
     }

@@ -61,8 +61,8 @@ void WebFrontEnd::makeCertificate() {
                          "[usage]\nsubjectAltName = DNS:localhost, IP:" +
                              listenAddress + "\n");
     const auto openssl = controller.startProgram(
-        {.command = {"/usr/bin/openssl", "req", "-x509", "-config", certificateRequestFile,
-                     "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
+        {.command = {"/usr/bin/openssl", "req", "-x509", "-config", certificateRequestFile, "-days",
+                     "365", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
                      "-keyout", certificateKeyFile, "-out", certificateFile}});
     if (openssl->wait() != ExitStatus{}) {
         throw Failure("No certificate: " + controller.errorsOf("openssl"));

@@ -15,6 +15,11 @@ foreach(package IN LISTS CPACK_COMPONENTS_ALL)
     if(EXISTS ${CPACK_DEBIAN_FILES}/${package}.README.Debian)
         file(COPY_FILE ${CPACK_DEBIAN_FILES}/${package}.README.Debian ${doc}/README.Debian)
     endif()
+    if(EXISTS ${CPACK_DEBIAN_FILES}/${package}.lintian-overrides)
+        file(MAKE_DIRECTORY ${share}/lintian/overrides)
+        file(COPY_FILE ${CPACK_DEBIAN_FILES}/${package}.lintian-overrides
+            ${share}/lintian/overrides/${package})
+    endif()
     if(EXISTS ${share}/${package}/logrotate.conf)
         file(MAKE_DIRECTORY ${CPACK_TEMPORARY_DIRECTORY}/${package}/etc/logrotate.d)
         file(COPY_FILE ${share}/${package}/logrotate.conf

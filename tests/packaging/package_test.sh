@@ -23,6 +23,7 @@ pack() {
             date --utc --rfc-email --date @$SOURCE_DATE_EPOCH)
 
 " >/dev/null
+    "$source/packaging/debian/make-debug-packages" "$1"
 }
 
 folder=$build/tests/packaging/packages
@@ -33,8 +34,8 @@ cd "$folder/one"
 service=session-service_${version}_$architecture.deb
 frontend=session-service-frontend_${version}_all.deb
 demo=session-service-demo_${version}_$architecture.deb
-debug=session-service-dbgsym_${version}_$architecture.ddeb
-demo_debug=session-service-demo-dbgsym_${version}_$architecture.ddeb
+debug=session-service-dbgsym_${version}_$architecture.deb
+demo_debug=session-service-demo-dbgsym_${version}_$architecture.deb
 for package in "$service" "$frontend" "$demo" "$debug" "$demo_debug"; do
     [ -f "$package" ] || fail "There is no $package."
     cmp "$package" "../two/$package" || fail "$package is another one each time."

@@ -110,8 +110,11 @@ TEST_F(Supervisor, WorksWithTheToolsOfBusybox) {
     first = controller.startProgram(
         {.command = {"/bin/busybox", "sh", "-c",
                      std::string("mkdir /tmp/tools; /bin/busybox --install -s /tmp/tools\n"
+                                 // Debian builds busybox without it.
+                                 "[ -e /tmp/tools/flock ] || ln -s /usr/bin/flock /tmp/tools\n"
                                  "PATH=/tmp/tools exec sh ") +
-                         supervise + " " + daemonPath + " " + lock}});
+                         supervise + " " + daemonPath + " " + lock},
+         .name = "sh"});
     waitUntilListening();
     controller.stopStore();
     waitUntil("the supervisor starts the daemon again", [this] {

@@ -183,8 +183,8 @@ TEST_F(CheckingARunningService, LooksAtTheDaemonsEnds) {
     expectFound("FAILED", "daemon", "Nobody listens for logins");
 }
 
-TEST_F(CheckingARunningService, NamesTheProcessesOfADaemonThatRunsTwice) {
-    stopDaemon();
+TEST_F(Checking, NamesTheProcessesOfADaemonThatRunsTwice) {
+    startStore();
     // Processes see one another where they have been started together.
     const auto shell = controller.startProgram(
         {.command = {"/bin/sh", "-c",
@@ -204,11 +204,9 @@ TEST_F(CheckingARunningService, NamesTheProcessesOfADaemonThatRunsTwice) {
 }
 
 TEST_F(Checking, FindsAStoreThatLetsAnybodyIn) {
-    const std::string configuration = "/etc/redis/redis.conf";
-    const std::string lines = controller.readFile(configuration);
-    controller.writeFile(configuration, lines + "requirepass \"\"\n");
-    controller.removeFile("/run/session-service-store/redis.requirepass");
     startStore();
+    store().run({"CONFIG", "SET", "requirepass", ""});
+    controller.removeFile("/run/session-service-store/redis.requirepass");
     expectFound("FAILED", "Redis server", "It has no password");
 }
 
@@ -282,9 +280,9 @@ class CheckingTheFrontEnd : public Checking {
     }
     void makeCertificate(const std::string& days) {
         const auto openssl = controller.startProgram(
-            {.command = {"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                         "ec_paramgen_curve:prime256v1", "-noenc", "-days", days, "-subj",
-                         "/CN=testbed", "-keyout", certificateKey, "-out", certificate}});
+            {.command = {"/usr/bin/openssl", "req", "-x509", "-config", "/tmp/certificate.conf",
+                         "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
+                         "-days", days, "-keyout", certificateKey, "-out", certificate}});
         EXPECT_EQ(openssl->wait(), ExitStatus{});
     }
 
