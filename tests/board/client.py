@@ -58,9 +58,3 @@ class Client:
         if status != 201:
             return status, None
         return status, Session(headers["Location"], headers["X-Auth-Token"])
-
-    def login(self, user, password):
-        status, session = self.try_login(user, password)
-        if not session:
-            raise Failure(f"The login of {user}: {status}")
-        return session

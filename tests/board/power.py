@@ -120,6 +120,6 @@ def cut_often(machine, scenario, count, seed, mends):
                            ", ".join(f"{times} {left}" for left, times in sorted(seen.items())))
     # The board starts with what the last cut has left.
     machine.start()
-    scenario.session = scenario.login_when_it_serves()
+    scenario.session = scenario.login()
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": 4321})
     scenario.must(scenario.property() == "4321", "Changes are no longer kept.")

@@ -45,16 +45,15 @@ class Scenario:
             return client.expect(*arguments, **more)
 
     def login(self, user="anna"):
-        with self.client() as client:
-            return client.login(user, self.passwords[user])
-
-    def login_when_it_serves(self, user="anna"):
+        """A session, as soon as the board serves: 503 and a lost connection mean "later"."""
         def attempt():
             try:
                 with self.client() as client:
-                    return client.try_login(user, self.passwords[user])[1]
+                    status, session = client.try_login(user, self.passwords[user])
             except (OSError, http.client.HTTPException):
                 return None
+            self.must(session or status == 503, f"The login of {user}: {status}")
+            return session
 
         return until("Somebody can log in", service_limit, attempt)
 
@@ -116,7 +115,7 @@ def set_up(scenario):
 
 def log_in(scenario):
     """A local account logs in over HTTPS"""
-    scenario.session = scenario.login_when_it_serves()
+    scenario.session = scenario.login()
     members = scenario.expect(200, "GET", sessions, scenario.session)
     scenario.must(members["Members@odata.count"] == 1, f"Not one session: {members}")
 
@@ -166,7 +165,7 @@ def measure_memory(scenario):
     """What each process takes"""
     rows = scenario.run(r"""
         for process in /proc/[0-9]*; do
-            [ -s "$process/smaps_rollup" ] || continue
+            [ -r "$process/smaps_rollup" ] || continue
             awk -v name="$(cat "$process/comm")" '
                 /^Rss:/ { rss = $2 } /^Pss:/ { pss = $2 } /^Private/ { private += $2 }
                 END { print name, rss, pss, private }' "$process/smaps_rollup"
@@ -186,7 +185,7 @@ def lose_the_store(scenario):
     old = scenario.session
     scenario.run("systemctl stop session-service-store.service")
     scenario.run("systemctl start session-service-store.service")
-    scenario.session = scenario.login_when_it_serves()
+    scenario.session = scenario.login()
     scenario.must(not scenario.is_alive(old), "A session outlived the store.")
     shown = scenario.expect(200, "GET", service, scenario.session)["SessionTimeout"]
     scenario.must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
@@ -201,7 +200,7 @@ def lose_the_store(scenario):
 def kill_the_daemon(scenario):
     """The service is killed: the sessions stay"""
     scenario.run("systemctl kill --kill-whom=main --signal=KILL session-service.service")
-    scenario.logout(scenario.login_when_it_serves())
+    scenario.logout(scenario.login())
     scenario.must(scenario.is_alive(scenario.session), "A session went with the process.")
 
 
@@ -215,7 +214,7 @@ def lose_threads(scenario):
         done""")
     scenario.must(scenario.run("systemctl is-active session-service.service").strip() == "active",
                   "The service has ended instead.")
-    scenario.logout(scenario.login_when_it_serves())
+    scenario.logout(scenario.login())
     scenario.must(scenario.is_alive(scenario.session), "A session went with the restart.")
     lines = scenario.run("journalctl --boot --output=cat --identifier=session-service-health")
     scenario.must("has been started again" in lines, f"The journal does not say so:\n{lines}")
@@ -240,7 +239,7 @@ def hang_in_pam(scenario):
     # As the documents say: the process that hangs is ended.
     scenario.run("cp /root/q73 /etc/pam.d/q73 && rm /root/q73 /usr/local/bin/hang && "
                  "pkill --exact --full 'sleep infinity'")
-    scenario.logout(scenario.login_when_it_serves())
+    scenario.logout(scenario.login())
 
 
 def fill_the_disk(scenario):
@@ -253,7 +252,7 @@ def fill_the_disk(scenario):
     left = scenario.property()
     scenario.run("rm -f /var/filler /var/filler-2 /var/filler-3 && sync")
     scenario.run("systemctl restart session-service.service")
-    scenario.logout(scenario.login_when_it_serves())
+    scenario.logout(scenario.login())
     scenario.must(left in (None, str(timeout)), f"The file holds {left}.")
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": timeout})
     scenario.must(scenario.property() == str(timeout), "Changes are no longer kept.")
@@ -281,7 +280,7 @@ def reboot(scenario):
     """A reboot: nobody is logged in any more, the settings have stayed"""
     old = scenario.session
     scenario.machine.reboot()
-    scenario.session = scenario.login_when_it_serves()
+    scenario.session = scenario.login()
     taken = time.monotonic() - scenario.machine.started
     scenario.report.append(f"  from the boot to the first login: {taken:.0f} s")
     state = scenario.run("systemctl is-system-running --wait; systemctl --failed")
@@ -316,7 +315,7 @@ def upgrade(scenario):
         for packages, options in ((newer, ""), (scenario.packages, "--allow-downgrades")):
             before = scenario.run("pgrep --exact session-service")
             install_packages(scenario, packages, options)
-            scenario.logout(scenario.login_when_it_serves())
+            scenario.logout(scenario.login())
             scenario.must(scenario.is_alive(scenario.session), "A session went with the version.")
             scenario.must(scenario.run("pgrep --exact session-service") != before,
                           "The old version still runs.")
