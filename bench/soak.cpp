@@ -183,17 +183,13 @@ bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Footprin
                  const std::vector<Footprint>& rows, const Footprint& after) {
     testbed::Checks checks;
     const auto bound = [](long kib) { return " by more than " + std::to_string(kib) + " KiB"; };
-    std::cout << "\n";
-    checks.check(failure.empty(), "each request was answered as it has to be" +
-                                      (failure.empty() ? failure : ", but: " + failure));
+    std::cout << "\nEach request was answered as it has to be.\n";
     // While it works, its memory goes up and down with the modules that PAM loads.
     checks.check(after.daemonKib - before.daemonKib <= allowedGrowth,
                  "the daemon has not grown" + bound(allowedGrowth));
     checks.check(std::all_of(rows.begin(), rows.end(),
                              [&](const Footprint& row) { return row.threads == before.threads; }),
                  "the daemon has started no thread");
-    checks.check(after.descriptors == before.descriptors,
-                 "the daemon has no descriptor more than before");
     checks.check(keysAfter == keysBefore, "the store holds the keys that it held before");
     for (const std::string& key : keysAfter) {
         if (!std::binary_search(keysBefore.begin(), keysBefore.end(), key)) {
@@ -233,7 +229,14 @@ bool Soak::run(std::chrono::seconds duration) {
     const std::vector<Footprint> rows = watch(duration);
     ending = true;
     threads.clear();
+    if (!failure.empty()) {
+        std::cout << "\n" << failure << "\n";
+        return false;
+    }
     const Words keysAfter = settle();
+    // A pass of the expiry may be under way, which opens one for its time.
+    testbed::waitUntil("the daemon has no descriptor more than before",
+                       [&] { return footprint().descriptors <= before.descriptors; });
     const Footprint after = footprint();
     printRow("after", after);
     return check(keysBefore, keysAfter, before, rows, after);
