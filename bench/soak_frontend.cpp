@@ -17,6 +17,7 @@ using testbed::HttpResponse;
 constexpr int readsPerLogin = 50;
 constexpr int changesPerLogin = 20;
 constexpr std::size_t maxBody = 65536;
+constexpr int minTimeout = 30;
 
 std::string loginBody(const testbed::Account& account, const std::string& password) {
     return std::string(R"({"UserName":")") + account.name + R"(","Password":")" + password + "\"}";
@@ -73,6 +74,8 @@ HttpClient FrontEndSoak::clientAt(std::size_t host) const {
 }
 
 std::vector<std::function<void()>> FrontEndSoak::workers() {
+    // A session that has been left after all soon expires.
+    controller.frontEnd().patch({{"SessionTimeout", std::to_string(minTimeout)}});
     const std::string deep = std::string(1000, '[') + std::string(1000, ']');
     const std::size_t whole = loginRequest(testbed::operatorAccount).size();
     const std::vector<std::function<void(HttpClient)>> each{
@@ -141,7 +144,8 @@ void FrontEndSoak::changeRounds(HttpClient client) {
     repeat([&] {
         const std::string session = logIn(client, testbed::administrator);
         for (int i = 0; i < changesPerLogin && !isEnding(); ++i) {
-            const std::string text = R"({"SessionTimeout": )" + std::to_string(300 + i) + "}";
+            const std::string text =
+                R"({"SessionTimeout": )" + std::to_string(minTimeout + i) + "}";
             expect(client.patch(testbed::serviceUri, text), {200}, change);
             const HttpResponse list = client.get(testbed::sessionsUri);
             expect(list, {200}, read);
@@ -162,7 +166,10 @@ void FrontEndSoak::basicRounds(HttpClient client, const testbed::Account& accoun
 void FrontEndSoak::hangUpRounds(const HttpClient& client, std::size_t kept) {
     const std::string request = loginRequest(testbed::operatorAccount).substr(0, kept);
     repeat([&] {
-        client.connect().send(request);
+        testbed::TlsConnection connection = client.connect();
+        // A client that is slow to hang up may be answered before: its session would be its own.
+        connection.holdBack();
+        connection.send(request);
         count(hangUp);
     });
 }
