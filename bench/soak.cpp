@@ -28,7 +28,6 @@ constexpr long allowedStoreGrowth = 1024;     // KiB
 constexpr long maxFrontEnd = 24 * 1024;       // KiB
 constexpr const char* keptEntries = "100";
 constexpr int columnWidth = 10;
-constexpr std::size_t maxShownKey = 48;
 constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};
 
 // Removes old events and audit entries, as a controller's event and log services do.
@@ -198,8 +197,8 @@ bool Soak::check(const Words& keysBefore, const Words& keysAfter, const Footprin
     checks.check(keysAfter == keysBefore, "the store holds the keys that it held before");
     for (const std::string& key : keysAfter) {
         if (!std::binary_search(keysBefore.begin(), keysBefore.end(), key)) {
-            // A token is in the name of its record's key.
-            std::cout << "           " << key.substr(0, maxShownKey) << "\n";
+            const bool holdsToken = key.rfind(testbed::tokenKey(""), 0) == 0;
+            std::cout << "           " << (holdsToken ? "the record of a token" : key) << "\n";
         }
     }
     checks.check(store->hget(testbed::sessionsUri, "Members@odata.count") == "0",
