@@ -75,7 +75,10 @@ HttpClient FrontEndSoak::clientAt(std::size_t host) const {
 
 std::vector<std::function<void()>> FrontEndSoak::workers() {
     // A session that has been left after all soon expires.
-    controller.frontEnd().patch({{"SessionTimeout", std::to_string(minTimeout)}});
+    HttpClient first = clientAt(1);
+    const std::string session = logIn(first, testbed::administrator);
+    first.patch(testbed::serviceUri, R"({"SessionTimeout": )" + std::to_string(minTimeout) + "}");
+    first.remove(session);
     const std::string deep = std::string(1000, '[') + std::string(1000, ']');
     const std::size_t whole = loginRequest(testbed::operatorAccount).size();
     const std::vector<std::function<void(HttpClient)>> each{
