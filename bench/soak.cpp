@@ -23,7 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr long maxRows = 30;
 constexpr long allowedGrowth = 512;           // KiB, of the daemon
-constexpr long allowedFrontEndGrowth = 2048;  // KiB, from the first third to the last one
+constexpr long allowedFrontEndGrowth = 2048;  // KiB, from the second third to the last one
 constexpr long allowedStoreGrowth = 1024;     // KiB
 constexpr long maxFrontEnd = 24 * 1024;       // KiB
 constexpr const char* keptEntries = "100";
@@ -166,11 +166,12 @@ std::vector<Footprint> Soak::watch(std::chrono::seconds duration) {
 
 void Soak::checkFrontEnd(testbed::Checks& checks, const std::vector<Footprint>& rows) const {
     const auto third = static_cast<std::ptrdiff_t>(rows.size() / 3);
-    const long early = maxFrontEndKib(rows.begin(), rows.begin() + third);
+    // In the first third it still takes what it works with.
+    const long early = maxFrontEndKib(rows.begin() + third, rows.end() - third);
     const long late = maxFrontEndKib(rows.end() - third, rows.end());
     checks.check(late - early <= allowedFrontEndGrowth,
                  "the front end has not grown by more than " +
-                     std::to_string(allowedFrontEndGrowth) + " KiB after the first third");
+                     std::to_string(allowedFrontEndGrowth) + " KiB from the second third on");
     checks.check(maxFrontEndKib(rows.begin(), rows.end()) <= maxFrontEnd,
                  "the front end has stayed below " + std::to_string(maxFrontEnd) + " KiB");
     const std::string log = web->errorLog();
