@@ -5,7 +5,7 @@ import * as words from "./words.js";
 import { ask, byId, drawPlaces, drawTable, say, setText, show } from "./view.js";
 
 const numberOfPlaces = 8;
-// Further members are only counted.
+// Further ones are only counted.
 const maxShown = 64;
 const refreshSeconds = 5;
 // Without a key, a touch or a movement for so long, nobody is taken to be there, and nothing is
@@ -13,7 +13,7 @@ const refreshSeconds = 5;
 const presenceSeconds = 120;
 // So long before its end, a session that nobody uses is spoken of.
 const warningSeconds = 60;
-// How long it is shown that something has been done.
+// So long it is shown that something has been done.
 const doneSeconds = 10;
 
 // All that belongs to one login; null when nobody is logged in.
@@ -108,8 +108,8 @@ function finish(reason, kind) {
 
 // The session is not there any more.
 function over() {
-  const { redfish, timeout } = login;
-  const hasExpired = seconds() - redfish.lastUse >= timeout - 1;
+  const { redfish: { lastUse }, timeout } = login;
+  const hasExpired = seconds() - lastUse >= timeout - 1;
   finish(words.sessionOver(hasExpired, timeout, time()), "bad");
 }
 
@@ -201,6 +201,7 @@ async function readAndDraw(reader) {
   reader.refreshing = null;
   if (login === reader) {
     (reader.failed?.status === 401 ? over : draw)();
+    tick();
   }
 }
 
@@ -373,16 +374,11 @@ function showPassword() {
   byId("show").ariaPressed = String(!isShown);
 }
 
-const handlers = {
-  "login-form": ["submit", logIn],
-  "show": ["click", showPassword],
-  "log-out": ["click", logOut],
-  "end-others": ["click", endOthers],
-  "timeout-form": ["submit", changeTimeout],
-};
-for (const [id, [type, handler]] of Object.entries(handlers)) {
-  byId(id).addEventListener(type, handler);
-}
+byId("login-form").onsubmit = logIn;
+byId("show").onclick = showPassword;
+byId("log-out").onclick = logOut;
+byId("end-others").onclick = endOthers;
+byId("timeout-form").onsubmit = changeTimeout;
 for (const type of ["keydown", "pointerdown", "pointermove", "wheel", "touchmove"]) {
   addEventListener(type, noteInput, { passive: true });
 }

@@ -84,7 +84,7 @@ function rowOf(session, end) {
   } else if (session.canEnd) {
     const button = element("button", { type: "button" }, "End",
       unseen(" the session ", session.id, " of ", isolated(session.user)));
-    button.addEventListener("click", () => end(session));
+    button.onclick = () => end(session);
     action.append(button);
   }
   return element("tr", { role: "row", "data-uri": session.uri }, head,
@@ -130,5 +130,5 @@ export function ask(title, sessions, yes) {
 }
 
 for (const answer of ["yes", "no"]) {
-  byId(answer).addEventListener("click", () => byId("question").close(answer));
+  byId(answer).onclick = () => byId("question").close(answer);
 }

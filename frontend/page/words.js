@@ -1,7 +1,6 @@
 // What went wrong, and what to do about it. What stands between backquotes is to be typed.
 import { spanText } from "./clock.js";
 
-// Returns the entries of an answer's messages.
 function entriesOf({ body }) {
   const entries = body.error?.["@Message.ExtendedInfo"] ?? body["@Message.ExtendedInfo"];
   return Array.isArray(entries) ? entries.map(Object) : [];
