@@ -22,7 +22,10 @@ let lastInput = 0;
 let lastPointer = "";
 
 const time = () => new Date().toLocaleTimeString();
-const text = (value) => typeof value === "string" ? value : JSON.stringify(value ?? "");
+// Characters that nobody sees, or that turn others round, are shown by their numbers.
+const text = (value) => (typeof value === "string" ? value : JSON.stringify(value ?? "")).replace(
+  /[\p{Cc}\u061c\u200b-\u200f\u202a-\u202e\u2066-\u2069\ufeff]/gu,
+  (character) => `\\u{${character.codePointAt().toString(16)}}`);
 const isInSight = () => document.visibilityState === "visible";
 const isActive = () => isInSight() && seconds() - lastInput < presenceSeconds;
 
@@ -128,7 +131,7 @@ function sessionFrom(uri, { status, body }) {
   const isRedfish = !isReadable || (body.SessionType ?? "Redfish") === "Redfish";
   return {
     uri,
-    id: uri.slice(sessions.length + 1),
+    id: text(uri.slice(sessions.length + 1)),
     user: isReadable ? text(body.UserName) : null,
     address: isReadable ? text(body.ClientOriginIPAddress) : null,
     // Sessions of other kinds take none, and are ended elsewhere.
@@ -272,7 +275,7 @@ function drawLeft(left) {
     login.isWarned = isEnding;
     login.doneAt = Infinity;
     say("message", isEnding ? {
-      title: `Your session expires in ${spanText(Math.ceil(left))}.`,
+      title: "Your session is about to expire.",
       advice: "Press a key or touch the page to stay logged in.",
     } : null, "note");
   }

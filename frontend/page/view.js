@@ -24,7 +24,6 @@ function person() {
 // A text whose direction of writing affects nothing around it.
 const isolated = (text) => element("bdi", {}, text);
 const code = (text) => element("code", {}, isolated(text));
-const unseen = (...children) => element("span", { class: "unseen" }, ...children);
 const mark = () => element("span", { class: "mark" }, "you");
 
 // What the user may not read is null.
@@ -83,7 +82,7 @@ function rowOf(session, end) {
     head.append(" ", mark());
   } else if (session.canEnd) {
     const button = element("button", { type: "button" }, "End",
-      unseen(" the session ", session.id, " of ", isolated(session.user)));
+      element("span", { class: "unseen" }, ` the session ${session.id} of ${session.user}`));
     button.onclick = () => end(session);
     action.append(button);
   }

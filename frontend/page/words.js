@@ -48,8 +48,8 @@ function noPlace(answer) {
     ? { title: "There is no place for you.", advice: resolution }
     : {
       title: "All eight places are taken.",
-      advice: "Ask somebody to log out, or wait until a session expires, and log in again. Who is "
-        + "root on the controller can make room: `sessionctl list` shows the sessions, "
+      advice: "Ask somebody to log out, or wait until a session expires, and log in again. Whoever "
+        + "is root on the controller can make room: `sessionctl list` shows the sessions, "
         + "`sessionctl delete ID` ends one.",
     };
 }

@@ -124,7 +124,7 @@ TEST_F(PageTime, TellsWhenTheSessionHasReallyExpired) {
     EXPECT_EQ(page.text("#rows"), "");
 }
 
-TEST_F(PageTime, CloseThePageAndTheSessionEnds) {
+TEST_F(PageTime, EndsTheSessionWithThePage) {
     login(browser());
     browser().open("about:blank");
     waitUntil("the session has ended with its page", [&] { return tokens().empty(); });
