@@ -190,6 +190,7 @@ async function read(reader) {
 }
 
 async function readAndDraw(reader) {
+  reader.lastRefresh = seconds();
   reader.failed = null;
   try {
     await read(reader);
@@ -200,7 +201,6 @@ async function readAndDraw(reader) {
     }
     reader.failed = answer;
   }
-  reader.lastRefresh = seconds();
   reader.refreshing = null;
   if (login === reader) {
     (reader.failed?.status === 401 ? over : draw)();
@@ -261,7 +261,7 @@ function tick() {
   setText("presence", isActive()
     ? `You are here: the lists are refreshed every ${refreshSeconds} seconds, which counts as use.`
     : "Nobody seems to be here: the lists are not refreshed. Press a key or touch the page.");
-  if (isActive() && !login.refreshing && seconds() - login.lastRefresh >= refreshSeconds) {
+  if (isActive() && !login.refreshing && seconds() - login.lastRefresh > refreshSeconds - 0.5) {
     refresh();
   }
 }
@@ -311,7 +311,9 @@ async function conclude(changing, failed, doWhat, done) {
   }
   say("message", failed ? words.failure(failed, doWhat) : { title: done }, failed ? "bad" : "good");
   login.doneAt = failed ? Infinity : seconds();
-  await refresh();
+  // One under way is older.
+  await changing.refreshing;
+  await (login === changing && refresh());
 }
 
 async function endSessions(ending, title, yes, done) {

@@ -94,7 +94,7 @@ TEST_F(PageTime, StopsRefreshingWhenNobodyIsThereAndWarnsOfTheEnd) {
     EXPECT_EQ(page.text("#message"), "");
     pass(page, 62);
     EXPECT_EQ(requests(page), before);
-    EXPECT_THAT(page.text("#message"), HasSubstr("Your session expires in "));
+    EXPECT_THAT(page.text("#message"), HasSubstr("Your session is about to expire."));
     EXPECT_THAT(page.run("return document.title").get<std::string>(), HasSubstr(" left"));
 
     // A mouse that rests is nobody; one that moves is.
