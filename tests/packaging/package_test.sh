@@ -65,23 +65,15 @@ contains "$service" usr/libexec/session-service/session-service usr/sbin/session
     usr/libexec/session-service/{seed-store,supervise} \
     usr/lib/sysusers.d/session-service.conf etc/logrotate.d/session-service \
     usr/share/man/man5/{session-service,SessionService,SessionPersistentProp,q73,groups2privs}.conf.5.gz \
-<<<<<<< HEAD
     usr/share/man/man8/{session-service,session-service-setup,sessionctl,pam_session_role}.8.gz \
     usr/share/doc/session-service/{README.Debian,copyright,changelog.gz,configuration.md,examples} \
     usr/share/session-service/examples/{SessionService,SessionPersistentProp,q73,groups2privs}.conf \
     usr/share/session-service/examples/q73 usr/share/session-service/settings/SessionService.conf \
     usr/share/session-service/{redis.conf,resources.txt} \
     usr/share/session-service/scripts/{resourceChange,logGeneratorHelper}.lua
-contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua} \
+contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua,page/index.html} \
     $units/session-service-frontend.service usr/libexec/session-service/make-frontend-files \
     usr/lib/sysusers.d/session-service-frontend.conf etc/logrotate.d/session-service-frontend
-=======
-    usr/share/man/man8/{session-service,sessionctl,pam_session_role}.8.gz \
-    usr/share/doc/session-service/{README.Debian,copyright,changelog.gz,configuration.md} \
-    usr/share/doc/session-service/examples/{SessionService,SessionPersistentProp,q73,groups2privs}.conf \
-    usr/share/doc/session-service/examples/q73
-contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua,page/index.html}
->>>>>>> main
 contains "$demo" usr/bin/session-service-demo usr/share/session-service-demo/seed/resources.txt
 
 # Where the controller's own files are, nothing comes with a package.

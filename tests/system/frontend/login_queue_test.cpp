@@ -16,10 +16,6 @@ using Clock = std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-<<<<<<< HEAD
-constexpr char refusedLogFile[] = "/var/log/session-service-frontend/refused-logins.log";
-=======
->>>>>>> main
 constexpr char statusPath[] = "/status";
 
 double secondsSince(Clock::time_point start) {
