@@ -1,5 +1,7 @@
 #include "sessionctl/counts.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -22,6 +24,22 @@ namespace {
 
 using nlohmann::json;
 using Kind = store::Answer::Kind;
+
+// The folders in which the front end's logs may be.
+constexpr std::array logFolders{"/var/log/session-service-frontend", "/var/log/nginx"};
+constexpr const char* accessLog = "access.log";
+constexpr const char* refusedLoginLog = "refused-logins.log";
+
+std::string pathOfLog(const char* name) {
+    std::string path;
+    for (const char* folder : logFolders) {
+        path = std::string(folder) + '/' + name;
+        if (access(path.c_str(), F_OK) == 0) {
+            break;
+        }
+    }
+    return path;
+}
 
 // As the front end writes them: words of its own, and the last parts of message identifiers.
 constexpr std::array reasons{"wrong name or password",
@@ -206,7 +224,7 @@ std::optional<Access> parseAccess(const std::string& line) {
 }
 
 void Counts::readRefusedLogins() {
-    const auto position = readLog(refusedLoginLog, refusedPosition, [&](const std::string& line) {
+    const auto position = readLog(pathOfLog(refusedLoginLog), refusedPosition, [&](const std::string& line) {
         if (const auto login = parseRefusedLogin(line)) {
             if (!refused) {
                 refused.emplace();
@@ -247,7 +265,7 @@ void Counts::addAccess(const std::string& line) {
 
 void Counts::readAccessLog() {
     const auto position =
-        readLog(accessLog, accessPosition, [this](const std::string& line) { addAccess(line); });
+        readLog(pathOfLog(accessLog), accessPosition, [this](const std::string& line) { addAccess(line); });
     if (position) {
         accessPosition = position;
         add(changes, 0LL);

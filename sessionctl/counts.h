@@ -16,10 +16,6 @@ struct redisContext;
 
 namespace session_service::console {
 
-// Logs of the web front end.
-inline constexpr const char* accessLog = "/var/log/nginx/access.log";
-inline constexpr const char* refusedLoginLog = "/var/log/nginx/refused-logins.log";
-
 // An entry of the audit log.
 struct AuditEntry {
     std::string uri;

@@ -288,14 +288,6 @@ int execute(const Options& options, Invocation& invocation) {
     return runEnable(options, name == "enable");
 }
 
-// Files of the command line that lie outside the root are not at hand within it.
-void enterRootOf(Invocation& invocation) {
-    if (!invocation.stats.state.empty() || !invocation.stats.output.empty()) {
-        failUsage("--state and --output cannot be used with --root.");
-    }
-    enterRoot(invocation.root);
-}
-
 int run(int argumentCount, char** arguments, Options& options) {
     Invocation invocation;
     parseOptions(argumentCount, arguments, options, invocation);
@@ -328,7 +320,7 @@ int run(int argumentCount, char** arguments, Options& options) {
         invocation.stats.daemon = findDaemon(invocation.root.empty() ? "/" : invocation.root);
     }
     if (!invocation.root.empty()) {
-        enterRootOf(invocation);
+        enterRoot(invocation.root);
     }
     return execute(options, invocation);
 }

@@ -25,6 +25,7 @@ Letter readLetter(std::string_view text, bool unicode) {
     if (first < 0x80 || !unicode) {
         return {.columns = first >= 0x20 && first < 0x7f ? 1U : 0U};
     }
+    constexpr wchar_t noBreakSpace = 0xa0;
     constexpr wchar_t softHyphen = 0xad;
     wchar_t code = 0;
     std::mbstate_t state{};
@@ -33,8 +34,9 @@ Letter readLetter(std::string_view text, bool unicode) {
         return {};
     }
     // Marks that combine with the letter before, and those that turn the direction, have no width.
-    const int columns =
-        std::iswgraph(static_cast<wint_t>(code)) != 0 && code != softHyphen ? wcwidth(code) : 0;
+    const bool isVisible =
+        std::iswgraph(static_cast<wint_t>(code)) != 0 && code != noBreakSpace && code != softHyphen;
+    const int columns = isVisible ? wcwidth(code) : 0;
     return {bytes, columns > 0 ? static_cast<std::size_t>(columns) : 0U};
 }
 

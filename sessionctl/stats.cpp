@@ -34,26 +34,22 @@ constexpr const char* endSource = "audit log and access log";
 constexpr const char* storeSource = "store";
 constexpr const char* kernelSource = "kernel";
 
-// Each pass reads the token reference of every session, which nothing else does that lasts; and
-// this question is no read.
-std::optional<long long> readIdleTime(redisContext* connection, const std::string& member) {
-    if (!member.starts_with(memberPrefix)) {
-        return std::nullopt;
-    }
-    const std::string uri = member.substr(memberPrefix.size());
-    const store::Answer answer = ask(connection, {"OBJECT", "IDLETIME", tokenReferenceKeyOf(uri)});
-    return answer.kind == Kind::integer ? std::optional(answer.integer) : std::nullopt;
-}
-
+// Each pass reads the token reference of every session. So do sessionctl list and show, but nothing
+// that goes on for long; and this question is no read.
 void readSessions(redisContext* connection, Statistics& statistics) {
     for (const std::string& member : readMembers(connection)) {
-        const auto idle = readIdleTime(connection, member);
-        if (!readMember(connection, member).countsTowardLimit) {
+        if (!member.starts_with(memberPrefix)) {
+            continue;
+        }
+        const std::string uri = member.substr(memberPrefix.size());
+        if (!isRedfishSession(connection, uri)) {
             continue;
         }
         ++statistics.sessions;
-        if (idle) {
-            statistics.lastPassAge = std::max(statistics.lastPassAge.value_or(0), *idle);
+        const store::Answer idle =
+            ask(connection, {"OBJECT", "IDLETIME", tokenReferenceKeyOf(uri)});
+        if (idle.kind == Kind::integer) {
+            statistics.lastPassAge = std::max(statistics.lastPassAge.value_or(0), idle.integer);
         }
     }
 }

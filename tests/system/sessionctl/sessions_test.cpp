@@ -564,7 +564,6 @@ TEST_F(Calling, InAWrongWayIsExplained) {
                                                      {"list", "--prometheus"},
                                                      {"stats", "--prometheus", "--json"},
                                                      {"stats", "--state"},
-                                                     {"stats", "--root", "/", "--output", "x"},
                                                      {"timeout"},
                                                      {"timeout", "29"},
                                                      {"timeout", "86401"},
