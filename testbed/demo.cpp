@@ -5,15 +5,14 @@
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <thread>
 
 #include "testbed/accounts.h"
-#include "testbed/checks.h"
 #include "testbed/controller.h"
+#include "testbed/demo_output.h"
 #include "testbed/events_and_audit_log.h"
 #include "testbed/web_front_end.h"
 
@@ -86,20 +85,9 @@ struct WebAnswer {
     bool holds(const std::string& part) const { return text.find(part) != std::string::npos; }
 };
 
-void chapter(const std::string& title) {
-    std::cout << "\n== " << title << "\n";
-}
-
-void show(const std::string& title, const Fields& fields) {
-    std::cout << "   " << withShortTokens(title) << "\n";
-    for (const auto& [field, value] : fields) {
-        std::cout << "      " << std::left << std::setw(22) << field << " "
-                  << withShortTokens(value) << "\n";
-    }
-}
-
 class Demo {
   public:
+    explicit Demo(bool verbose) : output(verbose) {}
     // Runs all chapters; returns whether everything was right.
     bool run();
     // Says how to use the running controller, and waits for an interrupt.
@@ -125,6 +113,7 @@ class Demo {
     // Expects the events and the audit entry of a session's end.
     void expectLogout(const std::string& sessionUri, const Account& account);
     void expectEvents(const std::string& action, const std::string& sessionUri);
+    void show(const std::string& title, const Fields& fields);
     void showReply(const Reply& reply);
     // Shows a curl command and what it got, and runs it: `arguments` is all but the options that
     // every command has, and the address.
@@ -142,17 +131,25 @@ class Demo {
     std::vector<Event> expectedEvents;
     std::vector<AuditEntry> expectedAuditEntries;
     int lastGroup = 0;
-    testbed::Checks checks;
+    testbed::DemoOutput output;
 };
+
+void Demo::show(const std::string& title, const Fields& fields) {
+    output.details() << "   " << withShortTokens(title) << "\n";
+    for (const auto& [field, value] : fields) {
+        output.details() << "      " << std::left << std::setw(22) << field << " "
+                         << withShortTokens(value) << "\n";
+    }
+}
 
 void Demo::showReply(const Reply& reply) {
     show("reply", reply.fields);
     for (const testbed::Message& message : reply.messages) {
-        std::cout << "      message                " << message.id;
+        output.details() << "      message                " << message.id;
         for (const std::string& argument : message.arguments) {
-            std::cout << " " << argument;
+            output.details() << " " << argument;
         }
-        std::cout << "\n";
+        output.details() << "\n";
     }
 }
 
@@ -199,107 +196,114 @@ void Demo::expectLogout(const std::string& sessionUri, const Account& account) {
 }
 
 void Demo::showStart() {
-    chapter("The testbed starts");
     const auto begin = std::chrono::steady_clock::now();
     controller.start();
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - begin);
     frontEnd.emplace(controller.frontEnd());
     store.emplace(controller.connect());
-    std::cout << "   A store, local accounts and the session service, in a private root: up in "
-              << took.count() << " ms.\n";
+    std::cout
+        << "Clients of a server's management controller log in, work and log out. The\n"
+           "session service decides who may, and for how long, and records it. Here with\n"
+           "a store, a web front end and accounts, in a private root, up in "
+        << took.count() << " ms:\n\n"
+        << std::flush;
 }
 
 void Demo::showRefusal() {
-    chapter("A login with a wrong password");
+    output.beginChapter("wrong password", "A login with a wrong password");
     const Reply reply = frontEnd->login(testbed::administrator.name, "not the password");
     showReply(reply);
-    checks.check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
+    output.check(reply.status() == "AUTH_FAILED" && reply.messages.size() == 1 &&
                      reply.messages[0].id == "ExtendedError.1.2.InvalidCredentials",
                  "the login is refused: the credentials are not valid");
-    checks.check(reply.token().empty() && store->llen(testbed::membersKey) == 0,
+    output.check(reply.token().empty() && store->llen(testbed::membersKey) == 0,
                  "there is no token and no session");
     const std::string reason =
         std::string(testbed::administrator.name) + " does not pass the PAM auth.";
-    checks.check(controller.readFile(testbed::logFile).find(reason) != std::string::npos,
+    output.check(controller.readFile(testbed::logFile).find(reason) != std::string::npos,
                  "the log says why: " + reason);
+    output.endChapter("refused: no session, no token; the log says why");
 }
 
 void Demo::showLogin() {
-    chapter("A login of the administrator");
+    output.beginChapter("login", "A login of the administrator");
     const Reply reply = login(testbed::administrator);
     showReply(reply);
     firstSession = reply.location();
-    checks.check(reply.status() == "OK" && reply.messages.size() == 1 &&
+    output.check(reply.status() == "OK" && reply.messages.size() == 1 &&
                      reply.messages[0].id == "Base.1.12.Created",
                  "the session is created");
 
     const Fields session = store->hgetall(firstSession);
     show("session resource " + firstSession, session);
-    checks.check(unquoted(store->hget(firstSession, "UserName")) == testbed::administrator.name &&
+    output.check(unquoted(store->hget(firstSession, "UserName")) == testbed::administrator.name &&
                      unquoted(store->hget(firstSession, "@odata.id")) == firstSession,
                  "the session resource belongs to the user");
 
     const std::string tokenKey = testbed::tokenKey(reply.token());
     show("token record " + tokenKey, store->hgetall(tokenKey));
-    checks.check(store->hget(tokenKey, "SessionID") == firstSession &&
+    output.check(store->hget(tokenKey, "SessionID") == firstSession &&
                      store->hget(tokenKey, "Privilege") == testbed::administrator.privilege,
                  "the token leads to the session and carries the privilege of the user's role");
-    checks.check(
+    output.check(
         unquoted(store->hget(testbed::tokenReferenceKey(firstSession), "XAUTH")) == reply.token(),
         "the session leads to the token");
 
     show(std::string("collection ") + testbed::sessionsUri, store->hgetall(testbed::sessionsUri));
     const Words members = store->lrange(testbed::membersKey);
-    checks.check(members == Words{"&&ObjectRef " + firstSession} &&
+    output.check(members == Words{"&&ObjectRef " + firstSession} &&
                      store->hget(testbed::sessionsUri, "Members@odata.count") == "1",
                  "the collection holds this session and counts one");
 
     for (const Event& event : events()) {
-        std::cout << "   event " << event.action << " " << event.resource << " (group "
-                  << event.group << ")\n";
+        output.details() << "   event " << event.action << " " << event.resource << " (group "
+                         << event.group << ")\n";
     }
-    checks.check(events() == expectedEvents, "both changes are events, as one group");
+    output.check(events() == expectedEvents, "both changes are events, as one group");
     const std::vector<AuditEntry> audit = auditEntries();
     for (const AuditEntry& entry : audit) {
-        std::cout << "   audit entry " << entry.messageId << " " << entry.user << "\n";
+        output.details() << "   audit entry " << entry.messageId << " " << entry.user << "\n";
     }
-    checks.check(audit == expectedAuditEntries, "the login is in the audit log");
+    output.check(audit == expectedAuditEntries, "the login is in the audit log");
+    output.endChapter(std::string(testbed::administrator.name) +
+                      " has a session, a token and privileges");
 }
 
 void Demo::showPatch() {
-    chapter("The session timeout is changed");
+    output.beginChapter("change", "The session timeout is changed");
     const std::string before = store->hget(testbed::serviceUri, "SessionTimeout");
     const Reply reply = frontEnd->patch({{"SessionTimeout", "600"}});
     showReply(reply);
-    checks.check(reply.status() == "OK", "the change is accepted");
+    output.check(reply.status() == "OK", "the change is accepted");
     const std::string after = store->hget(testbed::serviceUri, "SessionTimeout");
-    checks.check(before == "300" && after == "600",
+    output.check(before == "300" && after == "600",
                  "the service says " + after + ", it was " + before);
     const std::string kept = controller.readFile(testbed::persistentFile);
-    std::cout << "   " << testbed::persistentFile << "\n";
+    output.details() << "   " << testbed::persistentFile << "\n";
     std::istringstream lines(kept);
     for (std::string line; std::getline(lines, line);) {
-        std::cout << "      " << line << "\n";
+        output.details() << "      " << line << "\n";
     }
-    checks.check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
+    output.check(kept.find("\nSessionTimeout=600\n") != std::string::npos, "the file keeps it");
     expectedEvents.push_back(
         {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
     testbed::waitUntil("the change is an event",
                        [this] { return events().size() >= expectedEvents.size(); });
-    checks.check(events() == expectedEvents, "the change is an event");
+    output.check(events() == expectedEvents, "the change is an event");
+    output.endChapter("SessionTimeout " + before + " -> " + after + " s; a file keeps it");
 }
 
 void Demo::showExpiry() {
-    chapter("A session expires");
+    output.beginChapter("expiry", "A session expires");
     const Reply reply = login(testbed::operatorAccount);
-    checks.check(reply.status() == "OK", "the operator has logged in: " + reply.location());
+    output.check(reply.status() == "OK", "the operator has logged in: " + reply.location());
     const std::string tokenKey = testbed::tokenKey(reply.token());
-    checks.check(store->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
+    output.check(store->hget(tokenKey, "Timeout") == "600", "the session has the new timeout");
 
     constexpr long timeout = 4;
-    std::cout << "   Nobody wants to wait that long: this one gets " << timeout << " seconds.\n"
-              << "   idle:";
+    output.details() << "   Nobody wants to wait that long: this one gets " << timeout
+                     << " seconds.\n";
     const long lastUse = std::stol(store->hget(tokenKey, "LastAccessed"));
     store->hset(tokenKey, {{"Timeout", std::to_string(timeout)}});
     long shown = -1;
@@ -307,31 +311,32 @@ void Demo::showExpiry() {
         const long left = timeout - (testbed::uptime() - lastUse);
         if (left != shown) {
             shown = left;
-            std::cout << " " << left << " s left ..." << std::flush;
+            output.showWait("idle until it expires", left, timeout);
         }
         return !store->exists(reply.location());
     });
-    std::cout << " gone\n";
     expectLogout(reply.location(), testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
                        [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
-    checks.check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
-    checks.check(
+    output.check(testbed::uptime() - lastUse >= timeout, "it was not removed early");
+    output.check(
         !store->exists(tokenKey) && !store->exists(testbed::tokenReferenceKey(reply.location())),
         "its token is worth nothing any more");
-    checks.check(store->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession},
+    output.check(store->lrange(testbed::membersKey) == Words{"&&ObjectRef " + firstSession},
                  "the administrator's session is still there");
+    output.endChapter("a session that nobody used for " + std::to_string(timeout) + " s is gone");
 }
 
 void Demo::showLogout() {
-    chapter("The administrator logs out");
+    output.beginChapter("logout", "The administrator logs out");
     const Reply reply = frontEnd->remove(firstSession);
     showReply(reply);
     expectLogout(firstSession, testbed::administrator);
-    checks.check(reply.status() == "OK_EMPTY", "the session is removed");
-    checks.check(store->llen(testbed::membersKey) == 0 && !store->exists(firstSession) &&
+    output.check(reply.status() == "OK_EMPTY", "the session is removed");
+    output.check(store->llen(testbed::membersKey) == 0 && !store->exists(firstSession) &&
                      store->hget(testbed::sessionsUri, "Members@odata.count") == "0",
                  "the collection is empty");
+    output.endChapter("session and token are gone");
 }
 
 Words Demo::fillUp(std::size_t present) {
@@ -339,7 +344,7 @@ Words Demo::fillUp(std::size_t present) {
     while (present + sessions.size() < sessionLimit) {
         const Reply reply = login(testbed::reader);
         if (reply.status() != "OK") {
-            checks.check(false, "a login below the limit answered " + reply.status());
+            output.check(false, "a login below the limit answered " + reply.status());
             break;
         }
         sessions.push_back(reply.location());
@@ -357,21 +362,22 @@ bool Demo::removeAll(const Words& sessions) {
 }
 
 void Demo::showLimit() {
-    chapter("As many sessions as there can be");
+    output.beginChapter("limit", "As many sessions as there can be");
     const Words sessions = fillUp(0);
-    checks.check(
+    output.check(
         store->hget(testbed::sessionsUri, "Members@odata.count") == std::to_string(sessionLimit),
         "the reader has logged in eight times");
     const Reply ninth = login(testbed::reader);
     showReply(ninth);
-    checks.check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
+    output.check(ninth.status() == "UNAVAILABLE" && ninth.messages.size() == 1 &&
                      ninth.messages[0].id == "Base.1.12.SessionLimitExceeded",
                  "the ninth login is refused");
 
-    checks.check(removeAll(sessions), "all eight have logged out");
-    checks.check(store->llen(testbed::membersKey) == 0 && store->keys("&&X-AUTH-TOKEN-*").empty() &&
+    output.check(removeAll(sessions), "all eight have logged out");
+    output.check(store->llen(testbed::membersKey) == 0 && store->keys("&&X-AUTH-TOKEN-*").empty() &&
                      store->keys("*" + std::string(testbed::sessionsUri) + "/????????").empty(),
                  "nothing is left of any session");
+    output.endChapter("eight sessions; a ninth login is refused");
 }
 
 std::string Demo::curlCommand() const {
@@ -380,32 +386,32 @@ std::string Demo::curlCommand() const {
 
 WebAnswer Demo::curl(const std::string& arguments, const std::string& path) {
     const std::string rest = arguments + (arguments.empty() ? "" : " ") + web.url() + path;
-    std::cout << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
+    output.details() << "   $ " << curlCommand() << " \\\n        " << rest << "\n";
     WebAnswer answer{.status = {}, .text = testbed::shellOutput(curlCommand() + " " + rest)};
     answer.status = answer.text.substr(0, answer.text.find('\r'));
-    std::cout << "      " << answer.status << "\n";
+    output.details() << "      " << answer.status << "\n";
     for (const char* header : {"Location", "X-Auth-Token", "ETag", "Retry-After"}) {
         if (const std::string value = answer.header(header); !value.empty()) {
-            std::cout << "      " << header << ": " << withShortTokens(value) << "\n";
+            output.details() << "      " << header << ": " << withShortTokens(value) << "\n";
         }
     }
     const std::size_t body = answer.text.find("\r\n\r\n");
     if (body != std::string::npos && body + 4 < answer.text.size()) {
-        std::cout << "      " << answer.text.substr(body + 4) << "\n";
+        output.details() << "      " << answer.text.substr(body + 4) << "\n";
     }
     return answer;
 }
 
 void Demo::showWeb() {
-    chapter("The same with curl, through the web front end");
+    output.beginChapter("HTTPS", "The same with curl, through the web front end");
     const std::string service = testbed::serviceUri;
     const std::string sessions = testbed::sessionsUri;
     const std::string json = "-H 'Content-Type: application/json' ";
     web.start();
-    std::cout << "   It listens on " << web.url() << ".\n";
-    checks.check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
+    output.details() << "   It listens on " << web.url() << ".\n";
+    output.check(curl("", "/redfish/v1/SessionService").holds("401 Unauthorized"),
                  "without a token nothing can be read");
-    checks.check(
+    output.check(
         curl(json + "-d '" + loginBody(testbed::administrator, "not the password") + "'", sessions)
             .holds("401 Unauthorized"),
         "a wrong password is refused");
@@ -414,26 +420,26 @@ void Demo::showWeb() {
         json + "-d '" + loginBody(testbed::administrator, testbed::administrator.password) + "'",
         sessions);
     const std::string session = created.header("Location");
-    checks.check(created.holds("201 Created") && store->exists(session), "the session is created");
+    output.check(created.holds("201 Created") && store->exists(session), "the session is created");
     expectEvents("add", session);
     expectedAuditEntries.push_back(
         {"AuditEvent.1.1.UserLogin", testbed::administrator.name, session});
 
     // The commands name the token as a variable: nobody needs the whole of it on the screen.
     setenv("TOKEN", created.header("X-Auth-Token").c_str(), 1);
-    std::cout << "   $ TOKEN=... (the X-Auth-Token above)\n";
+    output.details() << "   $ TOKEN=... (the X-Auth-Token above)\n";
     const std::string token = "-H \"X-Auth-Token: $TOKEN\"";
-    checks.check(curl(token, session).holds(R"("UserName":"admin")"),
+    output.check(curl(token, session).holds(R"("UserName":"admin")"),
                  "the token reads its session");
 
-    checks.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
+    output.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":900}')", service)
                      .holds(R"("SessionTimeout":900)"),
                  "the session timeout is changed");
     expectedEvents.push_back(
         {"change", testbed::serviceUri, "SessionService", std::to_string(++lastGroup)});
     testbed::waitUntil("the change is an event",
                        [this] { return events().size() >= expectedEvents.size(); });
-    checks.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
+    output.check(curl(token + " " + json + R"(-X PATCH -d '{"SessionTimeout":5}')", service)
                      .holds("400 Bad Request"),
                  "a timeout below 30 seconds is refused");
 
@@ -445,51 +451,54 @@ void Demo::showWeb() {
     expectEvents("add", expiring);
     expectedAuditEntries.push_back(
         {"AuditEvent.1.1.UserLogin", testbed::operatorAccount.name, expiring});
-    std::cout << "   This one gets one second.\n";
+    output.details() << "   This one gets one second.\n";
     store->hset(testbed::tokenKey(second.header("X-Auth-Token")), {{"Timeout", "1"}});
     expectLogout(expiring, testbed::operatorAccount);
     testbed::waitUntil("the expiry is in the audit log",
                        [this] { return auditEntries().size() >= expectedAuditEntries.size(); });
-    checks.check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
+    output.check(curl(token, expiring).holds("404 Not Found"), "it has expired by itself");
 
     const Words others = fillUp(1);
-    checks.check(
+    output.check(
         curl(json + "-d '" + loginBody(testbed::reader, testbed::reader.password) + "'", sessions)
             .holds("503 Service"),
         "with eight sessions a ninth login is refused for now");
-    checks.check(removeAll(others), "the others have logged out");
+    output.check(removeAll(others), "the others have logged out");
 
-    checks.check(
+    output.check(
         curl(token + " -X DELETE", session).holds("204 No Content") && !store->exists(session),
         "the session is removed");
     expectLogout(session, testbed::administrator);
-    checks.check(curl(token, service).holds("401 Unauthorized"),
+    output.check(curl(token, service).holds("401 Unauthorized"),
                  "the token is worth nothing any more");
     unsetenv("TOKEN");
-    checks.check(store->keys("&&/frontend/*").empty(),
+    output.check(store->keys("&&/frontend/*").empty(),
                  "the front end has left nothing in the store");
+    output.endChapter("curl: login 201, read 200, limit 503, logout 204");
 }
 
 void Demo::showRecords() {
-    chapter("All events and audit entries");
+    output.beginChapter("records", "All events and audit entries");
     const std::vector<Event> foundEvents = events();
     for (const Event& event : foundEvents) {
-        std::cout << "   event " << std::right << std::setw(3) << event.group << "  " << std::left
-                  << std::setw(7) << event.action << event.resource << "\n";
+        output.details() << "   event " << std::right << std::setw(3) << event.group << "  "
+                         << std::left << std::setw(7) << event.action << event.resource << "\n";
     }
-    checks.check(
+    output.check(
         foundEvents == expectedEvents,
         "the stream holds exactly these " + std::to_string(expectedEvents.size()) + " events");
     const std::vector<AuditEntry> foundEntries = auditEntries();
     for (const AuditEntry& entry : foundEntries) {
-        std::cout << "   audit " << std::left << std::setw(27) << entry.messageId << std::setw(9)
-                  << entry.user << entry.origin << "\n";
+        output.details() << "   audit " << std::left << std::setw(27) << entry.messageId
+                         << std::setw(9) << entry.user << entry.origin << "\n";
     }
-    checks.check(foundEntries == expectedAuditEntries,
+    output.check(foundEntries == expectedAuditEntries,
                  "the audit log holds exactly these " +
                      std::to_string(expectedAuditEntries.size()) + " entries");
-    checks.check(controller.readFile(testbed::logFile).find("[Error]") == std::string::npos,
+    output.check(controller.readFile(testbed::logFile).find("[Error]") == std::string::npos,
                  "the log of the service holds no error");
+    output.endChapter(std::to_string(expectedEvents.size()) + " events and " +
+                      std::to_string(expectedAuditEntries.size()) + " audit entries, as expected");
 }
 
 bool Demo::run() {
@@ -503,10 +512,10 @@ bool Demo::run() {
     showWeb();
     showRecords();
     std::cout << "\n"
-              << (checks.allRight() ? "Everything was as it must be."
-                                    : "Something was WRONG: see above.")
-              << "\n";
-    return checks.allRight();
+              << output.count() << " statements checked: "
+              << (output.allRight() ? "everything was as it must be.\n"
+                                    : "something was WRONG, see above.\n");
+    return output.allRight();
 }
 
 void Demo::keep() {
@@ -550,16 +559,26 @@ void Demo::keep() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool keep = argc == 2 && std::strcmp(argv[1], "--keep") == 0;
-    if (argc > 1 && !keep) {
-        std::cerr << "usage: demo [--keep]\n";
-        return 2;
+    bool keep = false;
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--keep") {
+            keep = true;
+        } else if (argument == "--verbose") {
+            verbose = true;
+        } else {
+            std::cerr << "usage: demo [--keep] [--verbose]\n";
+            return 2;
+        }
     }
     try {
-        Demo demo;
+        Demo demo(verbose);
         const bool right = demo.run();
         if (keep) {
             demo.keep();
+        } else {
+            std::cout << "--verbose shows every request; --keep leaves it running, to try.\n";
         }
         return right ? 0 : 1;
     } catch (const std::exception& failure) {

@@ -43,9 +43,8 @@ end
 
 -- Subscribes and delivers answers until the worker may end. Raises what goes wrong.
 local function listen(lost)
-    local subscription = store.connect()
-    store.run(subscription, "PSUBSCRIBE", prefix .. "*")
-    subscription.socket:settimeout(idleMilliseconds)
+    local subscription = store.subscribe(prefix .. "*")
+    subscription:set_timeout(idleMilliseconds)
     isOpen = true
     -- Their answers may have come while nobody listened.
     while #lost > 0 do
@@ -53,9 +52,9 @@ local function listen(lost)
     end
     while not mayEnd() do
         if ngx.worker.exiting() then
-            subscription.socket:settimeout(endMilliseconds)
+            subscription:set_timeout(endMilliseconds)
         end
-        local message, failure = store.receive(subscription)
+        local message, failure = subscription:read_reply()
         local channel = message and message[3]
         local answer = expected[channel]
         if answer then
@@ -68,7 +67,7 @@ local function listen(lost)
             error(failure)
         end
     end
-    subscription.socket:close()
+    subscription:close()
 end
 
 local function run()

@@ -55,7 +55,7 @@ its Lua module: a reference, to be installed on a controller that has no
 front end of its own.")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
-    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl")
+    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, lua-nginx-redis")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS session-service)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_SUGGESTS logrotate)
 

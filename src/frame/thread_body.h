@@ -11,9 +11,10 @@ void logThreadEnd(const char* name) noexcept;
 // Runs the body. An exception ends it as a lost connection does, after the error line "The thread
 // of NAME ends: ...".
 // A forced unwind has no exception object, which the undefined-behaviour sanitizer takes for a null
-// reference.
+// reference; inlined, the function would be checked as its caller is.
 template <typename Body>
-__attribute__((no_sanitize("null"))) void runThreadBody(const char* name, const Body& body) {
+__attribute__((noinline, no_sanitize("null"))) void runThreadBody(const char* name,
+                                                                  const Body& body) {
     try {
         body();
     } catch (const abi::__forced_unwind&) {
