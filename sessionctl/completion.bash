@@ -1,4 +1,5 @@
-# Completion of sessionctl's command line in bash.                          -*- shell-script -*-
+# shellcheck shell=bash
+# Completion of the command line of sessionctl.
 # Names in the store are anybody's choice: nothing here expands them.
 
 # The values of a member in what is listed, one a line. A line has one member, in ASCII; values with

@@ -164,7 +164,10 @@ void load(const json& state, const char* name, std::optional<Value>& value) {
 }
 
 json toJson(const std::optional<LogPosition>& position) {
-    return position ? json{{"inode", position->inode}, {"offset", position->offset}} : json();
+    return position ? json{{"inode", position->inode},
+                           {"offset", position->offset},
+                           {"beginning", position->beginning}}
+                    : json();
 }
 
 std::optional<LogPosition> positionFrom(const json& state) {
@@ -172,7 +175,8 @@ std::optional<LogPosition> positionFrom(const json& state) {
         return std::nullopt;
     }
     return LogPosition{state.at("inode").get<std::uint64_t>(),
-                       state.at("offset").get<std::uint64_t>()};
+                       state.at("offset").get<std::uint64_t>(),
+                       state.at("beginning").get<std::uint64_t>()};
 }
 
 }  // namespace
@@ -224,15 +228,16 @@ std::optional<Access> parseAccess(const std::string& line) {
 }
 
 void Counts::readRefusedLogins() {
-    const auto position = readLog(pathOfLog(refusedLoginLog), refusedPosition, [&](const std::string& line) {
-        if (const auto login = parseRefusedLogin(line)) {
-            if (!refused) {
-                refused.emplace();
+    const auto position =
+        readLog(pathOfLog(refusedLoginLog), refusedPosition, [&](const std::string& line) {
+            if (const auto login = parseRefusedLogin(line)) {
+                if (!refused) {
+                    refused.emplace();
+                }
+                ++(*refused)[login->reason];
+                refusedSince = refusedSince.value_or(login->time);
             }
-            ++(*refused)[login->reason];
-            refusedSince = refusedSince.value_or(login->time);
-        }
-    });
+        });
     if (position) {
         refusedPosition = position;
         if (!refused) {
@@ -264,8 +269,8 @@ void Counts::addAccess(const std::string& line) {
 }
 
 void Counts::readAccessLog() {
-    const auto position =
-        readLog(pathOfLog(accessLog), accessPosition, [this](const std::string& line) { addAccess(line); });
+    const auto position = readLog(pathOfLog(accessLog), accessPosition,
+                                  [this](const std::string& line) { addAccess(line); });
     if (position) {
         accessPosition = position;
         add(changes, 0LL);

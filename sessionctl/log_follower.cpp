@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -27,6 +28,27 @@ OpenLog openLog(const std::string& path) {
         log.file.reset();
     }
     return log;
+}
+
+// As much of it as had been read at that offset, up to a limit.
+std::uint64_t digestOfBeginning(const OpenLog& log, std::uint64_t offset) {
+    constexpr std::uint64_t maxBytes = 64;
+    std::array<char, maxBytes> bytes{};
+    std::rewind(log.file.get());
+    const std::size_t count =
+        std::fread(bytes.data(), 1, std::min(offset, maxBytes), log.file.get());
+    // FNV-1a
+    std::uint64_t digest = 0xcbf29ce484222325;
+    for (std::size_t i = 0; i < count; ++i) {
+        digest = (digest ^ static_cast<unsigned char>(bytes[i])) * 0x100000001b3;
+    }
+    return digest;
+}
+
+// Whether the position is one in this log.
+bool isIn(const LogPosition& position, const OpenLog& log) {
+    return log.file && position.inode == log.inode && position.offset <= log.size &&
+           position.beginning == digestOfBeginning(log, position.offset);
 }
 
 // Returns where the last complete line ends.
@@ -58,19 +80,20 @@ std::optional<LogPosition> readLog(const std::string& path,
                                    const std::function<void(const std::string&)>& handle) {
     const OpenLog log = openLog(path);
     std::uint64_t offset = 0;
-    if (position && log.file && position->inode == log.inode && position->offset <= log.size) {
+    if (position && isIn(*position, log)) {
         offset = position->offset;
     } else if (const OpenLog rotated = openLog(path + ".1"); rotated.file) {
         if (!position) {
             readFrom(rotated, 0, handle);
-        } else if (position->inode == rotated.inode) {
+        } else if (isIn(*position, rotated)) {
             readFrom(rotated, position->offset, handle);
         }
     }
     if (!log.file) {
         return std::nullopt;
     }
-    return LogPosition{log.inode, readFrom(log, offset, handle)};
+    const std::uint64_t end = readFrom(log, offset, handle);
+    return LogPosition{log.inode, end, digestOfBeginning(log, end)};
 }
 
 }  // namespace session_service::console

@@ -8,10 +8,12 @@
 
 namespace session_service::console {
 
-// How far a log has been read.
+// How far a log has been read. The number of a file that was deleted is given to another one, which
+// begins in another way.
 struct LogPosition {
     std::uint64_t inode = 0;
     std::uint64_t offset = 0;
+    std::uint64_t beginning = 0;  // a digest of what the log begins with
 
     bool operator==(const LogPosition&) const = default;
 };

@@ -177,22 +177,42 @@ std::vector<Row> tableOf(const Statistics& statistics) {
     return rows;
 }
 
-// Without the last column where that does not fit.
+std::string sinceText(const Counts& counts) {
+    std::string text;
+    for (const auto& [source, since] : {std::pair{"audit log", counts.auditSince},
+                                        std::pair{"refused logins", counts.refusedSince},
+                                        std::pair{"access log", counts.accessSince}}) {
+        if (since) {
+            text += (text.empty() ? "Counted since " : ", ") + formatShortTime(*since) + " (" +
+                    source + ')';
+        }
+    }
+    return text.empty() ? text : text + '.';
+}
+
+std::size_t columnsOfLongestLine(const std::string& text) {
+    std::size_t columns = 0;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = text.find('\n', begin);
+        columns = std::max(columns, columnsOf(std::string_view(text).substr(begin, end - begin)));
+        begin = end + 1;
+    }
+    return columns;
+}
+
+// Without the last column where that does not fit; the times are then below.
 std::string toText(const Statistics& statistics) {
     std::vector<Row> rows = tableOf(statistics);
     std::string text = formatTable(rows);
     const std::size_t width = terminalWidth();
-    std::size_t needed = 0;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const std::size_t end = text.find('\n', begin);
-        needed = std::max(needed, columnsOf(std::string_view(text).substr(begin, end - begin)));
-        begin = end + 1;
-    }
-    if (width != 0 && needed > width) {
+    if (width != 0 && columnsOfLongestLine(text) > width) {
         for (Row& row : rows) {
             row.resize(2);
         }
         text = formatTable(rows);
+        if (const std::string since = sinceText(statistics.counts); !since.empty()) {
+            text += wrapped(since, width, 0);
+        }
     }
     const std::size_t heading = text.find('\n');
     return styled(Style::heading, text.substr(0, heading)) + text.substr(heading);

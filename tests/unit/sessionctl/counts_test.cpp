@@ -84,8 +84,8 @@ TEST(CountsState, IsReadAsItWasWritten) {
                       {"lastAuditEntry", "/log/3"},
                       {"openSessions", {{"/s/1", 1763688420}}},
                       {"requestedLogouts", {"/s/2"}},
-                      {"refusedPosition", {{"inode", 1}, {"offset", 2}}},
-                      {"accessPosition", {{"inode", 3}, {"offset", 4}}}});
+                      {"refusedPosition", {{"inode", 1}, {"offset", 2}, {"beginning", 5}}},
+                      {"accessPosition", {{"inode", 3}, {"offset", 4}, {"beginning", 6}}}});
     EXPECT_EQ(Counts::fromState(state).toState(), state);
 }
 

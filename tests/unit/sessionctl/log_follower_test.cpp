@@ -77,6 +77,15 @@ TEST_F(LogFollower, ReadsAnUnknownLogFromItsStart) {
     EXPECT_EQ(read(), Lines{"three"});
 }
 
+// The same file number, and longer than what was read.
+TEST_F(LogFollower, ReadsALogThatWasReplacedFromItsStart) {
+    append("one\n");
+    read();
+    fs::resize_file(log, 0);
+    append("three\nfour\n");
+    EXPECT_EQ(read(), (Lines{"three", "four"}));
+}
+
 TEST_F(LogFollower, ReadsALogThatWasCutFromItsStart) {
     append("one\ntwo\n");
     read();
