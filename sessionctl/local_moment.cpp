@@ -1,10 +1,10 @@
 #include "sessionctl/local_moment.h"
 
 #include <array>
-#include <cstdio>
 #include <cstring>
 
 #include "base/local_time.h"
+#include "base/number.h"
 
 namespace session_service::console {
 namespace {
@@ -38,15 +38,14 @@ std::optional<std::time_t> parseTimestamp(const std::string& text) {
     if (std::strcmp(zone, "Z") == 0) {
         return moment;
     }
-    char sign = '\0';
-    int hours = 0;
-    int minutes = 0;
-    if (std::sscanf(zone, "%c%2d:%2d", &sign, &hours, &minutes) != 3 ||
-        (sign != '+' && sign != '-')) {
+    constexpr std::size_t zoneLength = sizeof("+00:00") - 1;
+    if (std::strlen(zone) != zoneLength || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') {
         return std::nullopt;
     }
-    const std::time_t offset = (hours * 60 + minutes) * 60;
-    return sign == '+' ? moment - offset : moment + offset;
+    const std::time_t offset = (parseInt32({zone + 1, 2}).value.value_or(0) * 60 +
+                                parseInt32(zone + 4).value.value_or(0)) *
+                               60;
+    return zone[0] == '+' ? moment - offset : moment + offset;
 }
 
 std::string formatShortTime(std::time_t moment) {
