@@ -2,11 +2,11 @@
 
 #include <hiredis/hiredis.h>
 
-#include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <string_view>
 #include <utility>
+
+#include "bench/bare_connection.h"
 
 namespace bench {
 
@@ -18,42 +18,6 @@ using testbed::Words;
 namespace {
 
 constexpr std::string_view endNotice = "end";
-
-struct Close {
-    void operator()(redisContext* context) const noexcept { redisFree(context); }
-    void operator()(redisReply* reply) const noexcept { freeReplyObject(reply); }
-};
-using ConnectionPtr = std::unique_ptr<redisContext, Close>;
-using ReplyPtr = std::unique_ptr<redisReply, Close>;
-
-std::string encode(const Words& words) {
-    std::string text = "*" + std::to_string(words.size()) + "\r\n";
-    for (const std::string& word : words) {
-        text += "$" + std::to_string(word.size()) + "\r\n" + word + "\r\n";
-    }
-    return text;
-}
-
-ConnectionPtr open(const std::string& socketPath) {
-    ConnectionPtr connection(redisConnectUnix(socketPath.c_str()));
-    if (!connection || connection->err != 0) {
-        throw Failure("No connection to the store at " + socketPath + ".");
-    }
-    return connection;
-}
-
-ReplyPtr nextReply(redisContext* connection) {
-    void* reply = nullptr;
-    if (redisGetReply(connection, &reply) != REDIS_OK) {
-        throw Failure("The connection to the store was lost.");
-    }
-    return ReplyPtr(static_cast<redisReply*>(reply));
-}
-
-ReplyPtr send(redisContext* connection, const std::string& command) {
-    redisAppendFormattedCommand(connection, command.data(), command.size());
-    return nextReply(connection);
-}
 
 }  // namespace
 
@@ -73,9 +37,9 @@ std::string authentication(const std::string& password) {
 }
 
 void replay(const std::string& socketPath, const Recording& recording) {
-    const ConnectionPtr connection = open(socketPath);
+    BareConnection connection(socketPath);
     for (const std::string& command : recording) {
-        send(connection.get(), command);
+        connection.send(command);
     }
 }
 
@@ -99,11 +63,11 @@ Baseline::~Baseline() {
 
 void Baseline::serve(const std::string& password) {
     try {
-        const ConnectionPtr subscription = open(socketPath);
-        send(subscription.get(), authentication(password));
-        send(subscription.get(), encode({"SUBSCRIBE", channel}));
+        BareConnection subscription(socketPath);
+        subscription.send(authentication(password));
+        subscription.send(encode({"SUBSCRIBE", channel}));
         for (;;) {
-            const ReplyPtr message = nextReply(subscription.get());
+            const ReplyPtr message = subscription.receive();
             if (message->elements == 3 && message->element[2]->str == endNotice) {
                 return;
             }

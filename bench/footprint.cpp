@@ -1,11 +1,13 @@
 // Measures what the daemon needs of a board, and the time of its work beside its baseline. Prints
-// tables. Exit status 0: all targets are met. With --quick it only shows that it works, and its
-// results say nothing: exit status 0 when all could be measured and the daemon is small enough.
+// tables, and writes what it has measured into a file when one is named. Exit status 0: all targets
+// are met. With --quick it only shows that it works, and its results say nothing: exit status 0 when
+// all could be measured and the daemon is small enough.
 #include <sched.h>
 
 #include <cstdlib>
 #include <iostream>
-#include <string_view>
+#include <string>
+#include <vector>
 
 #include "bench/latency.h"
 #include "bench/resources.h"
@@ -36,35 +38,44 @@ void shareOneProcessor() {
     sched_setaffinity(0, sizeof(one), &one);
 }
 
-bool measure(bool quick) {
+bool measure(bool quick, const std::string& path) {
     const Scale& scale = quick ? quickScale : fullScale;
     bench::Table table;
+    bench::Json results{{"bench", "footprint"}};
     table.head({"", "measured", "target"});
-    bench::measureSize(table);
+    bench::measureSize(table, results);
     const bool smallEnough = table.allMet();
-    bench::measureStart(table);
-    bench::measureMemory(table, scale.logins);
-    bench::measureIdleness(table, scale.idle);
-    bench::measureCalls(table);
-    bench::measureRequests(table, scale.requests);
-    bench::measureExpiry(table, scale.sessions, scale.passes);
-    bench::measureAccountLookUp(table, scale.keys, scale.lookUps);
+    bench::measureStart(table, results);
+    bench::measureMemory(table, results, scale.logins);
+    bench::measureIdleness(table, results, scale.idle);
+    bench::measureCalls(table, results);
+    bench::measureRequests(table, results, scale.requests);
+    bench::measureExpiry(table, results, scale.sessions, scale.passes);
+    bench::measureAccountLookUp(table, results, scale.keys, scale.lookUps);
+    if (!path.empty()) {
+        bench::writeResults(path, results);
+    }
     return quick ? smallEnough : table.allMet();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool quick = argc == 2 && std::string_view(argv[1]) == "--quick";
-    if (argc > 1 && !quick) {
-        std::cerr << "usage: footprint [--quick]\n";
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    const bool quick = !arguments.empty() && arguments.front() == "--quick";
+    if (quick) {
+        arguments.erase(arguments.begin());
+    }
+    if (arguments.size() > 1) {
+        std::cerr << "usage: footprint [--quick] [FILE]\n";
         return 2;
     }
     if (!quick) {
         shareOneProcessor();
     }
     try {
-        return measure(quick) ? EXIT_SUCCESS : EXIT_FAILURE;
+        return measure(quick, arguments.empty() ? "" : arguments.front()) ? EXIT_SUCCESS
+                                                                          : EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::cerr << failure.what() << "\n";
         return EXIT_FAILURE;

@@ -6,9 +6,11 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench/expiry_pass.h"
+#include "bench/permissive_pam.h"
 #include "bench/requests.h"
 
 namespace bench {
@@ -77,12 +79,15 @@ Medians runAll() {
     return medians;
 }
 
-// Adds a row with the times of both and what becomes of them.
-void judge(Table& table, const Medians& medians, const std::string& name,
-           std::vector<std::string> cells) {
+// Adds a row with the times of both and what becomes of them; to the result as well.
+void judge(Table& table, Json& results, const Medians& medians, const std::string& name,
+           std::vector<std::string> cells, Json result) {
     const double daemon = medians.of(nameOf(name, Server::daemon));
     const double baseline = medians.of(nameOf(name, Server::baseline));
     const double ratio = daemon / baseline;
+    result["daemonMilliseconds"] = rounded(daemon * 1e3, 4);
+    result["baselineMilliseconds"] = rounded(baseline * 1e3, 4);
+    results.push_back(std::move(result));
     cells.insert(cells.end(), {milliseconds(daemon), milliseconds(baseline), fixed(ratio, 2),
                                "at most " + fixed(maxRatio, 2)});
     table.judge(cells, ratio <= maxRatio);
@@ -98,13 +103,13 @@ double secondsOfLogin(RepeatedRequests& requests, Server server) {
 void start(Controller& controller, const std::string& more = {}) {
     permitAllLogins(controller, more);
     controller.start();
-    // The log collection takes all entries.
-    controller.connect().hset(testbed::auditEntriesUri, {{"&&MaxEntries", "1000000"}});
+    testbed::StoreClient store = controller.connect();
+    keepAllAuditEntries(store);
 }
 
 }  // namespace
 
-void measureRequests(Table& table, const Repetition& repetition) {
+void measureRequests(Table& table, Json& results, const Repetition& repetition) {
     Controller controller;
     start(controller);
     RepeatedRequests requests(controller, "alice");
@@ -125,11 +130,14 @@ void measureRequests(Table& table, const Repetition& repetition) {
     table.head({"request", "store commands", "daemon", "baseline", "ratio", "target"});
     for (const auto& [name, kind] :
          {std::pair{"login", Kind::login}, {"logout", Kind::logout}, {"PATCH", Kind::change}}) {
-        judge(table, medians, name, {name, std::to_string(requests.commandsOf(kind))});
+        const std::size_t commands = requests.commandsOf(kind);
+        judge(table, results["requests"], medians, name, {name, std::to_string(commands)},
+              {{"request", name}, {"commands", commands}});
     }
 }
 
-void measureExpiry(Table& table, const std::vector<int>& sessions, const Repetition& repetition) {
+void measureExpiry(Table& table, Json& results, const std::vector<int>& sessions,
+                   const Repetition& repetition) {
     Controller controller;
     start(controller);
     ExpiryPass expiryPass(controller, sessions.back());
@@ -146,12 +154,14 @@ void measureExpiry(Table& table, const std::vector<int>& sessions, const Repetit
     for (const int size : sessions) {
         const std::string name = std::to_string(size);
         const double each = medians.of(nameOf(name, Server::daemon)) / size;
-        judge(table, medians, name,
-              {name, std::to_string(ExpiryPass::commandsOf(size)), fixed(each * 1e6, 0) + " µs"});
+        const int commands = ExpiryPass::commandsOf(size);
+        judge(table, results["expiry"], medians, name,
+              {name, std::to_string(commands), fixed(each * 1e6, 0) + " µs"},
+              {{"sessions", size}, {"commands", commands}});
     }
 }
 
-void measureAccountLookUp(Table& table, const std::vector<int>& keys,
+void measureAccountLookUp(Table& table, Json& results, const std::vector<int>& keys,
                           const Repetition& repetition) {
     constexpr const char* fill =
         "for i = redis.call('DBSIZE') + 1, tonumber(ARGV[1]) do "
@@ -170,7 +180,9 @@ void measureAccountLookUp(Table& table, const std::vector<int>& keys,
         compare(
             name, [&](Server server) { return secondsOfLogin(requests, server); }, repetition);
         const Medians medians = runAll();
-        judge(table, medians, name, {name, std::to_string(requests.commandsOf(Kind::login))});
+        const std::size_t commands = requests.commandsOf(Kind::login);
+        judge(table, results["accountLookUp"], medians, name, {name, std::to_string(commands)},
+              {{"keys", count}, {"commands", commands}});
     }
 }
 

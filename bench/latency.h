@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "bench/results.h"
 #include "bench/table.h"
 
 namespace bench {
@@ -13,9 +14,11 @@ struct Repetition {
     int repetitions;
 };
 
-// Each measures on a controller of its own and adds its part to the table.
-void measureRequests(Table& table, const Repetition& repetition);
-void measureExpiry(Table& table, const std::vector<int>& sessions, const Repetition& repetition);
-void measureAccountLookUp(Table& table, const std::vector<int>& keys, const Repetition& repetition);
+// Each measures on a controller of its own and adds its part to the table and the results.
+void measureRequests(Table& table, Json& results, const Repetition& repetition);
+void measureExpiry(Table& table, Json& results, const std::vector<int>& sessions,
+                   const Repetition& repetition);
+void measureAccountLookUp(Table& table, Json& results, const std::vector<int>& keys,
+                          const Repetition& repetition);
 
 }  // namespace bench

@@ -1,12 +1,8 @@
 #include "bench/process_statistics.h"
 
-#include <unistd.h>
-
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "testbed/process.h"
 
@@ -34,23 +30,11 @@ long namedValue(pid_t pid, const std::string& path, const std::string& name) {
 }  // namespace
 
 double processorSeconds(pid_t pid) {
-    std::ifstream file(testbed::procFile(pid, "stat"));
-    std::string text;
-    if (!std::getline(file, text)) {
-        throwEnded(pid);
+    double seconds = 0;
+    for (const ThreadUse& use : threadUse(pid)) {
+        seconds += use.seconds;
     }
-    // The name may hold blanks; eleven fields stand between it and the times.
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) {
-        fields >> skipped;
-    }
-    std::array<long, 4> ticks{};
-    for (long& each : ticks) {
-        fields >> each;
-    }
-    return static_cast<double>(ticks[0] + ticks[1] + ticks[2] + ticks[3]) /
-           static_cast<double>(sysconf(_SC_CLK_TCK));
+    return seconds;
 }
 
 long statusValue(pid_t pid, const std::string& name) {

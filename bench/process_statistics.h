@@ -12,7 +12,7 @@ namespace bench {
 
 // All of these throw Failure when the process has ended.
 
-// Of the program and the children that it has waited for.
+// Of the threads that it has now.
 double processorSeconds(pid_t pid);
 // A number from the status file, such as "VmRSS" (KiB) or "Threads".
 long statusValue(pid_t pid, const std::string& name);

@@ -11,19 +11,6 @@ using testbed::MonitoredCommand;
 using testbed::Request;
 using testbed::Words;
 
-namespace {
-
-constexpr const char* pamModule = "/usr/local/lib/security/pam_test.so";
-
-}  // namespace
-
-void permitAllLogins(Controller& controller, const std::string& more) {
-    controller.install(BENCH_PAM_MODULE, pamModule);
-    const std::string module = std::string(" required ") + pamModule + " env=PRIVILEGES=511 ";
-    controller.writeFile(testbed::pamServiceFile,
-                         "auth" + module + "\naccount" + module + more + "\n");
-}
-
 RepeatedRequests::RepeatedRequests(Controller& host, const std::string& user)
     : controller(host), store(controller.connect()), frontEnd(controller.frontEnd()) {
     requests.emplace(Kind::login, RepeatedRequest{frontEnd.prepareLogin(user, "a password")});

@@ -15,10 +15,6 @@ namespace bench {
 enum class Server { daemon, baseline };
 enum class Kind { login, logout, change };
 
-// Has PAM let every login in at once, with every privilege; `more` is added to the arguments of
-// the PAM module. To be called before anything is started.
-void permitAllLogins(testbed::Controller& controller, const std::string& more = {});
-
 class RepeatedRequests {
   public:
     // All logins are the user's. The controller has been started.

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/permissive_pam.h"
 #include "bench/process_statistics.h"
 #include "bench/requests.h"
 #include "testbed/accounts.h"
@@ -103,16 +104,17 @@ Calls callsDuring(Controller& controller, ThreadIndex index, Work work) {
 
 }  // namespace
 
-void measureSize(Table& table) {
+void measureSize(Table& table, Json& results) {
     const testbed::TemporaryFolder folder;
     const std::string stripped = folder.path() + "/stripped";
     run({"strip", "-o", stripped, BENCH_DAEMON});
     const auto bytes = static_cast<long>(std::filesystem::file_size(stripped));
+    results["strippedBytes"] = bytes;
     table.judge({"stripped daemon", kib(bytes / 1024), "at most " + kib(maxBytes / 1024)},
                 bytes <= maxBytes);
 }
 
-void measureStart(Table& table) {
+void measureStart(Table& table, Json& results) {
     Controller controller;
     permitAllLogins(controller);
     controller.startStore();
@@ -135,21 +137,28 @@ void measureStart(Table& table) {
     }
     std::nth_element(seconds.begin(), seconds.begin() + starts / 2, seconds.end());
     const double median = seconds[starts / 2];
+    results["startMilliseconds"] = rounded(median * 1e3, 2);
     table.judge({"start to the first answered login", fixed(median * 1e3, 1) + " ms",
                  "at most " + fixed(maxStartSeconds * 1e3, 0) + " ms"},
                 median <= maxStartSeconds);
 }
 
-void measureMemory(Table& table, int logins) {
+void measureMemory(Table& table, Json& results, int logins) {
     Controller controller;
     controller.start();
     FakeFrontEnd frontEnd = controller.frontEnd();
     const auto judge = [&](const std::string& moment, long maxResident) {
         const pid_t daemon = controller.daemon().pid();
         const long resident = memoryKib(daemon, "Rss");
+        const long proportional = memoryKib(daemon, "Pss");
         const long dirty = memoryKib(daemon, "Private_Dirty");
+        results["memory"].push_back({{"moment", moment},
+                                     {"residentKib", resident},
+                                     {"proportionalKib", proportional},
+                                     {"privateDirtyKib", dirty},
+                                     {"maxResidentKib", maxResident}});
         table.judge(
-            {moment, kib(resident), kib(memoryKib(daemon, "Pss")), kib(dirty),
+            {moment, kib(resident), kib(proportional), kib(dirty),
              "at most " + kib(maxResident) + " resident, " + kib(maxDirtyKib) + " private dirty"},
             resident <= maxResident && dirty <= maxDirtyKib);
     };
@@ -165,7 +174,7 @@ void measureMemory(Table& table, int logins) {
     judge("then with eight sessions", maxKib);
 }
 
-void measureIdleness(Table& table, std::chrono::seconds duration) {
+void measureIdleness(Table& table, Json& results, std::chrono::seconds duration) {
     Controller controller;
     controller.start();
     FakeFrontEnd frontEnd = controller.frontEnd();
@@ -196,6 +205,9 @@ void measureIdleness(Table& table, std::chrono::seconds duration) {
     const double percent = 100 * used / elapsed;
     const double wakes =
         static_cast<double>(after.at(expiryThread).switches - before.at(expiryThread).switches);
+    results["idle"] = {{"processorPercent", rounded(percent, 4)},
+                       {"expiryWakesPerSecond", rounded(wakes / elapsed, 2)},
+                       {"otherWakes", othersWoke}};
     table.head({"idle with eight sessions", "measured", "target"});
     table.judge(
         {"of one processor", fixed(percent, 3) + " %, " + fixed(36 * percent, 2) + " s an hour",
@@ -209,7 +221,7 @@ void measureIdleness(Table& table, std::chrono::seconds duration) {
                 othersWoke == 0);
 }
 
-void measureCalls(Table& table) {
+void measureCalls(Table& table, Json& results) {
     Controller controller;
     permitAllLogins(controller);
     controller.start();
@@ -219,13 +231,17 @@ void measureCalls(Table& table) {
     requests.send(Kind::change, Server::daemon);
 
     table.head({"system calls", "each"});
+    const auto add = [&](const std::string& name, double each) {
+        results["systemCalls"].push_back({{"of", name}, {"each", rounded(each, 1)}});
+        table.row({name, fixed(each, 0)});
+    };
     const auto measure = [&](const std::string& name, ThreadIndex thread, auto round) {
         const Calls calls = callsDuring(controller, thread, [&] {
             for (int i = 0; i < tracedRequests; ++i) {
                 round();
             }
         });
-        table.row({name, fixed(static_cast<double>(calls.at("total")) / tracedRequests, 0)});
+        add(name, static_cast<double>(calls.at("total")) / tracedRequests);
     };
     const auto session = [&] {
         requests.send(Kind::login, Server::daemon);
@@ -247,10 +263,8 @@ void measureCalls(Table& table) {
             return passes == tracedPasses;
         });
     });
-    table.row({"pass of the expiry, eight sessions",
-               fixed(static_cast<double>(calls.at("total")) /
-                         static_cast<double>(calls.at("clock_nanosleep")),
-                     0)});
+    add("pass of the expiry, eight sessions",
+        static_cast<double>(calls.at("total")) / static_cast<double>(calls.at("clock_nanosleep")));
 }
 
 }  // namespace bench

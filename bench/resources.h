@@ -4,16 +4,17 @@
 
 #include <chrono>
 
+#include "bench/results.h"
 #include "bench/table.h"
 
 namespace bench {
 
-// Each measures on a controller of its own and adds its part to the table.
-void measureSize(Table& table);
-void measureStart(Table& table);
-void measureMemory(Table& table, int logins);
-void measureIdleness(Table& table, std::chrono::seconds duration);
+// Each measures on a controller of its own and adds its part to the table and the results.
+void measureSize(Table& table, Json& results);
+void measureStart(Table& table, Json& results);
+void measureMemory(Table& table, Json& results, int logins);
+void measureIdleness(Table& table, Json& results, std::chrono::seconds duration);
 // Needs strace, and the right to trace the daemon.
-void measureCalls(Table& table);
+void measureCalls(Table& table, Json& results);
 
 }  // namespace bench

@@ -65,15 +65,16 @@ local function unauthorized(id)
     return messages.unauthorized({ messages.new(id) })
 end
 
--- Returns the user of a token, with the resource at an address. Raises the problem 401 when the
--- token is not valid.
-local function userOf(token, uri)
+-- Returns the user of a token, with the resource at an address as this method needs it. Raises the
+-- problem 401 when the token is not valid.
+local function userOf(token, uri, method)
     if not token:find("^%x+$") or #token ~= contract.tokenLength then
         error(unauthorized(noValidSession))
     end
     local key = contract.tokenKey(token)
     local now = uptime()
-    local commands = { lookUpCommand(key, now), resources.readCommand(uri) }
+    local command, from = resources.reading(uri, method)
+    local commands = { lookUpCommand(key, now), command }
     local replies = store.with(function(connection)
         return store.runAll(connection, commands)
     end)
@@ -90,7 +91,7 @@ local function userOf(token, uri)
         session = record[3],
         origin = record[4] or "",
         mustChangePassword = record[5] ~= false and record[5] ~= nil,
-        resource = resources.from(replies[2], uri),
+        resource = from(replies[2], uri),
     }
 end
 
@@ -105,12 +106,12 @@ local function basicCredentials(header)
 end
 
 -- Returns the user of a request with credentials; `temporary` is the session that it shares.
-local function userOfCredentials(name, password, uri)
+local function userOfCredentials(name, password, uri, method)
     local session = temporary.take(name, password, function(mayStart, starts)
         return logins.logIn(name, password,
             { origin = contract.temporaryOrigin, mayStart = mayStart, starts = starts })
     end)
-    local succeeded, user = pcall(userOf, session.token, uri)
+    local succeeded, user = pcall(userOf, session.token, uri, method)
     if not succeeded then
         temporary.release(session, type(user) == "table" and user.isInvalidToken)
         error(user, 0)
@@ -119,14 +120,14 @@ local function userOfCredentials(name, password, uri)
     return user
 end
 
--- Returns the user of this request, with the resource at an address:
+-- Returns the user of this request, with the resource at an address as this method needs it:
 --   name, privilege, session (an address), mustChangePassword, resource (nil when there is none)
 -- authentication.release has to follow. Raises the problem 401 when there is no such user, 403 when
 -- the request comes from another origin than the login.
-function authentication.identify(uri)
+function authentication.identify(uri, method)
     local token = ngx.var.http_x_auth_token
     if token then
-        local user = userOf(token, uri)
+        local user = userOf(token, uri, method)
         local origin = ngx.var.http_origin
         if user.origin ~= "" and origin and origin ~= user.origin then
             error(messages.problem(403, { messages.new("Base.1.12.AccessDenied", ngx.var.uri) }))
@@ -141,10 +142,10 @@ function authentication.identify(uri)
     if not name then
         error(unauthorized(contract.message.invalidCredentials))
     end
-    local succeeded, user = pcall(userOfCredentials, name, password, uri)
+    local succeeded, user = pcall(userOfCredentials, name, password, uri, method)
     if not succeeded and type(user) == "table" and user.isInvalidToken then
         -- The shared session has ended meanwhile.
-        return userOfCredentials(name, password, uri)
+        return userOfCredentials(name, password, uri, method)
     elseif not succeeded then
         error(user, 0)
     end

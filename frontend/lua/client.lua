@@ -13,17 +13,19 @@ struct frontend_request { uint32_t signature; struct frontend_connection *connec
 struct frontend_poll { int descriptor; short events; short happened; };
 int poll(struct frontend_poll *descriptors, unsigned long count, int milliseconds);
 ]]
+local requestPointer = ffi.typeof("struct frontend_request *")
+local pollEntry = ffi.typeof("struct frontend_poll")
 local signature = 0x50545448  -- "HTTP"
 local hasClosed = 0x2000      -- POLLRDHUP; errors and hang-ups are told unasked
 
 -- Returns a function that tells, while the current request is being handled, whether its client has
 -- closed the connection.
 function client.watch()
-    local handled = ffi.cast("struct frontend_request *", request())
+    local handled = ffi.cast(requestPointer, request())
     assert(handled.signature == signature, "nginx has another layout of its requests")
     local descriptor = handled.connection.descriptor
     return function()
-        local polled = ffi.new("struct frontend_poll", descriptor, hasClosed, 0)
+        local polled = pollEntry(descriptor, hasClosed, 0)
         return ffi.C.poll(polled, 1, 0) == 1
     end
 end

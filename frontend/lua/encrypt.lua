@@ -9,6 +9,14 @@ local settings = require "settings"
 local nonceLength = 12
 local tagLength = 16
 
+-- Bytes by their two hexadecimal digits, small or capital ones.
+local bytes = {}
+for first in ("0123456789abcdefABCDEF"):gmatch(".") do
+    for second in ("0123456789abcdefABCDEF"):gmatch(".") do
+        bytes[first .. second] = string.char(tonumber(first .. second, 16))
+    end
+end
+
 -- Returns the key's 32 bytes, nil when its file is missing or malformed. It is read each time, as
 -- the session service does: the file may have been replaced.
 local function readKey()
@@ -16,9 +24,7 @@ local function readKey()
     if not digits or #digits ~= 64 then
         return nil
     end
-    return (digits:gsub("%x%x", function(pair)
-        return string.char(tonumber(pair, 16))
-    end))
+    return (digits:gsub("..", bytes))
 end
 
 -- Returns the encrypted text, nil when there is no usable key.

@@ -96,6 +96,22 @@ function json.encodeAscii(text)
     end))
 end
 
+-- The texts of names with their colons. When there are too many, they begin anew.
+local beginnings = {}
+local beginningCount = 0
+local maxBeginnings = 1000
+
+local function beginningOf(name)
+    local text = beginnings[name]
+    if not text then
+        text = json.encode(name) .. ":"
+        beginningCount = beginningCount < maxBeginnings and beginningCount + 1 or 1
+        beginnings = beginningCount > 1 and beginnings or {}
+        beginnings[name] = text
+    end
+    return text
+end
+
 -- Returns the text of an object from its members' texts, in the order of their names.
 function json.object(members)
     local names = {}
@@ -104,7 +120,7 @@ function json.object(members)
     end
     table.sort(names)
     for i, name in ipairs(names) do
-        names[i] = json.encode(name) .. ":" .. members[name]
+        names[i] = beginningOf(name) .. members[name]
     end
     return "{" .. table.concat(names, ",") .. "}"
 end

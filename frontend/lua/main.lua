@@ -236,7 +236,7 @@ local function handle()
         return sessions.create(readBody())
     end
 
-    local user = authentication.identify(uri)
+    local user = authentication.identify(uri, method)
     local succeeded, answer = pcall(serve, user, method, uri)
     authentication.release(user)
     if not succeeded then
@@ -251,10 +251,13 @@ local function schemaOf(type)
     return name and "http://redfish.dmtf.org/schemas/v1/" .. name .. ".json"
 end
 
+-- They have been looked at; nginx would apply them once more to the answer.
+local conditions = {
+    "If-Match", "If-None-Match", "If-Modified-Since", "If-Unmodified-Since",
+}
+
 local function send(answer)
-    -- They have been looked at; nginx would apply them once more to the answer.
-    for _, condition in ipairs({ "If-Match", "If-None-Match", "If-Modified-Since",
-        "If-Unmodified-Since" }) do
+    for _, condition in ipairs(conditions) do
         ngx.req.clear_header(condition)
     end
     ngx.status = answer.status
@@ -294,6 +297,8 @@ end
 
 -- Prepares a worker for its requests.
 function main.start()
+    -- Garbage may come to twice what is in use, rather than to as much, before it is collected.
+    collectgarbage("setpause", 300)
     log.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,

@@ -189,7 +189,7 @@ local function treeOf(fields, uri)
 end
 
 -- Returns the command that reads a resource. Most are one hash.
-function resources.readCommand(uri)
+local function readCommand(uri)
     return composed[uri] and store.call(collectScript, 0, uri) or { "HGETALL", uri }
 end
 
@@ -218,9 +218,36 @@ function resources.from(reply, uri)
     return resource
 end
 
+-- What decides about a request, of all fields of a resource.
+local decisive = {
+    contract.resource.uri, contract.resource.etag, contract.resource.methods,
+    contract.resource.owner,
+}
+
+local function fromDecisive(reply, uri)
+    local fields = {}
+    for i, name in ipairs(decisive) do
+        if reply and reply[i] then
+            fields[#fields + 1] = name
+            fields[#fields + 1] = reply[i]
+        end
+    end
+    return resources.from(fields, uri)
+end
+
+-- Returns the command that reads a resource for a request with this method, and the function that
+-- makes the resource of the reply and the address. To remove one, no more of it is read than
+-- decides about that.
+function resources.reading(uri, method)
+    if method == "DELETE" then
+        return { "HMGET", uri, unpack(decisive) }, fromDecisive
+    end
+    return readCommand(uri), resources.from
+end
+
 -- Reads the resource at an address, nil when there is none.
 function resources.read(uri)
-    local command = resources.readCommand(uri)
+    local command = readCommand(uri)
     local reply = store.with(function(connection)
         return store.runAll(connection, { command })[1]
     end)

@@ -201,7 +201,7 @@ TEST_F(AuditLog, KeepsTheSettingOfTheFirstLogin) {
     EXPECT_EQ(auditEntries(store()).size(), 2U);
 }
 
-TEST_F(AuditLog, IsWrittenAfterTheEventsAndBeforeTheAnswerIsAnnounced) {
+TEST_F(AuditLog, IsWrittenAfterTheEventsAndBeforeTheAnswerIsPublished) {
     recordKeys();
     useScript("resourceChange", "redis.call('RPUSH', 'seen', 'events') return 1");
     login();

@@ -43,7 +43,7 @@ TEST_F(LifeCycleEvents, ArePassedAsKeysWithoutFurtherArguments) {
                      sessionsUri, "SessionCollection", "EventGroupId", "1"}));
 }
 
-TEST_F(LifeCycleEvents, AreAnnouncedBeforeTheAnswerIs) {
+TEST_F(LifeCycleEvents, ArePublishedBeforeTheAnswerIs) {
     Request request = frontEnd().prepareLogin("alice", "a password");
     useScript("resourceChange", "redis.call('SET', 'status', redis.call('HGET', '" +
                                     request.replyKey() + "', '&&ReturnStatus')) return 1");

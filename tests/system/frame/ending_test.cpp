@@ -153,7 +153,7 @@ TEST_F(Exit, LetsTheLoginInHandComeToItsEnd) {
     waitUntilNobodyListensTo(createChannel);
 }
 
-TEST_F(Exit, LeavesWhatWasAnnouncedLaterToNobody) {
+TEST_F(Exit, LeavesWhatWasPublishedLaterToNobody) {
     holdPam();
     frontEnd().prepareLogin("first", "anything").send();
     waitUntilPamHolds();
@@ -207,7 +207,7 @@ class LostConnection : public EndingTest {
     }
 
     // How often the thread that was started last but one has gone to sleep.
-    long sleepsOfTheSweeper() {
+    long sleepsOfTheExpiryThread() {
         // By the threads' numbers inside the private root: outside they start again from the
         // lowest now and then.
         std::map<long, long> sleeps;
@@ -224,7 +224,7 @@ class LostConnection : public EndingTest {
             }
         }
         if (sleeps.size() < 2) {
-            throw Failure("The sweeper is not there.");
+            throw Failure("The expiry thread is not there.");
         }
         return std::prev(sleeps.end(), 2)->second;
     }
@@ -260,11 +260,11 @@ TEST_F(LostConnection, OfThePatchWorkerEndsThatThreadAlone) {
     expectExpiry();
 }
 
-TEST_F(LostConnection, OfTheSweeperEndsTheExpiryOfSessionsAlone) {
+TEST_F(LostConnection, OfTheExpiryThreadEndsTheExpiryOfSessionsAlone) {
     lose({"LRANGE", membersKey, "0", "-1"});
     const InsertedSession session = frontEnd().insertSession({.timeout = "0"});
-    const long sleeps = sleepsOfTheSweeper();
-    waitUntil("a pass is over", [&] { return sleepsOfTheSweeper() >= sleeps + 2; });
+    const long sleeps = sleepsOfTheExpiryThread();
+    waitUntil("a pass is over", [&] { return sleepsOfTheExpiryThread() >= sleeps + 2; });
     EXPECT_TRUE(store().exists(session.uri));
     expectLogins();
     expectLogouts();
@@ -275,7 +275,7 @@ TEST_F(LostConnection, OfTheSweeperEndsTheExpiryOfSessionsAlone) {
 TEST_F(LostConnection, OfThePatchWorkerKeepsSessionsExpiringUntilBothRequestThreadsHaveEnded) {
     lose({"SUBSCRIBE", patchChannel});
     waitForEndedThreads(1);
-    // Twice, because one more pass would come even if the sweeper was told to end.
+    // Twice, because one more pass would come even if the expiry thread was told to end.
     expectExpiry();
     endThreadOf(createChannel);
     expectExpiry();
@@ -336,7 +336,7 @@ TEST_F(StoppedStore, WaitsForTheLoginInsidePam) {
     login.send();
     waitUntilPamHolds();
     controller.stopStore();
-    // Start-up waits for the login; the sweeper goes on as long.
+    // Start-up waits for the login; the expiry thread goes on as long.
     waitForEndedThreads(2);
     EXPECT_EQ(countLogged(terminates), 0);
     for (const std::string& error : withoutAStore("Failed to add session entry.")) {
@@ -352,7 +352,7 @@ class HeldCommand {
     explicit HeldCommand(Controller& controller) : storeProxy(controller) {}
     ~HeldCommand() { release(); }
 
-    // Requests come on fresh connections; some of their commands are the sweeper's, too.
+    // Requests come on fresh connections; some of their commands are the expiry thread's, too.
     enum class Connections { all, fresh };
 
     void hold(Words beginning, Connections connections) {

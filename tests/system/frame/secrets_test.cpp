@@ -1,4 +1,4 @@
-// What must not be told: passwords, the key that deciphers them, and tokens. The end of each test
+// What must not be told: passwords, the key that decrypts them, and tokens. The end of each test
 // looks for passwords and the key in a core image of the idle daemon, and for all of them in its
 // log, in what it printed and in the command lines of the programs that it started; for the
 // passwords and the key also in what went to the store.
@@ -42,7 +42,7 @@ std::string bytesOf(const std::string& hex) {
 class SecretFinder {
   public:
     void add(const std::string& name, const std::string& secret) {
-        const std::size_t size = std::min(secret.size(), longestPiece);
+        const std::size_t size = std::min(secret.size(), maxPieceLength);
         for (std::size_t at = 0; at + size <= secret.size(); ++at) {
             const std::string piece = secret.substr(at, size);
             beginnings.set(beginning(piece.data()));
@@ -74,7 +74,7 @@ class SecretFinder {
         std::string text;
         std::string name;
     };
-    static constexpr std::size_t longestPiece = 12;
+    static constexpr std::size_t maxPieceLength = 12;
     static constexpr std::size_t prefixSize = 6;
 
     static std::size_t beginning(const char* text) {

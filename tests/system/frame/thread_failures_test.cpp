@@ -22,7 +22,7 @@ class FailingThreads : public SystemTest {
     static DaemonOptions withFailing(const std::string& call) {
         return {.environment = {{"LD_PRELOAD", library}, {"THREAD_FAILURES", call}}};
     }
-    // The messages of the error lines, each of which has to be announced.
+    // The messages of the error lines, each of which is to be expected.
     void expectErrorLines(const Words& messages) {
         for (const std::string& message : messages) {
             expectErrorLine(message);

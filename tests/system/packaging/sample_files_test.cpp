@@ -88,7 +88,7 @@ TEST_F(SampleFiles, OfThePropertiesChangeNothingUntilAClientDoes) {
     start();
     EXPECT_EQ(frontEnd().patch({{"SessionTimeout", "450"}}).status(), "OK");
     // It comes behind the answer; the store must not go before.
-    waitUntil("the change is announced", [this] { return !lifeCycleEvents(store()).empty(); });
+    waitUntil("the change is published", [this] { return !lifeCycleEvents(store()).empty(); });
     Words changed = splitLines(file);
     ASSERT_EQ(changed.back(), "SessionTimeout=");
     changed.back() += "450";

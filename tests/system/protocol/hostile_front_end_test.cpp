@@ -317,7 +317,7 @@ class HostileFrontEnd : public SystemTest,
                                           {"&&RequestMethod", "GET"}});
     }
 
-    // Returns once the daemon has served everything that was announced on the channel.
+    // Returns once the daemon has served everything that was published on the channel.
     void passFence(const std::string& channel) {
         constexpr std::chrono::milliseconds attention{100};
         const std::string reply = "&&/fence/reply/" + std::to_string(++fenceCount);
@@ -525,12 +525,12 @@ class HostileFrontEnd : public SystemTest,
 
     // A list of messages, its entries, or their arguments. Keys of entries are cut.
     static bool belongsToMessages(const Storm& storm, const std::string& key) {
-        constexpr std::size_t longestEntry = 511;
+        constexpr std::size_t maxEntryLength = 511;
         return std::any_of(storm.messageLists.begin(), storm.messageLists.end(),
                            [&](const std::string& list) {
                                return key == list || startsWith(key, list + "/") ||
-                                      (list.size() + 2 > longestEntry &&
-                                       startsWith(key, list.substr(0, longestEntry)));
+                                      (list.size() + 2 > maxEntryLength &&
+                                       startsWith(key, list.substr(0, maxEntryLength)));
                            });
     }
 

@@ -1,4 +1,4 @@
-// How requests are announced to the daemon.
+// How requests are published to the daemon.
 #include "support/permissive_pam_test.h"
 
 namespace testbed {
@@ -135,7 +135,7 @@ TEST_F(Notice, OfAnyTextHarmsNobody) {
     EXPECT_EQ(login().status(), "OK");
 }
 
-TEST_F(Notice, OfARequestIsServedAgainEachTimeItIsAnnounced) {
+TEST_F(Notice, OfARequestIsServedAgainEachTimeItIsPublished) {
     Request request = frontEnd().prepareLogin("alice", "a password");
     request.send();
     const std::string first = request.reply().location();

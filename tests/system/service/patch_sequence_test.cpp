@@ -12,7 +12,7 @@ class PatchSequence : public CommandSequenceTest {
             {"HGET", request.requestKey(), "&&RequestMethod"});
     }
 
-    // The answer, as it is written and announced.
+    // The answer, as it is written and published.
     static Commands answer(const Request& request, const std::string& status) {
         return {{"HSET", request.replyKey(), "&&ExtendedInfo",
                  request.requestKey() + "/ExtendedInfo", "&&ReturnStatus", status},

@@ -13,7 +13,7 @@ const std::string list = "/ExtendedInfo";
 
 class Patch : public RunningSystemTest {
   protected:
-    // Blocks until everything that was announced before has been handled to its end.
+    // Blocks until everything that was published before has been handled to its end.
     void settle() { frontEnd().patch({{"Unknown", "1"}}); }
 
     std::string timeout() { return store().hget(serviceUri, "SessionTimeout"); }
@@ -302,7 +302,7 @@ TEST_F(Patch, WithoutAReturnChannelIsDoneAllTheSame) {
     EXPECT_EQ(lifeCycleEvents(store()).size(), 1U);
 }
 
-TEST_F(Patch, IsIgnoredWhenItsAnnouncementHoldsNoBlank) {
+TEST_F(Patch, IsIgnoredWhenItsNoticeHoldsNoBlank) {
     Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
     for (const char* notice : {"", "nothing", "&&EXIT", "%s%n", "a\tb"}) {
         request.send(notice);
@@ -314,7 +314,7 @@ TEST_F(Patch, IsIgnoredWhenItsAnnouncementHoldsNoBlank) {
     EXPECT_EQ(timeout(), "300");
 }
 
-TEST_F(Patch, SplitsItsAnnouncementAtTheFirstBlank) {
+TEST_F(Patch, SplitsItsNoticeAtTheFirstBlank) {
     Request request = frontEnd().preparePatch({{"SessionTimeout", "600"}});
     request.send(request.requestKey() + " a  key with blanks ");
     EXPECT_EQ(request.published(), "a  key with blanks ");
@@ -339,7 +339,7 @@ TEST_F(Patch, OfAnUnknownRequestIsPassedOver) {
     EXPECT_FALSE(store().exists("reply"));
 }
 
-TEST_F(Patch, RequestsAreServedInTheOrderOfTheirAnnouncements) {
+TEST_F(Patch, RequestsAreServedInTheOrderOfTheirNotices) {
     std::vector<Request> requests;
     for (const char* seconds : {"100", "200", "300", "400", "500"}) {
         requests.push_back(

@@ -271,7 +271,7 @@ INSTANTIATE_TEST_SUITE_P(OnAStoreThat, LostExpiry, testing::ValuesIn(faultsThat(
 class MisledExpiry : public FaultyExpiry {
   protected:
     // A session that meets the fault at each of its commands, and one that never does.
-    void plant(const SessionOptions& options, const Steps& steps) {
+    void insert(const SessionOptions& options, const Steps& steps) {
         cases.push_back({frontEnd().insertSession(options), &steps});
         for (std::size_t at = 0; at < steps.size(); ++at) {
             cases.push_back({frontEnd().insertSession(options), &steps, at});
@@ -353,8 +353,8 @@ class MisledExpiry : public FaultyExpiry {
 };
 
 TEST_P(MisledExpiry, DoesToEachSessionWhatTheFaultLeavesPossible) {
-    plant(expiredSession, ofAnExpiredSession);
-    plant(liveSession, ofALiveSession);
+    insert(expiredSession, ofAnExpiredSession);
+    insert(liveSession, ofALiveSession);
     pass();
     expectWhatTheTablesSay();
 }

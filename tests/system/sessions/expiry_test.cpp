@@ -26,7 +26,7 @@ class Expiry : public RunningSystemTest {
   protected:
     bool exists(const InsertedSession& session) { return store().exists(session.uri); }
 
-    // Blocks until the sweeper has expired the session and is done with it: the audit entry
+    // Blocks until the expiry thread has expired the session and is done with it: the audit entry
     // comes last of all.
     void waitUntilExpired(const std::string& uri) {
         waitUntil("the session has expired", [&] {
@@ -39,7 +39,7 @@ class Expiry : public RunningSystemTest {
     }
     void waitUntilExpired(const InsertedSession& session) { waitUntilExpired(session.uri); }
 
-    // Blocks until the sweeper has judged every session that is there now: it comes to the
+    // Blocks until the expiry thread has judged every session that is there now: it comes to the
     // end of the list last.
     void waitForAPass() {
         const InsertedSession last = frontEnd().insertSession({.timeout = "0", .member = false});
@@ -330,13 +330,13 @@ TEST_F(Expiry, GoesOnWhenOnlyTheDeleteThreadIsLeftToServe) {
     waitUntilExpired(frontEnd().insertSession({.timeout = "0"}));
 }
 
-class SweepOfSeveral : public SystemTest {
+class ExpiryOfSeveral : public SystemTest {
   protected:
-    SweepOfSeveral() : SystemTest({.storeOverTcp = true}) {}
+    ExpiryOfSeveral() : SystemTest({.storeOverTcp = true}) {}
 };
 
 // Sessions that were there before the daemon are all seen by its first pass.
-TEST_F(SweepOfSeveral, RemovesThemInTheOrderOfTheListEachWithItsOwnEventGroup) {
+TEST_F(ExpiryOfSeveral, RemovesThemInTheOrderOfTheListEachWithItsOwnEventGroup) {
     startStore();
     const InsertedSession oldest = frontEnd().insertSession({.userName = "a", .timeout = "0"});
     const InsertedSession kept = frontEnd().insertSession({.userName = "b"});
@@ -356,7 +356,7 @@ TEST_F(SweepOfSeveral, RemovesThemInTheOrderOfTheListEachWithItsOwnEventGroup) {
     EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"), "1");
 }
 
-TEST_F(SweepOfSeveral, SendsTheseCommandsOverOneConnection) {
+TEST_F(ExpiryOfSeveral, SendsTheseCommandsOverOneConnection) {
     startStore();
     const InsertedSession expired = frontEnd().insertSession({.timeout = "0"});
     const InsertedSession foreign = frontEnd().insertSession({.sessionType = "\"Other\""});
@@ -391,7 +391,7 @@ TEST_F(SweepOfSeveral, SendsTheseCommandsOverOneConnection) {
     const std::string log = "/redfish/v1/Managers/1/LogServices/AuditLog/Entries";
     const std::string eventScript = store().hget("redisSHAScripts", "resourceChange");
     const std::string logScript = store().hget("redisSHAScripts", "logGeneratorHelper");
-    const std::vector<Words> sweep{
+    const std::vector<Words> expected{
         {"LRANGE", membersKey, "0", "-1"},
         {"HGET", kept.uri, "SessionType"},
         {"HGET", "&&" + kept.uri, "XAUTH"},
@@ -421,17 +421,17 @@ TEST_F(SweepOfSeveral, SendsTheseCommandsOverOneConnection) {
          "1", "admin"},
         {"LRANGE", membersKey, "0", "-1"},
     };
-    EXPECT_EQ(commands, sweep);
+    EXPECT_EQ(commands, expected);
 }
 
-// The store's proxy holds the sweeper in the middle of a pass.
+// The store's proxy holds the expiry thread in the middle of a pass.
 class HeldPass : public SystemTest {
   protected:
     void SetUp() override {
         startStore();
         usePamTest("env=PRIVILEGES=9");
         proxy.setFilter([this](const Words& command) {
-            // Only the sweeper asks for this field of a session that nobody deletes.
+            // Only the expiry thread asks for this field of a session that nobody deletes.
             if (held && command == Words{"HGET", tokenKey(watched), "Timeout"}) {
                 inside = true;
                 waitUntil("the pass may go on", [this] { return !held; });
@@ -445,7 +445,7 @@ class HeldPass : public SystemTest {
     }
     void holdAPass() {
         held = true;
-        waitUntil("the sweeper is inside a pass", [this] { return inside.load(); });
+        waitUntil("the expiry thread is inside a pass", [this] { return inside.load(); });
     }
     void letThePassGoOn() {
         held = false;

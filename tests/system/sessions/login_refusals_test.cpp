@@ -158,7 +158,7 @@ TEST_F(RefusedLogin, BeyondTheLimitLeavesRoomForTheNextOnceOneIsGone) {
     EXPECT_EQ(login().status(), "OK");
 }
 
-// The sweeper is held at the last command of an expiry, the audit entry, so that it keeps the
+// The expiry thread is held at the last command of an expiry, the audit entry, so that it keeps the
 // sessions to itself, and gives them up as soon as it is released.
 class LoginDuringAnExpiry : public RefusedLogin {
   protected:

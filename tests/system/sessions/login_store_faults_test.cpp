@@ -55,7 +55,7 @@ Words lines(std::initializer_list<Words> parts) {
 // What follows once the connection is lost: all that has to be reported of an answer that
 // cannot be written, and of events and an audit entry that cannot be sent.
 const Words unanswered{noReply, noMessageArray};
-const Words unannounced{noReply, noMessageArray, noEventDigest};
+const Words unpublished{noReply, noMessageArray, noEventDigest};
 const Words unrecorded{noReply, noMessageArray, noEventDigest, noAuditCollection};
 
 // --- what the store carries out
@@ -115,7 +115,7 @@ struct FaultyCommand {
 
 constexpr char lifetime[] = "3601";  // of messages
 
-// The answer of a login that fails, up to its announcement.
+// The answer of a login that fails, up to its publication.
 Commands answer(const std::string& status, const std::string& messageId) {
     const std::string message = messagesMark + "/1";
     return {{"HSET", replyMark, "&&ExtendedInfo", messagesMark, "&&ReturnStatus", status},
@@ -181,8 +181,8 @@ std::vector<FaultyCommand> stepsOfALogin(const Fault& fault) {
 
     const Words fine{newPassword};
     const Words noSessionNorAnswer = lines({{newPassword, noSession}, unanswered});
-    const Words noMaximumNorToken = lines({{newPassword}, noValidMaximum, {noToken}, unannounced});
-    const Words noTokenNorAnswer = lines({{newPassword, noToken}, unannounced});
+    const Words noMaximumNorToken = lines({{newPassword}, noValidMaximum, {noToken}, unpublished});
+    const Words noTokenNorAnswer = lines({{newPassword, noToken}, unpublished});
     const Words noAnswer = lines({{newPassword}, unrecorded});
     const Words noEventNorEntry{newPassword, noEventDigest, noAuditCollection};
 
@@ -206,7 +206,7 @@ std::vector<FaultyCommand> stepsOfALogin(const Fault& fault) {
         writeOfARecord(fault, {"HSET", sessionMark, "&&AllowMethod"}, noSessionNorAnswer, fine,
                        noSession, failWith("FAILURE", "ExtendedError.1.2.DatabaseOperationError")),
         {{"HINCRBY", eventServiceUri, eventGroupCounter},
-         lines({{newPassword, noIncrease, noReset}, noValidMaximum, {noToken}, unannounced}),
+         lines({{newPassword, noIncrease, noReset}, noValidMaximum, {noToken}, unpublished}),
          {newPassword, noIncrease},
          [](const Commands& rest) {
              return sequence(
@@ -223,7 +223,7 @@ std::vector<FaultyCommand> stepsOfALogin(const Fault& fault) {
                        noToken,
                        failAndTellOfTheSession("ExtendedError.1.2.DatabaseOperationError")),
         {{"LPUSH", membersKey},
-         lines({{newPassword, noMember}, unannounced}),
+         lines({{newPassword, noMember}, unpublished}),
          {newPassword, noMember},
          failAndTellOfTheSession("ExtendedError.1.2.UnprocessableEntity")},
         {{"HSET", sessionsUri, "@odata.etag"}, noAnswer, fine},
@@ -639,7 +639,7 @@ TEST_P(LoginOnAStoreThatTurns, LeavesWhatItsStepsSayAndHarmsNoOther) {
             },
             n, injector.newConnections());
         request.send();
-        // It is announced in any case.
+        // It is published in any case.
         EXPECT_EQ(request.published(), request.replyKey());
         store().run(GetParam().end);
 

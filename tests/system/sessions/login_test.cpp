@@ -130,7 +130,7 @@ TEST_F(Login, TakesAPasswordThatTravelsWithoutQuotes) {
     EXPECT_EQ(login({.body = {{"Password", bare}}}).status(), "OK");
 }
 
-TEST_F(Login, WithAPasswordThatCannotBeDecipheredGoesOnWithAnEmptyOne) {
+TEST_F(Login, WithAPasswordThatCannotBeDecryptedGoesOnWithAnEmptyOne) {
     usePamTest(allPrivileges + " style=echo_off");
     for (const char* cipher : {"\"00\"", "\"no digits\"", "\"\"", ""}) {
         login({.body = {{"Password", cipher}}});

@@ -46,7 +46,7 @@ class Logout : public PermissivePamTest {
         return {{"delete", uri, "Session", lastEventGroup()},
                 {"change", sessionsUri, "SessionCollection", lastEventGroup()}};
     }
-    // Returns when everything announced so far has been served.
+    // Returns when everything published so far has been served.
     void settle() { frontEnd().remove(frontEnd().insertSession().uri); }
 
     // A request whose deletion fails before anything is removed and that gets no answer.
@@ -122,7 +122,7 @@ TEST_F(Logout, IsWrittenIntoTheAuditLog) {
                              "{\"OriginOfCondition\":{\"@odata.id\":\"" + session.uri + "\"}}"}}));
 }
 
-TEST_F(Logout, IsOpenToWhoeverMayAnnounceIt) {
+TEST_F(Logout, IsOpenToWhoeverMayPublishIt) {
     const InsertedSession session =
         frontEnd().insertSession({.userName = "admin", .privilege = "511"});
     const Reply reply = frontEnd().remove(
@@ -516,7 +516,7 @@ TEST_F(Logout, WithoutAReplyKeyAndWithoutACountIsLoggedAndAnswersNothing) {
 
 // --- a store that is slow or gone
 
-class LogoutOverARelay : public Logout {
+class LogoutOverAProxy : public Logout {
   protected:
     // Has a session expire and holds the expiry half-way.
     InsertedSession holdAnExpiry() {
@@ -561,7 +561,7 @@ class LogoutOverARelay : public Logout {
     StoreProxy proxy{controller};
 };
 
-TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
+TEST_F(LogoutOverAProxy, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
     const InsertedSession expiring = holdAnExpiry();
     const InsertedSession session = frontEnd().insertSession();
     const Snapshot before = snapshot();
@@ -581,7 +581,7 @@ TEST_F(LogoutOverARelay, IsUnavailableWhileAnExpiryTakesMoreThanTwoSeconds) {
     EXPECT_EQ(thereOf(keysOf(expiring)), Words{});
 }
 
-TEST_F(LogoutOverARelay, WithoutAReplyKeyIsNotAnsweredWhileAnExpiryTakesMoreThanTwoSeconds) {
+TEST_F(LogoutOverAProxy, WithoutAReplyKeyIsNotAnsweredWhileAnExpiryTakesMoreThanTwoSeconds) {
     holdAnExpiry();
     const InsertedSession session = frontEnd().insertSession();
     const Snapshot before = snapshot();
@@ -594,7 +594,7 @@ TEST_F(LogoutOverARelay, WithoutAReplyKeyIsNotAnsweredWhileAnExpiryTakesMoreThan
     releaseTheExpiry();
 }
 
-TEST_F(LogoutOverARelay, WithoutAConnectionOfItsOwnIsNotServed) {
+TEST_F(LogoutOverAProxy, WithoutAConnectionOfItsOwnIsNotServed) {
     expectErrorLine("Failed to connect to Redis.");
     const InsertedSession session = frontEnd().insertSession();
     const Snapshot before = snapshot();
@@ -606,7 +606,7 @@ TEST_F(LogoutOverARelay, WithoutAConnectionOfItsOwnIsNotServed) {
     expectNothingDone(session, before, request);
 }
 
-TEST_F(LogoutOverARelay, ThatLosesTheStoreBeforeTheCollectionIsReadRemovesNothing) {
+TEST_F(LogoutOverAProxy, ThatLosesTheStoreBeforeTheCollectionIsReadRemovesNothing) {
     expectErrorLine("Failed to get sessions.");
     expectErrorLine("Failed to update Return Status.");
     expectErrorLine("Failed to get length of extended info array.");
@@ -619,7 +619,7 @@ TEST_F(LogoutOverARelay, ThatLosesTheStoreBeforeTheCollectionIsReadRemovesNothin
     expectNothingDone(session, before, request);
 }
 
-TEST_F(LogoutOverARelay, ThatLosesTheStoreBeforeTheTokenIsReadRemovesNothing) {
+TEST_F(LogoutOverAProxy, ThatLosesTheStoreBeforeTheTokenIsReadRemovesNothing) {
     expectErrorLine("Failed to delete session.");
     expectErrorLine("Failed to update Return Status.");
     expectErrorLine("Failed to get length of extended info array.");
@@ -632,7 +632,7 @@ TEST_F(LogoutOverARelay, ThatLosesTheStoreBeforeTheTokenIsReadRemovesNothing) {
     expectNothingDone(session, before, request);
 }
 
-TEST_F(LogoutOverARelay, WithoutAReplyKeyIsSilentAboutAStoreThatItLosesBeforeItRemovesAnything) {
+TEST_F(LogoutOverAProxy, WithoutAReplyKeyIsSilentAboutAStoreThatItLosesBeforeItRemovesAnything) {
     const InsertedSession session = frontEnd().insertSession();
     for (const Words& command : {Words{"LRANGE", membersKey, "0", "-1"},
                                  Words{"HGET", tokenReferenceKey(session.uri), "XAUTH"}}) {

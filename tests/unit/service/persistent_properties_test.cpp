@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "support/captured_output.h"
-#include "support/file_stand_in.h"
+#include "support/fake_file.h"
 #include "support/scripted_store.h"
 #include "support/temporary_folder.h"
 
@@ -26,7 +26,7 @@ class PropertyFile : public testing::Test {
     }
 
     TemporaryFolder folder;
-    FileStandIn standIn{realPath, folder.path("properties")};
+    FakeFile replaced{realPath, folder.path("properties")};
 };
 
 TEST_F(PropertyFile, IsLoadedOneCommandALine) {
@@ -60,7 +60,7 @@ TEST_F(PropertyFile, IsWrittenAnewWithoutAnyProperty) {
 }
 
 TEST(BrokenPropertyFile, IsLoadedAsFarAsItCanBeRead) {
-    const FileStandIn broken(realPath, "A=1\nB=2\n", EIO);
+    const FakeFile broken(realPath, "A=1\nB=2\n", EIO);
     const ScriptedStore peer({resp::integer(1), resp::integer(1)});
     EXPECT_EQ(standardErrorOf([&] { loadPersistentProperties(peer.connection()); }),
               "[Debug]: Failed to get persistent properties: Input/output error.\n");
@@ -69,7 +69,7 @@ TEST(BrokenPropertyFile, IsLoadedAsFarAsItCanBeRead) {
 }
 
 TEST(BrokenPropertyFile, IsNotOpenedForWriting) {
-    const FileStandIn broken(realPath, "A=1\nB=2\n", EIO);
+    const FakeFile broken(realPath, "A=1\nB=2\n", EIO);
     savePersistentProperties({{"A", "3"}});
     ASSERT_EQ(broken.modes().size(), 1U);
     EXPECT_EQ(broken.modes()[0].front(), 'r');

@@ -1,4 +1,4 @@
-#include "support/file_stand_in.h"
+#include "support/fake_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,7 +6,7 @@
 
 namespace {
 
-session_service::FileStandIn* current = nullptr;
+session_service::FakeFile* current = nullptr;
 
 }  // namespace
 
@@ -27,21 +27,21 @@ std::FILE* __wrap_fopen64(const char* path, const char* mode) {
 
 namespace session_service {
 
-FileStandIn::FileStandIn(std::string path, std::string standIn)
-    : replacedPath(std::move(path)), otherFile(std::move(standIn)) {
+FakeFile::FakeFile(std::string path, std::string replacement)
+    : replacedPath(std::move(path)), otherFile(std::move(replacement)) {
     current = this;
 }
 
-FileStandIn::FileStandIn(std::string path, std::string text, int error)
+FakeFile::FakeFile(std::string path, std::string text, int error)
     : replacedPath(std::move(path)), remainingText(std::move(text)), failure(error) {
     current = this;
 }
 
-FileStandIn::~FileStandIn() {
+FakeFile::~FakeFile() {
     current = nullptr;
 }
 
-std::FILE* FileStandIn::open(const std::string& path, const char* mode) {
+std::FILE* FakeFile::open(const std::string& path, const char* mode) {
     if (path != replacedPath) {
         return nullptr;
     }
@@ -53,8 +53,8 @@ std::FILE* FileStandIn::open(const std::string& path, const char* mode) {
                        {.read = readText, .write = nullptr, .seek = nullptr, .close = nullptr});
 }
 
-ssize_t FileStandIn::readText(void* standIn, char* buffer, std::size_t size) {
-    auto& self = *static_cast<FileStandIn*>(standIn);
+ssize_t FakeFile::readText(void* cookie, char* buffer, std::size_t size) {
+    auto& self = *static_cast<FakeFile*>(cookie);
     if (self.remainingText.empty()) {
         errno = self.failure;
         return -1;

@@ -9,15 +9,15 @@ namespace session_service {
 
 // While it lives, what is opened at the path is another file, or a text behind which reading
 // fails. One at a time.
-class FileStandIn {
+class FakeFile {
   public:
-    // Opens the file at `standIn`.
-    FileStandIn(std::string path, std::string standIn);
+    // Opens the file at `replacement`.
+    FakeFile(std::string path, std::string replacement);
     // Opens the text; what follows it cannot be read for this reason.
-    FileStandIn(std::string path, std::string text, int error);
-    FileStandIn(const FileStandIn&) = delete;
-    FileStandIn& operator=(const FileStandIn&) = delete;
-    ~FileStandIn();
+    FakeFile(std::string path, std::string text, int error);
+    FakeFile(const FakeFile&) = delete;
+    FakeFile& operator=(const FakeFile&) = delete;
+    ~FakeFile();
 
     // The modes in which it was opened so far.
     [[nodiscard]] const std::vector<std::string>& modes() const { return openedModes; }
@@ -26,7 +26,7 @@ class FileStandIn {
     std::FILE* open(const std::string& path, const char* mode);
 
   private:
-    static ssize_t readText(void* standIn, char* buffer, std::size_t size);
+    static ssize_t readText(void* cookie, char* buffer, std::size_t size);
 
     std::string replacedPath;
     std::string otherFile;  // empty: the text
