@@ -24,8 +24,7 @@ using testing::Not;
 
 constexpr const char* stateFile = "/tmp/state";
 constexpr const char* metricsFile = "/tmp/session-service.prom";
-const std::string refusedLoginLog =
-    fs::path(webAccessLogFile).parent_path() / "refused-logins.log";
+const std::string refusedLoginLog = fs::path(webAccessLogFile).parent_path() / "refused-logins.log";
 
 // Everything runs, the front end included; sessionctl runs outside, where it sees the processes.
 class Statistics : public WebTest {
