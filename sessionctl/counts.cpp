@@ -227,33 +227,33 @@ std::optional<Access> parseAccess(const std::string& line) {
     return error == std::errc() ? std::optional(access) : std::nullopt;
 }
 
-void Counts::readRefusedLogins() {
+void Counter::readRefusedLogins() {
     const auto position =
         readLog(pathOfLog(refusedLoginLog), refusedPosition, [&](const std::string& line) {
             if (const auto login = parseRefusedLogin(line)) {
-                if (!refused) {
-                    refused.emplace();
+                if (!counted.refused) {
+                    counted.refused.emplace();
                 }
-                ++(*refused)[login->reason];
-                refusedSince = refusedSince.value_or(login->time);
+                ++(*counted.refused)[login->reason];
+                counted.refusedSince = counted.refusedSince.value_or(login->time);
             }
         });
     if (position) {
         refusedPosition = position;
-        if (!refused) {
-            refused.emplace();
+        if (!counted.refused) {
+            counted.refused.emplace();
         }
     }
 }
 
-void Counts::addAccess(const std::string& line) {
+void Counter::addAccess(const std::string& line) {
     constexpr int firstSuccess = 200;
     constexpr int firstRedirection = 300;
     const auto access = parseAccess(line);
     if (!access) {
         return;
     }
-    accessSince = accessSince.value_or(access->time);
+    counted.accessSince = counted.accessSince.value_or(access->time);
     if (access->status < firstSuccess || access->status >= firstRedirection) {
         return;
     }
@@ -262,46 +262,46 @@ void Counts::addAccess(const std::string& line) {
         path.pop_back();
     }
     if (access->method == "PATCH" && path == serviceUri) {
-        add(changes, 1LL);
+        add(counted.changes, 1LL);
     } else if (access->method == "DELETE" && path.starts_with(sessionUriPrefix)) {
         requestedLogouts.insert(path);
     }
 }
 
-void Counts::readAccessLog() {
+void Counter::readAccessLog() {
     const auto position = readLog(pathOfLog(accessLog), accessPosition,
                                   [this](const std::string& line) { addAccess(line); });
     if (position) {
         accessPosition = position;
-        add(changes, 0LL);
+        add(counted.changes, 0LL);
     }
 }
 
 // Counts back from the sessions that there are now.
-void Counts::updateMaxSessions(const std::vector<AuditEntry>& entries, int sessionsNow) {
+void Counter::updateMaxSessions(const std::vector<AuditEntry>& entries, int sessionsNow) {
     int count = sessionsNow;
-    int most = std::max(maxSessions.value_or(0), count);
+    int maxCount = std::max(counted.maxSessions.value_or(0), count);
     for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
         // Entries may be missing: of what a full log did not take, or an operator removed.
         count = std::clamp(count + (entry->isLogin ? -1 : 1), 0, session_service::maxSessions);
-        most = std::max(most, count);
+        maxCount = std::max(maxCount, count);
     }
-    maxSessions = most;
+    counted.maxSessions = maxCount;
 }
 
-void Counts::addAuditEntries(const std::vector<AuditEntry>& entries, int sessionsNow,
-                             long long timeout) {
+void Counter::addAuditEntries(const std::vector<AuditEntry>& entries, int sessionsNow,
+                              long long timeout) {
     updateMaxSessions(entries, sessionsNow);
-    add(admitted, 0LL);
+    add(counted.admitted, 0LL);
     // Without its log nobody knows what the front end was asked for.
     if (accessPosition) {
-        add(logouts, 0LL);
-        add(expiries, 0LL);
+        add(counted.logouts, 0LL);
+        add(counted.expiries, 0LL);
     }
     for (const AuditEntry& entry : entries) {
-        auditSince = auditSince.value_or(entry.time);
+        counted.auditSince = counted.auditSince.value_or(entry.time);
         if (entry.isLogin) {
-            add(admitted, 1LL);
+            add(counted.admitted, 1LL);
             openSessions[entry.session] = entry.time;
             continue;
         }
@@ -310,13 +310,13 @@ void Counts::addAuditEntries(const std::vector<AuditEntry>& entries, int session
             created != openSessions.end() && entry.time - created->second < timeout;
         const bool isRequested = requestedLogouts.erase(entry.session) > 0;
         if (accessPosition) {
-            add(isRequested || isYoung ? logouts : expiries, 1LL);
+            add(isRequested || isYoung ? counted.logouts : counted.expiries, 1LL);
         }
         openSessions.erase(entry.session);
     }
 }
 
-void Counts::update(redisContext* connection, int sessionsNow, long long timeout) {
+void Counter::update(redisContext* connection, int sessionsNow, long long timeout) {
     // The audit log first: what the front end logs of a logout comes behind it.
     const std::string members = findAuditMembers(connection);
     AuditTrail trail;
@@ -334,8 +334,9 @@ void Counts::update(redisContext* connection, int sessionsNow, long long timeout
     forgetSome(openSessions);
 }
 
-Counts Counts::fromState(const json& state) {
-    Counts counts;
+Counter Counter::fromState(const json& state) {
+    Counter counter;
+    Counts& counts = counter.counted;
     load(state, "admitted", counts.admitted);
     load(state, "refused", counts.refused);
     load(state, "logouts", counts.logouts);
@@ -345,24 +346,24 @@ Counts Counts::fromState(const json& state) {
     load(state, "auditSince", counts.auditSince);
     load(state, "refusedSince", counts.refusedSince);
     load(state, "accessSince", counts.accessSince);
-    state.at("lastAuditEntry").get_to(counts.lastAuditEntry);
-    state.at("openSessions").get_to(counts.openSessions);
-    state.at("requestedLogouts").get_to(counts.requestedLogouts);
-    counts.refusedPosition = positionFrom(state.at("refusedPosition"));
-    counts.accessPosition = positionFrom(state.at("accessPosition"));
-    return counts;
+    state.at("lastAuditEntry").get_to(counter.lastAuditEntry);
+    state.at("openSessions").get_to(counter.openSessions);
+    state.at("requestedLogouts").get_to(counter.requestedLogouts);
+    counter.refusedPosition = positionFrom(state.at("refusedPosition"));
+    counter.accessPosition = positionFrom(state.at("accessPosition"));
+    return counter;
 }
 
-json Counts::toState() const {
-    return {{"admitted", orNull(admitted)},
-            {"refused", orNull(refused)},
-            {"logouts", orNull(logouts)},
-            {"expiries", orNull(expiries)},
-            {"changes", orNull(changes)},
-            {"maxSessions", orNull(maxSessions)},
-            {"auditSince", orNull(auditSince)},
-            {"refusedSince", orNull(refusedSince)},
-            {"accessSince", orNull(accessSince)},
+json Counter::toState() const {
+    return {{"admitted", orNull(counted.admitted)},
+            {"refused", orNull(counted.refused)},
+            {"logouts", orNull(counted.logouts)},
+            {"expiries", orNull(counted.expiries)},
+            {"changes", orNull(counted.changes)},
+            {"maxSessions", orNull(counted.maxSessions)},
+            {"auditSince", orNull(counted.auditSince)},
+            {"refusedSince", orNull(counted.refusedSince)},
+            {"accessSince", orNull(counted.accessSince)},
             {"lastAuditEntry", lastAuditEntry},
             {"openSessions", openSessions},
             {"requestedLogouts", requestedLogouts},

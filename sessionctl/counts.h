@@ -1,4 +1,4 @@
-// What has been counted of logins and logouts. The daemon itself counts nothing: the figures are
+// What has been counted of logins and logouts. The daemon itself counts nothing: it is
 // taken from the audit log in the store and from the logs of the web front end.
 #pragma once
 
@@ -24,19 +24,9 @@ struct AuditEntry {
     std::string session;  // its URI
 };
 
-class Counts {
-  public:
-    // What toState() gave. Throws nlohmann::json::exception for anything else.
-    static Counts fromState(const nlohmann::json& state);
-    [[nodiscard]] nlohmann::json toState() const;
-
-    // Adds what is new in the three sources. `sessionsNow` and `timeout`, in seconds, are those of
-    // the service. An end of a session is a logout when the front end was asked for it, or when the
-    // session is too young to have expired; otherwise it is an expiry.
-    // Throws CommandError when the store stops answering.
-    void update(redisContext* connection, int sessionsNow, long long timeout);
-
-    // Empty: the source is not there. Each counts from the time that `since` has for its source.
+// What has been counted. Empty: the source is not there. Each count begins at the time that its
+// source has below.
+struct Counts {
     std::optional<long long> admitted{};                        // audit log
     std::optional<std::map<std::string, long long>> refused{};  // by reason; log of refused logins
     std::optional<long long> logouts{};                         // audit log and access log
@@ -47,6 +37,21 @@ class Counts {
     std::optional<std::time_t> auditSince{};
     std::optional<std::time_t> refusedSince{};
     std::optional<std::time_t> accessSince{};
+};
+
+class Counter {
+  public:
+    // What toState() gave. Throws nlohmann::json::exception for anything else.
+    static Counter fromState(const nlohmann::json& state);
+    [[nodiscard]] nlohmann::json toState() const;
+
+    // Adds what is new in the three sources. `sessionsNow` and `timeout`, in seconds, are those of
+    // the service. An end of a session is a logout when the front end was asked for it, or when the
+    // session is too young to have expired; otherwise it is an expiry.
+    // Throws CommandError when the store stops answering.
+    void update(redisContext* connection, int sessionsNow, long long timeout);
+
+    [[nodiscard]] const Counts& counts() const noexcept { return counted; }
 
   private:
     void readRefusedLogins();
@@ -56,6 +61,7 @@ class Counts {
                          long long timeout);
     void updateMaxSessions(const std::vector<AuditEntry>& entries, int sessionsNow);
 
+    Counts counted;
     std::string lastAuditEntry;
     std::map<std::string, std::time_t> openSessions;  // when they were created, by URI
     std::set<std::string> requestedLogouts;  // sessions whose end is not in the audit log yet

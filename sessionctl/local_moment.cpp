@@ -42,9 +42,9 @@ std::optional<std::time_t> parseTimestamp(const std::string& text) {
     if (std::strlen(zone) != zoneLength || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') {
         return std::nullopt;
     }
-    const std::time_t offset = (parseInt32({zone + 1, 2}).value.value_or(0) * 60 +
-                                parseInt32(zone + 4).value.value_or(0)) *
-                               60;
+    const std::time_t hours = parseInt32({zone + 1, 2}).value.value_or(0);
+    const std::time_t minutes = parseInt32(zone + 4).value.value_or(0);
+    const std::time_t offset = (hours * 60 + minutes) * 60;
     return zone[0] == '+' ? moment - offset : moment + offset;
 }
 

@@ -87,7 +87,7 @@ constexpr std::array<Command, 11> commands{{
     {"stats", 0, 0, "",
      "usage: sessionctl stats [--prometheus] [--state FILE] [--output FILE]\n"
      "\n"
-     "Shows what has been counted and where each figure comes from, and what the daemon takes.\n"
+     "Shows what has been counted, from which source, and what the daemon takes.\n"
      "\n"
      "  --prometheus   metrics for Prometheus instead of a table\n"
      "  --state FILE   keep the counts in FILE, so that rotated logs do not lower them\n"

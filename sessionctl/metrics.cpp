@@ -27,10 +27,11 @@ class Metrics {
         }
     }
 
-    std::string text{};
+    [[nodiscard]] const std::string& formatted() const noexcept { return text; }
 
   private:
-    std::string name{};
+    std::string text;
+    std::string name;
 };
 
 std::string formatReal(double value) {
@@ -111,7 +112,7 @@ std::string formatMetrics(const Statistics& statistics) {
                       "session.",
                       statistics.lastPassAge);
     addDaemon(metrics, statistics.daemon);
-    return metrics.text;
+    return metrics.formatted();
 }
 
 }  // namespace session_service::console

@@ -26,7 +26,7 @@ namespace {
 using nlohmann::json;
 using Kind = store::Answer::Kind;
 
-// Where the figures come from.
+// Where the statistics come from.
 constexpr const char* auditSource = "audit log";
 constexpr const char* refusedSource = "front end's log of refused logins";
 constexpr const char* accessSource = "front end's access log";
@@ -55,7 +55,7 @@ void readSessions(redisContext* connection, Statistics& statistics) {
 }
 
 // The counts of earlier calls, if there are any.
-Counts readState(const std::string& path) {
+Counter readState(const std::string& path) {
     std::string text;
     const ReadOutcome outcome = readLines(path.c_str(), [&](const std::string& line) {
         text += line + '\n';
@@ -65,7 +65,7 @@ Counts readState(const std::string& path) {
         return {};
     }
     try {
-        return Counts::fromState(json::parse(text));
+        return Counter::fromState(json::parse(text));
     } catch (const json::exception&) {
         std::fprintf(stderr, "sessionctl: %s cannot be used; the counts begin anew.\n",
                      escaped(path).c_str());
@@ -139,7 +139,7 @@ std::string formatSeconds(double seconds) {
 std::vector<Row> tableOf(const Statistics& statistics) {
     const Counts& counts = statistics.counts;
     std::vector<Row> rows{
-        {"FIGURE", "VALUE", "FROM"},
+        {"STATISTIC", "VALUE", "SOURCE"},
         {"sessions", std::to_string(statistics.sessions) + " of " + std::to_string(maxSessions),
          storeSource},
         {"most sessions", textOf(counts.maxSessions), sourceText(auditSource, counts.auditSince)},
@@ -229,13 +229,12 @@ int runStats(const Options& options, const StatsOptions& stats) {
     redisContext* connection = opened.connection.get();
     readSessions(connection, statistics);
     const store::Answer timeout = ask(connection, {"HGET", serviceUri, sessionTimeoutField});
-    if (!stats.state.empty()) {
-        statistics.counts = readState(stats.state);
-    }
-    statistics.counts.update(connection, statistics.sessions, parseSeconds(timeout.text));
+    Counter counter = stats.state.empty() ? Counter() : readState(stats.state);
+    counter.update(connection, statistics.sessions, parseSeconds(timeout.text));
+    statistics.counts = counter.counts();
     if (!stats.state.empty()) {
         constexpr mode_t ownerOnly = 0600;
-        replaceFile(stats.state, formatJson(statistics.counts.toState()), ownerOnly);
+        replaceFile(stats.state, formatJson(counter.toState()), ownerOnly);
     }
     std::string text;
     if (stats.prometheus) {

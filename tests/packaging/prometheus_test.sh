@@ -1,6 +1,6 @@
 #!/bin/bash
 # usage: prometheus_test.sh SOURCE
-# Has Prometheus judge the example's alerts, also by what they make of figures, and the dashboard's
+# Has Prometheus judge the example's alerts, also by what they make of values, and the dashboard's
 # expressions; and looks whether sessionctl has all of these metrics.
 set -euo pipefail
 source=$1

@@ -70,8 +70,8 @@ TEST(Access, IsNoneInALineOfAnotherForm) {
 }
 
 TEST(CountsState, IsReadAsItWasWritten) {
-    json state = Counts().toState();
-    EXPECT_EQ(Counts::fromState(state).toState(), state);
+    json state = Counter().toState();
+    EXPECT_EQ(Counter::fromState(state).toState(), state);
     state.update(json{{"admitted", 7},
                       {"refused", {{"unavailable", 2}}},
                       {"logouts", 3},
@@ -86,23 +86,23 @@ TEST(CountsState, IsReadAsItWasWritten) {
                       {"requestedLogouts", {"/s/2"}},
                       {"refusedPosition", {{"inode", 1}, {"offset", 2}, {"beginning", 5}}},
                       {"accessPosition", {{"inode", 3}, {"offset", 4}, {"beginning", 6}}}});
-    EXPECT_EQ(Counts::fromState(state).toState(), state);
+    EXPECT_EQ(Counter::fromState(state).toState(), state);
 }
 
 TEST(CountsState, OfAnotherFormIsRefused) {
-    const json state = Counts().toState();
+    const json state = Counter().toState();
     for (const auto& [name, value] : state.items()) {
         json incomplete = state;
         incomplete.erase(name);
-        EXPECT_THROW(Counts::fromState(incomplete), json::exception) << name;
+        EXPECT_THROW(Counter::fromState(incomplete), json::exception) << name;
         json wrong = state;
         wrong[name] = true;
         if (name != "admitted" && name != "logouts" && name != "expiries" && name != "changes" &&
             name != "maxSessions" && !name.ends_with("Since")) {
-            EXPECT_THROW(Counts::fromState(wrong), json::exception) << name;
+            EXPECT_THROW(Counter::fromState(wrong), json::exception) << name;
         }
     }
-    EXPECT_THROW(Counts::fromState(json::array()), json::exception);
+    EXPECT_THROW(Counter::fromState(json::array()), json::exception);
 }
 
 }  // namespace
