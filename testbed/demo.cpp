@@ -521,8 +521,10 @@ bool Demo::run() {
 void Demo::keep() {
     const std::string user = testbed::administrator.name;
     const std::string password = testbed::administrator.password;
-    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves Redfish on\n"
-              << "   " << web.url() << "\nTo read and to log in:\n"
+    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves a page for\n"
+              << "browsers, and Redfish, on\n   " << web.url()
+              << "\n(the browser asks whether to trust the certificate: it is this controller's own).\n"
+              << "To read and to log in:\n"
               << "   " << curlCommand() << " -u " << user << ":" << password << " " << web.url()
               << testbed::serviceUri << "\n"
               << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"

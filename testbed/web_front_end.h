@@ -17,6 +17,7 @@ inline constexpr const char* webSettingsFile = "/usr/local/etc/nginx/settings.lu
 inline constexpr const char* webLimitsFile = "/usr/local/etc/nginx/limits.conf";
 inline constexpr const char* webAccessLogFile = "/var/log/nginx/access.log";
 inline constexpr const char* webErrorLogFile = "/var/log/nginx/error.log";
+inline constexpr const char* webRefusedLoginsFile = "/var/log/nginx/refused-logins.log";
 
 class WebFrontEnd {
   public:

@@ -56,7 +56,7 @@ contains "$service" usr/sbin/session-service usr/sbin/sessionctl "$modules/pam_s
     usr/share/doc/session-service/{README.Debian,copyright,changelog.gz,configuration.md} \
     usr/share/doc/session-service/examples/{SessionService,SessionPersistentProp,q73,groups2privs}.conf \
     usr/share/doc/session-service/examples/q73
-contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua}
+contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua,page/index.html}
 contains "$demo" usr/bin/session-service-demo usr/share/session-service-demo/seed/resources.txt
 
 # Where the controller's own files are, nothing comes with a package.
