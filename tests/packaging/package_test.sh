@@ -48,6 +48,8 @@ modules=usr/lib/$(dpkg-architecture --host-arch "$architecture" --force \
 contains "$service" usr/sbin/session-service usr/sbin/sessionctl "$modules/pam_session_role.so" \
     usr/lib/systemd/system/session-service.service \
     usr/lib/systemd/system/session-service-store.target \
+    usr/lib/systemd/system/session-service-stats.{service,timer} \
+    usr/share/bash-completion/completions/sessionctl \
     usr/libexec/session-service/supervise \
     usr/share/man/man5/{session-service,SessionService,SessionPersistentProp,q73,groups2privs}.conf.5.gz \
     usr/share/man/man8/{session-service,sessionctl,pam_session_role}.8.gz \
