@@ -536,6 +536,8 @@ void Demo::keep() {
               << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web.url()
               << "/redfish/v1', '" << user << "', '" << password << "', verify='"
               << web.certificatePath() << "').get_session_service().session_timeout)\"\n"
+              << "To see who comes and goes, in another terminal:\n   " << TESTBED_SESSIONCTL
+              << " --root " << controller.path("") << " watch\n"
               << "Its store:\n   REDISCLI_AUTH='" << controller.storePassword() << "' redis-cli -s "
               << controller.socketPath() << "\nThe logs of the service and of the front end:\n   "
               << controller.path(testbed::logFile) << "\n   "
