@@ -10,8 +10,8 @@ void FreeReply::operator()(redisReply* reply) const noexcept {
     freeReplyObject(reply);
 }
 
-void BareConnection::Close::operator()(redisContext* context) const noexcept {
-    redisFree(context);
+void BareConnection::Close::operator()(redisContext* opened) const noexcept {
+    redisFree(opened);
 }
 
 std::string encode(const testbed::Words& words) {

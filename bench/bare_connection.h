@@ -31,7 +31,7 @@ class BareConnection {
 
   private:
     struct Close {
-        void operator()(redisContext* context) const noexcept;
+        void operator()(redisContext* opened) const noexcept;
     };
     std::unique_ptr<redisContext, Close> context;
 };

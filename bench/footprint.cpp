@@ -1,7 +1,7 @@
 // Measures what the daemon needs of a board, and the time of its work beside its baseline. Prints
 // tables, and writes what it has measured into a file when one is named. Exit status 0: all targets
-// are met. With --quick it only shows that it works, and its results say nothing: exit status 0 when
-// all could be measured and the daemon is small enough.
+// are met. With --quick it only shows that it works, and its results say nothing: exit status 0
+// when all could be measured and the daemon is small enough.
 #include <sched.h>
 
 #include <cstdlib>

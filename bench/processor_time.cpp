@@ -43,6 +43,7 @@ double lowerQuartileOf(std::vector<double> values) {
 ProcessorTime lowerQuartileOf(const std::vector<ProcessorTime>& times) {
     const auto of = [&](double ProcessorTime::*process) {
         std::vector<double> values;
+        values.reserve(times.size());
         for (const ProcessorTime& time : times) {
             values.push_back(time.*process);
         }

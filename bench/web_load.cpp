@@ -95,6 +95,7 @@ WebWork WebLoad::run(int connections, const WebRound& round,
     const auto start = Clock::now();
     {
         std::vector<std::jthread> threads;
+        threads.reserve(works.size());
         for (int i = 0; i < connections; ++i) {
             threads.emplace_back([&, i] {
                 const auto index = static_cast<std::size_t>(i);

@@ -111,7 +111,7 @@ void checkCertificate(Report& report, const std::string& path) {
         report.fail(path, "There is no certificate that can be read.");
         return;
     }
-    constexpr time_t month = 30 * 24 * 3600;
+    constexpr time_t month = time_t{30} * 24 * 3600;
     time_t soon = std::time(nullptr) + month;
     if (X509_cmp_current_time(X509_get0_notAfter(certificate.get())) < 0) {
         report.fail(path, "It has expired.");

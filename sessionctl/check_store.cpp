@@ -160,22 +160,33 @@ void checkScript(Report& report, redisContext* connection, const char* script) {
     report.conclude(subject, "registered and loaded");
 }
 
-// The processes that run the daemon's program, each with its number and, if it is the unit's, with
-// that word. The name of a process is no help: it may be the start of a longer one.
+// The file name of the program that the process of this folder runs. Who may not know it gets the
+// name of the process, which may be the start of a longer one.
+std::string programOf(const std::string& folder) {
+    std::error_code unreadable;
+    std::string name =
+        std::filesystem::read_symlink(folder + "/exe", unreadable).filename().string();
+    if (unreadable) {
+        readLines((folder + "/comm").c_str(), [&](const std::string& line) {
+            name = line;
+            return false;
+        });
+    }
+    // As it is called when an upgrade has replaced its file.
+    constexpr std::string_view replaced = " (deleted)";
+    if (name.ends_with(replaced)) {
+        name.resize(name.size() - replaced.size());
+    }
+    return name;
+}
+
+// The processes of the daemon, each with its number and, if it is the unit's, with that word.
 std::vector<std::string> findDaemons() {
     std::vector<std::string> processes;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string folder = entry.path();
-        std::error_code unreadable;
-        std::string program =
-            std::filesystem::read_symlink(folder + "/exe", unreadable).filename().string();
-        // As it is called when an upgrade has replaced its file.
-        constexpr std::string_view replaced = " (deleted)";
-        if (program.ends_with(replaced)) {
-            program.resize(program.size() - replaced.size());
-        }
-        if (program != daemonName) {
+        if (programOf(folder) != daemonName) {
             continue;
         }
         std::string unit;

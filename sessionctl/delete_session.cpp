@@ -1,192 +1,68 @@
-#include <poll.h>
-#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "protocol/replies.h"
 #include "protocol/request_channels.h"
 #include "sessionctl/commands.h"
+#include "sessionctl/daemon_request.h"
 #include "sessionctl/output.h"
 #include "sessionctl/session_view.h"
-#include "sessionctl/signal_catcher.h"
 #include "sessionctl/store_access.h"
-#include "sessions/identifiers.h"
 #include "sessions/records.h"
-#include "store/resource_names.h"
 
 namespace session_service::console {
 namespace {
 
 using nlohmann::json;
-using Kind = store::Answer::Kind;
-using Clock = std::chrono::steady_clock;
 
-// No other request has these keys. That of the reply is also the name of the return channel.
-struct RequestKeys {
-    std::string request;
-    std::string reply;
+std::vector<SessionView> readMemberViews(redisContext* connection) {
+    std::vector<SessionView> views;
+    for (const std::string& member : readMembers(connection)) {
+        views.push_back(readMember(connection, member));
+    }
+    return views;
+}
+
+// The sessions of the collection that a request to delete can name.
+std::vector<std::string> findSessions(redisContext* connection,
+                                      const std::optional<std::string>& user) {
+    std::vector<std::string> ids;
+    for (const SessionView& view : readMemberViews(connection)) {
+        if (view.fault != namesNoSession && (!user || (view.hasResource && view.user == *user))) {
+            ids.push_back(view.id);
+        }
+    }
+    return ids;
+}
+
+std::string sessionCount(std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " session" : " sessions");
+}
+
+// Asks at the terminal; nothing but "y" or "yes" is consent.
+bool isConfirmed(std::size_t count) {
+    std::fprintf(stderr, "Log out %s? [y/N] ", sessionCount(count).c_str());
+    std::array<char, 16> answer{};
+    if (!std::fgets(answer.data(), answer.size(), stdin)) {
+        std::fputc('\n', stderr);
+        return false;
+    }
+    const std::string_view text(answer.data());
+    return text == "y\n" || text == "Y\n" || text == "yes\n" || text == "Yes\n";
+}
+
+struct Deletion {
+    std::string id;
+    std::string user;
+    DaemonReply reply;
+
+    [[nodiscard]] bool done() const { return reply.status == reply_status::okEmpty; }
 };
 
-RequestKeys generateKeys() {
-    constexpr unsigned bytes = 16;
-    const std::string prefix = "&&/sessionctl/" + generateRandomHex(bytes);
-    return {prefix + "/request", prefix + "/reply"};
-}
-
-// Withdraws the request, and removes the reply unless the daemon may still be writing it: in that
-// case it expires. False when the store did not answer.
-bool cleanUp(redisContext* connection, const RequestKeys& keys, bool replyPending) {
-    return store::send(connection, {"DEL", keys.request}) &&
-           (replyPending || store::send(connection, {"DEL", keys.reply}));
-}
-
-struct DaemonReply {
-    std::string status;
-    std::vector<std::string> messages;  // oldest first
-};
-
-[[noreturn]] void failUncertain() {
-    throw CommandError(exit_status::storeUnavailable,
-                       "The store has stopped answering. The deletion may still be carried out.");
-}
-
-void requireAccepted(const store::Answer& answer) {
-    if (answer.kind == Kind::refused) {
-        throw CommandError(exit_status::failure,
-                           "The store does not take the request: " + escaped(answer.text));
-    }
-}
-
-// Stores the request and publishes its notice in one transaction, so that nothing is left for good
-// whenever this process or the store ends: both keys expire, and the daemon's reply does not change
-// that. Returns the number of subscribers that got the notice.
-long long publishRequest(redisContext* connection, const RequestKeys& keys, const std::string& id,
-                         std::chrono::seconds timeout) {
-    const std::string lifetime = std::to_string(timeout.count() + 60);
-    const std::string notice = keys.request + ' ' + keys.reply;
-    requireAccepted(ask(connection, {"MULTI"}));
-    requireAccepted(
-        ask(connection, {"HSET", keys.request, requestMethodField, "DELETE", targetUriField,
-                         sessionUriOf(id), returnChannelField, keys.reply}));
-    requireAccepted(ask(connection, {"EXPIRE", keys.request, lifetime}));
-    requireAccepted(ask(connection, {"HSET", keys.reply, "&&RequestKey", keys.request}));
-    requireAccepted(ask(connection, {"EXPIRE", keys.reply, lifetime}));
-    requireAccepted(ask(connection, {"PUBLISH", deleteChannel, notice}));
-    const store::Answer outcome = store::ask(connection, {"EXEC"});
-    if (outcome.kind == Kind::lost) {
-        failUncertain();
-    }
-    requireAccepted(outcome);
-    return outcome.elements.empty() ? 0 : outcome.elements.back().integer;
-}
-
-// Waits until the daemon publishes the reply. False when it does not in time, or when a signal
-// came.
-bool waitForReply(const SignalCatcher& signals, redisContext* subscription,
-                  const std::string& replyKey, std::chrono::seconds timeout) {
-    const Clock::time_point end = Clock::now() + timeout;
-    for (;;) {
-        const Clock::duration left = end - Clock::now();
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-        const std::chrono::nanoseconds rest = left - seconds;
-        const timespec limit{.tv_sec = static_cast<time_t>(seconds.count()),
-                             .tv_nsec = static_cast<long>(rest.count())};
-        if (left <= Clock::duration::zero() ||
-            signals.wait(store::descriptorOf(subscription), POLLIN, &limit) == 0) {
-            return false;
-        }
-        const auto notice = store::readNotice(subscription);
-        if (!notice) {
-            failUncertain();
-        }
-        if (notice->text == replyKey) {
-            return true;
-        }
-    }
-}
-
-// Reads the reply and removes its messages.
-DaemonReply consumeReply(redisContext* connection, const std::string& replyKey) {
-    const Fields fields = store::fieldsOf(ask(connection, {"HGETALL", replyKey}));
-    DaemonReply reply{.status = fieldOf(fields, returnStatusField), .messages = {}};
-    const std::string list = fieldOf(fields, extendedInfoField);
-    const store::Answer entries = ask(connection, {"LRANGE", list, "0", "-1"});
-    for (const store::Answer& entry : entries.elements) {
-        const Fields message = store::fieldsOf(ask(connection, {"HGETALL", entry.text}));
-        reply.messages.insert(reply.messages.begin(), fieldOf(message, messageIdField));
-        ask(connection, {"DEL", entry.text, fieldOf(message, messageArgsField)});
-    }
-    ask(connection, {"DEL", list});
-    return reply;
-}
-
-DaemonReply requestDeletion(const Options& options, redisContext* connection,
-                            const std::string& id) {
-    const RequestKeys keys = generateKeys();
-    const OpenStore subscription = openStore(options.timeout);
-    if (!store::subscribe(subscription.connection.get(), keys.reply)) {
-        throw CommandError(exit_status::storeUnavailable, "The store has stopped answering.");
-    }
-    int signal = 0;
-    {
-        const SignalCatcher signals;
-        if (publishRequest(connection, keys, id, options.timeout) == 0) {
-            cleanUp(connection, keys, false);
-            throw CommandError(
-                exit_status::failure,
-                "Nobody listens for deletions: the daemon is not running, or no longer "
-                "serves. Start it again.");
-        }
-        if (waitForReply(signals, subscription.connection.get(), keys.reply, options.timeout)) {
-            DaemonReply reply = consumeReply(connection, keys.reply);
-            cleanUp(connection, keys, false);
-            return reply;
-        }
-        if (!cleanUp(connection, keys, true)) {
-            failUncertain();
-        }
-        signal = SignalCatcher::caught();
-    }
-    const std::string takenBack = "The deletion was taken back, unless it is being carried out.";
-    if (signal != 0) {
-        std::fprintf(stderr, "sessionctl: %s\n", takenBack.c_str());
-        raise(signal);
-    }
-    throw CommandError(exit_status::failure, "The daemon has not answered. " + takenBack);
-}
-
-const char* explainMessage(const std::string& message) {
-    if (message == message_id::serviceDisabled) {
-        return "the service is switched off; switch it on to delete sessions";
-    }
-    if (message == message_id::unprocessableEntity) {
-        return "it is no session of the type Redfish";
-    }
-    if (message == message_id::serviceTemporarilyUnavailable) {
-        return "the sessions are busy; try again";
-    }
-    if (message == message_id::databaseOperationError) {
-        return "the session may have ended and be a member still: try \"sessionctl check\", and "
-               "see the daemon's log";
-    }
-    return "";
-}
-
-std::string describe(const DaemonReply& reply) {
-    std::string text = reply.status.empty() ? "no status" : escaped(reply.status);
-    for (const std::string& message : reply.messages) {
-        const std::string meaning = explainMessage(message);
-        text += ", " + escaped(message) + (meaning.empty() ? "" : " (" + meaning + ")");
-    }
-    return text;
-}
-
-}  // namespace
-
-int runDelete(const Options& options, const std::string& id) {
-    const OpenStore opened = openStore(options.timeout);
-    redisContext* connection = opened.connection.get();
+Deletion deleteSession(const Options& options, redisContext* connection, const std::string& id) {
     const SessionView view = readSession(connection, id);
     if (!view.hasResource) {
         // A member of the list can be removed from it, even if nothing else is left.
@@ -195,22 +71,115 @@ int runDelete(const Options& options, const std::string& id) {
             throw CommandError(exit_status::failure, "There is no session " + escaped(id) + ".");
         }
     }
-    const DaemonReply reply = requestDeletion(options, connection, id);
-    const bool deleted = reply.status == reply_status::okEmpty;
+    return {id, view.user,
+            requestFromDaemon(options, connection,
+                              {.noun = "deletion",
+                               .pluralNoun = "deletions",
+                               .method = "DELETE",
+                               .channel = deleteChannel,
+                               .target = sessionUriOf(id)})};
+}
+
+json toJson(const Deletion& deletion) {
+    return {{"id", deletion.id},
+            {"user", deletion.user},
+            {"deleted", deletion.done()},
+            {"status", deletion.reply.status},
+            {"messages", deletion.reply.messages}};
+}
+
+// One of several deletions; what goes wrong with it does not keep the others from being tried.
+class DeletionOfSeveral {
+  public:
+    explicit DeletionOfSeveral(const Options& given) : options(given) {}
+
+    void tryOne(redisContext* connection, const std::string& id) {
+        try {
+            const Deletion deletion = deleteSession(options, connection, id);
+            document.push_back(toJson(deletion));
+            if (!deletion.done()) {
+                complain("Session " + escaped(id) +
+                         ": The daemon answers: " + describe(deletion.reply) + ".");
+            } else if (!options.json && !print(sentenceOf(deletion))) {
+                allWell = false;
+            }
+        } catch (const CommandError& error) {
+            if (error.status == exit_status::storeUnavailable) {
+                throw;
+            }
+            document.push_back({{"id", id}, {"deleted", false}, {"error", error.what()}});
+            complain(error.what());
+        }
+    }
+
+    // Returns the exit status.
+    int conclude() {
+        if (options.json) {
+            allWell = print(formatJson({{"sessions", document}})) && allWell;
+        }
+        return allWell ? exit_status::success : exit_status::failure;
+    }
+
+    static std::string sentenceOf(const Deletion& deletion) {
+        return "Session " + escaped(deletion.id) +
+               (deletion.user.empty() ? "" : " of " + escaped(deletion.user)) + " is deleted.\n";
+    }
+
+  private:
+    void complain(const std::string& sentence) {
+        allWell = false;
+        if (!options.json) {
+            std::fprintf(stderr, "sessionctl: %s\n", sentence.c_str());
+        }
+    }
+
+    const Options& options;
+    json document = json::array();
+    bool allWell = true;
+};
+
+int deleteOne(const Options& options, redisContext* connection, const std::string& id) {
+    const Deletion deletion = deleteSession(options, connection, id);
     bool printed = true;
     if (options.json) {
-        printed = print(formatJson({{"id", id},
-                                    {"user", view.user},
-                                    {"deleted", deleted},
-                                    {"status", reply.status},
-                                    {"messages", reply.messages}}));
-    } else if (deleted) {
-        printed = print("Session " + escaped(id) +
-                        (view.user.empty() ? "" : " of " + escaped(view.user)) + " is deleted.\n");
+        printed = print(formatJson(toJson(deletion)));
+    } else if (deletion.done()) {
+        printed = print(DeletionOfSeveral::sentenceOf(deletion));
     } else {
-        throw CommandError(exit_status::failure, "The daemon answers: " + describe(reply) + ".");
+        throw CommandError(exit_status::failure,
+                           "The daemon answers: " + describe(deletion.reply) + ".");
     }
-    return deleted && printed ? exit_status::success : exit_status::failure;
+    return deletion.done() && printed ? exit_status::success : exit_status::failure;
+}
+
+}  // namespace
+
+int runDelete(const Options& options, const Deletions& deletions) {
+    const OpenStore opened = openStore(options.timeout);
+    redisContext* connection = opened.connection.get();
+    if (deletions.ids.size() == 1) {
+        return deleteOne(options, connection, deletions.ids.front());
+    }
+    std::vector<std::string> ids = deletions.ids;
+    if (ids.empty()) {
+        ids = findSessions(connection, deletions.user);
+    }
+    if (ids.empty() && deletions.user) {
+        throw CommandError(exit_status::failure, escaped(*deletions.user) + " has no session.");
+    }
+    const bool mustAsk = deletions.all && !deletions.confirmed && !ids.empty() &&
+                         isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+    if (mustAsk && !isConfirmed(ids.size())) {
+        throw CommandError(exit_status::failure, "No session was deleted.");
+    }
+    if (ids.empty() && !options.json) {
+        return print("There is no session.\n") ? exit_status::success : exit_status::failure;
+    }
+    DeletionOfSeveral several(options);
+    for (const std::string& id : ids) {
+        several.tryOne(connection, id);
+    }
+    return several.conclude();
 }
 
 }  // namespace session_service::console

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,9 +24,20 @@ struct CommandError : std::runtime_error {
     int status;
 };
 
-// The text with every byte that is not printable ASCII as \xNN, and backslashes doubled: text
-// from the store or a file must not control the terminal, whatever its encoding.
+// The text with backslashes doubled and every byte as \xNN that is not printable ASCII and, where
+// the terminal shows UTF-8, no part of a letter with a width: text from the store or a file must
+// not control the terminal, nor hide or overprint anything.
 std::string escaped(std::string_view text);
+
+// The columns that an escaped text takes.
+std::size_t columnsOf(std::string_view shown);
+
+// The escaped text, cut to so many columns, with a mark at its end when something is missing.
+std::string cutToColumns(const std::string& shown, std::size_t columns);
+
+// The escaped text in lines of so many columns at most (0: no limit), each with that many blanks
+// in front. Breaks at blanks, or within a word that is longer than a line.
+std::string wrapped(const std::string& shown, std::size_t columns, std::size_t indentation);
 
 // The seconds as "45s", "3m05s", "2h00m" or "1d04h", with a "-" in front of a negative number.
 std::string formatDuration(long long seconds);
@@ -39,9 +51,18 @@ std::string formatTable(const std::vector<Row>& rows);
 // indentation of -1 gives a single line.
 std::string formatJson(const nlohmann::json& document, int indentation = 2);
 
+// JSON's null for nothing.
+template <typename Value>
+nlohmann::json orNull(const std::optional<Value>& value) {
+    return value ? nlohmann::json(*value) : nlohmann::json();
+}
+
 // Writes to standard output and flushes it. Returns 0, or the errno of the failure.
 int writeOutput(const std::string& text);
-// The same; returns whether it was written.
+// Says on standard error that the output cannot be written, and why.
+void sayOutputFailed(int error);
+// Writes as writeOutput; returns whether it was written. Standard error tells why it was not,
+// unless its reader has closed the output.
 bool print(const std::string& text);
 
 }  // namespace session_service::console

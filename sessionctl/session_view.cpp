@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/number.h"
 #include "base/secret.h"
 #include "sessionctl/output.h"
 #include "sessionctl/store_access.h"
@@ -22,6 +23,15 @@ std::string faultOf(const store::Answer& refusal, const char* key) {
 
 long long secondsOf(const Fields& fields, const char* name) {
     return parseSeconds(fieldOf(fields, name));
+}
+
+// The entity tag is the time of the last change in milliseconds, and a login is the only one.
+std::optional<std::time_t> loginTimeOf(const Fields& resource) {
+    const auto milliseconds = parseInt64(stripQuotes(fieldOf(resource, "@odata.etag"))).value;
+    if (milliseconds <= 0) {
+        return std::nullopt;
+    }
+    return milliseconds / 1000;
 }
 
 // Reads the token record. As in the daemon, a time that cannot be read counts as 0, so that the
@@ -45,9 +55,11 @@ void readTokenRecord(redisContext* connection, const std::string& uri, SessionVi
         }
     }
     const long long idle = uptimeSeconds() - secondsOf(view.tokenRecord, lastAccessedField);
-    view.expiresIn = secondsOf(view.tokenRecord, timeoutField) - idle;
+    const long long timeout = secondsOf(view.tokenRecord, timeoutField);
+    view.expiresIn = timeout - idle;
     if (!view.tokenRecord.empty()) {
         view.idle = idle;
+        view.timeout = timeout;
     }
 }
 
@@ -88,6 +100,7 @@ SessionView readSession(redisContext* connection, const std::string& id) {
     view.user = plainValue(fieldOf(view.resource, userNameField));
     view.client = plainValue(fieldOf(view.resource, clientAddressField));
     view.countsTowardLimit = fieldOf(view.resource, sessionTypeField) == redfishSessionType;
+    view.loginTime = loginTimeOf(view.resource);
     readTokenRecord(connection, uri, view);
     if (!view.countsTowardLimit) {
         view.expiresIn.reset();

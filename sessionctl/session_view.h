@@ -1,6 +1,7 @@
 // Sessions as they are in the store, correct or not, for display.
 #pragma once
 
+#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,8 +19,10 @@ struct SessionView {
     std::string user{};
     std::string client{};
     std::optional<long long> idle{};       // seconds since its last use
+    std::optional<long long> timeout{};    // seconds without use after which it ends
     std::optional<long long> expiresIn{};  // seconds; if not positive, the next pass ends it
-    std::string fault{};                   // what is wrong with it; empty if nothing is
+    std::optional<std::time_t> loginTime{};
+    std::string fault{};  // what is wrong with it; empty if nothing is
     bool hasResource = false;
     bool countsTowardLimit = false;
     Fields resource{};

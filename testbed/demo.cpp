@@ -521,8 +521,10 @@ bool Demo::run() {
 void Demo::keep() {
     const std::string user = testbed::administrator.name;
     const std::string password = testbed::administrator.password;
-    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves Redfish on\n"
-              << "   " << web.url() << "\nTo read and to log in:\n"
+    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves a page for\n"
+              << "browsers, and Redfish, on\n   " << web.url()
+              << "\n(the browser asks whether to trust the certificate: it is this controller's own).\n"
+              << "To read and to log in:\n"
               << "   " << curlCommand() << " -u " << user << ":" << password << " " << web.url()
               << testbed::serviceUri << "\n"
               << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
@@ -534,6 +536,8 @@ void Demo::keep() {
               << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web.url()
               << "/redfish/v1', '" << user << "', '" << password << "', verify='"
               << web.certificatePath() << "').get_session_service().session_timeout)\"\n"
+              << "To see who comes and goes, in another terminal:\n   " << TESTBED_SESSIONCTL
+              << " --root " << controller.path("") << " watch\n"
               << "Its store:\n   REDISCLI_AUTH='" << controller.storePassword() << "' redis-cli -s "
               << controller.socketPath() << "\nThe logs of the service and of the front end:\n   "
               << controller.path(testbed::logFile) << "\n   "

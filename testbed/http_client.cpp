@@ -1,7 +1,10 @@
 #include "testbed/http_client.h"
 
 #include <curl/curl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -126,6 +129,13 @@ bool TlsConnection::send(const std::string& bytes) {
         sent += count;
     }
     return true;
+}
+
+void TlsConnection::holdBack() {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    curl_easy_getinfo(curl.get(), CURLINFO_ACTIVESOCKET, &socket);
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
 std::string TlsConnection::receiveUntil(const std::string& mark) {

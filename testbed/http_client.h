@@ -57,6 +57,9 @@ class TlsConnection {
   public:
     // Returns whether the server took all of it; it may have closed before.
     bool send(const std::string& bytes);
+    // What is sent from now on leaves together with the end of the connection: the server sees both
+    // at once.
+    void holdBack();
     // All bytes up to and including `mark`, or up to the end when the server closes before.
     std::string receiveUntil(const std::string& mark);
     // All that comes until the server closes, in order or by a reset.

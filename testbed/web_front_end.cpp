@@ -46,8 +46,10 @@ void WebFrontEnd::install() {
     controller.install(TESTBED_WEB_FILES "/limits.conf", webLimitsFile);
     controller.install(TESTBED_WEB_FILES "/settings.lua", webSettingsFile);
     controller.install(TESTBED_WEB_FILES "/metadata.xml", "/usr/local/share/nginx/metadata.xml");
-    fs::copy(TESTBED_WEB_FILES "/lua", controller.path("/usr/local/share/nginx/lua"),
-             fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    for (const std::string folder : {"/lua", "/page"}) {
+        fs::copy(TESTBED_WEB_FILES + folder, controller.path("/usr/local/share/nginx" + folder),
+                 fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    }
     controller.writeFile(listenFile, "listen " + listenAddress + ":8443 ssl;\nserver_name _;\n");
     controller.writeFile(plainListenFile,
                          "listen " + listenAddress + ":8080;\nset $https_port :8443;\n");

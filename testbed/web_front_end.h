@@ -17,6 +17,8 @@ inline constexpr const char* webSettingsFile = "/usr/local/etc/nginx/settings.lu
 inline constexpr const char* webLimitsFile = "/usr/local/etc/nginx/limits.conf";
 inline constexpr const char* webAccessLogFile = "/var/log/session-service-frontend/access.log";
 inline constexpr const char* webErrorLogFile = "/var/log/session-service-frontend/error.log";
+inline constexpr const char* webRefusedLoginsFile =
+    "/var/log/session-service-frontend/refused-logins.log";
 
 class WebFrontEnd {
   public:

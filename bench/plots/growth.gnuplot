@@ -10,7 +10,7 @@ stats $data using 2 nooutput name "daemon"
 stats $data using 3 nooutput name "baseline"
 lowest = daemon_min < baseline_min ? daemon_min : baseline_min
 highest = daemon_max > baseline_max ? daemon_max : baseline_max
-set xrange [count_min / 1.3:count_max * 1.6]
+set xrange [count_min / 1.9:count_max * 1.6]
 set yrange [lowest / 2:highest * 2]
 plot $data using 1:3 with linespoints linewidth 3 pointtype 5 linecolor rgb grey \
          title "baseline", \

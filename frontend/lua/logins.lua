@@ -158,7 +158,7 @@ function logins.logIn(name, password, options)
     if not succeeded then
         local status = type(result) == "table" and result.status
         if status ~= messages.clientGoneStatus then
-            ngx.var.refused_login = json.encodeAscii(name) .. " "
+            ngx.var.refused_login = json.encodeAscii(messages.shown(name)) .. " "
                 .. (status and result.reason or "unavailable")
         end
         error(result, 0)

@@ -166,13 +166,15 @@ local registry = {
     },
 }
 
--- Returns as much of a text as is shown, without half a character at its end.
-local function shown(text)
+-- Returns as much of a text as is shown or logged, without half a character at its end.
+function messages.shown(text)
     if #text <= maxShownBytes then
         return text
     end
     return (text:sub(1, maxShownBytes):gsub("[\192-\255]?[\128-\191]*$", "")) .. "..."
 end
+
+local shown = messages.shown
 
 -- Returns a message: its identifier and its arguments, all texts. Its field resolution may say more
 -- than the registry does.

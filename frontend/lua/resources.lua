@@ -34,7 +34,9 @@ local function collectList(key)
     for _, element in ipairs(run('LRANGE', key, 0, -1) or {}) do
         local kind, source = string.match(element, '^(&&%a+) ([^ ]+)$')
         if not isHidden(key, source) then
-            elements[#elements + 1] = element
+            -- The service puts the latest session first. Clients that end all in order come to
+            -- their own last.
+            table.insert(elements, key == $sessionMembers and 1 or #elements + 1, element)
             pending[#pending + 1] = kind and {kind, source}
         end
     end

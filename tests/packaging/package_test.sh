@@ -63,6 +63,7 @@ contains "$service" usr/libexec/session-service/session-service usr/sbin/session
     $units/session-service-store.target $units/session-service-health.timer \
     usr/libexec/session-service/{check-health,make-store-files,mend-properties,prepare-start} \
     usr/libexec/session-service/{seed-store,supervise} \
+    $units/session-service-stats.{service,timer} usr/share/bash-completion/completions/sessionctl \
     usr/lib/sysusers.d/session-service.conf etc/logrotate.d/session-service \
     usr/share/man/man5/{session-service,SessionService,SessionPersistentProp,q73,groups2privs}.conf.5.gz \
     usr/share/man/man8/{session-service,session-service-setup,sessionctl,pam_session_role}.8.gz \
@@ -71,7 +72,7 @@ contains "$service" usr/libexec/session-service/session-service usr/sbin/session
     usr/share/session-service/examples/q73 usr/share/session-service/settings/SessionService.conf \
     usr/share/session-service/{redis.conf,resources.txt} \
     usr/share/session-service/scripts/{resourceChange,logGeneratorHelper}.lua
-contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua} \
+contains "$frontend" usr/share/session-service-frontend/{nginx.conf,lua/main.lua,page/index.html} \
     $units/session-service-frontend.service usr/libexec/session-service/make-frontend-files \
     usr/lib/sysusers.d/session-service-frontend.conf etc/logrotate.d/session-service-frontend
 contains "$demo" usr/bin/session-service-demo usr/share/session-service-demo/seed/resources.txt

@@ -104,7 +104,7 @@ for unit in nginx.service redis-server.service; do
     ! is_enabled $unit || fail "Debian's $unit goes on."
 done
 inside sh -c 'cd /usr/local/etc/nginx && ls nginx.conf limits.conf listen.conf listen-http.conf settings.lua &&
-    ls /usr/local/share/nginx/lua/main.lua /usr/local/share/nginx/metadata.xml' >/dev/null ||
+    ls /usr/local/share/nginx/lua/main.lua /usr/local/share/nginx/page/index.html /usr/local/share/nginx/metadata.xml' >/dev/null ||
     fail "The front end lacks a file."
 [ "$(stat --format %a "$root/var/nginx/pkey.tmp" "$root/usr/local/etc/nginx/certificate.key" | xargs)" = "640 640" ] ||
     fail "The keys have other modes."

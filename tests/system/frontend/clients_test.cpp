@@ -98,8 +98,7 @@ class WebClients : public WebTest {
     }
 
     // The wrong password has to be the reason of the refusal, not what the client makes of it.
-    void expectRefusal(const Outcome& outcome, int exitStatus) {
-        EXPECT_EQ(toText(outcome.ending), toText(ExitStatus{false, exitStatus})) << outcome.output;
+    void expectRefusal() {
         EXPECT_GE(countLogged("admin does not pass the PAM auth."), 1);
         expectTrail(0);
         expectNoSession();
@@ -132,6 +131,14 @@ class WebClients : public WebTest {
                    store().keys(std::string(sessionsUri) + "/*").empty() &&
                    store().keys(tokenKey("*")).empty();
         });
+    }
+
+    // For clients that log in as often as they like.
+    void expectSessionsThatEnded() {
+        expectNoSession();
+        const long logins = countEntries("UserLogin");
+        EXPECT_GE(logins, 1);
+        expectTrail(logins);
     }
 
     std::string storedTimeout() { return store().hget(serviceUri, "SessionTimeout"); }
@@ -199,7 +206,8 @@ TEST_F(Curl, LogsInReadsChangesAndLogsOut) {
 
 TEST_F(Curl, IsRefusedWithAWrongPassword) {
     const Outcome refused = login("not the password");
-    expectRefusal(refused, 22);
+    EXPECT_EQ(toText(refused.ending), toText(ExitStatus{false, 22})) << refused.output;
+    expectRefusal();
     EXPECT_THAT(refused.output, HasSubstr("401"));
     EXPECT_THAT(controller.readFile(bodyFile), HasSubstr("InvalidCredentials"));
 }
@@ -212,7 +220,8 @@ TEST_F(Curl, IsRedirectedFromHttpToHttps) {
 
 class Redfishtool : public WebClients {
   protected:
-    Outcome redfishtool(const Words& arguments, const std::string& password) {
+    Outcome redfishtool(const std::string& authentication, const std::string& password,
+                        const Words& arguments) {
         Words command{"/usr/bin/redfishtool",
                       "-r",
                       web.address() + ":8443",
@@ -221,60 +230,84 @@ class Redfishtool : public WebClients {
                       "-p",
                       password,
                       "-A",
-                      "Session",
+                      authentication,
                       "-S",
                       "Always"};
         command.insert(command.end(), arguments.begin(), arguments.end());
         return run(command);
     }
-    Outcome redfishtool(const Words& arguments) {
-        return redfishtool(arguments, administrator.password);
-    }
 };
 
-TEST_F(Redfishtool, LogsInReadsAndLogsOut) {
-    const Outcome read = redfishtool({"SessionService"});
-    expectSuccess(read);
-    EXPECT_THAT(read.output, HasSubstr(R"("SessionTimeout": 300)"));
-    expectTrail(1);
-    expectNoSession();
-}
-
-TEST_F(Redfishtool, FindsItsOwnSessionInTheCollection) {
-    const Outcome list = redfishtool({"SessionService", "Sessions", "list"});
+TEST_F(Redfishtool, LogsInOnceAndFindsItsOwnSession) {
+    const Outcome list =
+        redfishtool("Session", administrator.password, {"SessionService", "Sessions", "list"});
     expectSuccess(list);
     EXPECT_THAT(list.output, HasSubstr("admin"));
     expectTrail(1);
     expectNoSession();
 }
 
-TEST_F(Redfishtool, ReadsTheAccounts) {
-    const Outcome list = redfishtool({"AccountService", "Accounts"});
-    expectSuccess(list);
-    EXPECT_THAT(list.output, HasSubstr(reader.uri));
+// Both ways to log in.
+class RedfishtoolAuthentication : public Redfishtool,
+                                  public testing::WithParamInterface<std::string> {
+  protected:
+    Outcome redfishtool(const Words& arguments) {
+        return Redfishtool::redfishtool(GetParam(), administrator.password, arguments);
+    }
+};
+
+TEST_P(RedfishtoolAuthentication, ReadsTheService) {
+    const Outcome read = redfishtool({"SessionService"});
+    expectSuccess(read);
+    EXPECT_THAT(read.output, HasSubstr(R"("SessionTimeout": 300)"));
+    expectSessionsThatEnded();
+}
+
+TEST_P(RedfishtoolAuthentication, ReadsAllSessions) {
+    const HttpResponse other = newClient().login(reader.name, reader.password);
+    const Outcome all = redfishtool({"SessionService", "Sessions", "-a"});
+    expectSuccess(all);
+    EXPECT_THAT(all.output, HasSubstr(other.location()));
+    EXPECT_THAT(all.output, HasSubstr(GetParam() == "Basic" ? R"("Members@odata.count": 1)"
+                                                            : R"("Members@odata.count": 2)"));
+    HttpClient theirs = newClient();
+    theirs.useToken(other.token());
+    EXPECT_EQ(theirs.remove(other.location()).status, 204);
     expectNoSession();
 }
 
-TEST_F(Redfishtool, ChangesTheTimeout) {
-    expectSuccess(redfishtool({"SessionService", "patch", R"({"SessionTimeout":200})"}));
+TEST_P(RedfishtoolAuthentication, ReadsAllAccounts) {
+    const Outcome all = redfishtool({"AccountService", "Accounts", "-a"});
+    expectSuccess(all);
+    EXPECT_THAT(all.output, HasSubstr(reader.uri));
+    expectSessionsThatEnded();
+}
+
+TEST_P(RedfishtoolAuthentication, ChangesTheTimeout) {
+    expectSuccess(redfishtool({"SessionService", "setSessionTimeout", "200"}));
     EXPECT_EQ(storedTimeout(), "200");
-    expectTrail(1);
-    expectNoSession();
+    expectSessionsThatEnded();
 }
 
-TEST_F(Redfishtool, FailsToChangeTheTimeoutToAValueOutOfRange) {
+TEST_P(RedfishtoolAuthentication, FailsToChangeTheTimeoutToAValueOutOfRange) {
     const Outcome refused = redfishtool({"SessionService", "patch", R"({"SessionTimeout":1})"});
     EXPECT_NE(toText(refused.ending), toText(ExitStatus{})) << refused.output;
     EXPECT_EQ(storedTimeout(), "300");
-    expectTrail(1);
-    expectNoSession();
+    expectSessionsThatEnded();
 }
 
-TEST_F(Redfishtool, IsRefusedWithAWrongPassword) {
-    expectRefusal(redfishtool({"SessionService"}, "not the password"), 5);
+TEST_P(RedfishtoolAuthentication, IsRefusedWithAWrongPassword) {
+    const Outcome refused =
+        Redfishtool::redfishtool(GetParam(), "not the password", {"SessionService"});
+    EXPECT_NE(toText(refused.ending), toText(ExitStatus{})) << refused.output;
+    expectRefusal();
 }
 
-class Sushy : public WebClients {
+INSTANTIATE_TEST_SUITE_P(Of, RedfishtoolAuthentication, testing::Values("Basic", "Session"),
+                         [](const auto& test) { return test.param; });
+
+// All ways to log in that sushy has.
+class Sushy : public WebClients, public testing::WithParamInterface<std::string> {
   protected:
     // Runs these lines between login and logout.
     Outcome sushy(const std::string& password, const std::string& lines) {
@@ -282,17 +315,25 @@ class Sushy : public WebClients {
         controller.writeFile(script,
                              "import sys, sushy\n"
                              "url, certificate, user, password = sys.argv[1:]\n"
-                             "authentication = sushy.auth.SessionAuth(user, password)\n"
-                             "client = sushy.Sushy(url + '/redfish/v1', auth=authentication,\n"
-                             "                     verify=certificate)\n" +
+                             "authentication = sushy.auth." +
+                                 GetParam() +
+                                 "(user, password)\n"
+                                 "client = sushy.Sushy(url + '/redfish/v1', auth=authentication,\n"
+                                 "                     verify=certificate)\n" +
                                  lines + "client._auth.close()\n");
         // Debian's own interpreter has the module, and must not look for it elsewhere.
         return run({"/usr/bin/python3", "-I", controller.path(script), web.url(),
                     web.certificatePath(), administrator.name, password});
     }
+    void expectSessionsAsTheyWere() {
+        if (GetParam() != "BasicAuth") {
+            expectTrail(1);
+        }
+        expectSessionsThatEnded();
+    }
 };
 
-TEST_F(Sushy, LogsInReadsChangesAndLogsOut) {
+TEST_P(Sushy, LogsInReadsChangesAndLogsOut) {
     expectSuccess(sushy(administrator.password,
                         "service = client.get_session_service()\n"
                         "assert service.session_timeout == 300, service.session_timeout\n"
@@ -300,22 +341,23 @@ TEST_F(Sushy, LogsInReadsChangesAndLogsOut) {
                         "service.refresh(force=True)\n"
                         "assert service.session_timeout == 400, service.session_timeout\n"));
     EXPECT_EQ(storedTimeout(), "400");
-    expectTrail(1);
-    expectNoSession();
+    expectSessionsAsTheyWere();
 }
 
-TEST_F(Sushy, FindsItsOwnSessionAndTheSystem) {
+TEST_P(Sushy, FindsTheSystemAndItsOwnSessionIfThatIsToBeSeen) {
+    const std::string users = GetParam() == "BasicAuth" ? "[]" : "[user]";
     expectSuccess(sushy(administrator.password,
                         "service = client.get_session_service()\n"
                         "users = [each.username for each in service.sessions.get_members()]\n"
-                        "assert users == [user], users\n"
-                        "systems = client.get_system_collection().members_identities\n"
-                        "assert systems == ('/redfish/v1/Systems/1',), systems\n"));
-    expectTrail(1);
-    expectNoSession();
+                        "assert users == " +
+                            users +
+                            ", users\n"
+                            "systems = client.get_system_collection().members_identities\n"
+                            "assert systems == ('/redfish/v1/Systems/1',), systems\n"));
+    expectSessionsAsTheyWere();
 }
 
-TEST_F(Sushy, IsToldWhatIsWrongWithAValue) {
+TEST_P(Sushy, IsToldWhatIsWrongWithAValue) {
     expectSuccess(sushy(administrator.password,
                         "service = client.get_session_service()\n"
                         "try:\n"
@@ -324,15 +366,19 @@ TEST_F(Sushy, IsToldWhatIsWrongWithAValue) {
                         "except sushy.exceptions.BadRequestError as refusal:\n"
                         "    assert 'SessionTimeout' in str(refusal), refusal\n"));
     EXPECT_EQ(storedTimeout(), "300");
-    expectTrail(1);
-    expectNoSession();
+    expectSessionsAsTheyWere();
 }
 
-TEST_F(Sushy, IsRefusedWithAWrongPassword) {
-    const Outcome refused = sushy("not the password", "");
-    expectRefusal(refused, 1);
+TEST_P(Sushy, IsRefusedWithAWrongPassword) {
+    const Outcome refused = sushy("not the password", "client.get_session_service()\n");
+    EXPECT_EQ(toText(refused.ending), toText(ExitStatus{false, 1})) << refused.output;
     EXPECT_THAT(refused.output, HasSubstr("AccessError"));
+    expectRefusal();
 }
+
+INSTANTIATE_TEST_SUITE_P(With, Sushy,
+                         testing::Values("BasicAuth", "SessionAuth", "SessionOrBasicAuth"),
+                         [](const auto& test) { return test.param; });
 
 // Logs in by HTTP Basic.
 class FenceRedfish : public WebClients {
@@ -341,12 +387,6 @@ class FenceRedfish : public WebClients {
         return run({"/usr/sbin/fence_redfish", "--ip=" + web.address(), "--ipport=8443",
                     "--username=" + std::string(administrator.name), "--password=" + password,
                     "--ssl-insecure", "--action=" + action});
-    }
-    void expectSessionsThatEnded() {
-        expectNoSession();
-        const long logins = countEntries("UserLogin");
-        EXPECT_GE(logins, 1);
-        expectTrail(logins);
     }
 };
 
@@ -364,8 +404,109 @@ TEST_F(FenceRedfish, MonitorsTheSystem) {
 
 TEST_F(FenceRedfish, IsRefusedWithAWrongPassword) {
     const Outcome refused = fence("status", "not the password");
-    expectRefusal(refused, 1);
+    EXPECT_EQ(toText(refused.ending), toText(ExitStatus{false, 1})) << refused.output;
+    expectRefusal();
     EXPECT_THAT(refused.output, Not(HasSubstr("Status:")));
+}
+
+// Plays of the collection community.general, which logs in by HTTP Basic unless it is given a
+// token.
+class Ansible : public WebClients {
+  protected:
+    // Plays these tasks, in YAML.
+    Outcome play(const std::string& password, const std::string& tasks) {
+        const std::string playbook = "/tmp/client.yml";
+        controller.writeFile(playbook, R"(
+- hosts: localhost
+  connection: local
+  gather_facts: false
+  vars:
+    ansible_python_interpreter: /usr/bin/python3
+    access: &access
+      baseuri: )" + web.address() + R"(:8443
+      category: Sessions
+    credentials: &credentials
+      <<: *access
+      username: )" + administrator.name + R"(
+      password: )" + password + R"(
+  tasks:
+)" + tasks);
+        return run(
+            {"/usr/bin/ansible-playbook", "--inventory", "localhost,", controller.path(playbook)});
+    }
+};
+
+TEST_F(Ansible, ListsChangesAndClearsWithUserAndPassword) {
+    for (const Account& account : {reader, operatorAccount}) {
+        EXPECT_EQ(newClient().login(account.name, account.password).status, 201);
+    }
+    expectSuccess(play(administrator.password, R"(
+    - community.general.redfish_info: { <<: *credentials, command: GetSessions }
+      register: listed
+    - assert:
+        that: listed.redfish_facts.session.entries | map(attribute='UserName') | sort
+              == ['operator', 'reader']
+    - community.general.redfish_config:
+        <<: *credentials
+        command: SetSessionService
+        sessions_config: { SessionTimeout: 450 }
+      register: set
+    - assert: { that: set is changed }
+    - community.general.redfish_command: { <<: *credentials, command: ClearSessions }
+)"));
+    EXPECT_EQ(storedTimeout(), "450");
+    expectNoSession();
+}
+
+TEST_F(Ansible, LogsInChangesAndLogsOutWithAToken) {
+    expectSuccess(play(administrator.password, R"(
+    - community.general.redfish_command: { <<: *credentials, command: CreateSession }
+      register: login
+    - set_fact: { token: "{{ login.session.token }}" }
+    - community.general.redfish_info:
+        <<: *access
+        auth_token: "{{ token }}"
+        command: GetSessions
+      register: listed
+    - assert:
+        that: listed.redfish_facts.session.entries | map(attribute='UserName') == ['admin']
+    - community.general.redfish_config:
+        <<: *access
+        auth_token: "{{ token }}"
+        command: SetSessionService
+        sessions_config: { SessionTimeout: 450 }
+    - community.general.redfish_command:
+        <<: *access
+        auth_token: "{{ token }}"
+        command: DeleteSession
+        session_uri: "{{ login.session.uri }}"
+)"));
+    EXPECT_EQ(storedTimeout(), "450");
+    expectTrail(1);
+    expectNoSession();
+}
+
+// It ends the members in their order, with the token of one of them.
+TEST_F(Ansible, ClearsTheSessionsOfOthersAndItsOwn) {
+    EXPECT_EQ(newClient().login(reader.name, reader.password).status, 201);
+    expectSuccess(play(administrator.password, R"(
+    - community.general.redfish_command: { <<: *credentials, command: CreateSession }
+      register: login
+    - community.general.redfish_command:
+        <<: *access
+        auth_token: "{{ login.session.token }}"
+        command: ClearSessions
+)"));
+    expectNoSession();
+}
+
+TEST_F(Ansible, IsRefusedWithAWrongPassword) {
+    const Outcome refused = play("wrong", R"(
+    - community.general.redfish_command: { <<: *credentials, command: ClearSessions }
+)");
+    EXPECT_EQ(toText(refused.ending), toText(ExitStatus{false, 2})) << refused.output;
+    EXPECT_THAT(refused.output, HasSubstr("401"));
+    expectRefusal();
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ using Clock = std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr char refusedLogFile[] = "/var/log/session-service-frontend/refused-logins.log";
 constexpr char statusPath[] = "/status";
 
 double secondsSince(Clock::time_point start) {
@@ -89,7 +88,7 @@ class WebLoginQueue : public WebTest {
                    store().keys(tokenKey("*")).size() == static_cast<std::size_t>(count);
         });
     }
-    Words refusedLogins() { return splitLines(controller.readFile(refusedLogFile)); }
+    Words refusedLogins() { return splitLines(controller.readFile(webRefusedLoginsFile)); }
     void waitForRefusedLogins(std::size_t count) {
         waitUntil(std::to_string(count) + " refused logins are logged",
                   [&] { return refusedLogins().size() == count; });
@@ -425,7 +424,7 @@ TEST_F(WebLoginQueue, LeavesALineForEachLoginThatIsRefused) {
     EXPECT_THAT(lines[1],
                 matches("127.0.0.4", R"("two\nlines \u001b[31m \"quoted\" \u00e9\ud83d\udd12")"));
     EXPECT_THAT(lines[2], matches("127.0.0.5", R"("by\ufffd")"));
-    EXPECT_EQ(controller.readFile(refusedLogFile).find("wrong\""), std::string::npos);
+    EXPECT_EQ(controller.readFile(webRefusedLoginsFile).find("wrong\""), std::string::npos);
 }
 
 TEST_F(WebLoginQueue, SaysWhyALoginIsRefused) {

@@ -94,6 +94,24 @@ TEST_F(WebLogs, HoldNothingOfTheClientsThatIsNotEscaped) {
     expectPlain(web.accessLog());
 }
 
+TEST_F(WebLogs, HaveShortLinesWhateverClientsSend) {
+    std::string name;
+    while (name.size() < 64000) {
+        name += "\u00e9";
+    }
+    EXPECT_EQ(client().login(name, "any").status, 400);
+    const std::string path = "/" + std::string(7000, '\xfe');
+    EXPECT_EQ(client().get(path).status, 400);
+    EXPECT_EQ(client().request({.method = std::string(7000, 'M'), .path = "/redfish"}).status, 501);
+    waitUntil("all of them are logged", [&] { return splitLines(web.accessLog()).size() == 3; });
+    for (const std::string& log : {web.accessLog(), controller.readFile(webRefusedLoginsFile)}) {
+        EXPECT_FALSE(log.empty());
+        for (const std::string& line : splitLines(log)) {
+            EXPECT_LT(line.size(), 2500U);
+        }
+    }
+}
+
 TEST_F(WebLogs, CountRefusalsAndDoNotListThem) {
     constexpr long times = 60;
     for (int i = 0; i < times; ++i) {

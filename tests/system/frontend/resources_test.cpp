@@ -339,12 +339,12 @@ TEST_F(WebResources, ThatAreNestedTooDeeplyAreAFailureOfTheirOwn) {
     EXPECT_EQ(readBack({{"&&Object Inner level20", ""}}).status, 200);
 }
 
-TEST_F(WebResources, ListTheMembersOfTheCollectionOfSessions) {
+TEST_F(WebResources, ListTheMembersOfTheCollectionOfSessionsTheLatestLast) {
     const InsertedSession newest = frontEnd().insertSession();
     const Json collection = client().get(sessionsUri).json();
     EXPECT_EQ(collection["Members@odata.count"], 2);
     EXPECT_EQ(collection["Members"].size(), 2U);
-    EXPECT_EQ(collection["Members"][0], (Json{{"@odata.id", newest.uri}}));
+    EXPECT_EQ(collection["Members"][1], (Json{{"@odata.id", newest.uri}}));
 }
 
 TEST_F(WebResources, ThatAreAccountsAreReadByTheirOwners) {
@@ -517,6 +517,33 @@ TEST_F(WebResources, AreGivenToSoManyConnectionsOfAnAddressAtATime) {
         EXPECT_EQ(newClient({.sourceAddress = "127.0.0.2"}).get(rootUri).status, 200);
     }
     waitUntil("the requests have ended", [&] { return client().get(rootUri).status == 200; });
+}
+
+// Each takes memory until it has come.
+TEST_F(WebResources, TakeFewLargeBodiesOfAnAddressAtATime) {
+    changeLimit("client_body_timeout 10s", "client_body_timeout 1h");
+    web.restart();
+    const std::string begin = patchHead("Content-Length: 60000\r\n") + std::string(50000, ' ');
+    const std::string large = "{}" + std::string(59998, ' ');
+    {
+        std::vector<TlsConnection> connections;
+        for (int i = 0; i < 8; ++i) {
+            connections.push_back(client().connect());
+            connections.back().send(begin);
+        }
+        HttpResponse refused;
+        waitUntil("all are under way", [&] {
+            refused = client().post(sessionsUri, large);
+            return refused.status == 503;
+        });
+        EXPECT_EQ(refused.header("retry-after"), "1");
+        EXPECT_EQ(client().post(sessionsUri, "{}").status, 400);
+        EXPECT_EQ(client().get(rootUri).status, 200);
+        HttpClient other = newClient({.sourceAddress = "127.0.0.2"});
+        EXPECT_EQ(other.post(sessionsUri, large).status, 400);
+    }
+    waitUntil("the requests have ended",
+              [&] { return client().post(sessionsUri, large).status == 400; });
 }
 
 }  // namespace

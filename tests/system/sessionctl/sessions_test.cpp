@@ -56,8 +56,13 @@ TEST_F(Listing, TellsWhoIsLoggedInNewestFirst) {
         EXPECT_GE(session.at("idleSeconds"), 0);
         EXPECT_EQ(session.at("idleSeconds").get<int>() + session.at("expiresInSeconds").get<int>(),
                   300);
-        session.erase("idleSeconds");
-        session.erase("expiresInSeconds");
+        EXPECT_EQ(session.at("timeoutSeconds"), 300);
+        EXPECT_THAT(session.at("loginTime").get<std::string>(),
+                    MatchesRegex("[-0-9]+T[0-9:]+[+]00:00"));
+        for (const char* changing :
+             {"idleSeconds", "expiresInSeconds", "timeoutSeconds", "loginTime"}) {
+            session.erase(changing);
+        }
     }
     const auto expectedEntry = [](const std::string& uri, const char* user) {
         return json{{"id", identifierOf(uri)},
@@ -73,10 +78,12 @@ TEST_F(Listing, IsATableForPeople) {
     const std::string id = identifierOf(loggedIn());
     const Outcome outcome = sessionctl({"list"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_THAT(outcome.output,
-                MatchesRegex("IDENTIFIER  USER   CLIENT      IDLE FOR  EXPIRES IN  FAULT\n" + id +
-                             "    admin  192.0.2.10  [0-9ms]+ +[0-9ms]+\n"
-                             "1 of 8 places are taken.\n"));
+    EXPECT_THAT(
+        outcome.output,
+        MatchesRegex("IDENTIFIER  USER   CLIENT      LOGGED IN     IDLE FOR  EXPIRES IN\n" + id +
+                     "    admin  192.0.2.10  [A-Z][a-z]+ [0-9]+ [0-9:]+  [0-9s]+ +"
+                     "[#.]+ [0-9ms]+\n"
+                     "1 of 8 places are taken.\n"));
 }
 
 TEST_F(Listing, OfAnEmptyCollectionHasNoSessions) {
@@ -294,7 +301,7 @@ TEST_F(Deleting, HandsOnWhatTheDaemonRefuses) {
     EXPECT_EQ(plain.status, 1);
     EXPECT_EQ(plain.errors,
               "sessionctl: The daemon answers: UNAVAILABLE, ExtendedError.1.2.ServiceDisabled (the "
-              "service is switched off; switch it on to delete sessions).\n");
+              "service is switched off; \"sessionctl enable\" switches it on).\n");
     const Outcome outcome = sessionctl({"delete", identifierOf(uri), "--json"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.json(), (json{{"id", identifierOf(uri)},
@@ -324,6 +331,54 @@ TEST_F(Deleting, NamesNoOtherSessionByASlash) {
         EXPECT_THAT(outcome.errors, HasSubstr("is no session identifier")) << argument;
     }
     EXPECT_EQ(store().llen(membersKey), 1);
+}
+
+TEST_F(Deleting, OfSeveralSessionsGoesOnAfterAFailure) {
+    const std::string first = loggedIn();
+    const std::string second = loggedIn(reader);
+    const Outcome outcome = sessionctl({"delete", first, "12345678", identifierOf(second)});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "Session " + identifierOf(first) + " of admin is deleted.\nSession " +
+                                  identifierOf(second) + " of reader is deleted.\n");
+    EXPECT_EQ(outcome.errors, "sessionctl: There is no session 12345678.\n");
+    EXPECT_EQ(store().llen(membersKey), 0);
+}
+
+TEST_F(Deleting, OfSeveralSessionsIsOneDocument) {
+    const std::string first = identifierOf(loggedIn());
+    const Outcome outcome = sessionctl({"delete", first, "12345678", "--json"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(outcome.json(), (json{{"sessions",
+                                     {{{"id", first},
+                                       {"user", "admin"},
+                                       {"deleted", true},
+                                       {"status", "OK_EMPTY"},
+                                       {"messages", json::array()}},
+                                      {{"id", "12345678"},
+                                       {"deleted", false},
+                                       {"error", "There is no session 12345678."}}}}}));
+}
+
+TEST_F(Deleting, OfAUserLeavesTheOthers) {
+    loggedIn(reader);
+    const std::string kept = loggedIn();
+    loggedIn(reader);
+    EXPECT_EQ(sessionctl({"delete", "--user", reader.name}).status, 0);
+    EXPECT_EQ(store().lrange(membersKey), Words{"&&ObjectRef " + kept});
+    const Outcome outcome = sessionctl({"delete", "--user", reader.name});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "sessionctl: reader has no session.\n");
+}
+
+TEST_F(Deleting, OfAllAsksNobodyWithoutATerminal) {
+    loggedIn();
+    loggedIn(reader);
+    EXPECT_EQ(sessionctl({"delete", "--all"}).status, 0);
+    EXPECT_EQ(store().llen(membersKey), 0);
+    EXPECT_EQ(sessionctl({"delete", "--all"}).output, "There is no session.\n");
+    EXPECT_EQ(sessionctl({"delete", "--all", "--json"}).json(),
+              (json{{"sessions", json::array()}}));
 }
 
 class WithoutADaemon : public SessionctlTest {
@@ -473,9 +528,26 @@ TEST_F(Calling, HelpAndVersionGoToStandardOutput) {
     const Outcome help = sessionctl({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.output, StartsWith("usage: sessionctl "));
+    EXPECT_EQ(sessionctl({"-h"}).output, help.output);
+    EXPECT_EQ(sessionctl({"help"}).output, help.output);
     const Outcome version = sessionctl({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_THAT(version.output, MatchesRegex("sessionctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+    EXPECT_EQ(sessionctl({"-V"}).output, version.output);
+}
+
+TEST_F(Calling, EachCommandHasItsHelp) {
+    for (const char* command : {"list", "show", "delete", "login", "watch", "check", "stats",
+                                "timeout", "enable", "disable", "help"}) {
+        const Outcome help = sessionctl({"help", command});
+        EXPECT_EQ(help.status, 0) << command;
+        EXPECT_THAT(help.output, StartsWith("usage: sessionctl " + std::string(command)));
+        EXPECT_EQ(sessionctl({command, "--help"}).output, help.output);
+        EXPECT_THAT(sessionctl({"--help"}).output, HasSubstr(command));
+        for (const std::string& line : splitLines(sessionctl({"--help"}).output + help.output)) {
+            EXPECT_LE(line.size(), 90U) << line;
+        }
+    }
 }
 
 TEST_F(Calling, InAWrongWayIsExplained) {
@@ -486,6 +558,19 @@ TEST_F(Calling, InAWrongWayIsExplained) {
                                                      {"delete"},
                                                      {"login"},
                                                      {"show", "x", "y"},
+                                                     {"help", "lisst"},
+                                                     {"delete", "x", "--all"},
+                                                     {"delete", "--all", "--user", "x"},
+                                                     {"list", "--all"},
+                                                     {"list", "-y"},
+                                                     {"list", "--prometheus"},
+                                                     {"stats", "--prometheus", "--json"},
+                                                     {"stats", "--state"},
+                                                     {"timeout"},
+                                                     {"timeout", "29"},
+                                                     {"timeout", "86401"},
+                                                     {"timeout", "60s"},
+                                                     {"enable", "x"},
                                                      {"list", "--jsno"},
                                                      {"list", "-j"},
                                                      {"list", "--timeout"},
@@ -508,11 +593,20 @@ TEST_F(Calling, WithABadOptionNamesIt) {
     }
 }
 
-TEST_F(Calling, FailsWhenTheOutputCannotBeWritten) {
-    const auto process = controller.startProgram(
-        {.command = {"/bin/sh", "-c", std::string(program) + " --help >/dev/full"},
-         .environment = Controller::sanitizerOptions()});
-    EXPECT_EQ(process->wait(), (ExitStatus{.bySignal = false, .value = 1}));
+TEST_F(Calling, SaysThatTheOutputCannotBeWritten) {
+    controller.startStore();
+    for (const std::string command :
+         {"--help", "--version", "list", "list --json", "watch", "stats", "stats --prometheus"}) {
+        frontEnd().insertSession();
+        const std::size_t before = controller.errorsOf("sh").size();
+        const auto process = controller.startProgram(
+            {.command = {"/bin/sh", "-c", std::string(program) + " " + command + " >/dev/full"},
+             .environment = Controller::sanitizerOptions()});
+        EXPECT_EQ(process->wait(), (ExitStatus{.bySignal = false, .value = 1})) << command;
+        EXPECT_EQ(controller.errorsOf("sh").substr(before),
+                  "sessionctl: The output cannot be written: No space left on device.\n")
+            << command;
+    }
 }
 
 }  // namespace

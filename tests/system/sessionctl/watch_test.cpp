@@ -50,9 +50,9 @@ TEST_F(Watching, TellsWhoIsThereAndWhoComesAndGoes) {
     lines(2);
     frontEnd().remove(uri);
     const std::string time = "[-0-9]+T[0-9:]+[+]00:00  ";
-    EXPECT_THAT(lines(3), ElementsAre(MatchesRegex(time + "present  00000001  ann  -"),
-                                      MatchesRegex(time + "new      00000002  b\\\\x1bb  -"),
-                                      MatchesRegex(time + "gone     00000002  b\\\\x1bb  -")));
+    EXPECT_THAT(lines(3), ElementsAre(MatchesRegex(time + "present     00000001  ann  -"),
+                                      MatchesRegex(time + "new         00000002  b\\\\x1bb  -"),
+                                      MatchesRegex(time + "logged out  00000002  b\\\\x1bb  -")));
     running->signal(SIGINT);
     EXPECT_EQ(running->wait(), ExitStatus{});
     EXPECT_EQ(controller.errorsOf("sessionctl"), "");
@@ -68,6 +68,46 @@ TEST_F(Watching, GivesProgramsOneDocumentALine) {
               (json{{"event", "present"}, {"id", "00000001"}, {"user", "ann"}, {"client", ""}}));
     running->signal(SIGTERM);
     EXPECT_EQ(running->wait(), ExitStatus{});
+}
+
+TEST_F(Watching, TellsAnExpiryFromALogout) {
+    const auto leaving = frontEnd().insertSession({.identifier = "00000001", .timeout = "300"});
+    const auto idle = frontEnd().insertSession({.identifier = "00000002", .timeout = "300"});
+    const auto used = frontEnd().insertSession({.identifier = "00000003", .timeout = "300"});
+    watch({"--json"});
+    lines(3);
+    // A use that came after the watch had begun counts.
+    store().hset(tokenKey(used.token), {{"LastAccessed", std::to_string(uptime() + 1000)}});
+    frontEnd().remove(leaving.uri);
+    const json first = json::parse(lines(4).at(3));
+    EXPECT_EQ(first.at("id"), "00000001");
+    EXPECT_EQ(first.at("event"), "gone");
+    EXPECT_EQ(first.at("reason"), "loggedOut");
+    // The daemon does not see the end of the time before it has been noted here.
+    controller.daemon().signal(SIGSTOP);
+    store().hset(tokenKey(idle.token), {{"Timeout", "1"}});
+    Monitor monitor = controller.monitor();
+    waitUntil("the timeout is read", [&] {
+        const auto commands = monitor.soFar();
+        return std::any_of(commands.begin(), commands.end(), [&](const MonitoredCommand& command) {
+            return command.words == Words{"HGET", tokenKey(idle.token), "Timeout"};
+        });
+    });
+    controller.daemon().signal(SIGCONT);
+    const json second = json::parse(lines(5).at(4));
+    EXPECT_EQ(second.at("id"), "00000002");
+    EXPECT_EQ(second.at("event"), "gone");
+    EXPECT_EQ(second.at("reason"), "expired");
+    frontEnd().remove(used.uri);
+    EXPECT_EQ(json::parse(lines(6).at(5)).at("reason"), "loggedOut");
+}
+
+TEST_F(Watching, DoesNotGuessHowASessionOfAnotherTypeHasEnded) {
+    frontEnd().insertSession({.identifier = "00000001", .sessionType = "\"Other\""});
+    watch();
+    lines(1);
+    store().run({"LREM", membersKey, "0", "&&ObjectRef " + std::string(sessionsUri) + "/00000001"});
+    EXPECT_THAT(lines(2).at(1), MatchesRegex(".*  gone        00000001  admin  .*"));
 }
 
 TEST_F(Watching, EndsWhenNobodyReadsAnyMore) {

@@ -1,11 +1,14 @@
 // The fixture of all tests that run sessionctl inside the private root.
 #pragma once
 
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "support/system_test.h"
+#include "support/terminal_program.h"
 
 namespace testbed {
 
@@ -18,6 +21,44 @@ struct Outcome {
     // The output, which has to be JSON.
     nlohmann::json json() const { return nlohmann::json::parse(output); }
 };
+
+// The command outside of the private root, as a person at the machine calls it.
+inline Words outsideCommand(const Controller& controller, const Words& arguments) {
+    Words command{TEST_SESSIONCTL, "--root", controller.path("")};
+    if (std::find(arguments.begin(), arguments.end(), "--timeout") == arguments.end()) {
+        command.insert(command.end(), {"--timeout", "300"});
+    }
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+
+inline std::map<std::string, std::string> outsideEnvironment(
+    std::map<std::string, std::string> environment = {}) {
+    environment.merge(Controller::sanitizerOptions());
+    environment.insert({{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}, {"TZ", "UTC0"}});
+    return environment;
+}
+
+// Runs it to its end; its output is no terminal.
+inline Outcome runOutside(Controller& controller, const Words& arguments,
+                          const std::map<std::string, std::string>& environment = {}) {
+    const std::string output = "/tmp/outside.out";
+    const std::string errors = "/tmp/outside.err";
+    controller.writeFile(output, "");
+    controller.writeFile(errors, "");
+    Words command{"env", "-i"};
+    for (const auto& [name, value] : outsideEnvironment(environment)) {
+        command.push_back(name + "=" + value);
+    }
+    const Words rest = outsideCommand(controller, arguments);
+    command.insert(command.end(), rest.begin(), rest.end());
+    const pid_t pid =
+        spawn(command, {.output = controller.path(output), .errors = controller.path(errors)});
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    return {WEXITSTATUS(status), controller.readFile(output), controller.readFile(errors)};
+}
 
 class SessionctlTest : public SystemTest {
   protected:

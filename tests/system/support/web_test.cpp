@@ -60,7 +60,7 @@ void WebTest::TearDown() {
     checkErrorLog();
     checkSecrets(web.accessLog());
     checkSecrets(web.errorLog());
-    checkSecrets(controller.readFile("/var/log/session-service-frontend/refused-logins.log"));
+    checkSecrets(controller.readFile(webRefusedLoginsFile));
     waitUntilDaemonIsIdle();
     SystemTest::TearDown();
     if (HasFailure()) {

@@ -43,6 +43,15 @@ TEST(SessionView, TellsWhenItsSessionExpiresAsTheDaemonDoes) {
     EXPECT_EQ(*view.expiresIn, 30);
 }
 
+TEST(SessionView, TakesTheLoginTimeFromTheEntityTag) {
+    for (const auto& [tag, time] : std::map<std::string, std::optional<std::time_t>>{
+             {"\"1763688420999\"", 1763688420}, {"\"x\"", {}}, {"\"0\"", {}}, {"", {}}}) {
+        const ScriptedStore peer(
+            {resp::bulkArray({"SessionType", "\"Redfish\"", "@odata.etag", tag}), resp::nil()});
+        EXPECT_EQ(readSession(peer.connection(), "1").loginTime, time) << tag;
+    }
+}
+
 TEST(SessionView, OfASessionWithoutATokenExpiresAtOnce) {
     const FixedUptime uptime(5000);
     const ScriptedStore peer({resp::bulkArray({"SessionType", "\"Redfish\""}), resp::nil()});
