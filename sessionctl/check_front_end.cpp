@@ -28,7 +28,7 @@ namespace session_service::console {
 namespace {
 
 constexpr const char* frontEndUser = "session-service-frontend";
-constexpr const char* resource = "/redfish/v1";
+constexpr const char* serviceRoot = "/redfish/v1";
 constexpr const char* frontEndSubject = "web front end";
 
 struct FreeCertificate {
@@ -168,7 +168,7 @@ HttpsAnswer fetch(const Address& address, std::chrono::seconds timeout) {
         return answer;
     }
     answer.certificate.reset(SSL_get1_peer_certificate(session.get()));
-    const std::string request = std::string("GET ") + resource +
+    const std::string request = std::string("GET ") + serviceRoot +
                                 " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
     std::array<char, 256> start{};
     if (SSL_write(session.get(), request.data(), static_cast<int>(request.size())) <= 0 ||
@@ -219,8 +219,8 @@ void checkFrontEnd(Report& report, const char* folder, std::chrono::seconds time
                                          answer.fault +
                                          "): is it running? Its error log tells more.");
     } else if (answer.line.find(" 200 ") == std::string::npos) {
-        report.fail(frontEndSubject,
-                    std::string(resource) + " is answered with \"" + escaped(answer.line) + "\".");
+        report.fail(frontEndSubject, std::string(serviceRoot) + " is answered with \"" +
+                                         escaped(answer.line) + "\".");
     } else {
         const CertificatePtr certificate = readCertificate(certificatePath);
         if (certificate && answer.certificate &&

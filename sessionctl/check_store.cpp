@@ -31,7 +31,7 @@ namespace {
 
 using Kind = store::Answer::Kind;
 
-constexpr const char* daemonName = "session-service";
+constexpr const char* programName = "session-service";
 constexpr const char* seedAdvice = "Start the service that seeds the resources.";
 
 // The value of a field of INFO's reply.
@@ -180,18 +180,25 @@ std::string programOf(const std::string& folder) {
     return name;
 }
 
+// Whether the process of this folder sees the files that this one sees. Controllers in private
+// roots, such as those of a testbed, have daemons of their own. True for who may not know.
+bool hasThisRoot(const std::string& folder) {
+    std::error_code unreadable;
+    return std::filesystem::equivalent(folder + "/root/", "/", unreadable) || unreadable;
+}
+
 // The processes of the daemon, each with its number and, if it is the unit's, with that word.
 std::vector<std::string> findDaemons() {
     std::vector<std::string> processes;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string folder = entry.path();
-        if (programOf(folder) != daemonName) {
+        if (programOf(folder) != programName || !hasThisRoot(folder)) {
             continue;
         }
         std::string unit;
         readLines((folder + "/cgroup").c_str(), [&](const std::string& line) {
-            if (line.ends_with(std::string("/") + daemonName + ".service")) {
+            if (line.ends_with(std::string("/") + programName + ".service")) {
                 unit = " (the unit's)";
             }
             return unit.empty();
