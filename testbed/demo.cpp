@@ -202,12 +202,11 @@ void Demo::showStart() {
         std::chrono::steady_clock::now() - begin);
     frontEnd.emplace(controller.frontEnd());
     store.emplace(controller.connect());
-    std::cout
-        << "Clients of a server's management controller log in, work and log out. The\n"
-           "session service decides who may, and for how long, and records it. Here with\n"
-           "a store, a web front end and accounts, in a private root, up in "
-        << took.count() << " ms:\n\n"
-        << std::flush;
+    std::cout << "Clients of a server's management controller log in, work and log out. The\n"
+                 "session service decides who may, and for how long, and records it. Here with\n"
+                 "a store, a web front end and accounts, in a private root, up in "
+              << took.count() << " ms:\n\n"
+              << std::flush;
 }
 
 void Demo::showRefusal() {
@@ -521,27 +520,28 @@ bool Demo::run() {
 void Demo::keep() {
     const std::string user = testbed::administrator.name;
     const std::string password = testbed::administrator.password;
-    std::cout << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves a page for\n"
-              << "browsers, and Redfish, on\n   " << web.url()
-              << "\n(the browser asks whether to trust the certificate: it is this controller's own).\n"
-              << "To read and to log in:\n"
-              << "   " << curlCommand() << " -u " << user << ":" << password << " " << web.url()
-              << testbed::serviceUri << "\n"
-              << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
-              << loginBody(testbed::administrator, password) << "' " << web.url()
-              << testbed::sessionsUri << "\nWith redfishtool (package redfishtool):\n"
-              << "   redfishtool -r " << web.address() << ":8443 -u " << user << " -p " << password
-              << " -A Session -S Always SessionService\n"
-              << "With Python (package python3-sushy):\n"
-              << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web.url()
-              << "/redfish/v1', '" << user << "', '" << password << "', verify='"
-              << web.certificatePath() << "').get_session_service().session_timeout)\"\n"
-              << "To see who comes and goes, in another terminal:\n   " << TESTBED_SESSIONCTL
-              << " --root " << controller.path("") << " watch\n"
-              << "Its store:\n   REDISCLI_AUTH='" << controller.storePassword() << "' redis-cli -s "
-              << controller.socketPath() << "\nThe logs of the service and of the front end:\n   "
-              << controller.path(testbed::logFile) << "\n   "
-              << controller.path(testbed::webErrorLogFile) << "\nIts accounts:\n";
+    std::cout
+        << "\nThe controller goes on until you interrupt it (Ctrl-C). It serves a page for\n"
+        << "browsers, and Redfish, on\n   " << web.url()
+        << "\n(the browser asks whether to trust the certificate: it is this controller's own).\n"
+        << "To read and to log in:\n"
+        << "   " << curlCommand() << " -u " << user << ":" << password << " " << web.url()
+        << testbed::serviceUri << "\n"
+        << "   " << curlCommand() << " -H 'Content-Type: application/json' -d '"
+        << loginBody(testbed::administrator, password) << "' " << web.url() << testbed::sessionsUri
+        << "\nWith redfishtool (package redfishtool):\n"
+        << "   redfishtool -r " << web.address() << ":8443 -u " << user << " -p " << password
+        << " -A Session -S Always SessionService\n"
+        << "With Python (package python3-sushy):\n"
+        << "   /usr/bin/python3 -c \"import sushy; print(sushy.Sushy('" << web.url()
+        << "/redfish/v1', '" << user << "', '" << password << "', verify='" << web.certificatePath()
+        << "').get_session_service().session_timeout)\"\n"
+        << "To see who comes and goes, in another terminal:\n   " << TESTBED_SESSIONCTL
+        << " --root " << controller.path("") << " watch\n"
+        << "Its store:\n   REDISCLI_AUTH='" << controller.storePassword() << "' redis-cli -s "
+        << controller.socketPath() << "\nThe logs of the service and of the front end:\n   "
+        << controller.path(testbed::logFile) << "\n   " << controller.path(testbed::webErrorLogFile)
+        << "\nIts accounts:\n";
     for (const Account& account :
          {testbed::administrator, testbed::operatorAccount, testbed::reader, testbed::expired}) {
         std::cout << "   " << std::left << std::setw(10) << account.name << account.password
