@@ -1,7 +1,7 @@
 -- What differs from controller to controller.
 return {
-    storeSocket = "/run/redis/redis.sock",
-    storePasswordFile = "/run/redis/redis.requirepass",
+    storeSocket = "/run/session-service-store/redis.sock",
+    storePasswordFile = "/run/session-service-store/redis.requirepass",
     keyFile = "/var/nginx/pkey.tmp",
     -- The one of nginx.conf. A client without TLS is sent to no name that is not in it.
     certificateFile = "/usr/local/etc/nginx/certificate.pem",

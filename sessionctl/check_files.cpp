@@ -24,6 +24,7 @@
 #include "frame/configuration.h"
 #include "frame/logger.h"
 #include "platform/config_file.h"
+#include "sessionctl/check_front_end.h"
 #include "sessionctl/output.h"
 #include "store/commands.h"
 #include "store/resource_names.h"
@@ -113,10 +114,8 @@ void checkLog(Report& report, const char* path) {
         return;
     }
     const std::string logFile = readSetting(report, path, logFileSetting).value_or("");
-    if (logFile.empty()) {
-        report.warn(path,
-                    std::string(logFileSetting) + " is not given: the log goes to standard error.");
-    } else if (const std::string fault = logFileError(logFile); !fault.empty()) {
+    // Without a log file the log goes to standard error, which a supervisor keeps.
+    if (const std::string fault = logFile.empty() ? "" : logFileError(logFile); !fault.empty()) {
         report.fail(path, std::string(logFileSetting) + ": " + escaped(logFile) +
                               " cannot be written (" + fault +
                               "): the log goes to standard error.");
@@ -205,6 +204,7 @@ void checkConfiguration(Report& report, const char* path) {
                         std::string(auditSetting) + " is not given: there are no audit entries.");
         }
     }
+    checkOwnership(report, path);
     report.conclude(path, "log, events and audit entries are set up");
 }
 
@@ -214,6 +214,7 @@ void checkGroups(Report& report, const char* path) {
             checkGroupLine(report, path, (*lines)[i], lineLabel(i));
         }
     }
+    checkOwnership(report, path);
     report.conclude(path, "well-formed");
 }
 
@@ -238,6 +239,7 @@ void checkPrivileges(Report& report, const char* path) {
             }
         }
     }
+    checkOwnership(report, path);
     report.conclude(path, "well-formed");
 }
 
@@ -269,7 +271,38 @@ void checkPersistentProperties(Report& report, const char* path) {
                 path, std::string(std::strerror(errno)) + ": changed settings cannot be written.");
         }
     }
+    checkOwnership(report, path);
     report.conclude(path, "readable and writable");
+}
+
+void checkStoreFiles(Report& report, const std::string& socket) {
+    const std::string folder = socket.substr(0, socket.rfind('/') + 1);
+    struct stat folderStatus {};
+    // What is in a folder that is closed to others has not to be closed itself.
+    if (folder.empty() || stat(folder.c_str(), &folderStatus) != 0 ||
+        (folderStatus.st_mode & S_IXOTH) == 0) {
+        return;
+    }
+    struct stat status {};
+    if (stat(socket.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0) {
+        report.fail(socket, "others may use it: \"unixsocketperm 770\" or less.");
+    }
+    const std::string password = folder + "redis.requirepass";
+    if (stat(password.c_str(), &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        report.fail(password, "others may use it: chmod 640, and change the password.");
+    }
+    report.conclude(socket, "not for others");
+}
+
+void checkOwnership(Report& report, const char* path) {
+    struct stat status {};
+    if (stat(path, &status) != 0) {
+        return;
+    }
+    const bool group = (status.st_mode & S_IWGRP) != 0 && status.st_gid != 0;
+    if (group || (status.st_mode & S_IWOTH) != 0) {
+        report.fail(path, std::string(group ? "a group" : "others") + " may change it: chmod 644.");
+    }
 }
 
 void checkKeyFile(Report& report, const char* path) {
@@ -289,11 +322,14 @@ void checkKeyFile(Report& report, const char* path) {
         struct stat status {};
         if (stat(path, &status) == 0 && (status.st_mode & S_IRWXO) != 0) {
             report.fail(path, "others may use it: chmod 600, and change the key.");
-        } else if ((status.st_mode & S_IRWXG) != 0) {
+        } else if ((status.st_mode & S_IRWXG) != 0 && !isGroupOfFrontEnd(status.st_gid)) {
             report.warn(path, "a group may use it: chmod 600 unless the front end needs that.");
         }
+        if (!frontEndCanRead(path)) {
+            report.fail(path, "the web front end cannot read it: start that again.");
+        }
     }
-    report.conclude(path, "well-formed, for its owner only");
+    report.conclude(path, "well-formed, for nobody else");
 }
 
 }  // namespace session_service::console

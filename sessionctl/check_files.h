@@ -18,6 +18,12 @@ void checkPrivileges(Report& report, const char* path);
 // The properties that outlive the store.
 void checkPersistentProperties(Report& report, const char* path);
 
+// The store's socket, which may be empty for a port, and the password beside it.
+void checkStoreFiles(Report& report, const std::string& socket);
+
+// Whether others may change the file, which may be missing.
+void checkOwnership(Report& report, const char* path);
+
 // The key that passwords are encrypted with.
 void checkKeyFile(Report& report, const char* path);
 

@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string_view>
+#include <system_error>
+#include <vector>
 
 #include "base/number.h"
+#include "base/text_file.h"
 #include "events/audit_log.h"
 #include "events/event_group.h"
 #include "events/life_cycle.h"
@@ -27,6 +31,7 @@ namespace {
 
 using Kind = store::Answer::Kind;
 
+constexpr const char* programName = "session-service";
 constexpr const char* seedAdvice = "Start the service that seeds the resources.";
 
 // The value of a field of INFO's reply.
@@ -155,6 +160,54 @@ void checkScript(Report& report, redisContext* connection, const char* script) {
     report.conclude(subject, "registered and loaded");
 }
 
+// The file name of the program that the process of this folder runs. Who may not know it gets the
+// name of the process, which may be the start of a longer one.
+std::string programOf(const std::string& folder) {
+    std::error_code unreadable;
+    std::string name =
+        std::filesystem::read_symlink(folder + "/exe", unreadable).filename().string();
+    if (unreadable) {
+        readLines((folder + "/comm").c_str(), [&](const std::string& line) {
+            name = line;
+            return false;
+        });
+    }
+    // As it is called when an upgrade has replaced its file.
+    constexpr std::string_view replaced = " (deleted)";
+    if (name.ends_with(replaced)) {
+        name.resize(name.size() - replaced.size());
+    }
+    return name;
+}
+
+// Whether the process of this folder sees the files that this one sees. Controllers in private
+// roots, such as those of a testbed, have daemons of their own. True for who may not know.
+bool hasThisRoot(const std::string& folder) {
+    std::error_code unreadable;
+    return std::filesystem::equivalent(folder + "/root/", "/", unreadable) || unreadable;
+}
+
+// The processes of the daemon, each with its number and, if it is the unit's, with that word.
+std::vector<std::string> findDaemons() {
+    std::vector<std::string> processes;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string folder = entry.path();
+        if (programOf(folder) != programName || !hasThisRoot(folder)) {
+            continue;
+        }
+        std::string unit;
+        readLines((folder + "/cgroup").c_str(), [&](const std::string& line) {
+            if (line.ends_with(std::string("/") + programName + ".service")) {
+                unit = " (the unit's)";
+            }
+            return unit.empty();
+        });
+        processes.push_back(entry.path().filename().string() + unit);
+    }
+    return processes;
+}
+
 void checkQueue(Report& report, redisContext* connection, const std::string& queue,
                 const std::string& channel) {
     const store::Answer answer = ask(connection, {"LRANGE", queue, "0", "-1"});
@@ -173,7 +226,7 @@ void checkQueue(Report& report, redisContext* connection, const std::string& que
 
 }  // namespace
 
-void checkServer(Report& report, redisContext* connection) {
+void checkServer(Report& report, redisContext* connection, bool hasPassword) {
     const std::string subject = "Redis server";
     const std::string information = ask(connection, {"INFO"}).text;
     const std::string version = infoField(information, "redis_version");
@@ -184,6 +237,23 @@ void checkServer(Report& report, redisContext* connection) {
     }
     if (infoField(information, "role") == "slave") {
         report.fail(subject, "It is a replica and may refuse writes: use the primary server.");
+    }
+    const std::string port = infoField(information, "tcp_port");
+    if (!hasPassword) {
+        report.fail(subject,
+                    "It has no password: whoever reaches it reads the tokens of all sessions.");
+    }
+    if (!port.empty() && port != "0") {
+        report.warn(subject, "It listens on port " + escaped(port) +
+                                 ", too, which every user of the machine reaches: \"port 0\".");
+    }
+    // A server may refuse to tell.
+    const store::Answer save = ask(connection, {"CONFIG", "GET", "save"});
+    if ((save.elements.size() == 2 && !save.elements[1].text.empty()) ||
+        infoField(information, "aof_enabled") == "1") {
+        report.warn(subject,
+                    "It saves to the disk, tokens included, and sessions outlive a reboot: "
+                    "\"save ''\", \"appendonly no\".");
     }
     report.conclude(subject, "version " + escaped(version));
 }
@@ -248,6 +318,16 @@ void checkDaemon(Report& report, redisContext* connection) {
             report.warn(subject, std::to_string(subscribers) + " listen for " + tasks[i] +
                                      ": is the daemon running more than once?");
         }
+    }
+    if (const std::vector<std::string> processes = findDaemons(); processes.size() > 1) {
+        std::string list;
+        for (const std::string& process : processes) {
+            list += (list.empty() ? "" : ", ") + process;
+        }
+        report.fail(subject, "It runs " + std::to_string(processes.size()) +
+                                 " times and serves each request as often: end all but one of the "
+                                 "processes " +
+                                 list + ".");
     }
     report.conclude(subject, "listens for logins, deletions and changes");
 }

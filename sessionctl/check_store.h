@@ -9,8 +9,9 @@ struct redisContext;
 
 namespace session_service::console {
 
-// The version of the server, and whether it accepts writes.
-void checkServer(Report& report, redisContext* connection);
+// The version of the server, whether it accepts writes, and whether it keeps what it holds to
+// itself.
+void checkServer(Report& report, redisContext* connection, bool hasPassword);
 
 // The service resource, and the collection with its members and their limit.
 void checkResources(Report& report, redisContext* connection);

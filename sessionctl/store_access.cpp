@@ -58,7 +58,9 @@ OpenStore openStore(std::chrono::seconds timeout) {
             "/etc/redis/redis.conf, the file redis.port in the folder of PATH, and "
             "redis.unixsocket there unless the port is 6379.");
     }
-    OpenStore opened{ConnectionPtr(connectToRedis(info.get())), addressOf(*info)};
+    OpenStore opened{ConnectionPtr(connectToRedis(info.get())), addressOf(*info),
+                     info->connectionKind == CONNECTION_KIND_UNIX ? info->socketPath : "",
+                     info->password[0] != '\0'};
     redisContext* connection = opened.connection.get();
     if (!connection && info->socketPath == std::string_view("(null)")) {
         fail("redis.port is 0, and redis.unixsocket is missing or empty.");

@@ -13,6 +13,8 @@ namespace session_service::console {
 struct OpenStore {
     ConnectionPtr connection;
     std::string address;
+    std::string socket;  // its path; empty for a port
+    bool hasPassword = false;
 };
 
 // Finds the store, connects and authenticates as the daemon does, and pings it. Each reply that

@@ -18,7 +18,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* daemonPath = "/usr/local/sbin/session-service";
-constexpr const char* seedFile = TESTBED_FILES "/seed/resources.txt";
+// What is shipped, and what the testbed adds.
+constexpr std::array seedFiles{TESTBED_STORE_FILES "/resources.txt",
+                               TESTBED_FILES "/seed/resources.txt"};
 constexpr const char* suppressionFile = "/usr/local/share/memcheck.supp";
 constexpr std::array scripts{"resourceChange", "logGeneratorHelper"};
 
@@ -75,7 +77,7 @@ Controller::Controller(const ControllerOptions& options)
     ::signal(SIGPIPE, SIG_IGN);
 
     fs::copy(TESTBED_FILES "/root", root, fs::copy_options::recursive);
-    for (const char* directory : {"/run/redis", "/var/log", "/usr/local/bin"}) {
+    for (const char* directory : {"/run/session-service-store", "/var/log", "/usr/local/bin"}) {
         fs::create_directories(path(directory));
     }
     install(TESTBED_SESSION_ROLE_MODULE, "/usr/local/lib/security/pam_session_role.so");
@@ -88,17 +90,18 @@ Controller::Controller(const ControllerOptions& options)
     writeFile(keyFile, randomDigits(64) + "\n");
     std::string storeConfiguration = readFile("/etc/redis/redis.conf");
     storeConfiguration += "requirepass \"" + password + "\"\n";
-    writeFile("/run/redis/redis.requirepass", password);
+    writeFile("/run/session-service-store/redis.requirepass", password);
     if (options.storeOverTcp) {
         storeConfiguration += "port 6379\n";
-        writeFile("/run/redis/redis.port", "6379");
+        writeFile("/run/session-service-store/redis.port", "6379");
     } else {
-        writeFile("/run/redis/redis.port", "0");
-        writeFile("/run/redis/redis.unixsocket", "/run/redis/redis.sock");
+        writeFile("/run/session-service-store/redis.port", "0");
+        writeFile("/run/session-service-store/redis.unixsocket",
+                  "/run/session-service-store/redis.sock");
     }
     writeFile("/etc/redis/redis.conf", storeConfiguration);
-    for (const char* secret :
-         {keyFile, "/etc/shadow", "/etc/redis/redis.conf", "/run/redis/redis.requirepass"}) {
+    for (const char* secret : {keyFile, "/etc/shadow", "/etc/redis/redis.conf",
+                               "/run/session-service-store/redis.requirepass"}) {
         chmod(path(secret).c_str(), S_IRUSR | S_IWUSR);
     }
 
@@ -133,7 +136,8 @@ void Controller::startStore() {
 void Controller::loadScripts() {
     StoreClient store = connect();
     for (const char* name : scripts) {
-        const std::string text = readWhole(TESTBED_FILES "/scripts/" + std::string(name) + ".lua");
+        const std::string text =
+            readWhole(TESTBED_STORE_FILES "/scripts/" + std::string(name) + ".lua");
         const Value digest = store.run({"SCRIPT", "LOAD", text});
         store.hset("redisSHAScripts", {{name, digest.text}});
     }
@@ -141,10 +145,12 @@ void Controller::loadScripts() {
 
 void Controller::seedStore() {
     StoreClient store = connect();
-    std::istringstream seed(readWhole(seedFile));
-    for (std::string line; std::getline(seed, line);) {
-        if (!line.empty() && line.front() != '#') {
-            store.run(splitCommand(line));
+    for (const char* file : seedFiles) {
+        std::istringstream seed(readWhole(file));
+        for (std::string line; std::getline(seed, line);) {
+            if (!line.empty() && line.front() != '#') {
+                store.run(splitCommand(line));
+            }
         }
     }
 }

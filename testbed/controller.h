@@ -99,7 +99,7 @@ class Controller {
     void install(const std::string& outside, const std::string& inside);
 
     // The store's socket, from outside, and its password.
-    std::string socketPath() const { return path("/run/redis/redis.sock"); }
+    std::string socketPath() const { return path("/run/session-service-store/redis.sock"); }
     const std::string& storePassword() const { return password; }
 
   private:

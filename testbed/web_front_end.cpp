@@ -13,7 +13,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* nginxProgram = "/usr/sbin/nginx";
-constexpr const char* pidFile = "/run/nginx/nginx.pid";
+constexpr const char* pidFile = "/run/session-service-frontend/nginx.pid";
 constexpr const char* listenFile = "/usr/local/etc/nginx/listen.conf";
 constexpr const char* plainListenFile = "/usr/local/etc/nginx/listen-http.conf";
 constexpr const char* certificateFile = "/usr/local/etc/nginx/certificate.pem";
@@ -34,7 +34,8 @@ std::string addressOfThisProcess() {
 
 WebFrontEnd::WebFrontEnd(Controller& host)
     : controller(host), listenAddress(addressOfThisProcess()) {
-    for (const char* folder : {"/var/lib/nginx", "/var/log/nginx", "/run/nginx"}) {
+    for (const char* folder :
+         {"/var/log/session-service-frontend", "/run/session-service-frontend"}) {
         fs::create_directories(controller.path(folder));
     }
     install();
@@ -62,8 +63,8 @@ void WebFrontEnd::makeCertificate() {
                          "[usage]\nsubjectAltName = DNS:localhost, IP:" +
                              listenAddress + "\n");
     const auto openssl = controller.startProgram(
-        {.command = {"/usr/bin/openssl", "req", "-x509", "-config", certificateRequestFile,
-                     "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
+        {.command = {"/usr/bin/openssl", "req", "-x509", "-config", certificateRequestFile, "-days",
+                     "365", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
                      "-keyout", certificateKeyFile, "-out", certificateFile}});
     if (openssl->wait() != ExitStatus{}) {
         throw Failure("No certificate: " + controller.errorsOf("openssl"));

@@ -15,9 +15,10 @@ namespace testbed {
 inline constexpr const char* webConfigurationFile = "/usr/local/etc/nginx/nginx.conf";
 inline constexpr const char* webSettingsFile = "/usr/local/etc/nginx/settings.lua";
 inline constexpr const char* webLimitsFile = "/usr/local/etc/nginx/limits.conf";
-inline constexpr const char* webAccessLogFile = "/var/log/nginx/access.log";
-inline constexpr const char* webErrorLogFile = "/var/log/nginx/error.log";
-inline constexpr const char* webRefusedLoginsFile = "/var/log/nginx/refused-logins.log";
+inline constexpr const char* webAccessLogFile = "/var/log/session-service-frontend/access.log";
+inline constexpr const char* webErrorLogFile = "/var/log/session-service-frontend/error.log";
+inline constexpr const char* webRefusedLoginsFile =
+    "/var/log/session-service-frontend/refused-logins.log";
 
 class WebFrontEnd {
   public:

@@ -63,12 +63,12 @@ class RunningUnit : public SystemTest {
     std::string dropIn() const {
         const std::string outside = controller.path("");
         return "[Unit]\nConditionPathExists=\n"
-               "[Service]\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
+               "[Service]\nExecStartPre=\nExecStart=\nExecStart=/usr/local/sbin/session-service\n"
                "RootDirectory=" +
                makeRoot() + "\nBindReadOnlyPaths=/usr /etc/alternatives " + outside + "/etc:/etc " +
                outside + "/usr/local:/usr/local " + TESTBED_DAEMON +
                ":/usr/local/sbin/session-service\nBindPaths=" + outside + "/var:/var " + outside +
-               "/run/redis:/run/redis\nReadWritePaths=-+/var/"
+               "/run/session-service-store:/run/session-service-store\nReadWritePaths=-+/var/"
                "nginx\nLogsDirectory=\nLogsDirectory=" +
                unitName + "\n";
     }

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <regex>
+
 #include "support/system_test.h"
 
 namespace testbed {
@@ -12,12 +14,14 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr const char* supervise = "/usr/local/libexec/supervise";
+constexpr const char* mendProperties = "/usr/local/libexec/mend-properties";
 constexpr const char* daemonPath = "/usr/local/sbin/session-service";
 
 class Supervisor : public SystemTest {
   protected:
     void SetUp() override {
         controller.install(TESTBED_SUPERVISE, supervise);
+        controller.install(TESTBED_MEND_PROPERTIES, mendProperties);
         startStore();
     }
     void TearDown() override {
@@ -100,6 +104,55 @@ TEST_F(Supervisor, ThatWaitsEndsWhenItIsTold) {
     waitForMessage("runs already; waiting for its end.");
     stop(*second);
     EXPECT_TRUE(controller.daemonListens());
+}
+
+TEST_F(Supervisor, WorksWithTheToolsOfBusybox) {
+    first = controller.startProgram(
+        {.command = {"/bin/busybox", "sh", "-c",
+                     std::string("mkdir /tmp/tools; /bin/busybox --install -s /tmp/tools\n"
+                                 // Debian builds busybox without it.
+                                 "[ -e /tmp/tools/flock ] || ln -s /usr/bin/flock /tmp/tools\n"
+                                 "PATH=/tmp/tools exec sh ") +
+                         supervise + " " + daemonPath + " " + lock},
+         .name = "sh"});
+    waitUntilListening();
+    controller.stopStore();
+    waitUntil("the supervisor starts the daemon again", [this] {
+        return controller.errorsOf("busybox").find("; again in 1 s.") != std::string::npos;
+    });
+    startStore();
+    waitUntilListening();
+    // The lock is the one of everybody's tools.
+    second = startSupervisor();
+    waitForMessage("runs already; waiting for its end.");
+}
+
+TEST_F(Supervisor, NamesTheToolThatIsMissing) {
+    first = controller.startProgram(
+        {.command = {"/bin/sh", supervise, daemonPath, lock}, .environment = {{"PATH", "/tmp"}}});
+    EXPECT_EQ(first->wait(), (ExitStatus{.value = 2}));
+    EXPECT_THAT(errors(), HasSubstr("there is no flock, which it needs"));
+}
+
+TEST_F(Supervisor, ReplacesAPropertyFileThatAPowerCutHasEmptied) {
+    const std::string sample = "# A sample.\nSessionTimeout=\n";
+    controller.writeFile("/usr/local/share/sample", sample);
+    std::string script = controller.readFile(mendProperties);
+    const std::regex place("sample=[^\n]*");
+    controller.writeFile(mendProperties,
+                         std::regex_replace(script, place, "sample=/usr/local/share/sample"));
+    for (const std::string& remains : {std::string(), std::string("\n"), std::string(300, '\0')}) {
+        controller.writeFile(persistentFile, remains);
+        first = startSupervisor();
+        waitUntilListening();
+        EXPECT_EQ(controller.readFile(persistentFile), sample);
+        stop(*first);
+    }
+    const std::string kept = "SessionTimeout=77\n";
+    controller.writeFile(persistentFile, kept);
+    first = startSupervisor();
+    waitUntilListening();
+    EXPECT_EQ(controller.readFile(persistentFile), kept);
 }
 
 TEST_F(Supervisor, WithoutADaemonSaysHowItIsCalled) {

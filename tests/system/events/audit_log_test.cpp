@@ -146,7 +146,7 @@ TEST_F(AuditLog, FailsWhenNoScriptIsRegistered) {
 
 TEST_F(AuditLog, TellsWhenItIsFullAndWhenTheSeverityIsNotWanted) {
     passFirstLogin();
-    store().hset(auditEntriesUri, {{"&&MaxEntries", "1"}});
+    store().hset(auditEntriesUri, {{"&&MaxEntries", "1"}, {"&&WhenFull", "keep"}});
     EXPECT_EQ(loggedByALogin(), Words{full});
     store().hset(auditEntriesUri, {{"&&MaxEntries", "10"}, {"&&Severities", "Critical"}});
     EXPECT_EQ(loggedByALogin(), Words{notDesired});

@@ -149,12 +149,13 @@ TEST_F(WebLogs, AreAllRotated) {
     const std::string configuration = controller.readFile(webConfigurationFile);
     controller.install(TEST_SHIPPED_FRONT_END "/logrotate.conf", "/tmp/logrotate.conf");
     const std::string rotation = controller.readFile("/tmp/logrotate.conf");
-    EXPECT_THAT(rotation, HasSubstr("/var/log/nginx/*.log {"));
-    EXPECT_THAT(rotation, HasSubstr("kill -USR1 \"$(cat /run/nginx/nginx.pid)\""));
+    EXPECT_THAT(rotation, HasSubstr("/var/log/session-service-frontend/*.log {"));
+    EXPECT_THAT(rotation, HasSubstr("kill -USR1 \"$(cat \"$pid\")\""));
     const std::regex log(R"(\b(?:access|error)_log ([^ ;]+))");
     for (std::sregex_iterator match(configuration.begin(), configuration.end(), log), end;
          match != end; ++match) {
-        EXPECT_TRUE(std::regex_match((*match)[1].str(), std::regex(R"(/var/log/nginx/[^/]+\.log)")))
+        EXPECT_TRUE(std::regex_match((*match)[1].str(),
+                                     std::regex(R"(/var/log/session-service-frontend/[^/]+\.log)")))
             << (*match)[1];
     }
 }

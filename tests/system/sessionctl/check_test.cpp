@@ -5,12 +5,14 @@
 #include <filesystem>
 
 #include "support/sessionctl_test.h"
+#include "testbed/web_front_end.h"
 
 namespace testbed {
 namespace {
 
 using nlohmann::json;
 using testing::AllOf;
+using testing::Contains;
 using testing::Each;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -19,6 +21,7 @@ using testing::StartsWith;
 
 constexpr char groupFile[] = "/etc/pam.d/q73.conf";
 constexpr char privilegeFile[] = "/etc/pam.d/groups2privs.conf";
+constexpr char daemonProgram[] = "/usr/local/sbin/session-service";
 constexpr char pamSubject[] = "PAM service q73";
 
 // Something broken, and what has to be found.
@@ -87,9 +90,11 @@ TEST_F(CheckingARunningService, FindsNothingWhenAllIsWell) {
     expectAllWell();
     const Outcome outcome = sessionctl({"check"});
     EXPECT_EQ(outcome.status, 0);
-    const Words lines = splitLines(outcome.output);
+    Words lines = splitLines(outcome.output);
+    EXPECT_EQ(lines.back(), "ok: " + std::to_string(lines.size() - 1) + ", warnings: 0, failed: 0");
+    lines.pop_back();
     EXPECT_THAT(lines, Each(MatchesRegex("ok       .+: .+")));
-    EXPECT_EQ(lines.at(0), "ok       store: answers at /run/redis/redis.sock");
+    EXPECT_EQ(lines.at(0), "ok       store: answers at /run/session-service-store/redis.sock");
 }
 
 TEST_F(CheckingARunningService, LooksAtTheResources) {
@@ -178,6 +183,143 @@ TEST_F(CheckingARunningService, LooksAtTheDaemonsEnds) {
     expectFound("FAILED", "daemon", "Nobody listens for logins");
 }
 
+TEST_F(Checking, NamesTheProcessesOfADaemonThatRunsTwice) {
+    startStore();
+    // Processes see one another where they have been started together.
+    const auto shell = controller.startProgram(
+        {.command = {"/bin/sh", "-c",
+                     std::string(daemonProgram) + " & first=$!; " + daemonProgram +
+                         " & second=$!\n"
+                         "until " +
+                         program +
+                         " check | grep -q '2 listen for changes'; do sleep 0.1; done\n"
+                         "echo $first, $second; exec " +
+                         program + " check"}});
+    EXPECT_EQ(shell->wait(), (ExitStatus{.value = 1}));
+    const Words lines = splitLines(controller.outputOf("sh"));
+    EXPECT_THAT(lines,
+                Contains("FAILED   daemon: It runs 2 times and serves each request as often: "
+                         "end all but one of the processes " +
+                         lines.at(0) + "."));
+}
+
+TEST_F(Checking, FindsAStoreThatLetsAnybodyIn) {
+    startStore();
+    store().run({"CONFIG", "SET", "requirepass", ""});
+    controller.removeFile("/run/session-service-store/redis.requirepass");
+    expectFound("FAILED", "Redis server", "It has no password");
+}
+
+TEST_F(Checking, FindsAStoreThatListensOnAPortOrSaves) {
+    const std::string configuration = "/etc/redis/redis.conf";
+    const std::string lines = controller.readFile(configuration);
+    controller.writeFile(configuration, lines + "port 6379\n");
+    startStore();
+    expectFound("warning", "Redis server", "It listens on port 6379, too");
+    store().run({"CONFIG", "SET", "save", "3600 1"});
+    expectFound("warning", "Redis server", "It saves to the disk");
+    store().run({"CONFIG", "SET", "save", ""});
+    store().run({"CONFIG", "SET", "appendonly", "yes"});
+    expectFound("warning", "Redis server", "It saves to the disk");
+}
+
+TEST_F(Checking, FindsAStoreThatOthersReach) {
+    startStore();
+    const std::string password = "/run/session-service-store/redis.requirepass";
+    const std::string socket = "/run/session-service-store/redis.sock";
+    expectFound("ok", socket, "not for others");
+    chmod(controller.path(password).c_str(), 0644);
+    expectFound("FAILED", password, "others may use it: chmod 640");
+    chmod(controller.path(socket).c_str(), 0777);
+    expectFound("FAILED", socket, "others may use it");
+    // Nobody gets at what is in a closed folder.
+    const std::string folder = controller.path("/run/session-service-store");
+    chmod(folder.c_str(), 0750);
+    for (const json& finding : findings()) {
+        EXPECT_THAT(finding.at("subject").get<std::string>(), Not(StartsWith("/run/")));
+    }
+}
+
+TEST_F(Checking, FindsFilesThatOthersMayChange) {
+    for (const char* file :
+         {pamServiceFile, groupFile, privilegeFile, configurationFile, persistentFile}) {
+        chmod(controller.path(file).c_str(), 0646);
+        expectFound("FAILED", file, "others may change it: chmod 644");
+        chmod(controller.path(file).c_str(), 0664);  // of root's own group
+        for (const json& finding : findings()) {
+            EXPECT_FALSE(finding.at("subject") == file && finding.at("result") == "FAILED")
+                << finding;
+        }
+    }
+}
+
+// Of the year 2000.
+constexpr char expiredCertificate[] =
+    "-----BEGIN CERTIFICATE-----\n"
+    "MIIBCzCBsgIBATAKBggqhkjOPQQDAjASMRAwDgYDVQQDDAd0ZXN0YmVkMB4XDTAw\n"
+    "MDEwMTAwMDAwMFoXDTAxMDEwMTAwMDAwMFowEjEQMA4GA1UEAwwHdGVzdGJlZDBZ\n"
+    "MBMGByqGSM49AgEGCCqGSM49AwEHA0IABBCXjJV8MpBX2CoMTuLYvKxFIl7y+4Ly\n"
+    "FN2Itl1BHsKlWaaA33DA0rSgZHM7Wtz1nQSrfTT892Wa1+cP+ZRSgY0wCgYIKoZI\n"
+    "zj0EAwIDSAAwRQIhAOtbL9hDdgyi9K9PToruiYB6g4k8aM7Px/3tbIyIN6U5AiA3\n"
+    "IWSl3rJe7f5elqCJ+6QMhqSdCTP4PAjPBQlc0rmSqQ==\n"
+    "-----END CERTIFICATE-----\n";
+
+// With the web front end, which listens on the machine's loopback.
+class CheckingTheFrontEnd : public Checking {
+  protected:
+    void SetUp() override {
+        machineNetwork = true;
+        start();
+        web.start();
+    }
+    void TearDown() override {
+        if (web.started()) {
+            web.stop();
+        }
+        Checking::TearDown();
+    }
+    void makeCertificate(const std::string& days) {
+        const auto openssl = controller.startProgram(
+            {.command = {"/usr/bin/openssl", "req", "-x509", "-config", "/tmp/certificate.conf",
+                         "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
+                         "-days", days, "-keyout", certificateKey, "-out", certificate}});
+        EXPECT_EQ(openssl->wait(), ExitStatus{});
+    }
+
+    static constexpr char certificate[] = "/usr/local/etc/nginx/certificate.pem";
+    static constexpr char certificateKey[] = "/usr/local/etc/nginx/certificate.key";
+    static constexpr char subject[] = "web front end";
+    WebFrontEnd web{controller};
+};
+
+TEST_F(CheckingTheFrontEnd, FindsNothingWhenAllIsWell) {
+    expectAllWell();
+    expectFound("ok", subject, "answers over HTTPS on " + web.address() + ":8443");
+}
+
+TEST_F(CheckingTheFrontEnd, FindsOneThatDoesNotAnswer) {
+    stopDaemon();
+    controller.stopStore();
+    expectFound("FAILED", subject, "/redfish/v1 is answered with \"HTTP/1.1 503");
+    web.stop();
+    expectFound("FAILED", subject, "Nobody answers over HTTPS");
+}
+
+TEST_F(CheckingTheFrontEnd, LooksAtTheCertificate) {
+    makeCertificate("365");
+    expectFound("warning", subject, "It has another certificate than");
+    makeCertificate("29");
+    expectFound("warning", certificate, "It expires within 30 days");
+    controller.writeFile(certificate, expiredCertificate);
+    expectFound("FAILED", certificate, "It has expired");
+    chmod(controller.path(certificateKey).c_str(), 0604);
+    expectFound("FAILED", certificateKey, "others may use it");
+    controller.removeFile(certificateKey);
+    expectFound("FAILED", certificateKey, "No such file or directory");
+    controller.removeFile(certificate);
+    expectFound("FAILED", certificate, "There is no certificate");
+}
+
 TEST_F(Checking, FindsADaemonThatIsNotThere) {
     startStore();
     for (const char* task : {"logins", "deletions", "changes"}) {
@@ -186,11 +328,11 @@ TEST_F(Checking, FindsADaemonThatIsNotThere) {
 }
 
 TEST_F(Checking, LooksAtTheFilesAllTheSameWithoutAStore) {
-    expectFound("FAILED", "store", "Nobody listens at /run/redis/redis.sock.");
+    expectFound("FAILED", "store", "Nobody listens at /run/session-service-store/redis.sock.");
     expectFound("ok", pamSubject, "all its modules are there");
     expectFound("ok", keyFile, "well-formed");
     controller.startStore();
-    controller.writeFile("/run/redis/redis.requirepass", "something else");
+    controller.writeFile("/run/session-service-store/redis.requirepass", "something else");
     expectFound("FAILED", "store", "WRONGPASS");
 }
 
@@ -200,8 +342,9 @@ TEST_F(Checking, ShowsNothingOfThePasswordThatTheStoreRefuses) {
                          controller.readFile(configuration) + "rename-command AUTH LOGIN\n");
     const auto server =
         controller.startProgram({.command = {"/usr/bin/redis-server", configuration}});
-    waitUntil("the store listens",
-              [this] { return std::filesystem::exists(controller.path("/run/redis/redis.sock")); });
+    waitUntil("the store listens", [this] {
+        return std::filesystem::exists(controller.path("/run/session-service-store/redis.sock"));
+    });
     const Outcome outcome = sessionctl({"check"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.output,
@@ -212,7 +355,7 @@ TEST_F(Checking, ShowsNothingOfThePasswordThatTheStoreRefuses) {
 TEST_F(Checking, LooksAtTheConfiguration) {
     expectFoundIn(
         configurationFile,
-        {{"", "warning", "LOG_FILE is not given"},
+        {{"", "warning", "LogEntryCollection is not given"},
          {"LOG_FILE=/nowhere/log\n", "FAILED", "/nowhere/log cannot be written (No such file"},
          {"LOG_FILE=/var\n", "FAILED", "cannot be written (Is a directory)"},
          {"LOG_FILE_SIZE=1M\n", "warning", "LOG_FILE_SIZE counts as 1 bytes"},
@@ -282,6 +425,19 @@ TEST_F(Checking, LooksAtTheKey) {
     expectFound("warning", keyFile, "a group may use it");
     controller.removeFile(keyFile);
     expectFound("FAILED", keyFile, "No such file or directory");
+}
+
+TEST_F(Checking, FindsAKeyThatTheFrontEndCannotRead) {
+    const std::string users = controller.readFile("/etc/passwd");
+    expectFound("ok", keyFile, "for nobody else");
+    // Root's group is the only one that a file can have in this root.
+    controller.writeFile("/etc/passwd",
+                         users + "session-service-frontend:x:990:990::/:/usr/sbin/nologin\n");
+    expectFound("FAILED", keyFile, "the web front end cannot read it");
+    controller.writeFile("/etc/passwd",
+                         users + "session-service-frontend:x:990:0::/:/usr/sbin/nologin\n");
+    chmod(controller.path(keyFile).c_str(), 0640);
+    expectFound("ok", keyFile, "for nobody else");
 }
 
 TEST_F(Checking, LooksAtThePamService) {

@@ -464,7 +464,8 @@ TEST_F(WithoutAStore, EachCommandThatNeedsItSaysSo) {
         EXPECT_EQ(outcome.status, 3) << command[0];
         EXPECT_EQ(outcome.output, "");
         EXPECT_EQ(outcome.errors,
-                  "sessionctl: Nobody listens at /run/redis/redis.sock. Is the Redis server "
+                  "sessionctl: Nobody listens at /run/session-service-store/redis.sock. Is the "
+                  "Redis server "
                   "running?\n");
     }
     const Outcome document = sessionctl({"list", "--json"});
@@ -480,7 +481,7 @@ TEST_F(WithoutAStore, AMissingAddressIsExplained) {
 }
 
 TEST_F(WithoutAStore, AnAddressWithNeitherASocketNorAPortIsExplained) {
-    controller.removeFile("/run/redis/redis.unixsocket");
+    controller.removeFile("/run/session-service-store/redis.unixsocket");
     const Outcome outcome = sessionctl({"list"});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.errors,
@@ -491,11 +492,12 @@ TEST_F(WithoutAStore, ARefusedPasswordIsExplained) {
     controller.startStore();
     for (const auto& [password, refusal] :
          std::map<std::string, std::string>{{"something else", "WRONGPASS"}, {"", "NOAUTH"}}) {
-        controller.writeFile("/run/redis/redis.requirepass", password);
+        controller.writeFile("/run/session-service-store/redis.requirepass", password);
         const Outcome outcome = sessionctl({"list"});
         EXPECT_EQ(outcome.status, 3);
         EXPECT_THAT(outcome.errors,
-                    AllOf(HasSubstr("The store at /run/redis/redis.sock refuses: " + refusal),
+                    AllOf(HasSubstr("The store at /run/session-service-store/redis.sock refuses: " +
+                                    refusal),
                           HasSubstr("redis.requirepass")));
     }
 }

@@ -14,9 +14,9 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr char storeConfiguration[] = "/etc/redis/redis.conf";
-constexpr char portFile[] = "/run/redis/redis.port";
-constexpr char socketFile[] = "/run/redis/redis.unixsocket";
-constexpr char passwordFile[] = "/run/redis/redis.requirepass";
+constexpr char portFile[] = "/run/session-service-store/redis.port";
+constexpr char socketFile[] = "/run/session-service-store/redis.unixsocket";
+constexpr char passwordFile[] = "/run/session-service-store/redis.requirepass";
 constexpr char probe[] = "/usr/local/bin/store_probe";
 
 class Discovery : public SystemTest {
@@ -197,7 +197,7 @@ TEST_F(DiscoveryOverTcp, TakesZerosInFrontOfTheStandardPort) {
 }
 
 TEST_F(DiscoveryOverTcp, PrefersTheSocket) {
-    controller.writeFile(socketFile, "/run/redis/redis.sock");
+    controller.writeFile(socketFile, "/run/session-service-store/redis.sock");
     start();
     const std::string clients = store().run({"CLIENT", "LIST"}).text;
     EXPECT_THAT(clients, Not(HasSubstr(" addr=127.0.0.1:")));
@@ -227,7 +227,7 @@ TEST_F(Discovery, TakesTheFolderOfTheFirstSocketLine) {
                          "# unixsocket /nowhere/a.sock\n"
                          " unixsocket /nowhere/b.sock\n"
                          "unixsocketperm 700\n"
-                         "unixsocket   /run/redis/any.sock and more\n"
+                         "unixsocket   /run/session-service-store/any.sock and more\n"
                          "unixsocket /nowhere/c.sock\n");
     startDaemon();
 }
@@ -236,8 +236,9 @@ TEST_F(Discovery, FollowsTheServersConfigurationToAnotherFolder) {
     startStore();
     for (const char* name : {"port", "unixsocket", "requirepass"}) {
         const std::string file = std::string("redis.") + name;
-        controller.writeFile("/srv/store/" + file, controller.readFile("/run/redis/" + file));
-        controller.removeFile("/run/redis/" + file);
+        controller.writeFile("/srv/store/" + file,
+                             controller.readFile("/run/session-service-store/" + file));
+        controller.removeFile("/run/session-service-store/" + file);
     }
     controller.writeFile(storeConfiguration, "unixsocket /srv/store/redis.sock\n");
     startDaemon();
@@ -247,7 +248,7 @@ TEST_F(Discovery, WithoutTheServersConfigurationLooksInTheRootFolder) {
     startStore();
     for (const char* name : {"port", "unixsocket", "requirepass"}) {
         const std::string file = std::string("redis.") + name;
-        controller.writeFile("/" + file, controller.readFile("/run/redis/" + file));
+        controller.writeFile("/" + file, controller.readFile("/run/session-service-store/" + file));
     }
     controller.removeFile(storeConfiguration);
     startDaemon();
@@ -324,8 +325,8 @@ TEST_F(ConnectionFunctions, TellASocketConnection) {
     const std::string password = controller.storePassword();
     controller.writeFile(portFile, "6379\n");
     EXPECT_THAT(call({"discover"}),
-                ElementsAre("kind 1 port 0 socket /run/redis/redis.sock password " + password +
-                            " host null"));
+                ElementsAre("kind 1 port 0 socket /run/session-service-store/redis.sock password " +
+                            password + " host null"));
 }
 
 TEST_F(ConnectionFunctions, TellATcpConnection) {
@@ -344,13 +345,14 @@ TEST_F(ConnectionFunctions, TellAPlaceholderForNeitherSocketNorPort) {
 
 TEST_F(ConnectionFunctions, KeepTheFirstDiscovery) {
     controller.writeFile(passwordFile, "x");
-    const std::string found = "kind 1 port 0 socket /run/redis/redis.sock password x host null";
+    const std::string found =
+        "kind 1 port 0 socket /run/session-service-store/redis.sock password x host null";
     EXPECT_THAT(call({"discover", "remove", portFile, "remove", socketFile, "discover"}),
                 ElementsAre(found, found));
 }
 
 TEST_F(ConnectionFunctions, ForgetADiscoveryThatFailed) {
-    controller.writeFile("/run/redis/redis.port", "x");
+    controller.writeFile("/run/session-service-store/redis.port", "x");
     EXPECT_THAT(call({"discover", "remove", portFile, "discover"}), ElementsAre("null", "null"));
     EXPECT_THAT(callErrors(), HasSubstr("fopen: ")) << "the second call looked again";
 }

@@ -12,7 +12,7 @@ class SocketFolder : public SystemTest {
 
     // The folder with the store's files, under a name as long as one likes.
     static std::string nameOfLength(std::size_t length) {
-        std::string name = "/run/redis";
+        std::string name = "/run/session-service-store";
         while (name.size() + 2 <= length) {
             name.insert(0, "/.");
         }

@@ -82,6 +82,7 @@ class SessionctlTest : public SystemTest {
         Launch launch{.command = {program},
                       .environment = Controller::sanitizerOptions(),
                       .ofThisBuild = true,
+                      .machineNetwork = machineNetwork,
                       .streams = {.input = input}};
         if (std::find(arguments.begin(), arguments.end(), "--timeout") == arguments.end()) {
             launch.command.insert(launch.command.end(), {"--timeout", "300"});
@@ -101,6 +102,8 @@ class SessionctlTest : public SystemTest {
                 controller.errorsOf("sessionctl").substr(errors.size())};
     }
 
+    // Whether sessionctl reaches what listens on the machine's loopback.
+    bool machineNetwork = false;
     static constexpr const char* program = "/usr/local/sbin/sessionctl";
 };
 

@@ -16,7 +16,7 @@ namespace testbed {
 
 namespace {
 
-constexpr const char* proxySocket = "/run/redis/proxy.sock";
+constexpr const char* proxySocket = "/run/session-service-store/proxy.sock";
 
 struct FreeReader {
     void operator()(redisReader* reader) const noexcept { redisReaderFree(reader); }
@@ -97,7 +97,7 @@ StoreProxy::StoreProxy(Controller& controller)
         listen(listener, SOMAXCONN) != 0) {
         throw Failure("The proxy cannot listen: " + std::string(std::strerror(errno)));
     }
-    controller.writeFile("/run/redis/redis.unixsocket", proxySocket);
+    controller.writeFile("/run/session-service-store/redis.unixsocket", proxySocket);
     acceptor = std::thread([this] { accept(); });
 }
 

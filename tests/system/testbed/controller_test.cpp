@@ -77,7 +77,8 @@ TEST_F(Testbed, HoldsALoginInsidePam) {
 
 TEST_F(Testbed, TellsItsSecretsToNobodyElse) {
     namespace fs = std::filesystem;
-    for (const char* secret : {keyFile, "/etc/shadow", "/run/redis/redis.requirepass"}) {
+    for (const char* secret :
+         {keyFile, "/etc/shadow", "/run/session-service-store/redis.requirepass"}) {
         const fs::perms mode = fs::status(controller.path(secret)).permissions();
         EXPECT_EQ(mode, fs::perms::owner_read | fs::perms::owner_write) << secret;
     }

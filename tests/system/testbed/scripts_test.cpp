@@ -1,4 +1,4 @@
-// The two server-side scripts of the testbed.
+// The two server-side scripts that are shipped.
 #include "support/system_test.h"
 
 namespace testbed {
@@ -41,6 +41,17 @@ TEST_F(ResourceChange, AppendsAnEntryForEachGroup) {
     }
     EXPECT_EQ(items, (Words{"Action", "change", "Resource", "/b", "ResourceType",
                             "SessionCollection", "EventGroupId", "7"}));
+}
+
+TEST_F(ResourceChange, KeepsTheLatestEntriesOnly) {
+    for (int i = 1; i <= 3000; ++i) {
+        change({"change", "/a", "Session", "EventGroupId", std::to_string(i)});
+    }
+    const long long kept = store().run({"XLEN", "&&EventStream"}).integer;
+    EXPECT_GE(kept, 1000);
+    EXPECT_LE(kept, 1200);
+    const Value latest = store().run({"XREVRANGE", "&&EventStream", "+", "-", "COUNT", "1"});
+    EXPECT_EQ(latest.elements.at(0).elements.at(1).elements.back().text, "3000");
 }
 
 TEST_F(ResourceChange, AnnouncesEachEntry) {
@@ -99,10 +110,22 @@ TEST_F(LogGeneratorHelper, KeepsMembersAndCountOfTheCollection) {
 }
 
 TEST_F(LogGeneratorHelper, CreatesNothingOnceTheLogIsFull) {
-    store().hset(collection, {{"&&MaxEntries", "1"}});
+    store().hset(collection, {{"&&MaxEntries", "1"}, {"&&WhenFull", "keep"}});
     EXPECT_EQ(login("first").integer, 1);
     EXPECT_EQ(login("second").integer, 0);
     EXPECT_EQ(store().llen(members), 1);
+}
+
+TEST_F(LogGeneratorHelper, ReplacesTheOldestEntryOfAFullLogThatIsShipped) {
+    EXPECT_EQ(store().hget(collection, "&&MaxEntries"), "1000");
+    store().hset(collection, {{"&&MaxEntries", "2"}});
+    for (const char* user : {"first", "second", "third"}) {
+        EXPECT_EQ(login(user).integer, 1);
+    }
+    EXPECT_EQ(store().lrange(members),
+              (Words{"&&ObjectRef " + collection + "/3", "&&ObjectRef " + collection + "/2"}));
+    EXPECT_EQ(store().hget(collection, "Members@odata.count"), "2");
+    EXPECT_FALSE(store().exists(collection + "/1"));
 }
 
 TEST_F(LogGeneratorHelper, CreatesNothingOfASeverityThatIsSwitchedOff) {

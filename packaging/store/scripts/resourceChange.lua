@@ -1,12 +1,13 @@
 -- Records changes of resources. The keys are the items, in groups of five: action,
 -- resource, resource type, the word EventGroupId, group identifier.
 --
--- Each group becomes one entry of the stream &&EventStream, whose identifier is then
--- published on the channel &&EventStream/Announcements. Answers the number of entries,
--- or {"INVALID", reason} without recording anything.
+-- Each group becomes one entry of the stream &&EventStream, which keeps the latest 1000 or
+-- a few more; its identifier is then published on the channel &&EventStream/Announcements.
+-- Answers the number of entries, or {"INVALID", reason} without recording anything.
 
 local stream = '&&EventStream'
 local channel = stream .. '/Announcements'
+local maxEntries = 1000
 local groupSize = 5
 local actions = {add = true, change = true, delete = true}
 
@@ -27,7 +28,7 @@ for first = 1, #KEYS, groupSize do
 end
 
 for first = 1, #KEYS, groupSize do
-  local entry = redis.call('XADD', stream, '*',
+  local entry = redis.call('XADD', stream, 'MAXLEN', '~', maxEntries, '*',
     'Action', KEYS[first],
     'Resource', KEYS[first + 1],
     'ResourceType', KEYS[first + 2],

@@ -5,8 +5,9 @@
 -- Answers 1 when the entry was made, 0 when the log is full, 2 when entries of the
 -- message's severity are not wanted, {"INVALID", reason} when the input is of no use.
 --
--- The collection's hash holds the settings: &&MaxEntries (none: no limit) and
--- &&Severities, the wanted ones with a comma between (none: all).
+-- The collection's hash holds the settings: &&MaxEntries (none: no limit), &&WhenFull
+-- ("overwrite": the oldest entry makes room) and &&Severities, the wanted ones with a
+-- comma between (none: all).
 
 local messages = {
   ['AuditEvent.1.1.UserLogin'] = {severity = 'OK', text = 'User %1 logged in.'},
@@ -46,8 +47,16 @@ if severities and not (',' .. severities .. ','):find(',' .. message.severity ..
 end
 local members = '&&' .. collection .. '/Members'
 local maximum = tonumber(redis.call('HGET', collection, '&&MaxEntries') or '')
-if maximum and redis.call('LLEN', members) >= maximum then
+local full = maximum and redis.call('LLEN', members) >= maximum
+if full and redis.call('HGET', collection, '&&WhenFull') ~= 'overwrite' then
   return 0
+end
+if full then
+  local oldest = redis.call('RPOP', members)
+  if oldest then
+    redis.call('UNLINK', (oldest:gsub('^&&ObjectRef ', '')))
+    redis.call('HINCRBY', collection, 'Members@odata.count', -1)
+  end
 end
 
 local identifier = tostring(redis.call('HINCRBY', collection, '&&LastId', 1))
