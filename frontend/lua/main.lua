@@ -297,8 +297,6 @@ end
 
 -- Prepares a worker for its requests.
 function main.start()
-    -- Garbage may come to twice what is in use, rather than to as much, before it is collected.
-    collectgarbage("setpause", 300)
     log.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,

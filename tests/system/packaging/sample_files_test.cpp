@@ -102,6 +102,11 @@ TEST_F(SampleFiles, OfThePamServiceLetTheLocalAccountsIn) {
     const std::size_t at = service.find(module);
     ASSERT_NE(at, std::string::npos);
     service.replace(at, module.size(), " /usr/local/lib/security/pam_session_role.so");
+    // The groups are those that the packages make.
+    controller.writeFile("/etc/group", controller.readFile("/etc/group") +
+                                           "redfish-administrators:x:111:admin\n"
+                                           "redfish-operators:x:112:operator,expired\n"
+                                           "redfish-readonly:x:113:reader\n");
     start();
     usePamLines(service);
     for (const Account& account : {administrator, operatorAccount, reader, expired}) {
