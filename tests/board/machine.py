@@ -47,8 +47,9 @@ class Machine:
         self.process = None
         self.started = None
         self.script_port = self.https_port = self.http_port = None
+        # A memory card's size is a power of two; the file system is smaller.
         subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", disk.image,
-                        self.image], check=True)
+                        self.image, "1G"], check=True)
 
     def start(self, snapshot=None):
         """Boots, or goes on where the snapshot was made; returns when scripts can run."""
