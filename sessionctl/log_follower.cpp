@@ -35,8 +35,8 @@ std::uint64_t digestOfBeginning(const OpenLog& log, std::uint64_t offset) {
     constexpr std::uint64_t maxBytes = 64;
     std::array<char, maxBytes> bytes{};
     std::rewind(log.file.get());
-    const std::size_t count =
-        std::fread(bytes.data(), 1, std::min(offset, maxBytes), log.file.get());
+    const std::size_t wanted = static_cast<std::size_t>(std::min(offset, maxBytes));
+    const std::size_t count = std::fread(bytes.data(), 1, wanted, log.file.get());
     // FNV-1a
     std::uint64_t digest = 0xcbf29ce484222325;
     for (std::size_t i = 0; i < count; ++i) {

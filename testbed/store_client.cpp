@@ -189,7 +189,7 @@ std::optional<Value> StoreClient::next(Deadline end) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
         pollfd readable{connection->fd, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(std::max<long>(left.count(), 0))) == 0) {
+        if (poll(&readable, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 0) {
             return std::nullopt;
         }
         if (redisBufferRead(connection.get()) != REDIS_OK) {

@@ -1,7 +1,6 @@
 #include "events/audit_log.h"
 
 #include <array>
-#include <chrono>
 #include <ctime>
 #include <vector>
 
@@ -46,10 +45,11 @@ void logAnswer(const store::ScriptAnswer& answer) {
 }  // namespace
 
 std::string currentTimestamp() {
-    const std::time_t now = std::chrono::system_clock::to_time_t(
-        std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
+    // Not the C++ library's clock: on a 32-bit machine that may end in 2038.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
     std::tm local{};
-    toLocalTime(now, local);
+    toLocalTime(now.tv_sec, local);
     std::array<char, 64> formatted{};
     std::string text(formatted.data(),
                      std::strftime(formatted.data(), formatted.size(), "%FT%T%z", &local));

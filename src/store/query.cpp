@@ -1,5 +1,6 @@
 #include "store/query.h"
 
+#include <sys/socket.h>
 #include <sys/time.h>
 
 #include "store/reply.h"
@@ -56,7 +57,12 @@ int descriptorOf(const redisContext* connection) {
 }
 
 bool limitWaits(redisContext* connection, std::chrono::seconds limit) {
-    return redisSetTimeout(connection, timeval{.tv_sec = limit.count(), .tv_usec = 0}) == REDIS_OK;
+    // Not redisSetTimeout(): on a 32-bit machine the library's timeval may be smaller than ours.
+    const timeval wait{.tv_sec = static_cast<time_t>(limit.count()), .tv_usec = 0};
+    const auto limitOption = [&](int option) {
+        return setsockopt(connection->fd, SOL_SOCKET, option, &wait, sizeof wait) == 0;
+    };
+    return limitOption(SO_RCVTIMEO) && limitOption(SO_SNDTIMEO);
 }
 
 }  // namespace session_service::store

@@ -26,6 +26,19 @@ LockScript* script = nullptr;
 
 // The names are the linker's.
 extern "C" {
+#ifdef __USE_TIME_BITS64
+// Where a 32-bit machine's times have 64 bits, the C library calls them otherwise.
+int __real_pthread_mutex_clocklock(
+    pthread_mutex_t* mutex, clockid_t clock,
+    const timespec* end) __asm__("__real___pthread_mutex_clocklock64");
+int __wrap_pthread_mutex_clocklock(
+    pthread_mutex_t* mutex, clockid_t clock,
+    const timespec* end) __asm__("__wrap___pthread_mutex_clocklock64");
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* end,
+                           timespec* left) __asm__("__real___clock_nanosleep_time64");
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* end,
+                           timespec* left) __asm__("__wrap___clock_nanosleep_time64");
+#endif
 int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* end);
 int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* end, timespec* left);

@@ -15,6 +15,13 @@ std::optional<long> uptime;
 
 // The names are the linker's.
 extern "C" {
+#ifdef __USE_TIME_BITS64
+// Where a 32-bit machine's times have 64 bits, the C library calls them otherwise.
+int __real_gettimeofday(timeval* now, void* zone) __asm__("__real___gettimeofday64");
+int __wrap_gettimeofday(timeval* now, void* zone) __asm__("__wrap___gettimeofday64");
+std::time_t __real_time(std::time_t* now) __asm__("__real___time64");
+std::time_t __wrap_time(std::time_t* now) __asm__("__wrap___time64");
+#endif
 int __real_gettimeofday(timeval* now, void* zone);
 std::time_t __real_time(std::time_t* now);
 int __real_sysinfo(struct sysinfo* info);

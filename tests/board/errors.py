@@ -1,0 +1,9 @@
+"""What ends the check with a sentence rather than a trace."""
+
+
+class Failure(Exception):
+    """Something that was to be shown is not so, or a machine does not do what it must."""
+
+
+class Missing(Exception):
+    """This computer cannot do it at all."""
