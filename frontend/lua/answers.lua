@@ -43,8 +43,9 @@ end
 
 -- Subscribes and delivers answers until the worker may end. Raises what goes wrong.
 local function listen(lost)
-    local subscription = store.subscribe(prefix .. "*")
-    subscription:set_timeout(idleMilliseconds)
+    local subscription = store.connect()
+    store.run(subscription, "PSUBSCRIBE", prefix .. "*")
+    subscription.socket:settimeout(idleMilliseconds)
     isOpen = true
     -- Their answers may have come while nobody listened.
     while #lost > 0 do
@@ -52,9 +53,9 @@ local function listen(lost)
     end
     while not mayEnd() do
         if ngx.worker.exiting() then
-            subscription:set_timeout(endMilliseconds)
+            subscription.socket:settimeout(endMilliseconds)
         end
-        local message, failure = subscription:read_reply()
+        local message, failure = store.receive(subscription)
         local channel = message and message[3]
         local answer = expected[channel]
         if answer then
@@ -67,7 +68,7 @@ local function listen(lost)
             error(failure)
         end
     end
-    subscription:close()
+    subscription.socket:close()
 end
 
 local function run()

@@ -1,5 +1,4 @@
 -- Connections to the store: commands, several of them in one round trip, and scripts.
-local redis = require "nginx.redis"
 local cjson = require("cjson").new()
 local contract = require "contract"
 local files = require "files"
@@ -12,6 +11,7 @@ local store = {}
 local timeoutMilliseconds = 5000
 local idleMilliseconds = 60000
 local maxIdleConnections = 32
+local maxBytesAtOnce = 65536
 
 -- Raises a failure of the store: `code` is the first word of an error reply, nil when the
 -- connection failed.
@@ -24,47 +24,117 @@ function store.hasFailed(problem)
     return type(problem) == "table" and problem.storeFailure == true
 end
 
--- Returns the first word of an error reply, nil for any other reply. To the library, an error is
--- false with its text.
-local function codeOf(reply)
-    return type(reply) == "table" and reply[1] == false and reply[2]:match("^%S*") or nil
+local function encode(words)
+    local parts = { "*" .. #words .. "\r\n" }
+    for i, word in ipairs(words) do
+        word = tostring(word)
+        parts[i + 1] = "$" .. #word .. "\r\n" .. word .. "\r\n"
+    end
+    return table.concat(parts)
 end
 
--- Returns a reply with false for what is absent. Raises the failure that it is, unless a key has
--- another type than the command's: that is as good as absent.
-local function valueOf(reply)
-    local code = codeOf(reply)
-    if code == "WRONGTYPE" then
-        return false
-    elseif code then
-        fail(code, reply[2])
-    elseif type(reply) == "table" then
-        for i, element in ipairs(reply) do
-            reply[i] = element ~= ngx.null and element
+-- Reads one reply from a text: returns the position behind it and the reply. Returns nothing when
+-- the text ends too early. What is absent is false, an error a table with the field failure.
+local function decode(text, position)
+    local lineEnd = text:find("\r\n", position, true)
+    if not lineEnd then
+        return nil
+    end
+    local kind = text:sub(position, position)
+    local line = text:sub(position + 1, lineEnd - 1)
+    position = lineEnd + 2
+    if kind == "+" then
+        return position, line
+    elseif kind == "-" then
+        return position, { failure = line }
+    end
+    local number = tonumber(line)
+    if kind == ":" then
+        return position, number
+    elseif number < 0 then
+        return position, false
+    elseif kind == "$" then
+        if #text < position + number + 1 then
+            return nil
+        end
+        return position + number + 2, text:sub(position, position + number - 1)
+    end
+    local elements = {}
+    for i = 1, number do
+        position, elements[i] = decode(text, position)
+        if not position then
+            return nil
         end
     end
-    return reply ~= ngx.null and reply
+    return position, elements
+end
+
+-- Receives the next reply. Returns nil and why when none comes: what has come of it is kept.
+function store.receive(connection)
+    while true do
+        local position, reply = decode(connection.received, 1)
+        if position then
+            connection.received = connection.received:sub(position)
+            return reply
+        end
+        local bytes, failure = connection.socket:receiveany(maxBytesAtOnce)
+        if not bytes then
+            return nil, failure
+        end
+        connection.received = connection.received .. bytes
+    end
+end
+
+local function send(connection, text)
+    local sent, failure = connection.socket:send(text)
+    if not sent then
+        fail(nil, failure)
+    end
+end
+
+local function receive(connection)
+    local reply, failure = store.receive(connection)
+    if reply == nil then
+        fail(nil, failure)
+    end
+    return reply
+end
+
+-- Returns what a reply means. Raises the failure that it is, unless a key has another type than the
+-- command's: that is as good as absent.
+local function valueOf(reply)
+    local failure = type(reply) == "table" and reply.failure
+    if not failure then
+        return reply or nil
+    end
+    local code = failure:match("^%S*")
+    if code ~= "WRONGTYPE" then
+        fail(code, failure)
+    end
+    return nil
 end
 
 -- Sends commands, each a list of words, in one round trip. Returns their replies in order: texts,
 -- numbers, lists, and false for what is absent or of another type than the command's. A script that
 -- the store does not know yet is sent to it.
 function store.runAll(connection, commands)
-    connection:init_pipeline(#commands)
-    for _, command in ipairs(commands) do
-        connection[command[1]](connection, unpack(command, 2))
+    local texts = {}
+    for i, command in ipairs(commands) do
+        texts[i] = encode(command)
     end
-    local replies, failure = connection:commit_pipeline()
-    if not replies then
-        fail(nil, failure)
+    send(connection, table.concat(texts))
+    local replies = {}
+    for i in ipairs(commands) do
+        replies[i] = receive(connection)
     end
     for i, command in ipairs(commands) do
-        if command.source and codeOf(replies[i]) == "NOSCRIPT" then
-            local whole = { "EVAL", command.source, unpack(command, 3) }
-            replies[i] = store.runAll(connection, { whole })[1]
-        else
-            replies[i] = valueOf(replies[i])
+        local reply = replies[i]
+        if command.source and type(reply) == "table" and reply.failure
+            and reply.failure:find("^NOSCRIPT") then
+            send(connection, encode({ "EVAL", command.source, unpack(command, 3) }))
+            reply = receive(connection)
         end
+        replies[i] = valueOf(reply) or false
     end
     return replies
 end
@@ -74,29 +144,19 @@ function store.run(connection, ...)
     return store.runAll(connection, { { ... } })[1] or nil
 end
 
--- Returns an open connection, as the library has it, for one request or timer at a time.
+-- Returns an open connection, for one request or timer at a time.
 function store.connect()
-    local connection = redis:new()
-    connection:set_timeout(timeoutMilliseconds)
-    local connected, failure = connection:connect("unix:" .. settings.storeSocket)
+    local connection = { socket = ngx.socket.tcp(), received = "" }
+    connection.socket:settimeout(timeoutMilliseconds)
+    local connected, failure = connection.socket:connect("unix:" .. settings.storeSocket)
     if not connected then
         fail(nil, failure)
     end
-    if connection:get_reused_times() == 0 then
+    if connection.socket:getreusedtimes() == 0 then
         local password = (files.read(settings.storePasswordFile) or ""):gsub("\n$", "")
         if password ~= "" then
             store.run(connection, "AUTH", password)
         end
-    end
-    return connection
-end
-
--- Returns a connection whose read_reply hears what is published on the channels of a pattern.
-function store.subscribe(pattern)
-    local connection = store.connect()
-    local confirmed, failure = connection:psubscribe(pattern)
-    if not confirmed then
-        fail(codeOf({ confirmed, failure }), failure)
     end
     return connection
 end
@@ -107,9 +167,9 @@ function store.with(action)
     local succeeded, result = pcall(action, connection)
     if not succeeded or ngx.worker.exiting() then
         -- A reply may still be under way on it, or the pool has been closed already.
-        connection:close()
+        connection.socket:close()
     else
-        connection:set_keepalive(idleMilliseconds, maxIdleConnections)
+        connection.socket:setkeepalive(idleMilliseconds, maxIdleConnections)
     end
     if not succeeded then
         error(result, 0)

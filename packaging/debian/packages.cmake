@@ -60,7 +60,7 @@ its Lua module: a reference, for a controller that has no front end of its own.
 Installing this package starts nothing; session-service-setup(8) does.")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_DEPENDS
-    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, lua-nginx-redis, openssl, systemd | systemd-standalone-sysusers | systemd-sysusers")
+    "nginx, libnginx-mod-http-lua, lua-cjson, lua-luaossl, openssl, systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_RECOMMENDS "session-service, logrotate")
 set(CPACK_DEBIAN_SESSION-SERVICE-FRONTEND_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/session-service-frontend/conffiles

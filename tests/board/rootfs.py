@@ -13,7 +13,7 @@ here = pathlib.Path(__file__).resolve().parent
 suite = "bookworm"
 packages = """
     systemd systemd-sysv udev dbus kmod iproute2 procps libpam-modules libpam-runtime
-    redis-server redis-tools nginx libnginx-mod-http-lua lua-cjson lua-luaossl lua-nginx-redis
+    redis-server redis-tools nginx libnginx-mod-http-lua lua-cjson lua-luaossl
     openssl libhiredis0.14 libssl3 libstdc++6 curl ca-certificates logrotate
 """.split()
 left_out = ("/usr/share/man/*", "/usr/share/locale/*", "/usr/share/doc/*", "/usr/share/info/*")
