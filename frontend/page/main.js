@@ -169,7 +169,8 @@ async function read(reader) {
     reader.mayConfigure = status === 0 || status >= 500 ? null : status !== 403;
   }
   const members = Array.isArray(collection.body.Members) ? collection.body.Members : [];
-  const uris = members.map((member) => member?.["@odata.id"]).filter(isSessionUri);
+  // The latest first.
+  const uris = members.map((member) => member?.["@odata.id"]).filter(isSessionUri).reverse();
   const found = await Promise.all(uris.slice(0, maxShown).map((uri) =>
     reader.known.get(uri) ?? readSession(reader, uri)));
   const present = found.filter(Boolean);
@@ -178,7 +179,7 @@ async function read(reader) {
   reader.service = settings.body;
   reader.etag = settings.header("ETag");
   reader.timeout ??= Number(settings.body.SessionTimeout);
-  // A session keeps its place, a new one gets the first that is free. The newest comes first.
+  // A session keeps its place, a new one gets the first that is free.
   reader.places = reader.places.map((session) => reader.known.get(session?.uri) ?? null);
   for (const session of present.filter(({ takesPlace }) => takesPlace).reverse()) {
     const free = reader.places.indexOf(null);

@@ -1,13 +1,15 @@
 -- Records changes of resources. The keys are the items, in groups of five: action,
 -- resource, resource type, the word EventGroupId, group identifier.
 --
--- Each group becomes one entry of the stream &&EventStream, which keeps the latest 1000 or
--- a few more; its identifier is then published on the channel &&EventStream/Announcements.
+-- Each group becomes one entry of the stream &&EventStream; its identifier is then published on
+-- the channel &&EventStream/Announcements. The stream keeps the latest entries: as many as the
+-- field &&MaxEntries of the event service says (none: 1000), or a few more.
 -- Answers the number of entries, or {"INVALID", reason} without recording anything.
 
 local stream = '&&EventStream'
 local channel = stream .. '/Announcements'
-local maxEntries = 1000
+local setting = redis.pcall('HGET', '/redfish/v1/EventService', '&&MaxEntries')
+local maxEntries = tonumber(setting or '') or 1000
 local groupSize = 5
 local actions = {add = true, change = true, delete = true}
 

@@ -45,7 +45,9 @@ class Concurrency : public RunningSystemTest {
     void SetUp() override {
         RunningSystemTest::SetUp();
         usePamTest("env=PRIVILEGES=511");
-        store().hset(auditLog, {{"&&MaxEntries", "1000000"}});
+        for (const char* records : {auditLog, "/redfish/v1/EventService"}) {
+            store().hset(records, {{"&&MaxEntries", "1000000"}});
+        }
     }
 
     // Logs in and out in disorder until told to stop: some sessions at once, some that

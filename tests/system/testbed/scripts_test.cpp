@@ -54,7 +54,15 @@ TEST_F(ResourceChange, KeepsTheLatestEntriesOnly) {
     EXPECT_EQ(latest.elements.at(0).elements.at(1).elements.back().text, "3000");
 }
 
-TEST_F(ResourceChange, AnnouncesEachEntry) {
+TEST_F(ResourceChange, KeepsAsManyEntriesAsTheEventServiceSays) {
+    store().hset("/redfish/v1/EventService", {{"&&MaxEntries", "2000"}});
+    for (int i = 1; i <= 2000; ++i) {
+        change({"change", "/a", "Session", "EventGroupId", std::to_string(i)});
+    }
+    EXPECT_EQ(store().run({"XLEN", "&&EventStream"}).integer, 2000);
+}
+
+TEST_F(ResourceChange, PublishesEachEntry) {
     StoreClient listener = controller.connect();
     listener.subscribe("&&EventStream/Announcements");
     change({"delete", "/a", "Session", "EventGroupId", "8"});
