@@ -25,7 +25,7 @@ constexpr long maxRows = 30;
 constexpr long allowedGrowth = 512;           // KiB, of the daemon
 constexpr long allowedFrontEndGrowth = 2048;  // KiB, from the second third to the last one
 constexpr long allowedStoreGrowth = 1024;     // KiB
-constexpr long maxFrontEnd = 24 * 1024;       // KiB
+constexpr long maxFrontEnd = 24576;           // KiB
 constexpr const char* keptEntries = "100";
 constexpr int columnWidth = 10;
 constexpr std::array errorLevels{"[error]", "[crit]", "[alert]", "[emerg]"};

@@ -51,8 +51,9 @@ class Soak {
     void count(std::size_t column) { ++done.at(column); }
     const char* nameOf(std::size_t column) const { return columnNames.at(column); }
 
-    testbed::Controller controller;
-    std::optional<testbed::WebFrontEnd> web;
+    testbed::Controller& host() { return controller; }
+    // Only there with FrontEnd::nginx.
+    const testbed::WebFrontEnd& frontEnd() const { return web.value(); }
 
   private:
     std::vector<std::jthread> start();
@@ -68,6 +69,8 @@ class Soak {
                const Footprint& before, const std::vector<Footprint>& rows, const Footprint& after);
     void checkFrontEnd(testbed::Checks& checks, const std::vector<Footprint>& rows) const;
 
+    testbed::Controller controller;
+    std::optional<testbed::WebFrontEnd> web;
     std::vector<const char*> columnNames;
     std::vector<std::atomic<long>> done;
     std::optional<testbed::StoreClient> store;

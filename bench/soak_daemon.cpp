@@ -55,8 +55,8 @@ Reply DaemonSoak::ask(testbed::StoreClient& client, testbed::Request request, Co
 }
 
 void DaemonSoak::loginRounds(bool refusals) {
-    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
-    testbed::StoreClient client = controller.connect();
+    testbed::FakeFrontEnd frontEnd = host().frontEnd();
+    testbed::StoreClient client = host().connect();
     const testbed::Account& account = testbed::administrator;
     int number = 0;
     repeat([&] {
@@ -71,8 +71,8 @@ void DaemonSoak::loginRounds(bool refusals) {
 }
 
 void DaemonSoak::changeRounds() {
-    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
-    testbed::StoreClient client = controller.connect();
+    testbed::FakeFrontEnd frontEnd = host().frontEnd();
+    testbed::StoreClient client = host().connect();
     int number = 0;
     repeat([&] {
         ask(client,
@@ -83,8 +83,8 @@ void DaemonSoak::changeRounds() {
 
 // Sessions of clients that went away.
 void DaemonSoak::expiryRounds() {
-    testbed::FakeFrontEnd frontEnd = controller.frontEnd();
-    testbed::StoreClient client = controller.connect();
+    testbed::FakeFrontEnd frontEnd = host().frontEnd();
+    testbed::StoreClient client = host().connect();
     const testbed::Account& account = testbed::operatorAccount;
     repeat([&] {
         Words sessions;

@@ -68,8 +68,8 @@ class FrontEndSoak : public Soak {
 };
 
 HttpClient FrontEndSoak::clientAt(std::size_t host) const {
-    return HttpClient({.url = web->url(),
-                       .certificatePath = web->certificatePath(),
+    return HttpClient({.url = frontEnd().url(),
+                       .certificatePath = frontEnd().certificatePath(),
                        .sourceAddress = "127.0.1." + std::to_string(host)});
 }
 
