@@ -80,14 +80,14 @@ TEST_F(PageLogin, SaysWhichLimitLeavesNoPlaceForOneUser) {
     insertSessions(1, reader);
     enter(browser(), operatorAccount);
     expectLoginMessage(browser(), "for users who can configure the manager");
-    EXPECT_EQ(store().llen(membersKey), 7);
+    waitUntil("the refused session is gone", [this] { return store().llen(membersKey) == 7; });
 }
 
 TEST_F(PageLogin, SaysThatThePasswordHasToBeChangedAndTakesNoPlace) {
     enter(browser(), expired);
     expectLoginMessage(browser(), "Your password has to be changed first.");
     EXPECT_THAT(browser().text("#login-message"), HasSubstr("Change it where"));
-    EXPECT_EQ(store().llen(membersKey), 0);
+    waitUntil("the session is gone", [this] { return store().llen(membersKey) == 0; });
     EXPECT_THAT(tokens(), IsEmpty());
 }
 

@@ -56,7 +56,7 @@ TEST_F(Testbed, TellsTheEndOfTheDaemonByASignal) {
     expectExitStatus(ending);
 }
 
-TEST_F(Testbed, PlantsSessionsThatTheDaemonTakesForItsOwn) {
+TEST_F(Testbed, InsertsSessionsThatTheDaemonTakesForItsOwn) {
     const InsertedSession inserted = frontEnd().insertSession();
     EXPECT_EQ(frontEnd().remove(inserted.uri).status(), "OK_EMPTY");
     EXPECT_EQ(store().hget(sessionsUri, "Members@odata.count"), "0");
