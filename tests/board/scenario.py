@@ -332,7 +332,8 @@ def purge(scenario):
     scenario.run("".join(f"gpasswd --delete {user} {group}\n"
                          for user, group in account_groups.items() if group) +
                  f"apt-get purge --yes --quiet {names}")
-    not_ours = re.compile(r"^/(var/(lib/(dpkg|apt|systemd|nginx|redis|logrotate)|cache|log|backups)|"
+    not_ours = re.compile(r"^/(var/(lib/(dpkg|apt|systemd|nginx|redis|logrotate)|cache|log|backups|"
+                          r"tmp/systemd-private-)|"
                           r"etc/(passwd|group|shadow|gshadow|subuid|subgid)-?$|lost\+found)")
     left = sorted(path for path in list_files(scenario) - scenario.files
                   if not not_ours.match(path) or "session-service" in path)
