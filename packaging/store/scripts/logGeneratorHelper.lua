@@ -41,21 +41,22 @@ if redis.call('TYPE', collection).ok ~= 'hash' then
   return invalid('No log entry collection ' .. collection .. '.')
 end
 
-local severities = redis.call('HGET', collection, '&&Severities')
+local severities, maximum, whenFull =
+  unpack(redis.call('HMGET', collection, '&&Severities', '&&MaxEntries', '&&WhenFull'))
 if severities and not (',' .. severities .. ','):find(',' .. message.severity .. ',', 1, true) then
   return 2
 end
 local members = '&&' .. collection .. '/Members'
-local maximum = tonumber(redis.call('HGET', collection, '&&MaxEntries') or '')
-local full = maximum and redis.call('LLEN', members) >= maximum
-if full and redis.call('HGET', collection, '&&WhenFull') ~= 'overwrite' then
-  return 0
-end
-if full then
+maximum = tonumber(maximum or '')
+local added = 1
+if maximum and redis.call('LLEN', members) >= maximum then
+  if whenFull ~= 'overwrite' then
+    return 0
+  end
   local oldest = redis.call('RPOP', members)
   if oldest then
     redis.call('UNLINK', (oldest:gsub('^&&ObjectRef ', '')))
-    redis.call('HINCRBY', collection, 'Members@odata.count', -1)
+    added = 0
   end
 end
 
@@ -63,17 +64,19 @@ local identifier = tostring(redis.call('HINCRBY', collection, '&&LastId', 1))
 local entry = collection .. '/' .. identifier
 redis.call('HSET', entry,
   '@odata.id', json(entry),
-  '@odata.type', json('#LogEntry.v1_9_0.LogEntry'),
-  'Id', json(identifier),
-  'Name', json('Log Entry'),
-  'EntryType', json('Event'),
+  '@odata.type', '"#LogEntry.v1_9_0.LogEntry"',
+  'Id', '"' .. identifier .. '"',
+  'Name', '"Log Entry"',
+  'EntryType', '"Event"',
   'Created', json(timeStamp),
-  'Severity', json(message.severity),
+  'Severity', '"' .. message.severity .. '"',
   'Message', json((message.text:gsub('%%1', function() return argument end))),
-  'MessageId', json(messageId),
-  'MessageArgs', json({argument}),
-  'Links', json({OriginOfCondition = {['@odata.id'] = origin}}),
+  'MessageId', '"' .. messageId .. '"',
+  'MessageArgs', '[' .. json(argument) .. ']',
+  'Links', '{"OriginOfCondition":{"@odata.id":' .. json(origin) .. '}}',
   '&&AllowMethod', 'GET,HEAD')
 redis.call('LPUSH', members, '&&ObjectRef ' .. entry)
-redis.call('HINCRBY', collection, 'Members@odata.count', 1)
+if added > 0 then
+  redis.call('HINCRBY', collection, 'Members@odata.count', added)
+end
 return 1
