@@ -16,23 +16,28 @@ class Board:
     disk_options: tuple[str, ...]
     network_options: tuple[str, ...]
     memory: str
+    further_packages: tuple[str, ...] = ()
 
 
-def virtual(machine, name, architecture, emulator, console, kernel):
+def virtual(machine, name, architecture, emulator, console, kernel, further_packages=()):
     return Board(
         name=name, architecture=architecture, emulator=emulator, kernel=kernel, device_tree=None,
         modules=("virtio_pci", "virtio_blk", "virtio_net", "virtio_rng", "ext4"), console=console,
         disk="/dev/vda", qemu=machine,
         disk_options=("-device", "virtio-blk-pci,drive=disk"),
         network_options=("-device", "virtio-net-pci,netdev=net,romfile=", "-device", "virtio-rng-pci"),
-        memory="128M")
+        memory="128M", further_packages=further_packages)
 
+
+amd64 = ("qemu-system-x86_64", "-M", "q35", "-cpu", "max", "-smp", "2")
 
 boards = {board.name: board for board in (
     virtual(("qemu-system-aarch64", "-M", "virt", "-cpu", "cortex-a53", "-smp", "2"),
             "arm64", "arm64", "qemu-aarch64", "ttyAMA0", "linux-image-cloud-arm64"),
-    virtual(("qemu-system-x86_64", "-M", "q35", "-cpu", "max", "-smp", "2"),
-            "amd64", "amd64", None, "ttyS0", "linux-image-cloud-amd64"),
+    virtual(amd64, "amd64", "amd64", None, "ttyS0", "linux-image-cloud-amd64"),
+    # Two of these; Ansible needs Python on them.
+    virtual(amd64, "fleet", "amd64", None, "ttyS0", "linux-image-cloud-amd64",
+            ("openssh-server", "python3")),
     Board(
         name="ast2600", architecture="armhf", emulator="qemu-arm", kernel="linux-image-armmp",
         device_tree="aspeed-ast2600-evb.dtb",

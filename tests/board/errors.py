@@ -7,3 +7,8 @@ class Failure(Exception):
 
 class Missing(Exception):
     """This computer cannot do it at all."""
+
+
+def must(holds, what):
+    if not holds:
+        raise Failure(what)

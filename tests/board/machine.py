@@ -46,17 +46,18 @@ class Machine:
         self.mount_options = "defaults"
         self.process = None
         self.started = None
-        self.script_port = self.https_port = self.http_port = None
+        self.script_port = self.https_port = self.http_port = self.ssh_port = None
         # A memory card's size is a power of two; the file system is smaller.
         subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "raw", "-b", disk.image,
                         self.image, "1G"], check=True)
 
     def start(self, snapshot=None):
         """Boots, or goes on where the snapshot was made; returns when scripts can run."""
-        self.script_port, self.https_port, self.http_port = free_ports(3)
+        self.script_port, self.https_port, self.http_port, self.ssh_port = free_ports(4)
         forwards = "".join(
             f",hostfwd=tcp:127.0.0.1:{outside}-:{inside}" for outside, inside in
-            ((self.script_port, 2222), (self.https_port, 443), (self.http_port, 80)))
+            ((self.script_port, 2222), (self.https_port, 443), (self.http_port, 80),
+             (self.ssh_port, 22)))
         on_card = self.board.disk_options == ("sd",)
         drive = f"file={self.image},format=qcow2,cache=writeback," + (
             "if=sd,index=2" if on_card else "if=none,id=disk")

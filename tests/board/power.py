@@ -10,7 +10,7 @@ import threading
 import time
 
 from client import Client, service
-from errors import Failure
+from errors import Failure, must
 from machine import until
 from scenario import properties
 
@@ -122,4 +122,4 @@ def cut_often(machine, scenario, count, seed, mends):
     machine.start()
     scenario.session = scenario.login()
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": 4321})
-    scenario.must(scenario.property() == "4321", "Changes are no longer kept.")
+    must(scenario.property() == "4321", "Changes are no longer kept.")

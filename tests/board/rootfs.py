@@ -1,4 +1,4 @@
-"""Debian with all that the packages need, but not the packages: a root file system for one processor,
+"""Debian with all that the packages need, but not the packages: a root file system for one kind of board,
 and the kernel. Making it takes minutes, so it is kept, named after what it was made of."""
 import hashlib
 import pathlib
@@ -22,11 +22,11 @@ left_out = ("/usr/share/man/*", "/usr/share/locale/*", "/usr/share/doc/*", "/usr
 def made(cache, board, log):
     """A folder of CACHE with root.tar, kernel.deb and busybox.deb; makes it when it is not there. What
     the programs print goes to LOG."""
-    made_of = repr((suite, packages, left_out, board.kernel)).encode()
-    folder = cache / f"root-{board.architecture}-{hashlib.sha256(made_of).hexdigest()[:12]}"
+    made_of = repr((suite, [*packages, *board.further_packages], left_out, board.kernel)).encode()
+    folder = cache / f"root-{board.name}-{hashlib.sha256(made_of).hexdigest()[:12]}"
     if not folder.exists():
         cache.mkdir(parents=True, exist_ok=True)
-        for old in cache.glob(f"root-{board.architecture}-*"):
+        for old in cache.glob(f"root-{board.name}-*"):
             shutil.rmtree(old)
         with tempfile.TemporaryDirectory(dir=cache) as temporary:
             new = pathlib.Path(temporary) / "new"
@@ -72,7 +72,8 @@ def bootstrap(folder, board, lines, log):
     with namespace.entered(board.emulator) as inside:
         inside.run(
             ["mmdebstrap", "--mode=root", "--variant=minbase",
-             f"--architectures={board.architecture}", f"--include={','.join(packages)}",
+             f"--architectures={board.architecture}",
+             f"--include={','.join([*packages, *board.further_packages])}",
              *(f"--dpkgopt=path-exclude={path}" for path in left_out), *download_options(),
              f'--customize-hook="{here}/guest/download" {board.kernel} "{folder}"',
              suite, folder / "root.tar", folder / "sources"],

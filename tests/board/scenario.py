@@ -11,7 +11,7 @@ import tempfile
 import time
 
 from client import Client, service, sessions
-from errors import Failure
+from errors import Failure, must
 from machine import until
 
 service_limit = 300
@@ -52,7 +52,7 @@ class Scenario:
                     status, session = client.try_login(user, self.passwords[user])
             except (OSError, http.client.HTTPException):
                 return None
-            self.must(session or status == 503, f"The login of {user}: {status}")
+            must(session or status == 503, f"The login of {user}: {status}")
             return session
 
         return until("Somebody can log in", service_limit, attempt)
@@ -74,10 +74,6 @@ class Scenario:
         """The timeout that the property file holds, as text."""
         found = re.findall(r"^SessionTimeout=(.*)$", self.run(f"cat {properties}"), re.MULTILINE)
         return found[0] if len(found) == 1 else None
-
-    def must(self, holds, what):
-        if not holds:
-            raise Failure(what)
 
 
 def install(scenario):
@@ -110,14 +106,14 @@ def set_up(scenario):
                  "".join(f"{user}:{word}\n" for user, word in scenario.passwords.items()).encode())
     scenario.run("session-service-setup")
     again = scenario.run("session-service-setup")
-    scenario.must("Everything is set up already." in again, f"It does things twice:\n{again}")
+    must("Everything is set up already." in again, f"It does things twice:\n{again}")
 
 
 def log_in(scenario):
     """A local account logs in over HTTPS"""
     scenario.session = scenario.login()
     members = scenario.expect(200, "GET", sessions, scenario.session)
-    scenario.must(members["Members@odata.count"] == 1, f"Not one session: {members}")
+    must(members["Members@odata.count"] == 1, f"Not one session: {members}")
 
 
 def refuse(scenario):
@@ -125,9 +121,9 @@ def refuse(scenario):
     with scenario.client() as client:
         for user, password in (("anna", "wrong"), ("nobody", scenario.passwords["anna"])):
             status, _ = client.try_login(user, password)
-            scenario.must(status == 401, f"{user} with a wrong password: {status}")
+            must(status == 401, f"{user} with a wrong password: {status}")
         status, _ = client.try_login("rita", scenario.passwords["rita"])
-        scenario.must(status in (401, 403), f"An account without a role: {status}")
+        must(status in (401, 403), f"An account without a role: {status}")
 
 
 def use_roles(scenario):
@@ -136,17 +132,17 @@ def use_roles(scenario):
     scenario.expect(200, "GET", service, olaf)
     scenario.expect(403, "PATCH", service, olaf, {"SessionTimeout": timeout + 1})
     scenario.logout(olaf)
-    scenario.must(not scenario.is_alive(olaf), "A session lives on after its logout.")
+    must(not scenario.is_alive(olaf), "A session lives on after its logout.")
     changed = scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": timeout})
-    scenario.must(changed["SessionTimeout"] == timeout, f"The change is not shown: {changed}")
-    scenario.must(scenario.property() == str(timeout), "The property file does not hold the change.")
+    must(changed["SessionTimeout"] == timeout, f"The change is not shown: {changed}")
+    must(scenario.property() == str(timeout), "The property file does not hold the change.")
 
 
 def check(scenario):
     """sessionctl check has nothing to object to"""
     status, output = scenario.machine.attempt("sessionctl check")
     bad = [line for line in output.splitlines() if line.startswith(("warning", "FAILED"))]
-    scenario.must(not bad and status == 0, f"Status {status}:\n{output}")
+    must(not bad and status == 0, f"Status {status}:\n{output}")
 
 
 def measure_exposure(scenario):
@@ -158,7 +154,7 @@ def measure_exposure(scenario):
         overall = scenario.run(f"systemd-analyze security --no-pager {unit} | tail -n 1")
         exposure = float(re.search(r"([0-9.]+) [A-Z]+", overall).group(1))
         scenario.report.append(f"  {unit:40} exposure {exposure}")
-        scenario.must(exposure <= worst, f"{unit} is exposed: {exposure} of 10, not {worst}")
+        must(exposure <= worst, f"{unit} is exposed: {exposure} of 10, not {worst}")
 
 
 def measure_memory(scenario):
@@ -186,22 +182,40 @@ def lose_the_store(scenario):
     scenario.run("systemctl stop session-service-store.service")
     scenario.run("systemctl start session-service-store.service")
     scenario.session = scenario.login()
-    scenario.must(not scenario.is_alive(old), "A session outlived the store.")
+    must(not scenario.is_alive(old), "A session outlived the store.")
     shown = scenario.expect(200, "GET", service, scenario.session)["SessionTimeout"]
-    scenario.must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
+    must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
     members = scenario.expect(200, "GET", sessions, scenario.session)["Members"]
-    scenario.must([member["@odata.id"] for member in members] == [scenario.session.uri],
-                  f"There are other sessions: {members}")
+    must([member["@odata.id"] for member in members] == [scenario.session.uri],
+         f"There are other sessions: {members}")
     processes = scenario.run("pgrep --exact session-service").split()
-    scenario.must(len(processes) == 1, f"There are {len(processes)} session services.")
+    must(len(processes) == 1, f"There are {len(processes)} session services.")
     check(scenario)
+
+
+def seed_slowly(scenario):
+    """Seeding the store is slow: the service waits for it"""
+    scenario.run(r"""
+        folder=/run/systemd/system/session-service-seed.service.d
+        mkdir -p $folder
+        printf '[Service]\nExecStartPre=sleep 5\n' >$folder/slow.conf
+        systemctl daemon-reload
+        systemctl restart session-service-store.service""")
+    scenario.session = scenario.login()
+    seeded, started = (int(scenario.run(f"systemctl show --value --property={what} {unit}.service"))
+                       for unit, what in (("session-service-seed", "ActiveEnterTimestampMonotonic"),
+                                          ("session-service", "ExecMainStartTimestampMonotonic")))
+    must(seeded < started, f"Seeded after {seeded} us, and the service has run since {started} us.")
+    shown = scenario.expect(200, "GET", service, scenario.session)["SessionTimeout"]
+    must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
+    scenario.run("rm -r /run/systemd/system/session-service-seed.service.d; systemctl daemon-reload")
 
 
 def kill_the_daemon(scenario):
     """The service is killed: the sessions stay"""
     scenario.run("systemctl kill --kill-whom=main --signal=KILL session-service.service")
     scenario.logout(scenario.login())
-    scenario.must(scenario.is_alive(scenario.session), "A session went with the process.")
+    must(scenario.is_alive(scenario.session), "A session went with the process.")
 
 
 def lose_threads(scenario):
@@ -212,12 +226,12 @@ def lose_threads(scenario):
             redis-cli -s /run/session-service-store/redis.sock \
                 PUBLISH "&&/redfish/v1/SessionService/Sessions/$channel" '&&EXIT'
         done""")
-    scenario.must(scenario.run("systemctl is-active session-service.service").strip() == "active",
-                  "The service has ended instead.")
+    must(scenario.run("systemctl is-active session-service.service").strip() == "active",
+         "The service has ended instead.")
     scenario.logout(scenario.login())
-    scenario.must(scenario.is_alive(scenario.session), "A session went with the restart.")
+    must(scenario.is_alive(scenario.session), "A session went with the restart.")
     lines = scenario.run("journalctl --boot --output=cat --identifier=session-service-health")
-    scenario.must("has been started again" in lines, f"The journal does not say so:\n{lines}")
+    must("has been started again" in lines, f"The journal does not say so:\n{lines}")
 
 
 def hang_in_pam(scenario):
@@ -232,8 +246,8 @@ def hang_in_pam(scenario):
           cat /root/q73; } >/etc/pam.d/q73""")
     with scenario.client() as client:
         status, _ = client.try_login("hans", scenario.passwords["hans"])
-        scenario.must(status == 503, f"The login that hangs: {status}")
-    scenario.must(scenario.is_alive(scenario.session), "A token is refused meanwhile.")
+        must(status == 503, f"The login that hangs: {status}")
+    must(scenario.is_alive(scenario.session), "A token is refused meanwhile.")
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": timeout})
     scenario.logout(olaf)
     # As the documents say: the process that hangs is ended.
@@ -253,9 +267,9 @@ def fill_the_disk(scenario):
     scenario.run("rm -f /var/filler /var/filler-2 /var/filler-3 && sync")
     scenario.run("systemctl restart session-service.service")
     scenario.logout(scenario.login())
-    scenario.must(left in (None, str(timeout)), f"The file holds {left}.")
+    must(left in (None, str(timeout)), f"The file holds {left}.")
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": timeout})
-    scenario.must(scenario.property() == str(timeout), "Changes are no longer kept.")
+    must(scenario.property() == str(timeout), "Changes are no longer kept.")
 
 
 def set_the_clock(scenario):
@@ -266,11 +280,11 @@ def set_the_clock(scenario):
         olaf = scenario.login("olaf")
         scenario.run(f"date --set \"$(date --date '{direction}')\" >/dev/null")
         used = time.monotonic()
-        scenario.must(scenario.is_alive(olaf), f"A session ended with the clock set to {direction}.")
+        must(scenario.is_alive(olaf), f"A session ended with the clock set to {direction}.")
         name = olaf.uri.rpartition("/")[2]
         until("An idle session ends", service_limit,
               lambda: scenario.machine.attempt(f"sessionctl list | grep --quiet {name}")[0] == 1)
-        scenario.must(time.monotonic() - used >= idle - 1, "A session ended before its time.")
+        must(time.monotonic() - used >= idle - 1, "A session ended before its time.")
     scenario.run("date --set \"$(date --date '1 year')\" >/dev/null")
     # A session keeps the timeout that it began with.
     short = scenario.login()
@@ -287,10 +301,10 @@ def reboot(scenario):
     taken = time.monotonic() - scenario.machine.started
     scenario.report.append(f"  from the boot to the first login: {taken:.0f} s")
     state = scenario.run("systemctl is-system-running --wait; systemctl --failed")
-    scenario.must(state.startswith("running"), f"Not all units run:\n{state}")
-    scenario.must(not scenario.is_alive(old), "A session outlived the machine.")
+    must(state.startswith("running"), f"Not all units run:\n{state}")
+    must(not scenario.is_alive(old), "A session outlived the machine.")
     shown = scenario.expect(200, "GET", service, scenario.session)["SessionTimeout"]
-    scenario.must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
+    must(shown == timeout, f"The timeout is {shown}, not {timeout}.")
     check(scenario)
 
 
@@ -319,9 +333,9 @@ def upgrade(scenario):
             before = scenario.run("pgrep --exact session-service")
             install_packages(scenario, packages, options)
             scenario.logout(scenario.login())
-            scenario.must(scenario.is_alive(scenario.session), "A session went with the version.")
-            scenario.must(scenario.run("pgrep --exact session-service") != before,
-                          "The old version still runs.")
+            must(scenario.is_alive(scenario.session), "A session went with the version.")
+            must(scenario.run("pgrep --exact session-service") != before,
+                 "The old version still runs.")
     check(scenario)
 
 
@@ -337,9 +351,9 @@ def purge(scenario):
                           r"etc/(passwd|group|shadow|gshadow|subuid|subgid)-?$|lost\+found)")
     left = sorted(path for path in list_files(scenario) - scenario.files
                   if not not_ours.match(path) or "session-service" in path)
-    scenario.must(not left, "These are left:\n" + "\n".join(left))
+    must(not left, "These are left:\n" + "\n".join(left))
     running = scenario.machine.attempt("pgrep --list-full 'session-service|redis|nginx'")[1]
-    scenario.must("session-service" not in running, f"These still run:\n{running}")
+    must("session-service" not in running, f"These still run:\n{running}")
     accounts = scenario.machine.attempt("getent passwd | grep session-service; "
                                         "getent group | grep -e session-service -e redfish")[1]
     scenario.report.append("  accounts left: " + (", ".join(
