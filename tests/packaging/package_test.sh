@@ -12,30 +12,20 @@ fail() {
 version=1.0.0+git202001020304.abcdef0
 # pack FOLDER
 pack() {
-    rm -rf "$1"
-    dpkg-architecture --host-arch "$architecture" --force --command \
-        cpack --config "$build/CPackConfig.cmake" -B "$1" -D CPACK_DEBIAN_PACKAGE_VERSION=$version \
-        -D CPACK_DEBIAN_CHANGELOG_ENTRY="session-service ($version) unstable; urgency=medium
-
-  * Built from commit abcdef0.
-
- -- $(dpkg-parsechangelog --file "$source/packaging/debian/changelog" --show-field Maintainer)  $(
-            date --utc --rfc-email --date @$SOURCE_DATE_EPOCH)
-
-" >/dev/null
-    "$source/packaging/debian/make-debug-packages" "$1"
+    "$source/packaging/debian/make-packages" "$build" "$1" "$architecture" $version \
+        "Built from commit abcdef0." >/dev/null
 }
 
 folder=$build/tests/packaging/packages
 export SOURCE_DATE_EPOCH=1800000000
 pack "$folder/one"
-pack "$folder/two"
+(umask 077 && pack "$folder/two")
 cd "$folder/one"
 service=session-service_${version}_$architecture.deb
 frontend=session-service-frontend_${version}_all.deb
-demo=session-service-demo_${version}_$architecture.deb
-debug=session-service-dbgsym_${version}_$architecture.deb
-demo_debug=session-service-demo-dbgsym_${version}_$architecture.deb
+demo=demo/session-service-demo_${version}_$architecture.deb
+debug=debug/session-service-dbgsym_${version}_$architecture.deb
+demo_debug=debug/session-service-demo-dbgsym_${version}_$architecture.deb
 for package in "$service" "$frontend" "$demo" "$debug" "$demo_debug"; do
     [ -f "$package" ] || fail "There is no $package."
     cmp "$package" "../two/$package" || fail "$package is another one each time."

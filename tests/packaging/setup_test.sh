@@ -16,8 +16,10 @@ fail() {
 }
 
 for component in session-service session-service-frontend; do
-    DESTDIR=$tree cmake --install "$build" --component $component >/dev/null
+    (umask 077 && DESTDIR=$tree cmake --install "$build" --component $component >/dev/null)
 done
+[ "$(stat --format %a "$tree/usr/share/session-service-frontend/page")" = 755 ] ||
+    fail "Only root can read what root has installed."
 
 mkdir -p "$root"/{etc/redis,etc/pam.d,etc/nginx/{sites-enabled,conf.d},etc/ssl,etc/systemd/system,run} \
     "$root"/{var/lib/dpkg,usr/{bin,sbin,lib,lib64,local,share},proc,dev,tmp} "$units"
