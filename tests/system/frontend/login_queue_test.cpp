@@ -1,5 +1,7 @@
 // Logins that come faster than passwords can be checked: who waits, who is refused, and who is
 // served all the same.
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -270,6 +272,122 @@ TEST_F(WebLoginQueueOfShortTime, GoesOnWhenTheServiceDoesNotAnswer) {
     releasePam();
     waitUntil("the late answers are taken", [this] { return requestsInService() == 0; });
     expectSessions(0);
+}
+
+// --- who gets a place
+
+class WebLoginPlaces : public WebLoginQueue {
+  protected:
+    void insertSessions(int count, const std::string& user) {
+        for (int i = 0; i < count; ++i) {
+            frontEnd().insertSession({.userName = user});
+        }
+    }
+    // A manager's login reaches the service while another one is held there, which then goes on.
+    void expectPlaceForAManager() {
+        std::future<long> manager = startLogin("127.0.0.9", "manager");
+        waitUntilInService(2);
+        releasePam();
+        EXPECT_EQ(manager.get(), 201);
+        expectSessions(8);
+    }
+    void setEnabled(const char* enabled) {
+        store().hset(serviceUri, {{"ServiceEnabled", enabled}});
+    }
+};
+
+TEST_F(WebLoginPlaces, OfASessionTooManyOfItsUserAreForOthers) {
+    insertSessions(6, "greedy");
+    insertSessions(1, "another");
+    holdPam();
+    std::future<long> greedy = startLogin("127.0.0.1", "greedy");
+    waitUntilPamHolds();
+    expectPlaceForAManager();
+    EXPECT_EQ(greedy.get(), 503);
+}
+
+TEST_F(WebLoginPlaces, OfAClientThatHasGoneAreForOthers) {
+    insertSessions(7, "another");
+    holdPam();
+    {
+        TlsConnection connection = newClient().connect();
+        sendLogin(connection, "gone");
+        waitUntilPamHolds();
+    }
+    expectPlaceForAManager();
+}
+
+TEST_F(WebLoginPlaces, OfAnAnswerThatComesTooLateAreForOthers) {
+    changeSetting("answerTimeout", "3");
+    web.restart();
+    insertSessions(7, "another");
+    holdPam();
+    std::future<long> late = startLogin("127.0.0.1", "late");
+    waitUntilPamHolds();
+    EXPECT_EQ(late.get(), 503);
+    expectPlaceForAManager();
+}
+
+TEST_F(WebLoginPlaces, CannotBeKeptFromManagersByManyLoginsOfOneUser) {
+    insertSessions(6, "greedy");
+    insertSessions(1, "another");
+    std::atomic<bool> isOver = false;
+    std::vector<std::jthread> clients;
+    for (int i = 0; i < 6; ++i) {
+        clients.emplace_back([this, &isOver] {
+            while (!isOver) {
+                EXPECT_EQ(loginFrom("127.0.0.1", "right", "greedy").status, 503);
+            }
+        });
+    }
+    for (int i = 0; i < 20; ++i) {
+        HttpClient manager = newClient({.sourceAddress = "127.0.0.2"});
+        const HttpResponse session = manager.login("manager", "right");
+        EXPECT_EQ(session.status, 201);
+        EXPECT_EQ(manager.remove(session.location()).status, 204);
+    }
+    isOver = true;
+    clients.clear();
+    expectSessions(7);
+}
+
+// The service refuses the logout at first.
+TEST_F(WebLoginPlaces, AreFreeAsSoonAsASessionIsBeingEnded) {
+    usePamTest("env=PRIVILEGES=1 password=right");
+    insertSessions(6, "greedy");
+    holdPam();
+    std::future<long> greedy = startLogin("127.0.0.1", "greedy");
+    waitUntilPamHolds();
+    setEnabled("false");
+    releasePam();
+    EXPECT_EQ(greedy.get(), 503);
+    waitForLog("Session Service disabled.");
+    setEnabled("true");
+    EXPECT_EQ(loginFrom("127.0.0.2", "right", "somebody").status, 201);
+    expectSessions(7);
+}
+
+TEST_F(WebLoginPlaces, AreFreeWhenALogoutThatWasRefusedIsTakenLater) {
+    HttpClient basic = newClient();
+    basic.useBasic("somebody", "right");
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    setEnabled("false");
+    waitForLog("Session Service disabled.");
+    setEnabled("true");
+    expectSessions(0);
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    expectSessions(0);
+}
+
+TEST_F(WebLoginPlaces, ThatAreNotFreeYetDoNotKeepAWorkerFromItsEnd) {
+    HttpClient basic = newClient();
+    basic.useBasic("somebody", "right");
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    setEnabled("false");
+    waitForLog("Session Service disabled.");
+    web.process().signal(SIGQUIT);
+    EXPECT_EQ(toText(web.process().wait()), toText(ExitStatus{}));
+    web.start();
 }
 
 // --- who fails
