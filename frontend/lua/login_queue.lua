@@ -172,4 +172,9 @@ function queue.leave(login)
     queue.advance()
 end
 
+-- Tells whether there are logins that wait or have their turns.
+function queue.isBusy()
+    return waiting + inService > 0
+end
+
 return queue

@@ -8,6 +8,7 @@ local log = require "log"
 local messages = require "messages"
 local negotiation = require "negotiation"
 local privileges = require "privileges"
+local queue = require "login_queue"
 local requests = require "requests"
 local resources = require "resources"
 local service = require "service"
@@ -301,7 +302,9 @@ function main.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
         prepareEnd = temporary.endAll,
-        isBusy = temporary.exist,
+        isBusy = function()
+            return temporary.exist() or queue.isBusy() or requests.areEnding()
+        end,
     })
 end
 

@@ -200,6 +200,35 @@ TEST_F(WebLoginQueue, StoresNothingWithoutAnExpiry) {
     EXPECT_EQ(login.get(), 201);
 }
 
+class WebLoginQueueOfOneTurn : public WebLoginQueue {
+  protected:
+    WebLoginQueueOfOneTurn() { changeSetting("maxLogins", "1"); }
+};
+
+TEST_F(WebLoginQueueOfOneTurn, IsServedToItsEndByAWorkerThatEnds) {
+    holdPam();
+    {
+        TlsConnection connection = newClient().connect();
+        sendLogin(connection, "gone");
+        waitUntilPamHolds();
+    }
+    std::vector<std::future<long>> logins;
+    for (int i = 0; i < 5; ++i) {
+        logins.push_back(startLogin("127.0.0.1"));
+    }
+    waitUntilHandled(6);
+    const pid_t worker = reload();
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+    expectSessions(5);
+    waitUntil("the worker has ended", [&] {
+        const std::vector<pid_t> workers = childrenOf(web.process().pid());
+        return std::find(workers.begin(), workers.end(), worker) == workers.end();
+    });
+}
+
 // --- who leaves
 
 TEST_F(WebLoginQueue, LogsOutAClientThatHasGoneMeanwhile) {
