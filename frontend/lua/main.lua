@@ -42,7 +42,8 @@ local function checkRequest(method)
     if version and version ~= "4.0" then
         refuse(412, "ExtendedError.1.2.VersionNotSupported")
     end
-    for name in pairs(ngx.var.args and ngx.req.get_uri_args() or {}) do
+    -- All of them: without the 0 the hundredth is the last.
+    for name in pairs(ngx.var.args and ngx.req.get_uri_args(0) or {}) do
         if name:sub(1, 1) == "$" then
             refuse(501, "Base.1.12.QueryNotSupported")
         end
@@ -54,7 +55,7 @@ local function checkAccept(mediaType)
     if not given or given == "*/*" then
         return
     end
-    given = ngx.req.get_headers().accept
+    given = ngx.req.get_headers(0).accept
     local accept = type(given) == "table" and table.concat(given, ",") or given
     if not negotiation.accepts(accept, mediaType) then
         refuse(406, "ExtendedError.1.2.MediaTypeNotSupported")
