@@ -40,6 +40,18 @@ local function finish(login, outcome)
     login.ready:post(1)
 end
 
+-- Ends the waiting of those whose clients have gone: they must neither take the room of others nor
+-- put others of their address back.
+local function dropGone()
+    for _, line in pairs(lines) do
+        for i = #line, 1, -1 do
+            if line[i].isGone() then
+                finish(line[i], "gone")
+            end
+        end
+    end
+end
+
 local function precedes(one, other)
     if one.hasFailed ~= other.hasFailed then
         return other.hasFailed
@@ -97,6 +109,9 @@ end
 
 -- Gives turns while there are any. To be called when a login may start that could not before.
 function queue.advance()
+    if inService < settings.maxLogins then
+        dropGone()
+    end
     while waiting > 0 and inService < settings.maxLogins do
         local login, seconds = findNext()
         if not login then
@@ -104,26 +119,33 @@ function queue.advance()
                 wakeLater(seconds)
             end
             return
-        elseif login.isGone() then
-            finish(login, "gone")
-        else
-            login.turns = login.isAlone and settings.maxLogins or 1
-            inService = inService + login.turns
-            if login.starts then
-                login.starts()
-            end
-            finish(login, "turn")
         end
+        login.turns = login.isAlone and settings.maxLogins or 1
+        inService = inService + login.turns
+        if login.starts then
+            login.starts()
+        end
+        finish(login, "turn")
     end
+end
+
+local function hasRoom(network)
+    return #(lines[network] or {}) < settings.maxWaitingOfAddress
+        and waiting < settings.maxWaiting
 end
 
 -- Makes room for one more when too many are waiting. Tells whether there is room.
 local function makeRoom(network)
+    if hasRoom(network) then
+        return true
+    end
+    dropGone()
+    if hasRoom(network) then
+        return true
+    end
     local own = lines[network] or {}
     if #own >= settings.maxWaitingOfAddress then
         return false
-    elseif waiting < settings.maxWaiting then
-        return true
     end
     local longest = own
     for name, line in pairs(lines) do

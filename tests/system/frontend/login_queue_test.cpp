@@ -63,6 +63,16 @@ class WebLoginQueue : public WebTest {
         const std::string label = "Writing: ";
         return std::stoi(status.substr(status.find(label) + label.size())) - 1;
     }
+    // Logins that wait until their clients have gone.
+    void sendLoginsAndGo(const std::string& address, int count) {
+        std::vector<TlsConnection> connections;
+        for (int i = 0; i < count; ++i) {
+            const int before = handled();
+            connections.push_back(newClient({.sourceAddress = address}).connect());
+            sendLogin(connections.back(), "gone");
+            waitUntilHandled(before + 1);
+        }
+    }
     void waitUntilHandled(int count) {
         waitUntil(std::to_string(count) + " requests are being handled",
                   [&] { return handled() == count; });
@@ -268,6 +278,26 @@ TEST_F(WebLoginQueue, DropsALoginWhoseClientHasGone) {
     EXPECT_EQ(last.get(), 201);
     EXPECT_THAT(seenByPam("user"), ElementsAre("somebody", "somebody", "last"));
     expectSessions(3);
+}
+
+TEST_F(WebLoginQueue, DoesNotPutOthersBackForClientsThatHaveGone) {
+    holdPam();
+    std::vector<std::future<long>> logins;
+    logins.push_back(startLogin("127.0.0.9"));
+    logins.push_back(startLogin("127.0.0.9"));
+    waitUntilInService(2);
+    sendLoginsAndGo("127.0.0.1", 2);
+    for (const char* address : {"127.0.0.1", "127.0.0.2", "127.0.0.2"}) {
+        const int before = handled();
+        logins.push_back(startLogin(address));
+        waitUntilHandled(before + 1);
+    }
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+    EXPECT_THAT(seenByPam("rhost"),
+                ElementsAre("127.0.0.9", "127.0.0.9", "127.0.0.1", "127.0.0.2", "127.0.0.2"));
 }
 
 class WebLoginQueueOfShortTime : public WebLoginQueue {
@@ -526,6 +556,25 @@ TEST_F(WebLoginCrowd, IsRefusedFarBeyondWhatCanBeServed) {
     EXPECT_EQ(logins[4].get(), 429);
     logins.erase(logins.begin() + 4);
     waitUntilHandled(6);
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+}
+
+TEST_F(WebLoginCrowd, DoesNotConsistOfClientsThatHaveGone) {
+    holdPam();
+    std::vector<std::future<long>> logins;
+    logins.push_back(startLogin("127.0.0.1"));
+    logins.push_back(startLogin("127.0.0.1"));
+    waitUntilInService(2);
+    sendLoginsAndGo("127.0.0.1", 3);
+    logins.push_back(startLogin("127.0.0.1"));
+    waitUntilHandled(3);
+    // Nor when there are too many of all addresses.
+    sendLoginsAndGo("127.0.0.2", 3);
+    logins.push_back(startLogin("127.0.0.3"));
+    waitUntilHandled(4);
     releasePam();
     for (std::future<long>& login : logins) {
         EXPECT_EQ(login.get(), 201);
