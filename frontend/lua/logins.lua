@@ -136,7 +136,7 @@ local function attempt(name, password, options)
     end
     local login = {
         network = client.network(),
-        deadline = ngx.now() + settings.answerTimeout,
+        deadline = options.deadline or ngx.now() + settings.answerTimeout,
         isGone = client.watch(),
         mayStart = options.mayStart,
         starts = options.starts,
@@ -160,8 +160,8 @@ local function attempt(name, password, options)
 end
 
 -- Logs in through the session service and returns its reply. Raises the problem that a refusal is,
--- and leaves a line in the log of refused logins. Options: origin (of the page that asks); mayStart
--- and starts, as the queue has them, or nil.
+-- and leaves a line in the log of refused logins. Options: origin (of the page that asks); or nil:
+-- deadline; mayStart and starts, as the queue has them.
 function logins.logIn(name, password, options)
     local succeeded, result = pcall(attempt, name, password, options)
     if not succeeded then
