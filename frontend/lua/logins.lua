@@ -89,7 +89,6 @@ end
 -- Raises the problem of a reply that is no success.
 local function checkReply(reply, seconds)
     if reply.status == contract.status.authFailed then
-        failures.add(client.network())
         refusalSeconds = seconds
         error(wrongCredentials(reply.messages[1] and reply.messages))
     end
@@ -109,7 +108,10 @@ local function ask(login, record)
     local start = ngx.now()
     local reply = requests.call("login", record, {
         deadline = login.deadline,
-        whenDone = function()
+        whenDone = function(reply)
+            if reply and reply.status == contract.status.authFailed then
+                failures.add(login.network)
+            end
             queue.leave(login)
         end,
     })

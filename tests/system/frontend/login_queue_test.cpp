@@ -497,6 +497,24 @@ TEST_F(WebLoginFailures, DoNotDelayRequestsWithAToken) {
     EXPECT_EQ(seenByPam("user").size(), 4U);
 }
 
+class WebLateLoginFailures : public WebLoginQueueOfShortTime {
+  protected:
+    WebLateLoginFailures() {
+        changeSetting("maxFailures", "0");
+        changeSetting("failureSeconds", "600");
+    }
+};
+
+TEST_F(WebLateLoginFailures, AreCountedThoughTheirClientsHaveNotWaited) {
+    holdPam();
+    EXPECT_EQ(loginFrom("127.0.0.1", "wrong").status, 503);
+    releasePam();
+    waitUntil("the late answer is taken", [this] { return requestsInService() == 0; });
+    EXPECT_EQ(loginFrom("127.0.0.1").status, 503);
+    EXPECT_EQ(loginFrom("127.0.0.2").status, 201);
+    EXPECT_THAT(seenByPam("rhost"), ElementsAre("127.0.0.1", "127.0.0.2"));
+}
+
 class WebLoginNetworks : public WebLoginFailures {
   protected:
     WebLoginNetworks() {
