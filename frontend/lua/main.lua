@@ -317,6 +317,7 @@ end
 
 -- The messages of nginx's own refusals, by their status.
 local refusals = {
+    [405] = { "ExtendedError.1.2.MethodNotAllowed" },
     [408] = { "ExtendedError.1.2.MalformedRequest" },
     [413] = { "ExtendedError.1.2.RequestTooLarge" },
     [414] = { "ExtendedError.1.2.RequestTooLarge" },
@@ -325,16 +326,23 @@ local refusals = {
     [503] = { contract.message.serviceTemporarilyUnavailable, "1" },
 }
 
--- Answers a request that nginx itself refuses: malformed, too large, too slow or one too many.
+-- Answers a request that nginx itself refuses: malformed, too large, too slow, one too many, a
+-- method that it does not know, or a change of the page's files.
 function main.refuse()
     if not ngx.req.is_internal() then
         -- A client has asked for this address.
         return main.answer()
     end
     local status = ngx.status
+    if status == 405 and not methods[ngx.var.request:match("^%S*")] then
+        status = 501
+    end
     log.warn("refused by the web server with status " .. status)
     local message = refusals[status] or { "ExtendedError.1.2.MalformedRequest" }
-    local headers = message[2] and { ["Retry-After"] = message[2] }
+    local headers = {
+        ["Allow"] = status == 405 and "GET,HEAD" or nil,
+        ["Retry-After"] = message[2],
+    }
     local problem = messages.problem(status, { messages.new(unpack(message)) }, headers)
     send(answerOf(problem))
 end

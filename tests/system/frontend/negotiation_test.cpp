@@ -221,5 +221,19 @@ TEST_F(WebNegotiation, LetsAUserWithAnExpiredPasswordReadTheAccount) {
     EXPECT_EQ(client().remove(login.location()).status, 204);
 }
 
+TEST_F(WebNegotiation, SaysWhichMethodsThePagesFilesTake) {
+    for (const char* method : {"POST", "PUT", "PATCH", "DELETE"}) {
+        const HttpResponse answer = client().request({.method = method, .path = "/page/main.js"});
+        EXPECT_EQ(answer.status, 405) << method;
+        EXPECT_EQ(answer.header("allow"), "GET,HEAD") << method;
+        EXPECT_EQ(messageIds(answer), Words{"ExtendedError.1.2.MethodNotAllowed"}) << method;
+    }
+    for (const char* method : {"TRACE", "BREW"}) {
+        const HttpResponse answer = client().request({.method = method, .path = "/page/main.js"});
+        EXPECT_EQ(answer.status, 501) << method;
+        EXPECT_EQ(messageIds(answer), Words{"ExtendedError.1.2.MethodNotImplemented"}) << method;
+    }
+}
+
 }  // namespace
 }  // namespace testbed
