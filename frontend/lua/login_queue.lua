@@ -184,6 +184,8 @@ function queue.enter(login)
     end
     if not login.outcome then
         finish(login, "late")
+        -- Others may have waited for it.
+        queue.advance()
     end
     return login.outcome
 end
