@@ -146,6 +146,18 @@ says "updated /etc/pam.d/q73.conf"
 says_not SessionPersistentProp
 grep --quiet "# mine" "$root/etc/pam.d/q73" || fail "It takes the owner's words."
 
+# What a power cut has emptied is made again; so are the store's lines that Redis has rewritten.
+: >"$root/etc/pam.d/groups2privs.conf"
+: >"$root/usr/local/etc/nginx/certificate.pem"
+# As CONFIG REWRITE leaves them.
+sed -i '/^unixsocket/d' "$configuration"
+set_up || fail "It does not mend what a power cut has left."
+says "made again /etc/pam.d/groups2privs.conf"
+says "made /usr/local/etc/nginx/certificate.pem, for .*"
+[ "$(grep -m 1 '^unixsocket ' "$configuration")" = "unixsocket /run/session-service-store/redis.sock" ] ||
+    fail "The session service does not find its store any more."
+[ "$(grep -c '^# BEGIN' "$configuration")" = 1 ] || fail "The marks are there more than once."
+
 set_up --undo || fail "It cannot be undone."
 says "left /etc/pam.d/q73: it has been changed"
 says "left /usr/local/etc/nginx/settings.lua: it has been changed"
@@ -156,6 +168,15 @@ cp -r "$tree/usr/share/session-service" "$root/usr/share"
 diff <(echo "$before") <(state) || fail "It leaves something behind."
 set_up --undo
 says "Nothing has been set up."
+
+# A unit that has been masked meanwhile does not keep the rest from being taken back.
+set_up || fail "It fails after it has been undone."
+ln -s /dev/null "$root/etc/systemd/system/nginx.service"
+! set_up --undo || fail "It does not say that something is left."
+says "nginx.service cannot be enabled again: has it been masked?"
+says "removed /etc/pam.d/q73"
+rm "$root/etc/systemd/system/nginx.service"
+inside systemctl --quiet enable nginx.service
 
 # Servers that somebody has set up, and a store of the owner's for the session service, stay.
 echo "server {}" >"$root/etc/nginx/conf.d/own.conf"

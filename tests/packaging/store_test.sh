@@ -66,6 +66,12 @@ seed
 [ "$(store LLEN "$members")" = 3 ]
 [ "$(store EXISTS /redfish/v1/EventService)" = 1 ]
 
+# What the service writes into an empty store does not keep the rest out.
+store DEL $service >/dev/null
+store HSET $service SessionTimeout 88 @odata.etag '"W"' >/dev/null
+seed
+[ "$(store HGET $service SessionTimeout),$(store HGET $service ServiceEnabled)" = 88,true ]
+
 # What is the controller's own comes first.
 stop
 mkdir /etc/session-service/scripts
@@ -76,13 +82,20 @@ start
 [ "$(store DBSIZE)" = 0 ]
 seed
 [ "$(store HGET $service SessionTimeout)" = 600 ]
+[ "$(store HGET $service Id)" = '"SessionService"' ]
 [ "$(store EVALSHA "$(store HGET redisSHAScripts resourceChange)" 0)" = mine ]
 [ "$(store HEXISTS redisSHAScripts logGeneratorHelper)" = 1 ]
 
-# A line that the store refuses is a failure that names it.
-echo "HSET /own/resource Name" >/etc/session-service/resources-own.txt
+# A line that cannot be used is a failure that names it; the others count.
+stop
+printf '%s\n' "HSET /own/resource Name" "hset /own/resource Name x" "HSET /own/other Name x" \
+    >/etc/session-service/resources-own.txt
+start
 ! seed 2>/tmp/said
 grep -qi 'resources-own.txt: .*wrong number' /tmp/said
+grep -q 'resources-own.txt: This is no command: hset /own/resource Name x$' /tmp/said
+[ "$(store HGET /own/other Name),$(store HGET $service ServiceEnabled)" = x,true ]
+[ "$(store HEXISTS redisSHAScripts logGeneratorHelper)" = 1 ]
 stop
 END
 chmod +x "$root/opt/test"
