@@ -29,6 +29,8 @@ local requestNumber = 0
 
 -- What is expected, by return channel, which is the request's key.
 local expected = {}
+
+-- How many of them there are, with those that wait for the subscription.
 local count = 0
 
 local isRunning = false
@@ -128,18 +130,23 @@ end
 -- Returns an answer to wait for and to forget; its `channel` is where it has to come. Raises the
 -- problem 503 when it could not be heard or too much is under way.
 function answers.expect()
-    local deadline = ngx.now() + openTimeout
+    if count >= settings.maxRequests then
+        error(messages.unavailable())
+    end
+    -- From here on a worker that ends listens.
+    count = count + 1
     ensureRunning()
+    local deadline = ngx.now() + openTimeout
     while not isOpen and ngx.now() < deadline do
         ngx.sleep(0.01)
     end
-    if not isOpen or count >= settings.maxRequests then
+    if not isOpen then
+        count = count - 1
         error(messages.unavailable())
     end
     requestNumber = requestNumber + 1
     local answer = { channel = prefix .. requestNumber .. "/request", ready = semaphore.new() }
     expected[answer.channel] = answer
-    count = count + 1
     return answer
 end
 

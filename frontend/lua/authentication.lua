@@ -5,6 +5,7 @@ local logins = require "logins"
 local messages = require "messages"
 local privileges = require "privileges"
 local resources = require "resources"
+local settings = require "settings"
 local store = require "store"
 local temporary = require "temporary_sessions"
 
@@ -106,10 +107,14 @@ local function basicCredentials(header)
 end
 
 -- Returns the user of a request with credentials; `temporary` is the session that it shares.
-local function userOfCredentials(name, password, uri, method)
-    local session = temporary.take(name, password, function(mayStart, starts)
-        return logins.logIn(name, password,
-            { origin = contract.temporaryOrigin, mayStart = mayStart, starts = starts })
+local function userOfCredentials(name, password, uri, method, deadline)
+    local session = temporary.take(name, password, deadline, function(mayStart, starts)
+        return logins.logIn(name, password, {
+            origin = contract.temporaryOrigin,
+            deadline = deadline,
+            mayStart = mayStart,
+            starts = starts,
+        })
     end)
     local succeeded, user = pcall(userOf, session.token, uri, method)
     if not succeeded then
@@ -142,10 +147,11 @@ function authentication.identify(uri, method)
     if not name then
         error(unauthorized(contract.message.invalidCredentials))
     end
-    local succeeded, user = pcall(userOfCredentials, name, password, uri, method)
+    local deadline = ngx.now() + settings.answerTimeout
+    local succeeded, user = pcall(userOfCredentials, name, password, uri, method, deadline)
     if not succeeded and type(user) == "table" and user.isInvalidToken then
         -- The shared session has ended meanwhile.
-        return userOfCredentials(name, password, uri, method)
+        return userOfCredentials(name, password, uri, method, deadline)
     elseif not succeeded then
         error(user, 0)
     end

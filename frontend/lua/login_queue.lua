@@ -2,6 +2,9 @@
 -- takes seconds for a wrong one: it gets few at a time. The next one comes from where nothing has
 -- failed recently; among those, from where the fewest are waiting; among those, it is the first.
 -- Whoever guesses passwords waits behind everybody else.
+--
+-- A login that has found no place asks again alone: when no other is in the service, so that no
+-- session has a place of those that are logged out again.
 local semaphore = require "ngx.semaphore"
 local failures = require "failures"
 local settings = require "settings"
@@ -14,12 +17,15 @@ local waiting = 0
 local arrivals = 0
 local inService = 0
 
+-- Where those wait that ask alone. No network has this name.
+local aloneLine = "alone"
+
 -- When a timer will look at the queue again, nil when none will.
 local wakeTime
 
 -- Ends the waiting of a login.
 local function finish(login, outcome)
-    local line = lines[login.network]
+    local line = lines[login.line]
     for i, other in ipairs(line) do
         if other == login then
             table.remove(line, i)
@@ -27,11 +33,23 @@ local function finish(login, outcome)
         end
     end
     if #line == 0 then
-        lines[login.network] = nil
+        lines[login.line] = nil
     end
     waiting = waiting - 1
     login.outcome = outcome
     login.ready:post(1)
+end
+
+-- Ends the waiting of those whose clients have gone: they must neither take the room of others nor
+-- put others of their address back.
+local function dropGone()
+    for _, line in pairs(lines) do
+        for i = #line, 1, -1 do
+            if line[i].isGone() then
+                finish(line[i], "gone")
+            end
+        end
+    end
 end
 
 local function precedes(one, other)
@@ -56,6 +74,9 @@ end
 -- Returns the login that comes next, nil when there is none; and after how many seconds another may
 -- come, if any.
 local function findNext()
+    if lines[aloneLine] then
+        return inService == 0 and lines[aloneLine][1] or nil
+    end
     local best, seconds
     -- The last turn is for those from where nothing has failed.
     local failedMayStart = inService < math.max(settings.maxLogins - 1, 1)
@@ -88,6 +109,9 @@ end
 
 -- Gives turns while there are any. To be called when a login may start that could not before.
 function queue.advance()
+    if inService < settings.maxLogins then
+        dropGone()
+    end
     while waiting > 0 and inService < settings.maxLogins do
         local login, seconds = findNext()
         if not login then
@@ -95,29 +119,37 @@ function queue.advance()
                 wakeLater(seconds)
             end
             return
-        elseif login.isGone() then
-            finish(login, "gone")
-        else
-            inService = inService + 1
-            if login.starts then
-                login.starts()
-            end
-            finish(login, "turn")
         end
+        login.turns = login.isAlone and settings.maxLogins or 1
+        inService = inService + login.turns
+        if login.starts then
+            login.starts()
+        end
+        finish(login, "turn")
     end
+end
+
+local function hasRoom(network)
+    return #(lines[network] or {}) < settings.maxWaitingOfAddress
+        and waiting < settings.maxWaiting
 end
 
 -- Makes room for one more when too many are waiting. Tells whether there is room.
 local function makeRoom(network)
+    if hasRoom(network) then
+        return true
+    end
+    dropGone()
+    if hasRoom(network) then
+        return true
+    end
     local own = lines[network] or {}
     if #own >= settings.maxWaitingOfAddress then
         return false
-    elseif waiting < settings.maxWaiting then
-        return true
     end
     local longest = own
-    for _, line in pairs(lines) do
-        longest = #line > #longest and line or longest
+    for name, line in pairs(lines) do
+        longest = name ~= aloneLine and #line > #longest and line or longest
     end
     if longest == own then
         return false
@@ -131,18 +163,20 @@ end
 --   late     the deadline has come
 --   gone     the client has closed its connection
 --   refused  too many are waiting
--- A login has network, deadline and isGone; and, if not all of them may start at any time, mayStart
--- and starts, which is called when its turn has come.
+-- A login has network, deadline and isGone; isAlone, if it has had a turn and asks again; and, if
+-- not all of them may start at any time, mayStart and starts, which is called when its turn has
+-- come.
 function queue.enter(login)
-    local network = login.network
-    if not makeRoom(network) then
+    if not login.isAlone and not makeRoom(login.network) then
         return "refused"
     end
+    login.line = login.isAlone and aloneLine or login.network
+    login.outcome = nil
     arrivals = arrivals + 1
     login.arrival = arrivals
     login.ready = semaphore.new()
-    lines[network] = lines[network] or {}
-    table.insert(lines[network], login)
+    lines[login.line] = lines[login.line] or {}
+    table.insert(lines[login.line], login)
     waiting = waiting + 1
     queue.advance()
     if not login.outcome then
@@ -150,14 +184,21 @@ function queue.enter(login)
     end
     if not login.outcome then
         finish(login, "late")
+        -- Others may have waited for it.
+        queue.advance()
     end
     return login.outcome
 end
 
--- Ends a turn.
-function queue.leave()
-    inService = inService - 1
+-- Ends a login's turn.
+function queue.leave(login)
+    inService = inService - login.turns
     queue.advance()
+end
+
+-- Tells whether there are logins that wait or have their turns.
+function queue.isBusy()
+    return waiting + inService > 0
 end
 
 return queue

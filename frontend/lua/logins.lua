@@ -71,14 +71,14 @@ end
 -- out, and raises the problem. Temporary sessions make room for others anyway.
 local function checkPlace(reply, isTemporary, deadline)
     local problem
-    if hasOthersPlace(reply) and not temporary.makeRoom(deadline) then
-        problem = limitExceeded("The last of the " .. contract.maxSessions .. " sessions is for "
-            .. "users who can configure the manager. Log out of another session, or wait until "
-            .. "one has expired.", "the last session is for managers")
-    elseif not isTemporary and reply.older.ofUser >= settings.maxSessionsOfUser then
+    if not isTemporary and reply.older.ofUser >= settings.maxSessionsOfUser then
         problem = limitExceeded("This user has " .. settings.maxSessionsOfUser .. " of the "
             .. contract.maxSessions .. " sessions, which is the limit for one user. Log out of "
             .. "one of them, or wait until one has expired.", "too many sessions of this user")
+    elseif hasOthersPlace(reply) and not temporary.makeRoom(deadline) then
+        problem = limitExceeded("The last of the " .. contract.maxSessions .. " sessions is for "
+            .. "users who can configure the manager. Log out of another session, or wait until "
+            .. "one has expired.", "the last session is for managers")
     end
     if problem then
         requests.logOut(reply.location)
@@ -89,7 +89,6 @@ end
 -- Raises the problem of a reply that is no success.
 local function checkReply(reply, seconds)
     if reply.status == contract.status.authFailed then
-        failures.add(client.network())
         refusalSeconds = seconds
         error(wrongCredentials(reply.messages[1] and reply.messages))
     end
@@ -99,25 +98,22 @@ local function checkReply(reply, seconds)
     end
 end
 
--- Asks the service when the turn has come. Returns its reply, and how many seconds it took.
-local function ask(name, password, options, deadline)
-    awaitTurn({
-        network = client.network(),
-        deadline = deadline,
-        isGone = client.watch(),
-        mayStart = options.mayStart,
-        starts = options.starts,
-    })
+-- Asks the service when the login's turn has come. Returns its reply, and how many seconds it took.
+local function ask(login, record)
+    awaitTurn(login)
+    if login.isAlone and not requests.awaitEndings(login.deadline) then
+        queue.leave(login)
+        error(refusal(messages.unavailable(), "no turn in time"))
+    end
     local start = ngx.now()
-    local reply = requests.call("login", {
-        [contract.request.privileges] = tostring(contract.privilege.login),
-        [contract.request.address] = ngx.var.remote_addr,
-        [contract.request.origin] = options.origin,
-        [contract.credentials.user] = json.encode(name),
-        [contract.credentials.password] = json.encode(password),
-    }, {
-        deadline = deadline,
-        whenDone = queue.leave,
+    local reply = requests.call("login", record, {
+        deadline = login.deadline,
+        whenDone = function(reply)
+            if reply and reply.status == contract.status.authFailed then
+                failures.add(login.network)
+            end
+            queue.leave(login)
+        end,
     })
     return reply, ngx.now() - start
 end
@@ -140,19 +136,34 @@ local function attempt(name, password, options)
         log.error("the key file is missing or malformed")
         error(messages.unavailable())
     end
-    local deadline = ngx.now() + settings.answerTimeout
-    local reply, seconds = ask(name, encrypted, options, deadline)
-    while isFull(reply) and temporary.makeRoom(deadline) do
-        reply, seconds = ask(name, encrypted, options, deadline)
+    local login = {
+        network = client.network(),
+        deadline = options.deadline or ngx.now() + settings.answerTimeout,
+        isGone = client.watch(),
+        mayStart = options.mayStart,
+        starts = options.starts,
+    }
+    local record = {
+        [contract.request.privileges] = tostring(contract.privilege.login),
+        [contract.request.address] = ngx.var.remote_addr,
+        [contract.request.origin] = options.origin,
+        [contract.credentials.user] = json.encode(name),
+        [contract.credentials.password] = json.encode(encrypted),
+    }
+    local reply, seconds = ask(login, record)
+    -- A place may have been taken by a session that is logged out again.
+    while isFull(reply) and (not login.isAlone or temporary.makeRoom(login.deadline)) do
+        login.isAlone = true
+        reply, seconds = ask(login, record)
     end
     checkReply(reply, seconds)
-    checkPlace(reply, options.origin == contract.temporaryOrigin, deadline)
+    checkPlace(reply, options.origin == contract.temporaryOrigin, login.deadline)
     return reply
 end
 
 -- Logs in through the session service and returns its reply. Raises the problem that a refusal is,
--- and leaves a line in the log of refused logins. Options: origin (of the page that asks); mayStart
--- and starts, as the queue has them, or nil.
+-- and leaves a line in the log of refused logins. Options: origin (of the page that asks); or nil:
+-- deadline; mayStart and starts, as the queue has them.
 function logins.logIn(name, password, options)
     local succeeded, result = pcall(attempt, name, password, options)
     if not succeeded then

@@ -8,6 +8,7 @@ local log = require "log"
 local messages = require "messages"
 local negotiation = require "negotiation"
 local privileges = require "privileges"
+local queue = require "login_queue"
 local requests = require "requests"
 local resources = require "resources"
 local service = require "service"
@@ -41,7 +42,8 @@ local function checkRequest(method)
     if version and version ~= "4.0" then
         refuse(412, "ExtendedError.1.2.VersionNotSupported")
     end
-    for name in pairs(ngx.var.args and ngx.req.get_uri_args() or {}) do
+    -- All of them: without the 0 the hundredth is the last.
+    for name in pairs(ngx.var.args and ngx.req.get_uri_args(0) or {}) do
         if name:sub(1, 1) == "$" then
             refuse(501, "Base.1.12.QueryNotSupported")
         end
@@ -53,7 +55,7 @@ local function checkAccept(mediaType)
     if not given or given == "*/*" then
         return
     end
-    given = ngx.req.get_headers().accept
+    given = ngx.req.get_headers(0).accept
     local accept = type(given) == "table" and table.concat(given, ",") or given
     if not negotiation.accepts(accept, mediaType) then
         refuse(406, "ExtendedError.1.2.MediaTypeNotSupported")
@@ -301,7 +303,9 @@ function main.start()
     answers.start({
         takeUnexpected = requests.takeUnexpected,
         prepareEnd = temporary.endAll,
-        isBusy = temporary.exist,
+        isBusy = function()
+            return temporary.exist() or queue.isBusy() or requests.areEnding()
+        end,
     })
 end
 
@@ -313,6 +317,7 @@ end
 
 -- The messages of nginx's own refusals, by their status.
 local refusals = {
+    [405] = { "ExtendedError.1.2.MethodNotAllowed" },
     [408] = { "ExtendedError.1.2.MalformedRequest" },
     [413] = { "ExtendedError.1.2.RequestTooLarge" },
     [414] = { "ExtendedError.1.2.RequestTooLarge" },
@@ -321,16 +326,23 @@ local refusals = {
     [503] = { contract.message.serviceTemporarilyUnavailable, "1" },
 }
 
--- Answers a request that nginx itself refuses: malformed, too large, too slow or one too many.
+-- Answers a request that nginx itself refuses: malformed, too large, too slow, one too many, a
+-- method that it does not know, or a change of the page's files.
 function main.refuse()
     if not ngx.req.is_internal() then
         -- A client has asked for this address.
         return main.answer()
     end
     local status = ngx.status
+    if status == 405 and not methods[ngx.var.request:match("^%S*")] then
+        status = 501
+    end
     log.warn("refused by the web server with status " .. status)
     local message = refusals[status] or { "ExtendedError.1.2.MalformedRequest" }
-    local headers = message[2] and { ["Retry-After"] = message[2] }
+    local headers = {
+        ["Allow"] = status == 405 and "GET,HEAD" or nil,
+        ["Retry-After"] = message[2],
+    }
     local problem = messages.problem(status, { messages.new(unpack(message)) }, headers)
     send(answerOf(problem))
 end

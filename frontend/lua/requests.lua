@@ -11,6 +11,15 @@ local store = require "store"
 
 local requests = {}
 
+-- Seconds between tries to log out a session that nobody holds: the first pause, and what it is
+-- doubled up to. And the seconds after which it is left to expire.
+local firstPause = 1
+local maxPause = 5
+local maxEndingSeconds = 300
+
+-- The sessions that are being logged out because nobody holds them, by their addresses.
+local ending = {}
+
 -- Keys: the request, its body, its checklist. Arguments: the queue, the expiry, how many words
 -- there are for each key, and these words. Nothing is stored when nobody listens.
 local sendScript = store.script([[
@@ -34,8 +43,8 @@ end
 return receivers
 ]])
 
--- Keys: the request, its body, its checklist. Argument: a resource to read as well, or an empty
--- text; a login's session is read anyway.
+-- Keys: the request, its body, its checklist. Arguments: a resource to read as well, or an empty
+-- text (a login's session is read anyway); the sessions that are not counted as older ones.
 local takeScript = store.script([[
 local fields = hash(KEYS[1])
 if not fields[$reply.status] then
@@ -71,6 +80,11 @@ end
 if result.location then
     result.privilege = run('HGET', $tokenPrefix .. result.token, $token.privilege) or nil
     result.older = {all = 0, ofUser = 0}
+    local isEnding = {}
+    for i = 2, #ARGV do
+        local session = ARGV[i]
+        isEnding[session] = true
+    end
     -- Later ones come before it in the list. Which session is one too many must not depend on them.
     local user = run('HGET', uri, $session.user)
     local isOlder = false
@@ -78,7 +92,7 @@ if result.location then
         local member = string.match(element, '^&&%a+ (.+)$')
         local session = isOlder and member
             and run('HMGET', member, $session.type, $session.user, $session.origin) or {}
-        if session[1] == $redfishType then
+        if session[1] == $redfishType and not isEnding[member] then
             local isUsers = session[2] == user and session[3] ~= $temporaryOrigin
             result.older.all = result.older.all + 1
             result.older.ofUser = result.older.ofUser + (isUsers and 1 or 0)
@@ -122,8 +136,12 @@ end
 
 -- Takes the answer of a request and removes everything. Returns nil when there is none.
 local function take(key, uri)
+    local uncounted = {}
+    for session in pairs(ending) do
+        uncounted[#uncounted + 1] = session
+    end
     local taken = store.runScript(takeScript, 3, key, contract.bodyKey(key),
-        contract.checklistKey(key), uri or "")
+        contract.checklistKey(key), uri or "", unpack(uncounted))
     for i, stored in ipairs(taken and taken.messages or {}) do
         local arguments = {}
         for n, argument in ipairs(stored.arguments) do
@@ -134,12 +152,15 @@ local function take(key, uri)
     return taken
 end
 
--- Takes an answer that nobody waits for. Nobody would hold the session of such a login.
-local function takeUnheld(_, key)
+-- Takes an answer that nobody waits for and returns it, nil when there is none. Nobody would hold
+-- the session of such a login.
+local function takeUnheld(key)
     local succeeded, reply = pcall(take, key)
-    if succeeded and reply and reply.location then
+    reply = succeeded and reply or nil
+    if reply and reply.location then
         requests.logOut(reply.location)
     end
+    return reply
 end
 
 -- The same from now on, for an answer that may still come; the request that waited for it has
@@ -147,15 +168,14 @@ end
 local function awaitUnheld(_, answer, whenDone)
     local hasCome = answers.wait(answer, settings.answerTimeout)
     answers.forget(answer)
-    whenDone()
-    if hasCome then
-        takeUnheld(nil, answer.channel)
-    end
+    whenDone(hasCome and takeUnheld(answer.channel) or nil)
 end
 
 -- For the answers' own start.
 function requests.takeUnexpected(key)
-    ngx.timer.at(0, takeUnheld, key)
+    ngx.timer.at(0, function()
+        takeUnheld(key)
+    end)
 end
 
 local function doNothing()
@@ -164,12 +184,14 @@ end
 -- Sends a request to the service and returns its reply: status, location, token, messages;
 -- unhandled (what is left of the checklist) and resource (for resources.from) when one is to be
 -- read; after a login resource, privilege (a text) and older (sessions that were there before: all,
--- and ofUser). Raises the problem 503 when no reply comes in time.
+-- and ofUser; without those that are being ended). Raises the problem 503 when no reply comes in
+-- time.
 --   kind     of the contract's queues
 --   record   fields of the request; the keys of its parts are added
 --   options  body (fields; without it the record holds them), checklist (fields), read (the
 --            address of a resource to read afterwards), deadline, whenDone (called once the
---            service is no longer busy with the request, or cannot be expected to be): all optional
+--            service is no longer busy with the request, or cannot be expected to be; with the
+--            reply if there is one, even if it comes too late): all optional
 function requests.call(kind, record, options)
     local whenDone = options.whenDone or doNothing
     local expecting, answer = pcall(answers.expect)
@@ -191,22 +213,68 @@ function requests.call(kind, record, options)
         end
         error(messages.unavailable())
     end
-    whenDone()
-    return take(answer.channel, options.read) or error(messages.unavailable())
+    local taken, reply = pcall(take, answer.channel, options.read)
+    whenDone(taken and reply or nil)
+    if not taken then
+        error(reply, 0)
+    end
+    return reply or error(messages.unavailable())
+end
+
+local function hasSucceeded(reply)
+    return reply.status == contract.status.ok or reply.status == contract.status.okEmpty
+end
+
+-- Tells whether the service has logged a session out.
+local function tryLogOut(uri)
+    local succeeded, reply =
+        pcall(requests.call, "logout", { [contract.request.target] = uri }, {})
+    return succeeded and hasSucceeded(reply)
+end
+
+-- Tells whether a session is known to exist no more.
+local function hasEnded(uri)
+    local succeeded, count = pcall(store.with, function(connection)
+        return store.run(connection, "EXISTS", uri)
+    end)
+    return succeeded and count == 0
 end
 
 local function logOut(_, uri, whenDone)
-    pcall(requests.call, "logout", { [contract.request.target] = uri }, {})
+    local giveUpTime = ngx.now() + maxEndingSeconds
+    local pause = firstPause
+    local isOver = tryLogOut(uri)
+    while not isOver and not ngx.worker.exiting() and ngx.now() < giveUpTime do
+        ngx.sleep(pause)
+        pause = math.min(2 * pause, maxPause)
+        isOver = hasEnded(uri) or tryLogOut(uri)
+    end
+    ending[uri] = nil
     whenDone()
 end
 
 -- Logs a session out that nobody uses, without waiting for that; then calls whenDone, if given.
--- Where it fails, the session expires.
+-- Where it fails it is tried again, for some minutes; then the session is left to expire.
 function requests.logOut(uri, whenDone)
     whenDone = whenDone or doNothing
+    ending[uri] = true
     if not ngx.timer.at(0, logOut, uri, whenDone) then
+        ending[uri] = nil
         whenDone()
     end
+end
+
+-- Tells whether sessions are being logged out that nobody uses.
+function requests.areEnding()
+    return next(ending) ~= nil
+end
+
+-- Waits until no session is being logged out that nobody uses. Tells whether none is.
+function requests.awaitEndings(deadline)
+    while requests.areEnding() and ngx.now() < deadline do
+        ngx.sleep(0.01)
+    end
+    return not requests.areEnding()
 end
 
 local httpStatus = {
@@ -219,7 +287,7 @@ local httpStatus = {
 -- Raises the problem that a reply stands for unless its status is a success. `clientFaults` is the
 -- set of messages of a failure that are the client's fault; all others are the service's.
 function requests.expectSuccess(reply, clientFaults)
-    if reply.status == contract.status.ok or reply.status == contract.status.okEmpty then
+    if hasSucceeded(reply) then
         return
     end
     local first = reply.messages[1]

@@ -171,16 +171,15 @@ end
 -- Returns a session for these credentials: uri, token. temporary.release has to follow. Raises the
 -- problem that a refused login is. `action` logs in: it gets the queue's mayStart and starts, and
 -- returns the service's reply.
-function temporary.take(name, password, action)
-    local deadline = ngx.now() + settings.answerTimeout
+function temporary.take(name, password, deadline, action)
     local key = keyOf(name, password)
     local session = find(key)
     while not session do
         local login = logins[key]
-        if not login then
-            session = logIn(key, action)
-        elseif ngx.now() >= deadline then
+        if ngx.now() >= deadline then
             error(messages.unavailable())
+        elseif not login then
+            session = logIn(key, action)
         else
             login.waiting = login.waiting + 1
             if not login.ready:wait(math.max(deadline - ngx.now(), 0)) then

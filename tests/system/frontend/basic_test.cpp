@@ -3,9 +3,11 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <thread>
 
 #include "support/web_test.h"
 
@@ -200,6 +202,26 @@ TEST_F(WebBasicSessions, ShareARefusalAsWell) {
         EXPECT_EQ(answer.get(), 401);
     }
     EXPECT_EQ(basicClient().get(serviceUri).status, 401);
+}
+
+class WebBasicSessionsOfShortTime : public WebBasicSessions {
+  protected:
+    WebBasicSessionsOfShortTime() { changeSetting("answerTimeout", "3"); }
+};
+
+// The second one shares the login of the first, whose time is over earlier.
+TEST_F(WebBasicSessionsOfShortTime, AreWaitedForNoLongerThanALogin) {
+    holdPam();
+    std::future<long> first = startGet("127.0.0.1");
+    waitUntilPamHolds();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const auto start = std::chrono::steady_clock::now();
+    std::future<long> second = startGet("127.0.0.1");
+    EXPECT_EQ(first.get(), 503);
+    EXPECT_EQ(second.get(), 503);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    releasePam();
+    expectSessions(0);
 }
 
 }  // namespace

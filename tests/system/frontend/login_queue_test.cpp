@@ -1,5 +1,7 @@
 // Logins that come faster than passwords can be checked: who waits, who is refused, and who is
 // served all the same.
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -60,6 +62,16 @@ class WebLoginQueue : public WebTest {
         const std::string status = client().get(statusPath).body;
         const std::string label = "Writing: ";
         return std::stoi(status.substr(status.find(label) + label.size())) - 1;
+    }
+    // Logins that wait until their clients have gone.
+    void sendLoginsAndGo(const std::string& address, int count) {
+        std::vector<TlsConnection> connections;
+        for (int i = 0; i < count; ++i) {
+            const int before = handled();
+            connections.push_back(newClient({.sourceAddress = address}).connect());
+            sendLogin(connections.back(), "gone");
+            waitUntilHandled(before + 1);
+        }
     }
     void waitUntilHandled(int count) {
         waitUntil(std::to_string(count) + " requests are being handled",
@@ -198,6 +210,35 @@ TEST_F(WebLoginQueue, StoresNothingWithoutAnExpiry) {
     EXPECT_EQ(login.get(), 201);
 }
 
+class WebLoginQueueOfOneTurn : public WebLoginQueue {
+  protected:
+    WebLoginQueueOfOneTurn() { changeSetting("maxLogins", "1"); }
+};
+
+TEST_F(WebLoginQueueOfOneTurn, IsServedToItsEndByAWorkerThatEnds) {
+    holdPam();
+    {
+        TlsConnection connection = newClient().connect();
+        sendLogin(connection, "gone");
+        waitUntilPamHolds();
+    }
+    std::vector<std::future<long>> logins;
+    for (int i = 0; i < 5; ++i) {
+        logins.push_back(startLogin("127.0.0.1"));
+    }
+    waitUntilHandled(6);
+    const pid_t worker = reload();
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+    expectSessions(5);
+    waitUntil("the worker has ended", [&] {
+        const std::vector<pid_t> workers = childrenOf(web.process().pid());
+        return std::find(workers.begin(), workers.end(), worker) == workers.end();
+    });
+}
+
 // --- who leaves
 
 TEST_F(WebLoginQueue, LogsOutAClientThatHasGoneMeanwhile) {
@@ -239,6 +280,26 @@ TEST_F(WebLoginQueue, DropsALoginWhoseClientHasGone) {
     expectSessions(3);
 }
 
+TEST_F(WebLoginQueue, DoesNotPutOthersBackForClientsThatHaveGone) {
+    holdPam();
+    std::vector<std::future<long>> logins;
+    logins.push_back(startLogin("127.0.0.9"));
+    logins.push_back(startLogin("127.0.0.9"));
+    waitUntilInService(2);
+    sendLoginsAndGo("127.0.0.1", 2);
+    for (const char* address : {"127.0.0.1", "127.0.0.2", "127.0.0.2"}) {
+        const int before = handled();
+        logins.push_back(startLogin(address));
+        waitUntilHandled(before + 1);
+    }
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+    EXPECT_THAT(seenByPam("rhost"),
+                ElementsAre("127.0.0.9", "127.0.0.9", "127.0.0.1", "127.0.0.2", "127.0.0.2"));
+}
+
 class WebLoginQueueOfShortTime : public WebLoginQueue {
   protected:
     WebLoginQueueOfShortTime() { changeSetting("answerTimeout", "0.5"); }
@@ -270,6 +331,122 @@ TEST_F(WebLoginQueueOfShortTime, GoesOnWhenTheServiceDoesNotAnswer) {
     releasePam();
     waitUntil("the late answers are taken", [this] { return requestsInService() == 0; });
     expectSessions(0);
+}
+
+// --- who gets a place
+
+class WebLoginPlaces : public WebLoginQueue {
+  protected:
+    void insertSessions(int count, const std::string& user) {
+        for (int i = 0; i < count; ++i) {
+            frontEnd().insertSession({.userName = user});
+        }
+    }
+    // A manager's login reaches the service while another one is held there, which then goes on.
+    void expectPlaceForAManager() {
+        std::future<long> manager = startLogin("127.0.0.9", "manager");
+        waitUntilInService(2);
+        releasePam();
+        EXPECT_EQ(manager.get(), 201);
+        expectSessions(8);
+    }
+    void setEnabled(const char* enabled) {
+        store().hset(serviceUri, {{"ServiceEnabled", enabled}});
+    }
+};
+
+TEST_F(WebLoginPlaces, OfASessionTooManyOfItsUserAreForOthers) {
+    insertSessions(6, "greedy");
+    insertSessions(1, "another");
+    holdPam();
+    std::future<long> greedy = startLogin("127.0.0.1", "greedy");
+    waitUntilPamHolds();
+    expectPlaceForAManager();
+    EXPECT_EQ(greedy.get(), 503);
+}
+
+TEST_F(WebLoginPlaces, OfAClientThatHasGoneAreForOthers) {
+    insertSessions(7, "another");
+    holdPam();
+    {
+        TlsConnection connection = newClient().connect();
+        sendLogin(connection, "gone");
+        waitUntilPamHolds();
+    }
+    expectPlaceForAManager();
+}
+
+TEST_F(WebLoginPlaces, OfAnAnswerThatComesTooLateAreForOthers) {
+    changeSetting("answerTimeout", "3");
+    web.restart();
+    insertSessions(7, "another");
+    holdPam();
+    std::future<long> late = startLogin("127.0.0.1", "late");
+    waitUntilPamHolds();
+    EXPECT_EQ(late.get(), 503);
+    expectPlaceForAManager();
+}
+
+TEST_F(WebLoginPlaces, CannotBeKeptFromManagersByManyLoginsOfOneUser) {
+    insertSessions(6, "greedy");
+    insertSessions(1, "another");
+    std::atomic<bool> isOver = false;
+    std::vector<std::jthread> clients;
+    for (int i = 0; i < 6; ++i) {
+        clients.emplace_back([this, &isOver] {
+            while (!isOver) {
+                EXPECT_EQ(loginFrom("127.0.0.1", "right", "greedy").status, 503);
+            }
+        });
+    }
+    for (int i = 0; i < 20; ++i) {
+        HttpClient manager = newClient({.sourceAddress = "127.0.0.2"});
+        const HttpResponse session = manager.login("manager", "right");
+        EXPECT_EQ(session.status, 201);
+        EXPECT_EQ(manager.remove(session.location()).status, 204);
+    }
+    isOver = true;
+    clients.clear();
+    expectSessions(7);
+}
+
+// The service refuses the logout at first.
+TEST_F(WebLoginPlaces, AreFreeAsSoonAsASessionIsBeingEnded) {
+    usePamTest("env=PRIVILEGES=1 password=right");
+    insertSessions(6, "greedy");
+    holdPam();
+    std::future<long> greedy = startLogin("127.0.0.1", "greedy");
+    waitUntilPamHolds();
+    setEnabled("false");
+    releasePam();
+    EXPECT_EQ(greedy.get(), 503);
+    waitForLog("Session Service disabled.");
+    setEnabled("true");
+    EXPECT_EQ(loginFrom("127.0.0.2", "right", "somebody").status, 201);
+    expectSessions(7);
+}
+
+TEST_F(WebLoginPlaces, AreFreeWhenALogoutThatWasRefusedIsTakenLater) {
+    HttpClient basic = newClient();
+    basic.useBasic("somebody", "right");
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    setEnabled("false");
+    waitForLog("Session Service disabled.");
+    setEnabled("true");
+    expectSessions(0);
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    expectSessions(0);
+}
+
+TEST_F(WebLoginPlaces, ThatAreNotFreeYetDoNotKeepAWorkerFromItsEnd) {
+    HttpClient basic = newClient();
+    basic.useBasic("somebody", "right");
+    EXPECT_EQ(basic.get(serviceUri).status, 200);
+    setEnabled("false");
+    waitForLog("Session Service disabled.");
+    web.process().signal(SIGQUIT);
+    EXPECT_EQ(toText(web.process().wait()), toText(ExitStatus{}));
+    web.start();
 }
 
 // --- who fails
@@ -318,6 +495,24 @@ TEST_F(WebLoginFailures, DoNotDelayRequestsWithAToken) {
         EXPECT_EQ(reading.get(serviceUri).status, 200);
     }
     EXPECT_EQ(seenByPam("user").size(), 4U);
+}
+
+class WebLateLoginFailures : public WebLoginQueueOfShortTime {
+  protected:
+    WebLateLoginFailures() {
+        changeSetting("maxFailures", "0");
+        changeSetting("failureSeconds", "600");
+    }
+};
+
+TEST_F(WebLateLoginFailures, AreCountedThoughTheirClientsHaveNotWaited) {
+    holdPam();
+    EXPECT_EQ(loginFrom("127.0.0.1", "wrong").status, 503);
+    releasePam();
+    waitUntil("the late answer is taken", [this] { return requestsInService() == 0; });
+    EXPECT_EQ(loginFrom("127.0.0.1").status, 503);
+    EXPECT_EQ(loginFrom("127.0.0.2").status, 201);
+    EXPECT_THAT(seenByPam("rhost"), ElementsAre("127.0.0.1", "127.0.0.2"));
 }
 
 class WebLoginNetworks : public WebLoginFailures {
@@ -379,6 +574,25 @@ TEST_F(WebLoginCrowd, IsRefusedFarBeyondWhatCanBeServed) {
     EXPECT_EQ(logins[4].get(), 429);
     logins.erase(logins.begin() + 4);
     waitUntilHandled(6);
+    releasePam();
+    for (std::future<long>& login : logins) {
+        EXPECT_EQ(login.get(), 201);
+    }
+}
+
+TEST_F(WebLoginCrowd, DoesNotConsistOfClientsThatHaveGone) {
+    holdPam();
+    std::vector<std::future<long>> logins;
+    logins.push_back(startLogin("127.0.0.1"));
+    logins.push_back(startLogin("127.0.0.1"));
+    waitUntilInService(2);
+    sendLoginsAndGo("127.0.0.1", 3);
+    logins.push_back(startLogin("127.0.0.1"));
+    waitUntilHandled(3);
+    // Nor when there are too many of all addresses.
+    sendLoginsAndGo("127.0.0.2", 3);
+    logins.push_back(startLogin("127.0.0.3"));
+    waitUntilHandled(4);
     releasePam();
     for (std::future<long>& login : logins) {
         EXPECT_EQ(login.get(), 201);

@@ -94,6 +94,43 @@ TEST_F(WebLogs, HoldNothingOfTheClientsThatIsNotEscaped) {
     expectPlain(web.accessLog());
 }
 
+// Nobody else uses the store.
+class WebLogsWithFewConnections : public WebLogs {
+  protected:
+    void SetUp() override {
+        std::string configuration = controller.readFile(webConfigurationFile);
+        const std::string many = "worker_connections 1024;";
+        controller.writeFile(
+            webConfigurationFile,
+            configuration.replace(configuration.find(many), many.size(), "worker_connections 12;"));
+        startStore();
+        web.start();
+        waitUntil("the front end listens", [this] {
+            return !store().run({"CLIENT", "LIST", "TYPE", "pubsub"}).text.empty();
+        });
+    }
+};
+
+TEST_F(WebLogsWithFewConnections, HoldNothingOfTheClientWhenThereIsNoneForTheStore) {
+    std::vector<TlsConnection> unfinished;
+    long status = 0;
+    while (status != 503) {
+        // The connection to the store is not to be one that is open.
+        store().run({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"});
+        status =
+            newClient()
+                .request({.path = "/redfish/v1?secret", .headers = {"Referer: http://referrer"}})
+                .status;
+        unfinished.push_back(newClient().connect());
+        unfinished.back().send(
+            "POST " + std::string(sessionsUri) +
+            " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: 9\r\n\r\n");
+    }
+    unfinished.clear();
+    waitUntil("it is logged", [&] { return !linesWith("the store: ").empty(); });
+    expectPlain(web.errorLog());
+}
+
 TEST_F(WebLogs, HaveShortLinesWhateverClientsSend) {
     std::string name;
     while (name.size() < 64000) {

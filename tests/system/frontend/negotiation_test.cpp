@@ -53,6 +53,24 @@ TEST_F(WebNegotiation, TakesTheMostSpecificMediaRange) {
     }
 }
 
+TEST_F(WebNegotiation, ReadsWhatComesBehindAHundredOthers) {
+    Words headers;
+    std::string query = "?";
+    for (int i = 0; i < 150; ++i) {
+        headers.push_back("X-Header-" + std::to_string(i) + ": x");
+        query += "x" + std::to_string(i) + "=1&";
+    }
+    const auto get = [&](const std::string& path, const std::string& accept) {
+        Words all = headers;
+        all.push_back("Accept: " + accept);
+        return client().request({.path = path, .headers = all}).status;
+    };
+    EXPECT_EQ(get(serviceUri, "application/json"), 200);
+    EXPECT_EQ(get(serviceUri, "text/plain"), 406);
+    EXPECT_EQ(client().get(serviceUri + query).status, 200);
+    EXPECT_EQ(client().get(serviceUri + query + "$select=Id").status, 501);
+}
+
 TEST_F(WebNegotiation, RefusesTheMediaTypeAfterWhatIsWrongOtherwise) {
     const std::string page = "Accept: text/html";
     EXPECT_EQ(request("GET", "/redfish/v1/Nowhere", page).status, 404);
@@ -201,6 +219,20 @@ TEST_F(WebNegotiation, LetsAUserWithAnExpiredPasswordReadTheAccount) {
     }
     EXPECT_EQ(request("DELETE", expired.uri, "Accept: */*").status, 403);
     EXPECT_EQ(client().remove(login.location()).status, 204);
+}
+
+TEST_F(WebNegotiation, SaysWhichMethodsThePagesFilesTake) {
+    for (const char* method : {"POST", "PUT", "PATCH", "DELETE"}) {
+        const HttpResponse answer = client().request({.method = method, .path = "/page/main.js"});
+        EXPECT_EQ(answer.status, 405) << method;
+        EXPECT_EQ(answer.header("allow"), "GET,HEAD") << method;
+        EXPECT_EQ(messageIds(answer), Words{"ExtendedError.1.2.MethodNotAllowed"}) << method;
+    }
+    for (const char* method : {"TRACE", "BREW"}) {
+        const HttpResponse answer = client().request({.method = method, .path = "/page/main.js"});
+        EXPECT_EQ(answer.status, 501) << method;
+        EXPECT_EQ(messageIds(answer), Words{"ExtendedError.1.2.MethodNotImplemented"}) << method;
+    }
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 #include "support/web_test.h"
 
 #include <openssl/evp.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -104,6 +107,19 @@ void WebTest::changeLimit(const std::string& text, const std::string& replacemen
         throw Failure("There is no limit " + text + ".");
     }
     controller.writeFile(webLimitsFile, limits.replace(at, text.size(), replacement));
+}
+
+pid_t WebTest::reload() {
+    const pid_t worker = childrenOf(web.process().pid()).at(0);
+    web.process().signal(SIGHUP);
+    // Its title tells.
+    const std::string titleFile = "/proc/" + std::to_string(worker) + "/cmdline";
+    waitUntil("the worker is about to end", [&] {
+        std::ifstream file(titleFile);
+        const std::string title{std::istreambuf_iterator<char>(file), {}};
+        return title.empty() || contains(title, "shutting down");
+    });
+    return worker;
 }
 
 HttpClient& WebTest::client() {

@@ -7,6 +7,8 @@
 // logs.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +30,9 @@ class WebTest : public SystemTest {
     void changeSetting(const std::string& name, const std::string& value);
     // Replaces a text of the front end's limits, which has to be there; for its next start.
     void changeLimit(const std::string& text, const std::string& replacement);
+
+    // Has the front end load its files again. Returns its first worker, which ends from then on.
+    pid_t reload();
 
     // A line of the error log that contains the text has to be there, any number of times.
     void expectWebErrorLine(const std::string& text) { expectedWebErrors.push_back(text); }
