@@ -128,7 +128,7 @@ void tryDeletion(const Fields& fields) {
 // Both as 32 bits, whatever the text.
 bool hasExpired(const Fields& fields, long uptime) {
     const auto seconds = [](const std::string& text) {
-        return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+        return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
     };
     return std::int64_t{uptime} - seconds(fields.lastAccessed) >= seconds(fields.timeout);
 }
