@@ -59,7 +59,10 @@ class Machine:
             ((self.script_port, 2222), (self.https_port, 443), (self.http_port, 80),
              (self.ssh_port, 22)))
         on_card = self.board.disk_options == ("sd",)
-        drive = f"file={self.image},format=qcow2,cache=writeback," + (
+        # The kernel takes what a card has accepted for written, and never has it flushed. Where the power
+        # will go, QEMU must not keep it either.
+        cache = "writethrough" if on_card and snapshot else "writeback"
+        drive = f"file={self.image},format=qcow2,cache={cache}," + (
             "if=sd,index=2" if on_card else "if=none,id=disk")
         command = [
             *self.board.qemu, "-m", self.board.memory, "-nographic", "-nodefaults",
