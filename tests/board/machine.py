@@ -136,16 +136,16 @@ class Machine:
         self.process.wait()
 
     def shut_down(self):
-        """As somebody would at the board: everything is stopped and written."""
-        self.attempt("systemctl poweroff")
+        """As somebody would at the board: everything is stopped and written. QEMU ends where the board
+        would start again: not every board can switch itself off."""
+        self.attempt("systemctl reboot")
         try:
             self.process.wait(boot_limit)
         except subprocess.TimeoutExpired:
             raise Failure(f"The board did not shut down within {boot_limit} s.") from None
 
     def reboot(self):
-        self.attempt("systemctl reboot")
-        self.process.wait(boot_limit)
+        self.shut_down()
         self.start()
 
     def close(self):
