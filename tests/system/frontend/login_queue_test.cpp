@@ -353,6 +353,13 @@ class WebLoginPlaces : public WebLoginQueue {
     void setEnabled(const char* enabled) {
         store().hset(serviceUri, {{"ServiceEnabled", enabled}});
     }
+    // Has a session that is shared by requests with credentials, whose logout is then refused.
+    void shareSessionWithoutLogout(HttpClient& basic) {
+        basic.useBasic("somebody", "right");
+        EXPECT_EQ(basic.get(serviceUri).status, 200);
+        setEnabled("false");
+        waitForLog("Session Service disabled.");
+    }
 };
 
 TEST_F(WebLoginPlaces, OfASessionTooManyOfItsUserAreForOthers) {
@@ -428,10 +435,7 @@ TEST_F(WebLoginPlaces, AreFreeAsSoonAsASessionIsBeingEnded) {
 
 TEST_F(WebLoginPlaces, AreFreeWhenALogoutThatWasRefusedIsTakenLater) {
     HttpClient basic = newClient();
-    basic.useBasic("somebody", "right");
-    EXPECT_EQ(basic.get(serviceUri).status, 200);
-    setEnabled("false");
-    waitForLog("Session Service disabled.");
+    shareSessionWithoutLogout(basic);
     setEnabled("true");
     expectSessions(0);
     EXPECT_EQ(basic.get(serviceUri).status, 200);
@@ -440,10 +444,7 @@ TEST_F(WebLoginPlaces, AreFreeWhenALogoutThatWasRefusedIsTakenLater) {
 
 TEST_F(WebLoginPlaces, ThatAreNotFreeYetDoNotKeepAWorkerFromItsEnd) {
     HttpClient basic = newClient();
-    basic.useBasic("somebody", "right");
-    EXPECT_EQ(basic.get(serviceUri).status, 200);
-    setEnabled("false");
-    waitForLog("Session Service disabled.");
+    shareSessionWithoutLogout(basic);
     web.process().signal(SIGQUIT);
     EXPECT_EQ(toText(web.process().wait()), toText(ExitStatus{}));
     web.start();
