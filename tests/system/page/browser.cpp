@@ -68,7 +68,8 @@ Browser::Browser(std::string driverUrl) : driver({.url = std::move(driverUrl)}) 
                                      {"goog:loggingPrefs", {{"browser", "ALL"}}},
                                      {"goog:chromeOptions", options}}}}}});
     session = "/session/" + answer.at("sessionId").get<std::string>();
-    // Lets a test push the page's clock ahead, and count its requests.
+    // Lets a test push the page's clock ahead, count its requests, and see how many wait for an
+    // answer.
     devtools("Page.addScriptToEvaluateOnNewDocument", {{"source", R"(
         {
             const [now, request] = [Date.now, window.fetch];
@@ -76,7 +77,12 @@ Browser::Browser(std::string driverUrl) : driver({.url = std::move(driverUrl)}) 
             Date.now = () => now() + ahead;
             window.testAhead = (seconds) => { ahead += 1000 * seconds; };
             window.testRequests = 0;
-            window.fetch = (...given) => { ++window.testRequests; return request(...given); };
+            window.testWaiting = 0;
+            window.fetch = (...given) => {
+                ++window.testRequests;
+                ++window.testWaiting;
+                return request(...given).finally(() => { --window.testWaiting; });
+            };
         })"}});
 }
 

@@ -33,7 +33,8 @@ Browser& PageTest::browser() {
 Browser& PageTest::newBrowser() {
     Browser& page = *started.emplace_back(browsers->start());
     page.open(web.url() + "/");
-    page.waitFor("document.querySelector('#login').hidden === false");
+    // It says whose controller this is, and with that waits for nothing more.
+    page.waitFor("document.querySelector('#host').textContent !== ''");
     return page;
 }
 
@@ -53,6 +54,15 @@ std::string PageTest::login(Browser& page, const Account& account) {
         }
     }
     throw Failure("There is no session of the page.");
+}
+
+void PageTest::waitForAnswers(Browser& page) {
+    page.waitFor("testWaiting === 0");
+}
+
+void PageTest::waitForMessage(Browser& page, const std::string& text) {
+    page.waitFor("document.querySelector('#message').textContent === " +
+                 nlohmann::json(text).dump());
 }
 
 void PageTest::expectLoginMessage(Browser& page, const std::string& text) {

@@ -32,6 +32,10 @@ class PageTest : public WebTest {
     }
     // The same, up to the lists; returns the session's address.
     std::string login(Browser& page, const Account& account = administrator);
+    // Blocks until no request of the page waits for an answer.
+    static void waitForAnswers(Browser& page);
+    // Blocks until the page says exactly this of a change.
+    static void waitForMessage(Browser& page, const std::string& text);
     // Blocks until the page says this instead of the form's other message.
     static void expectLoginMessage(Browser& page, const std::string& text);
 
