@@ -88,7 +88,7 @@ function begin(redfish, session) {
   lastInput = seconds();
   setText("user", own.user);
   byId("account").hidden = false;
-  byId("timeout").value = "";
+  byId("timeout").value = byId("timeout").dataset.shown = "";
   draw();
   show("sessions");
   tick();
@@ -236,9 +236,8 @@ function draw() {
   byId("timeout-form").hidden = !login.mayConfigure;
   setText("timeout-text", SessionTimeout > 0 ? spanText(SessionTimeout) : "–");
   // What somebody is typing stays.
-  if (field.value === "" || field.value === field.dataset.shown) {
-    field.value = SessionTimeout ?? "";
-    field.dataset.shown = field.value;
+  if (field.value === field.dataset.shown) {
+    field.value = field.dataset.shown = SessionTimeout ?? "";
   }
 }
 

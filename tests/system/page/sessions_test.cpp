@@ -84,10 +84,10 @@ TEST_F(PageSessions, AreEndedOneByOneAfterAQuestion) {
 
     page.click("#rows button");
     page.click("#yes");
+    waitForMessage(page, "The session " + ended.identifier + " of reader has ended.");
     waitForPlaces(page, 2);
     EXPECT_FALSE(store().exists(ended.uri));
     EXPECT_TRUE(store().exists(kept.uri));
-    EXPECT_EQ(message(page), "The session " + ended.identifier + " of reader has ended.");
     // It is not for ever.
     page.run("testAhead(11)");
     page.waitFor("document.querySelector('#message').textContent === ''");
@@ -105,9 +105,9 @@ TEST_F(PageSessions, AreEndedAllButOnesOwnAfterAQuestion) {
     EXPECT_EQ(store().llen(membersKey), 4);
     page.click("#end-others");
     page.click("#yes");
+    waitForMessage(page, "You have ended 3 other sessions.");
     waitForPlaces(page, 1);
     EXPECT_EQ(store().lrange(membersKey), Words{"&&ObjectRef " + own});
-    EXPECT_EQ(message(page), "You have ended 3 other sessions.");
     EXPECT_FALSE(page.isVisible("#end-others"));
 }
 
@@ -146,12 +146,31 @@ TEST_F(PageSessions, HaveATimeoutThatIsChangedWithinItsBounds) {
     EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "300");
 
     page.type("#timeout", "600" + std::string(enterKey));
-    page.waitFor("document.querySelector('#timeout-text').textContent === '10 minutes'");
+    waitForMessage(page, "The timeout is 10 minutes now.");
     EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
-    EXPECT_EQ(message(page), "The timeout is 10 minutes now.");
+    page.waitFor("document.querySelector('#timeout-text').textContent === '10 minutes'");
     // The own session keeps what it began with.
-    EXPECT_THAT(page.text("#left"), testing::AnyOf("5:00", "4:59", "4:58", "4:57", "4:56", "4:55"));
+    EXPECT_THAT(page.text("#left"), testing::MatchesRegex("5:00|4:[0-9][0-9]"));
     EXPECT_EQ(store().hget(tokenKey(tokens().front()), "Timeout"), "300");
+}
+
+TEST_F(PageSessions, HaveATimeoutThatIsLeftToWhoeverIsTypingIt) {
+    Browser& page = browser();
+    login(page);
+    for (const std::string typed : {"4", ""}) {
+        page.type("#timeout", typed);
+        const InsertedSession session = insert(reader);
+        refreshSoon(page);
+        waitForPlaces(page, 2);
+        EXPECT_EQ(page.run("return document.querySelector('#timeout').value"), typed);
+        frontEnd().remove(session.uri);
+        refreshSoon(page);
+        waitForPlaces(page, 1);
+    }
+    page.type("#timeout", "300");
+    store().hset(serviceUri, {{"SessionTimeout", "900"}});
+    refreshSoon(page);
+    page.waitFor("document.querySelector('#timeout').value === '900'");
 }
 
 TEST_F(PageSessions, OfTwoBrowsersSeeAndEndEachOther) {
