@@ -271,12 +271,16 @@ def hang_in_pam(scenario):
 def fill_the_disk(scenario):
     """The disk is full: logins go on, and a restart mends what a change has left"""
     scenario.run("fallocate --length $(($(df --output=avail --block-size=1 / | tail -n 1) - 65536)) "
-                 "/var/filler; dd if=/dev/zero of=/var/filler-2 bs=4k 2>/dev/null; sync; "
-                 "! touch /var/filler-3 || ! dd if=/dev/zero of=/var/filler-3 bs=4k count=1 2>/dev/null")
+                 "/var/filler")
+    # What is written out, or removed by others, may leave some blocks once more.
+    append = "dd if=/dev/zero of=/var/filler oflag=append conv=notrunc bs=4k"
+    until("The disk is full", service_limit,
+          lambda: scenario.machine.attempt(
+              f"exec 2>/dev/null; {append}; sync; ! {append} count=1")[0] == 0)
     scenario.logout(scenario.login())
     scenario.expect(200, "PATCH", service, scenario.session, {"SessionTimeout": timeout})
     left = scenario.property()
-    scenario.run("rm -f /var/filler /var/filler-2 /var/filler-3 && sync")
+    scenario.run("rm /var/filler && sync")
     scenario.run("systemctl restart session-service.service")
     scenario.logout(scenario.login())
     must(left in (None, str(timeout)), f"The file holds {left}.")
