@@ -213,10 +213,10 @@ void measureIdleness(Table& table, Json& results, std::chrono::seconds duration)
         {"of one processor", fixed(percent, 3) + " %, " + fixed(36 * percent, 2) + " s an hour",
          "at most " + fixed(maxIdlePercent, 1) + " %"},
         percent <= maxIdlePercent);
-    table.row(
-        {"the expiry is scheduled",
-         fixed(wakes / elapsed, 1) + " times a second: once for the pass, once for each reply",
-         ""});
+    table.row({"the expiry is scheduled",
+               fixed(wakes / elapsed, 1) +
+                   " times a second: once for the pass, once or twice for each reply",
+               ""});
     table.judge({"the other threads", std::to_string(othersWoke) + " times", "never"},
                 othersWoke == 0);
 }
