@@ -468,14 +468,31 @@ TEST_F(HeldPass, KeepsDeletionsAndLoginsOut) {
     const InsertedSession session = frontEnd().insertSession();
     Request deletion = frontEnd().prepareRemove(session.uri);
     Request login = frontEnd().prepareLogin("somebody", "anything");
+    const auto sent = std::chrono::steady_clock::now();
     deletion.send();
     login.send();
     const Reply refusedDeletion = deletion.reply();
+    EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::seconds(2));
     EXPECT_EQ(refusedDeletion.status(), "UNAVAILABLE");
     EXPECT_EQ(refusedDeletion.messages, busy);
     EXPECT_EQ(login.reply().status(), "UNAVAILABLE");
     EXPECT_TRUE(store().exists(session.uri));
     EXPECT_TRUE(pamRecords().empty());
+}
+
+TEST_F(HeldPass, DoesNotDelayWhatIsRefusedAnyway) {
+    const std::vector<Message> off{{"ExtendedError.1.2.ServiceDisabled", {}}};
+    const InsertedSession session = frontEnd().insertSession();
+    const InsertedSession other = frontEnd().insertSession({.sessionType = "\"HostConsole\""});
+    const Reply ofAnotherKind = frontEnd().remove(other.uri);
+    EXPECT_EQ(ofAnotherKind.status(), "FAILURE");
+    EXPECT_EQ(ofAnotherKind.messages,
+              (std::vector<Message>{{"ExtendedError.1.2.UnprocessableEntity", {}}}));
+    store().hset(serviceUri, {{"ServiceEnabled", "false"}});
+    EXPECT_EQ(frontEnd().remove(session.uri).messages, off);
+    EXPECT_EQ(frontEnd().login("somebody", "anything").messages, off);
+    EXPECT_TRUE(inside);
+    expectErrorLine("Request SessionType is not Redfish.");
 }
 
 TEST_F(HeldPass, LeavesThePatchWorkerAlone) {

@@ -1,11 +1,13 @@
 /*
  * Preloaded into the daemon: appends a line to the file that the environment variable NOTED_CALLS
- * names for each fsync ("fsync PATH") and for each stream socket ("socket private", or "socket
- * open" when the programs that the daemon starts would inherit it), and passes the call on.
+ * names for each fsync ("fsync PATH"), for each stream socket ("socket private", or "socket open"
+ * when the programs that the daemon starts would inherit it), for each sleep ("usleep
+ * MICROSECONDS") and for each limited wait for a mutex ("wait"), and passes the call on.
  */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,4 +50,24 @@ __attribute__((visibility("default"))) int socket(int domain, int type, int prot
     }
     *(void**)&next = dlsym(RTLD_NEXT, "socket");
     return next(domain, type, protocol);
+}
+
+__attribute__((visibility("default"))) int usleep(useconds_t duration) {
+    char line[sizeof "usleep 4294967295\n"];
+    int (*next)(useconds_t);
+
+    (void)snprintf(line, sizeof line, "usleep %u\n", duration);
+    note(line);
+    *(void**)&next = dlsym(RTLD_NEXT, "usleep");
+    return next(duration);
+}
+
+__attribute__((visibility("default"))) int pthread_mutex_clocklock(pthread_mutex_t* mutex,
+                                                                   clockid_t clock,
+                                                                   const struct timespec* end) {
+    int (*next)(pthread_mutex_t*, clockid_t, const struct timespec*);
+
+    note("wait\n");
+    *(void**)&next = dlsym(RTLD_NEXT, "pthread_mutex_clocklock");
+    return next(mutex, clock, end);
 }

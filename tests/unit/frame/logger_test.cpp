@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -107,6 +108,13 @@ TEST_F(Log, WritesDateSecondsTagAndMessage) {
         log.error("count is %d", 5);
         EXPECT_EQ(textOfLog(), moment.line);
     }
+}
+
+TEST_F(Log, LeavesTheDateOutWhenTheYearHasNoNumber) {
+    const FixedClock clock(std::numeric_limits<std::time_t>::max());
+    initialize("LOG_FILE={LOG}\n");
+    EXPECT_EQ(standardErrorOf([&] { log.error("late"); }), "");
+    EXPECT_EQ(textOfLog(), " 9223372036854775807 [Error]: late\n");
 }
 
 TEST_F(Log, AppendsOneLineAMessage) {
