@@ -92,6 +92,8 @@ function begin(redfish, session) {
   setText("user", own.user);
   byId("account").hidden = false;
   byId("timeout").value = "";
+  byId("timeout").ariaInvalid = null;
+  showPassword(false);
   draw();
   show("sessions");
   tick();
@@ -115,16 +117,20 @@ function finish(reason, kind) {
 // The session is not there any more.
 function over() {
   const { redfish: { lastUse }, timeout } = login;
-  const hasExpired = seconds() - lastUse >= timeout - 1;
+  const hasExpired = timeout > 0 && seconds() - lastUse >= timeout - 1;
   finish(words.sessionOver(hasExpired, timeout, time()), "bad");
 }
 
 async function logOut() {
   const { redfish, timeout } = login;
   const answering = redfish.logOut();
-  login = null;
+  finish({ title: "Logging out …" }, "note");
+  const said = byId("login-message").firstChild;
   const reason = words.loggedOut(await answering, timeout);
-  finish(reason, reason.advice ? "note" : "good");
+  // Somebody may be logging in already.
+  if (said.isConnected) {
+    say("login-message", reason, reason.advice ? "note" : "good");
+  }
 }
 
 // Reading
@@ -385,15 +391,13 @@ async function showController() {
   setText("controller", typeof body.Name === "string" ? body.Name : "Controller");
 }
 
-function showPassword() {
-  const password = byId("password");
-  const isShown = password.type === "text";
-  password.type = isShown ? "password" : "text";
-  byId("show").ariaPressed = String(!isShown);
+function showPassword(isShown) {
+  byId("password").type = isShown ? "text" : "password";
+  byId("show").ariaPressed = String(isShown);
 }
 
 byId("login-form").onsubmit = logIn;
-byId("show").onclick = showPassword;
+byId("show").onclick = () => showPassword(byId("password").type === "password");
 byId("log-out").onclick = logOut;
 byId("end-others").onclick = endOthers;
 byId("timeout-form").onsubmit = changeTimeout;
@@ -407,7 +411,7 @@ document.addEventListener("visibilitychange", () => {
 // Nobody else could use the session, but it would take a place.
 addEventListener("pagehide", () => {
   if (login) {
-    login.redfish.logOut({ keepalive: true });
+    login.redfish.logOut();
     finish({ title: "You are logged out." }, "good");
   }
 });

@@ -141,8 +141,8 @@ export function sessionOver(hasExpired, timeout, time) {
 export function loggedOut(answer, timeout) {
   return answer.status === 204 || answer.status === 401 ? { title: "You are logged out." } : {
     title: "You are logged out here, but your session has not ended yet.",
-    advice: `${failure(answer, "").title} The session expires by itself in ${spanText(timeout)}; `
-      + "nobody can use it any more.",
+    advice: `${failure(answer, "").title} The session expires by itself${
+      timeout > 0 ? " in " + spanText(timeout) : ""}; nobody can use it any more.`,
   };
 }
 
