@@ -622,6 +622,22 @@ TEST_F(WebLoginWithoutAName, IsRefusedAsSlowlyAsAnyOtherAndDoesNotReachTheServic
     waitForRefusedLogins(2);
 }
 
+class WebLoginsWithoutAName : public WebLoginFailures {
+  protected:
+    WebLoginsWithoutAName() {
+        changeSetting("refusalSeconds", "0");
+        changeSetting("failureSeconds", "600");
+        changeSetting("answerTimeout", "1");
+    }
+};
+
+TEST_F(WebLoginsWithoutAName, KeepNobodyOfTheirAddressOut) {
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(loginFrom("127.0.0.1", "right", "").status, 401);
+    }
+    EXPECT_EQ(loginFrom("127.0.0.1").status, 201);
+}
+
 TEST_F(WebLoginQueue, LeavesALineForEachLoginThatIsRefused) {
     loginFrom("127.0.0.3", "wrong", "plain");
     loginFrom("127.0.0.4", "wrong", "two\nlines \x1b[31m \"quoted\" \u00e9\U0001f512");
