@@ -2,6 +2,7 @@
 -- them all.
 local rand = require "openssl.rand"
 local semaphore = require "ngx.semaphore"
+local background = require "background"
 local hex = require "hex"
 local messages = require "messages"
 local settings = require "settings"
@@ -9,9 +10,10 @@ local store = require "store"
 
 local answers = {}
 
--- The subscription has nothing to do while nothing comes.
-local idleMilliseconds = 3600000
--- How often it looks whether the worker may end.
+-- The subscription has nothing to do while nothing comes. It is woken up when the worker is about
+-- to end, but does not depend on that.
+local idleMilliseconds = 60000
+-- How often it looks then whether the worker may end.
 local endMilliseconds = 100
 
 -- Seconds between tries to subscribe: the first pause, and what it is doubled up to.
@@ -37,7 +39,7 @@ local isRunning = false
 local isOpen = false
 
 -- Set by answers.start.
-local takeUnexpected, prepareEnd, isBusy
+local takeUnexpected, hasten, isBusy
 
 local function mayEnd()
     return ngx.worker.exiting() and count == 0 and not isBusy()
@@ -55,6 +57,7 @@ local function listen(lost)
     end
     while not mayEnd() do
         if ngx.worker.exiting() then
+            hasten()
             subscription.socket:settimeout(endMilliseconds)
         end
         local message, failure = store.receive(subscription)
@@ -100,17 +103,18 @@ local function run()
 end
 
 local function ensureRunning()
-    isRunning = isRunning or ngx.timer.at(0, run) ~= nil
+    if not isRunning then
+        isRunning = true
+        background.run(0, run)
+    end
 end
 
--- A timer that runs before its time when the worker is told to end.
+-- A timer that runs before its time when the worker is told to end. Wakes the subscription up.
 local function watchForEnd(premature)
     if not premature then
-        ngx.timer.at(secondsOfDay, watchForEnd)
         return
     end
-    prepareEnd()
-    -- Wakes the subscription up.
+    hasten()
     pcall(store.with, function(connection)
         return store.run(connection, "PUBLISH", prefix, "")
     end)
@@ -118,13 +122,13 @@ end
 
 -- Begins to listen, at the start of a worker. `hooks` are functions:
 --   takeUnexpected(channel)  an answer that nobody waits for has come, or may have come
---   prepareEnd()             the worker is about to end
+--   hasten()                 the worker is about to end: called again and again
 --   isBusy()                 whether the worker must not end yet
 function answers.start(hooks)
-    takeUnexpected, prepareEnd, isBusy = hooks.takeUnexpected, hooks.prepareEnd, hooks.isBusy
+    takeUnexpected, hasten, isBusy = hooks.takeUnexpected, hooks.hasten, hooks.isBusy
     prefix = "&&/frontend/" .. hex(rand.bytes(8)) .. "/"
     ensureRunning()
-    ngx.timer.at(secondsOfDay, watchForEnd)
+    ngx.timer.every(secondsOfDay, watchForEnd)
 end
 
 -- Returns an answer to wait for and to forget; its `channel` is where it has to come. Raises the

@@ -3,8 +3,7 @@
 -- is to be known is written here, by a timer that has no request. What happens often is counted.
 local log = {}
 
--- Seconds between two looks at what there is to write, and between two lines of one text.
-local interval = 1
+-- Seconds between two lines of one text.
 local repeatInterval = 60
 
 -- Texts that are remembered at a time; no more than this many are written in repeatInterval.
@@ -43,10 +42,12 @@ function log.error(text)
     add(ngx.ERR, text)
 end
 
-local function write(all)
+-- Writes what there is, or, at the end of a worker, all that has not been written. To be called
+-- every second, without a request.
+function log.write(isEnd)
     local now = ngx.now()
     for text, entry in pairs(entries) do
-        if all or now >= entry.nextTime then
+        if isEnd or now >= entry.nextTime then
             if entry.pending == 0 then
                 entries[text] = nil
                 count = count - 1
@@ -58,18 +59,6 @@ local function write(all)
             end
         end
     end
-end
-
--- Begins to write, at the start of a worker.
-function log.start()
-    ngx.timer.every(interval, function(premature)
-        write(premature)
-    end)
-end
-
--- Writes what has not been written, at the end of a worker.
-function log.finish()
-    write(true)
 end
 
 return log

@@ -6,6 +6,7 @@
 -- A login that has found no place asks again alone: when no other is in the service, so that no
 -- session has a place of those that are logged out again.
 local semaphore = require "ngx.semaphore"
+local background = require "background"
 local failures = require "failures"
 local settings = require "settings"
 
@@ -20,7 +21,7 @@ local inService = 0
 -- Where those wait that ask alone. No network has this name.
 local aloneLine = "alone"
 
--- When a timer will look at the queue again, nil when none will.
+-- When the queue is looked at again, nil when it is not.
 local wakeTime
 
 -- Ends the waiting of a login.
@@ -100,11 +101,11 @@ local function wakeLater(seconds)
     if wakeTime and wakeTime <= time then
         return
     end
-    local function wake()
+    wakeTime = time
+    background.run(seconds, function()
         wakeTime = nil
         queue.advance()
-    end
-    wakeTime = ngx.timer.at(seconds, wake) and time
+    end)
 end
 
 -- Gives turns while there are any. To be called when a login may start that could not before.

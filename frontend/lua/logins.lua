@@ -126,8 +126,8 @@ local function attempt(name, password, options)
         }), "name too long"))
     end
     if name == "" then
-        -- Nobody has this name. It takes as long as any other to be told so.
-        failures.add(client.network())
+        -- Nobody has this name. It takes as long as any other to be told so. It guesses nothing and
+        -- waits for no turn: were it counted, it could keep all others of its network from theirs.
         ngx.sleep(refusalSeconds)
         error(wrongCredentials())
     end

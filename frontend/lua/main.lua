@@ -1,6 +1,7 @@
 -- One HTTP request: from its line to its answer.
 local answers = require "answers"
 local authentication = require "authentication"
+local background = require "background"
 local contract = require "contract"
 local files = require "files"
 local json = require "json"
@@ -299,10 +300,16 @@ end
 
 -- Prepares a worker for its requests.
 function main.start()
-    log.start()
+    ngx.timer.every(1, function(premature)
+        background.look()
+        log.write(premature)
+    end)
     answers.start({
         takeUnexpected = requests.takeUnexpected,
-        prepareEnd = temporary.endAll,
+        hasten = function()
+            temporary.endAll()
+            background.look()
+        end,
         isBusy = function()
             return temporary.exist() or queue.isBusy() or requests.areEnding()
         end,

@@ -4,6 +4,7 @@
 -- A client does not wait for ever: it is told to try again. Its request goes on, and whatever comes
 -- of it is removed when the answer comes, a session included.
 local answers = require "answers"
+local background = require "background"
 local contract = require "contract"
 local messages = require "messages"
 local settings = require "settings"
@@ -11,11 +12,11 @@ local store = require "store"
 
 local requests = {}
 
--- Seconds between tries to log out a session that nobody holds: the first pause, and what it is
+-- Seconds between tries to leave nothing behind that nobody holds: the first pause, and what it is
 -- doubled up to. And the seconds after which it is left to expire.
 local firstPause = 1
 local maxPause = 5
-local maxEndingSeconds = 300
+local maxTrySeconds = 300
 
 -- The sessions that are being logged out because nobody holds them, by their addresses.
 local ending = {}
@@ -152,30 +153,49 @@ local function take(key, uri)
     return taken
 end
 
--- Takes an answer that nobody waits for and returns it, nil when there is none. Nobody would hold
--- the session of such a login.
+-- Tries again until it has succeeded, for some minutes or until the worker is about to end.
+local function tryAgain(hasSucceeded)
+    local giveUpTime = ngx.now() + maxTrySeconds
+    local pause = firstPause
+    repeat
+        ngx.sleep(pause)
+        pause = math.min(2 * pause, maxPause)
+    until hasSucceeded() or ngx.worker.exiting() or ngx.now() >= giveUpTime
+end
+
+-- Takes an answer that nobody waits for. Nobody would hold the session of such a login. Returns
+-- whether the store could be asked, and the answer, if there is one.
 local function takeUnheld(key)
     local succeeded, reply = pcall(take, key)
-    reply = succeeded and reply or nil
-    if reply and reply.location then
+    if succeeded and reply and reply.location then
         requests.logOut(reply.location)
     end
-    return reply
+    return succeeded, succeeded and reply or nil
 end
 
--- The same from now on, for an answer that may still come; the request that waited for it has
--- ended.
-local function awaitUnheld(_, answer, whenDone)
+-- The same, without waiting for it; where it fails it is tried again.
+function requests.takeUnexpected(key)
+    background.run(0, function()
+        if not takeUnheld(key) then
+            tryAgain(function()
+                return (takeUnheld(key))
+            end)
+        end
+    end)
+end
+
+-- Waits for an answer that may still come; the request that waited for it has ended.
+local function awaitUnheld(answer, whenDone)
     local hasCome = answers.wait(answer, settings.answerTimeout)
     answers.forget(answer)
-    whenDone(hasCome and takeUnheld(answer.channel) or nil)
-end
-
--- For the answers' own start.
-function requests.takeUnexpected(key)
-    ngx.timer.at(0, function()
-        takeUnheld(key)
-    end)
+    local taken, reply = true, nil
+    if hasCome then
+        taken, reply = takeUnheld(answer.channel)
+    end
+    whenDone(reply)
+    if not taken then
+        requests.takeUnexpected(answer.channel)
+    end
 end
 
 local function doNothing()
@@ -208,14 +228,13 @@ function requests.call(kind, record, options)
         error(sent and messages.unavailable() or received, 0)
     end
     if not answers.wait(answer, deadline - ngx.now()) then
-        if not ngx.timer.at(0, awaitUnheld, answer, whenDone) then
-            whenDone()
-        end
+        background.run(0, awaitUnheld, answer, whenDone)
         error(messages.unavailable())
     end
     local taken, reply = pcall(take, answer.channel, options.read)
     whenDone(taken and reply or nil)
     if not taken then
+        requests.takeUnexpected(answer.channel)
         error(reply, 0)
     end
     return reply or error(messages.unavailable())
@@ -240,14 +259,11 @@ local function hasEnded(uri)
     return succeeded and count == 0
 end
 
-local function logOut(_, uri, whenDone)
-    local giveUpTime = ngx.now() + maxEndingSeconds
-    local pause = firstPause
-    local isOver = tryLogOut(uri)
-    while not isOver and not ngx.worker.exiting() and ngx.now() < giveUpTime do
-        ngx.sleep(pause)
-        pause = math.min(2 * pause, maxPause)
-        isOver = hasEnded(uri) or tryLogOut(uri)
+local function logOut(uri, whenDone)
+    if not tryLogOut(uri) then
+        tryAgain(function()
+            return hasEnded(uri) or tryLogOut(uri)
+        end)
     end
     ending[uri] = nil
     whenDone()
@@ -256,12 +272,8 @@ end
 -- Logs a session out that nobody uses, without waiting for that; then calls whenDone, if given.
 -- Where it fails it is tried again, for some minutes; then the session is left to expire.
 function requests.logOut(uri, whenDone)
-    whenDone = whenDone or doNothing
     ending[uri] = true
-    if not ngx.timer.at(0, logOut, uri, whenDone) then
-        ending[uri] = nil
-        whenDone()
-    end
+    background.run(0, logOut, uri, whenDone or doNothing)
 end
 
 -- Tells whether sessions are being logged out that nobody uses.

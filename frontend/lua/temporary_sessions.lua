@@ -5,6 +5,7 @@ local hmac = require "openssl.hmac"
 local rand = require "openssl.rand"
 local semaphore = require "ngx.semaphore"
 local accountFiles = require "account_files"
+local background = require "background"
 local messages = require "messages"
 local queue = require "login_queue"
 local requests = require "requests"
@@ -22,7 +23,7 @@ local logins = {}
 -- Places for sessions whose logins the service has got.
 local reserved = 0
 
-local timerIsSet = false
+local isWatched = false
 
 -- What tells credentials and address apart; it tells nobody what they are.
 local secret = rand.bytes(32)
@@ -66,30 +67,30 @@ local function leastUsed()
     return found
 end
 
-local setTimer
-
--- Ends what nobody has used for a while; all that is idle when the worker is about to end.
-local function endIdle(premature)
-    timerIsSet = false
+-- Ends what nobody has used for so many seconds, or since the clock was set back.
+local function endIdle(seconds)
     for _, session in ipairs({ unpack(sessions) }) do
-        if session.users == 0
-            and (premature or ngx.now() >= session.lastUse + settings.basicIdleSeconds) then
+        if session.users == 0 and math.abs(ngx.now() - session.lastUse) >= seconds then
             retire(session)
         end
     end
-    setTimer()
 end
 
-function setTimer()
+-- Has sessions ended that become idle.
+local function watch()
     local first
     for _, session in ipairs(sessions) do
         if session.users == 0 and not session.isRetired then
             first = math.min(first or session.lastUse, session.lastUse)
         end
     end
-    if first and not timerIsSet then
-        local seconds = math.max(first + settings.basicIdleSeconds - ngx.now(), 0.01)
-        timerIsSet = ngx.timer.at(seconds, endIdle) ~= nil
+    if first and not isWatched then
+        isWatched = true
+        background.run(math.max(first + settings.basicIdleSeconds - ngx.now(), 0.01), function()
+            isWatched = false
+            endIdle(settings.basicIdleSeconds)
+            watch()
+        end)
     end
 end
 
@@ -205,7 +206,7 @@ function temporary.release(session, isInvalid)
     elseif session.isRetired or ngx.worker.exiting() then
         retire(session)
     else
-        setTimer()
+        watch()
         -- Somebody may be waiting for its place.
         queue.advance()
     end
@@ -226,9 +227,9 @@ function temporary.makeRoom(deadline)
     return true
 end
 
--- Ends all sessions; the worker is about to end.
+-- Ends all sessions that are idle; the worker is about to end.
 function temporary.endAll()
-    endIdle(true)
+    endIdle(0)
 end
 
 -- Tells whether there is a session or about to be one.

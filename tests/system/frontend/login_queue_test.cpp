@@ -333,6 +333,58 @@ TEST_F(WebLoginQueueOfShortTime, GoesOnWhenTheServiceDoesNotAnswer) {
     expectSessions(0);
 }
 
+// nginx runs no timer without a connection to spare, and starts none later.
+class WebLoginQueueOfAFullServer : public WebLoginQueueOfShortTime {
+  protected:
+    WebLoginQueueOfAFullServer() {
+        configure("worker_connections 1024;", "worker_connections 40;");
+    }
+    void fill() {
+        try {
+            while (true) {
+                others.push_back(newClient({.sourceAddress = "127.0.0.7"}).connect());
+                // It would be closed for another one as long as nothing has come.
+                others.back().send("P");
+            }
+        } catch (const Failure&) {
+            return;
+        }
+    }
+    void waitForForgottenTimers() {
+        waitUntil("timers are forgotten",
+                  [this] { return contains(web.errorLog(), "could not create fake connection"); });
+    }
+
+    std::vector<TlsConnection> others;
+};
+
+TEST_F(WebLoginQueueOfAFullServer, LosesNoTurnAndNoSession) {
+    expectWebErrorLine("worker_connections are not enough");
+    expectWebErrorLine("could not create fake connection");
+    holdPam();
+    std::vector<TlsConnection> late;
+    for (const char* address : {"127.0.0.1", "127.0.0.2"}) {
+        late.push_back(newClient({.sourceAddress = address}).connect());
+        sendLogin(late.back(), "somebody");
+        // The beginning of another request: the connection is not closed when nginx needs one.
+        late.back().send("G");
+    }
+    waitUntilInService(2);
+    fill();
+    for (TlsConnection& login : late) {
+        EXPECT_THAT(login.receiveUntil("\r\n"), HasSubstr(" 503 "));
+    }
+    waitForForgottenTimers();
+    others.clear();
+    late.clear();
+    releasePam();
+    waitUntil("the late answers are taken", [this] { return requestsInService() == 0; });
+    expectSessions(0);
+    // Both turns are there: one for an address from where something has failed as well.
+    EXPECT_EQ(loginFrom("127.0.0.3", "wrong").status, 401);
+    EXPECT_EQ(loginFrom("127.0.0.3").status, 201);
+}
+
 // --- who gets a place
 
 class WebLoginPlaces : public WebLoginQueue {
@@ -620,6 +672,22 @@ TEST_F(WebLoginWithoutAName, IsRefusedAsSlowlyAsAnyOtherAndDoesNotReachTheServic
     }
     EXPECT_TRUE(pamRecords().empty());
     waitForRefusedLogins(2);
+}
+
+class WebLoginsWithoutAName : public WebLoginFailures {
+  protected:
+    WebLoginsWithoutAName() {
+        changeSetting("refusalSeconds", "0");
+        changeSetting("failureSeconds", "600");
+        changeSetting("answerTimeout", "1");
+    }
+};
+
+TEST_F(WebLoginsWithoutAName, KeepNobodyOfTheirAddressOut) {
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(loginFrom("127.0.0.1", "right", "").status, 401);
+    }
+    EXPECT_EQ(loginFrom("127.0.0.1").status, 201);
 }
 
 TEST_F(WebLoginQueue, LeavesALineForEachLoginThatIsRefused) {

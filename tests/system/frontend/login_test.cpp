@@ -461,6 +461,15 @@ TEST_F(WebLogin, WhileTheStoreTakesNothingIsUnavailableAtOnce) {
     }
 }
 
+TEST_F(WebLogin, WhoseAnswerCannotBeTakenAtFirstLeavesNoSession) {
+    store().run({"ACL", "SETUSER", "default", "-del"});
+    EXPECT_EQ(login().status, 503);
+    EXPECT_EQ(store().llen(membersKey), 1);
+    store().run({"ACL", "SETUSER", "default", "+del"});
+    waitUntil("the session that nobody holds is gone",
+              [this] { return store().llen(membersKey) == 0; });
+}
+
 TEST_F(WebLogin, WithATooLongNameIsTheClientsFault) {
     EXPECT_EQ(messageIds(client().login(std::string(255, 'x'), "any")),
               Words{"ExtendedError.1.2.InvalidCredentials"});
