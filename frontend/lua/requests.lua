@@ -21,6 +21,11 @@ local maxTrySeconds = 300
 -- The sessions that are being logged out because nobody holds them, by their addresses.
 local ending = {}
 
+-- Answers that are to be taken though nobody waits for them. One timer takes them all: while the
+-- store refuses, each of many would keep a connection of nginx's.
+local untaken = {}
+local isTaking = false
+
 -- Keys: the request, its body, its checklist. Arguments: the queue, the expiry, how many words
 -- there are for each key, and these words. Nothing is stored when nobody listens.
 local sendScript = store.script([[
@@ -173,15 +178,38 @@ local function takeUnheld(key)
     return succeeded, succeeded and reply or nil
 end
 
--- The same, without waiting for it; where it fails it is tried again.
-function requests.takeUnexpected(key)
-    background.run(0, function()
-        if not takeUnheld(key) then
-            tryAgain(function()
-                return (takeUnheld(key))
-            end)
+local function takeAll()
+    local failed = {}
+    local i = 1
+    -- Others may be added meanwhile.
+    while untaken[i] do
+        if not takeUnheld(untaken[i]) then
+            failed[#failed + 1] = untaken[i]
         end
-    end)
+        i = i + 1
+    end
+    untaken = failed
+    return #failed == 0
+end
+
+local function takeUntaken()
+    if not takeAll() then
+        tryAgain(takeAll)
+    end
+    untaken = {}
+    isTaking = false
+end
+
+-- Takes an answer that nobody waits for, without waiting for that. Where it fails it is tried
+-- again, for some minutes.
+function requests.takeUnexpected(key)
+    if #untaken < settings.maxRequests then
+        untaken[#untaken + 1] = key
+    end
+    if not isTaking then
+        isTaking = true
+        background.run(0, takeUntaken)
+    end
 end
 
 -- Waits for an answer that may still come; the request that waited for it has ended.
