@@ -79,7 +79,10 @@ function begin(redfish, session) {
     places: Array(numberOfPlaces).fill(null),
     shown: [],
     omitted: 0,
-    service: {},
+    service: { body: {}, header: () => null },
+    change: Promise.resolve(),
+    // What the page has put into the field of the timeout.
+    filledIn: "",
     refreshing: null,
     lastRefresh: -Infinity,
     doneAt: Infinity,
@@ -88,7 +91,9 @@ function begin(redfish, session) {
   lastInput = seconds();
   setText("user", own.user);
   byId("account").hidden = false;
-  byId("timeout").value = byId("timeout").dataset.shown = "";
+  byId("timeout").value = "";
+  byId("timeout").ariaInvalid = null;
+  showPassword(false);
   draw();
   show("sessions");
   tick();
@@ -112,16 +117,20 @@ function finish(reason, kind) {
 // The session is not there any more.
 function over() {
   const { redfish: { lastUse }, timeout } = login;
-  const hasExpired = seconds() - lastUse >= timeout - 1;
+  const hasExpired = timeout > 0 && seconds() - lastUse >= timeout - 1;
   finish(words.sessionOver(hasExpired, timeout, time()), "bad");
 }
 
 async function logOut() {
   const { redfish, timeout } = login;
   const answering = redfish.logOut();
-  login = null;
+  finish({ title: "Logging out …" }, "note");
+  const said = byId("login-message").firstChild;
   const reason = words.loggedOut(await answering, timeout);
-  finish(reason, reason.advice ? "note" : "good");
+  // Somebody may be logging in already.
+  if (said.isConnected) {
+    say("login-message", reason, reason.advice ? "note" : "good");
+  }
 }
 
 // Reading
@@ -162,6 +171,7 @@ async function readSession({ redfish }, uri) {
 // Reads everything that is shown. Throws the answer that prevents it.
 async function read(reader) {
   const get = (uri) => expect(reader.redfish.request("GET", uri), 200);
+  const before = reader.service;
   const [collection, settings] = await Promise.all([get(sessions), get(service)]);
   if (reader.mayConfigure === null) {
     // Without a property it changes nothing; it tells whether it would be refused.
@@ -176,8 +186,8 @@ async function read(reader) {
   const present = found.filter(Boolean);
   reader.omitted = Math.max(0, uris.length - maxShown);
   reader.known = new Map(present.map((session) => [session.uri, session]));
-  reader.service = settings.body;
-  reader.etag = settings.header("ETag");
+  // A change that was made meanwhile is newer.
+  reader.service = reader.service === before ? settings : reader.service;
   reader.timeout ??= Number(settings.body.SessionTimeout);
   // A session keeps its place, a new one gets the first that is free.
   reader.places = reader.places.map((session) => reader.known.get(session?.uri) ?? null);
@@ -220,7 +230,7 @@ function refresh() {
 const others = () => login.shown.filter(({ canEnd, isMine }) => canEnd && !isMine);
 
 function draw() {
-  const { failed, service: { ServiceEnabled, SessionTimeout }, since } = login;
+  const { failed, service: { body: { ServiceEnabled, SessionTimeout } }, since } = login;
   const isOn = ServiceEnabled !== false;
   const ending = others().length;
   drawPlaces(login.places);
@@ -236,8 +246,8 @@ function draw() {
   byId("timeout-form").hidden = !login.mayConfigure;
   setText("timeout-text", SessionTimeout > 0 ? spanText(SessionTimeout) : "–");
   // What somebody is typing stays.
-  if (field.value === field.dataset.shown) {
-    field.value = field.dataset.shown = SessionTimeout ?? "";
+  if (field.value === login.filledIn) {
+    field.value = login.filledIn = String(SessionTimeout ?? "");
   }
 }
 
@@ -347,7 +357,8 @@ async function changeTimeout(event) {
   event.preventDefault();
   const changing = login;
   const field = byId("timeout");
-  const value = words.timeoutFrom(field.value);
+  const typed = field.value;
+  const value = words.timeoutFrom(typed);
   login.doneAt = Infinity;
   say("message");
   field.ariaInvalid = String(value === null);
@@ -356,11 +367,19 @@ async function changeTimeout(event) {
     field.focus();
     return;
   }
-  const answer = await changing.redfish.request("PATCH", service,
-    { body: { SessionTimeout: value }, etag: changing.etag });
-  // What it is now may be shown.
-  field.dataset.shown = field.value;
-  await conclude(changing, answer.status === 200 ? null : answer, "change it",
+  // One after the other: each changes the entity tag.
+  changing.change = changing.change.then(() => changing.redfish.request("PATCH", service,
+    { body: { SessionTimeout: value }, etag: changing.service.header("ETag") }));
+  const answer = await changing.change;
+  const isDone = answer.status === 200;
+  if (isDone) {
+    changing.service = answer;
+  }
+  if (isDone || answer.status === 412) {
+    // What it is now may be shown.
+    changing.filledIn = typed;
+  }
+  await conclude(changing, isDone ? null : answer, "change it",
     `The timeout is ${spanText(value)} now.`);
 }
 
@@ -372,15 +391,13 @@ async function showController() {
   setText("controller", typeof body.Name === "string" ? body.Name : "Controller");
 }
 
-function showPassword() {
-  const password = byId("password");
-  const isShown = password.type === "text";
-  password.type = isShown ? "password" : "text";
-  byId("show").ariaPressed = String(!isShown);
+function showPassword(isShown) {
+  byId("password").type = isShown ? "text" : "password";
+  byId("show").ariaPressed = String(isShown);
 }
 
 byId("login-form").onsubmit = logIn;
-byId("show").onclick = showPassword;
+byId("show").onclick = () => showPassword(byId("password").type === "password");
 byId("log-out").onclick = logOut;
 byId("end-others").onclick = endOthers;
 byId("timeout-form").onsubmit = changeTimeout;
@@ -394,7 +411,7 @@ document.addEventListener("visibilitychange", () => {
 // Nobody else could use the session, but it would take a place.
 addEventListener("pagehide", () => {
   if (login) {
-    login.redfish.logOut({ keepalive: true });
+    login.redfish.logOut();
     finish({ title: "You are logged out." }, "good");
   }
 });

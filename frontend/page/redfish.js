@@ -18,7 +18,7 @@ function objectOf(text) {
 // Returns the answer: status (0 when none came), body (an object, perhaps empty), header (a
 // function). Options: token, body, etag (the one that the resource must have), keepalive (the
 // request goes on when the page is gone).
-export async function send(method, path, { token, body, etag, keepalive = false } = {}) {
+export async function send(method, path, { token, body, etag, keepalive } = {}) {
   const headers = { Accept: "application/json" };
   const add = (name, value) => value && (headers[name] = value);
   add("X-Auth-Token", token);
@@ -74,9 +74,9 @@ export class Redfish {
     return answer;
   }
 
-  // Logs out and forgets the token, whatever the answer will be.
-  logOut(options) {
-    const answer = this.request("DELETE", this.uri, options);
+  // Logs out, even when the page is closed at once, and forgets the token whatever the answer is.
+  logOut() {
+    const answer = this.request("DELETE", this.uri, { keepalive: true });
     this.#token = null;
     return answer;
   }

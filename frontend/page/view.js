@@ -12,15 +12,6 @@ function element(tag, attributes, ...children) {
   return made;
 }
 
-function person() {
-  const [picture, use] = ["svg", "use"].map((tag) =>
-    document.createElementNS("http://www.w3.org/2000/svg", tag));
-  picture.setAttribute("aria-hidden", true);
-  use.setAttribute("href", "#person");
-  picture.append(use);
-  return picture;
-}
-
 // A text whose direction of writing affects nothing around it.
 const isolated = (text) => element("bdi", {}, text);
 const code = (text) => element("code", {}, isolated(text));
@@ -67,7 +58,8 @@ export function drawPlaces(places) {
   byId("places").replaceChildren(...places.map((session) => {
     const state = !session ? "free" : session.isMine ? "mine" : "taken";
     const who = session ? session.user ?? "somebody" : "free";
-    const place = element("li", { class: state, title: who }, person(), isolated(who));
+    const place = element("li", { class: state, title: who },
+      byId("person").content.cloneNode(true), isolated(who));
     place.append(...session?.isMine ? [mark()] : []);
     return place;
   }));
@@ -81,7 +73,7 @@ function rowOf(session, end) {
   if (session.isMine) {
     head.append(" ", mark());
   } else if (session.canEnd) {
-    const button = element("button", { type: "button" }, "End",
+    const button = element("button", {}, "End",
       element("span", { class: "unseen" }, ` the session ${session.id} of ${session.user}`));
     button.onclick = () => end(session);
     action.append(button);

@@ -6,31 +6,28 @@ function entriesOf({ body }) {
   return Array.isArray(entries) ? entries.map(Object) : [];
 }
 
-const find = (answer, name) =>
+// The message of this name, of whatever registry and version; undefined when there is none.
+const message = (answer, name) =>
   entriesOf(answer).find(({ MessageId }) => String(MessageId).endsWith("." + name));
-
-// Tells whether an answer has a message of this name, of whatever registry and version.
-export const says = (answer, name) => find(answer, name) !== undefined;
 
 const textOf = (value) => typeof value === "string" ? value : "";
 
 const off = "The session service is switched off.";
 
-const unreachable = {
-  title: "The controller cannot be reached.",
-  advice: "Check your network, and whether the controller has power. Then try again.",
-};
+const unreachable = "The controller cannot be reached.";
+const checkNetwork = "Check your network, and whether the controller has power.";
+const runCheck = "If it goes on, run `sessionctl check` on the controller";
 
 // `doWhat` completes "then ... again".
 function generalFailure(answer, doWhat) {
   if (answer.status === 0) {
-    return unreachable;
+    return { title: unreachable, advice: checkNetwork + " Then try again." };
   } else if (answer.status === 503) {
     return {
       title: "The controller cannot do this now.",
       advice: "Its store is away, or its session service does not answer. Wait "
-        + `${answer.header("Retry-After") ?? 5} seconds, then ${doWhat} again. If it goes on, run `
-        + "`sessionctl check` on the controller: it says what is missing.",
+        + `${answer.header("Retry-After") ?? 5} seconds, then ${doWhat} again. `
+        + runCheck + ": it says what is missing.",
     };
   }
   const { Message, Resolution } = entriesOf(answer)[0] ?? {};
@@ -42,7 +39,7 @@ function generalFailure(answer, doWhat) {
 }
 
 function noPlace(answer) {
-  const resolution = textOf(find(answer, "SessionLimitExceeded").Resolution);
+  const resolution = textOf(message(answer, "SessionLimitExceeded").Resolution);
   // One that is not the registry's says which limit it is.
   return /^(This user|The last)/.test(resolution)
     ? { title: "There is no place for you.", advice: resolution }
@@ -56,7 +53,7 @@ function noPlace(answer) {
 
 // Why a login leads to no session; null when it does.
 export function loginFailure(answer) {
-  if (says(answer, "PasswordChangeRequired")) {
+  if (message(answer, "PasswordChangeRequired")) {
     return {
       title: "Your password has to be changed first.",
       advice: "It is right, but has expired, and this page cannot change it. Change it where your "
@@ -65,9 +62,9 @@ export function loginFailure(answer) {
     };
   } else if (answer.status === 201) {
     return null;
-  } else if (says(answer, "SessionLimitExceeded")) {
+  } else if (message(answer, "SessionLimitExceeded")) {
     return noPlace(answer);
-  } else if (says(answer, "ServiceDisabled")) {
+  } else if (message(answer, "ServiceDisabled")) {
     return {
       title: off,
       advice: "Nobody can log in until it is switched on. Ask whoever looks after the controller "
@@ -79,7 +76,7 @@ export function loginFailure(answer) {
       advice: "Type both once more; capital and small letters differ. After many wrong passwords "
         + "the next login takes longer.",
     };
-  } else if (says(answer, "StringValueTooLong")) {
+  } else if (message(answer, "StringValueTooLong")) {
     return {
       title: "The user name or the password is too long.",
       advice: "A name has 255 bytes at most, a password 1024. Type both once more.",
@@ -100,7 +97,7 @@ export function loginFailure(answer) {
 
 // Why something else failed.
 export function failure(answer, doWhat) {
-  if (says(answer, "ServiceDisabled")) {
+  if (message(answer, "ServiceDisabled")) {
     return serviceOff;
   } else if (answer.status === 403) {
     return {
@@ -125,10 +122,8 @@ export const serviceOff = {
 // Why the lists, which are from the time `since`, are not fresh.
 export function notRefreshed(answer, since) {
   return {
-    title: answer.status ? "The controller does not answer in full." : unreachable.title,
-    advice: (answer.status
-      ? "Its store may be away. If it goes on, run `sessionctl check` on the controller."
-      : "Check your network, and whether the controller has power.")
+    title: answer.status ? "The controller does not answer in full." : unreachable,
+    advice: (answer.status ? `Its store may be away. ${runCheck}.` : checkNetwork)
       + ` What you see is from ${since}. This page tries again by itself.`,
   };
 }
@@ -146,24 +141,24 @@ export function sessionOver(hasExpired, timeout, time) {
 export function loggedOut(answer, timeout) {
   return answer.status === 204 || answer.status === 401 ? { title: "You are logged out." } : {
     title: "You are logged out here, but your session has not ended yet.",
-    advice: `${failure(answer, "").title} The session expires by itself in ${spanText(timeout)}; `
-      + "nobody can use it any more.",
+    advice: `${failure(answer, "").title} The session expires by itself${
+      timeout > 0 ? " in " + spanText(timeout) : ""}; nobody can use it any more.`,
   };
 }
 
-export const timeoutBounds = { min: 30, max: 86400 };
+const minTimeout = 30;
+const maxTimeout = 86400;
 
-export const boundsText = `${timeoutBounds.min} to ${timeoutBounds.max} (${
-  spanText(timeoutBounds.min)} to ${spanText(timeoutBounds.max)}), for those who log in from then `
-  + "on. Sessions that exist keep theirs.";
+export const boundsText = `${minTimeout} to ${maxTimeout} (${spanText(minTimeout)} to ${
+  spanText(maxTimeout)}), for those who log in from then on. Sessions that exist keep theirs.`;
 
 export const badTimeout = {
   title: "This timeout is not possible.",
-  advice: `Type a whole number from ${timeoutBounds.min} to ${timeoutBounds.max}.`,
+  advice: `Type a whole number from ${minTimeout} to ${maxTimeout}.`,
 };
 
 // Returns the number that is typed; null when it is none within the bounds.
 export function timeoutFrom(typed) {
   const value = /^\s*\d+\s*$/.test(typed) ? Number(typed) : 0;
-  return value >= timeoutBounds.min && value <= timeoutBounds.max ? value : null;
+  return value >= minTimeout && value <= maxTimeout ? value : null;
 }

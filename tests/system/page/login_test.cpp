@@ -129,6 +129,72 @@ TEST_F(PageLogin, SaysWhenASessionCannotBeEndedAndForgetsItAllTheSame) {
     EXPECT_TRUE(store().exists(session));
 }
 
+TEST_F(PageLogin, ShowsThatItIsLoggingOutAndLeavesTheNextLoginAlone) {
+    Browser& page = browser();
+    login(page);
+    holdAnswers(page, "DELETE");
+    page.click("#log-out");
+    expectLoginMessage(page, "Logging out …");
+    EXPECT_EQ(focused(), "name");
+    EXPECT_FALSE(page.isVisible("#sessions"));
+    EXPECT_FALSE(page.isVisible("#account"));
+    page.press(tabKey);
+    release(page);
+    expectLoginMessage(page, "You are logged out.");
+    EXPECT_EQ(focused(), "password");
+
+    // The next one is quicker than the answer, which would say more.
+    answer(page, "DELETE", 503);
+    holdAnswers(page, "DELETE");
+    enter(page, administrator);
+    waitForUser(page, administrator);
+    page.click("#log-out");
+    enter(page, operatorAccount);
+    waitForUser(page, operatorAccount);
+    release(page);
+    release(page);
+    frontEnd().insertSession();
+    refreshSoon(page);
+    waitForPlaces(page, 3);
+    EXPECT_EQ(page.text("#login-message"), "");
+    page.click("#log-out");
+    expectLoginMessage(page, "You are logged out.");
+}
+
+TEST_F(PageLogin, SaysNothingOfATimeoutThatItHasNotRead) {
+    Browser& page = browser();
+    const auto loginWithoutReading = [&] {
+        answer(page, "GET", 503);
+        enter(page, administrator);
+        page.waitFor("document.querySelector('#trouble').textContent.includes('does not answer')");
+    };
+    loginWithoutReading();
+    answer(page, "GET", 401);
+    refreshSoon(page);
+    expectLoginMessage(page, "Your session has been ended.");
+
+    loginWithoutReading();
+    answer(page, "DELETE", 503);
+    page.click("#log-out");
+    expectLoginMessage(page, "The session expires by itself; nobody can use it any more.");
+}
+
+TEST_F(PageLogin, LeavesNothingOfItselfToTheNext) {
+    Browser& page = browser();
+    page.click("#show");
+    login(page);
+    page.type("#timeout", "5" + std::string(enterKey));
+    EXPECT_EQ(page.run("return document.querySelector('#timeout').ariaInvalid"), "true");
+    page.click("#log-out");
+    expectLoginMessage(page, "You are logged out.");
+    EXPECT_EQ(page.run("return document.querySelector('#password').type"), "password");
+    EXPECT_EQ(page.run("return document.querySelector('#show').ariaPressed"), "false");
+
+    enter(page, administrator);
+    waitForUser(page, administrator);
+    EXPECT_NE(page.run("return document.querySelector('#timeout').ariaInvalid"), "true");
+}
+
 TEST_F(PageLogin, ShowsThePasswordWhenAsked) {
     Browser& page = browser();
     const auto type = [&] { return page.run("return document.querySelector('#password').type"); };

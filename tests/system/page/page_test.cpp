@@ -60,6 +60,34 @@ void PageTest::waitForAnswers(Browser& page) {
     page.waitFor("testWaiting === 0");
 }
 
+void PageTest::holdAnswers(Browser& page, const std::string& method) {
+    page.run(R"(
+        const [method] = arguments;
+        const request = window.fetch;
+        const released = new Promise((resolve) => (window.testReleases ??= []).push(resolve));
+        window.fetch = async (path, options) => {
+            const answer = await request(path, options);
+            await (options.method === method && released);
+            return answer;
+        };)",
+             {method});
+}
+
+void PageTest::answer(Browser& page, const std::string& method, int status) {
+    page.run(R"(
+        const [method, status] = arguments;
+        const request = window.fetch;
+        let isReleased = false;
+        (window.testReleases ??= []).push(() => { isReleased = true; });
+        window.fetch = async (path, options) => isReleased || options.method !== method
+            ? request(path, options) : new Response('{}', { status });)",
+             {method, status});
+}
+
+void PageTest::release(Browser& page) {
+    page.run("testReleases.shift()()");
+}
+
 void PageTest::waitForMessage(Browser& page, const std::string& text) {
     page.waitFor("document.querySelector('#message').textContent === " +
                  nlohmann::json(text).dump());
@@ -94,6 +122,11 @@ void PageTest::refreshSoon(Browser& page) {
 void PageTest::waitForPlaces(Browser& page, std::size_t taken) {
     page.waitFor("document.querySelector('#places-title').textContent === '" +
                  std::to_string(taken) + " of 8 places taken'");
+}
+
+void PageTest::waitForUser(Browser& page, const Account& account) {
+    page.waitFor("document.querySelector('#user').textContent === '" + std::string(account.name) +
+                 "'");
 }
 
 Words PageTest::tokens() {

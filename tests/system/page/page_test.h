@@ -34,6 +34,12 @@ class PageTest : public WebTest {
     std::string login(Browser& page, const Account& account = administrator);
     // Blocks until no request of the page waits for an answer.
     static void waitForAnswers(Browser& page);
+    // Keeps the answers to further requests of this method from the page, until they are released.
+    static void holdAnswers(Browser& page, const std::string& method);
+    // Answers further requests of this method with this status, in place of the front end.
+    static void answer(Browser& page, const std::string& method, int status);
+    // Undoes the first of these that is not undone yet.
+    static void release(Browser& page);
     // Blocks until the page says exactly this of a change.
     static void waitForMessage(Browser& page, const std::string& text);
     // Blocks until the page says this instead of the form's other message.
@@ -46,6 +52,8 @@ class PageTest : public WebTest {
     // Lets the time pass that the page takes between two readings.
     static void refreshSoon(Browser& page);
     static void waitForPlaces(Browser& page, std::size_t taken);
+    // Blocks until the page shows the lists of this user.
+    static void waitForUser(Browser& page, const Account& account);
     // When the session was last used, in seconds.
     long lastUse(const std::string& token) {
         return std::stol(store().hget(tokenKey(token), "LastAccessed"));

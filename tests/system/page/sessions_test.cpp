@@ -173,6 +173,69 @@ TEST_F(PageSessions, HaveATimeoutThatIsLeftToWhoeverIsTypingIt) {
     page.waitFor("document.querySelector('#timeout').value === '900'");
 }
 
+TEST_F(PageSessions, HaveATimeoutThatStaysAsTypedUntilItIsChangedToThat) {
+    Browser& page = browser();
+    login(page);
+    auto typedAfterReading = [&, places = 1U]() mutable {
+        insert(reader);
+        refreshSoon(page);
+        waitForPlaces(page, ++places);
+        return page.run("return document.querySelector('#timeout').value");
+    };
+    answer(page, "PATCH", 503);
+    page.type("#timeout", "600" + std::string(enterKey));
+    page.waitFor("document.querySelector('#message').textContent.includes('cannot do this now')");
+    EXPECT_EQ(typedAfterReading(), "600");
+    release(page);
+    page.press(enterKey);
+    waitForMessage(page, "The timeout is 10 minutes now.");
+    EXPECT_EQ(store().hget(serviceUri, "SessionTimeout"), "600");
+
+    holdAnswers(page, "PATCH");
+    page.type("#timeout", "900" + std::string(enterKey));
+    page.type("#timeout", "1200");
+    release(page);
+    waitForMessage(page, "The timeout is 15 minutes now.");
+    EXPECT_EQ(typedAfterReading(), "1200");
+}
+
+TEST_F(PageSessions, HaveATimeoutThatIsChangedAgainBeforeItIsRead) {
+    Browser& page = browser();
+    login(page);
+    const auto waitForRequests = [&](int before, int further) {
+        page.waitFor("testRequests >= " + std::to_string(before + further));
+        waitForAnswers(page);
+    };
+    const auto requests = [&] { return page.run("return testRequests").get<int>(); };
+    // A reading that is older than the changes.
+    waitForAnswers(page);
+    holdAnswers(page, "GET");
+    int before = requests();
+    refreshSoon(page);
+    waitForRequests(before, 2);
+    page.type("#timeout", "600" + std::string(enterKey));
+    waitForMessage(page, "The timeout is 10 minutes now.");
+    page.type("#timeout", "900" + std::string(enterKey));
+    waitForMessage(page, "The timeout is 15 minutes now.");
+
+    // It comes to its end, and the next one does not.
+    holdAnswers(page, "GET");
+    before = requests();
+    release(page);
+    waitForRequests(before, 2);
+    EXPECT_EQ(page.text("#timeout-text"), "15 minutes");
+    page.type("#timeout", "1200");
+    before = requests();
+    page.run(R"(
+        const button = document.querySelector('#timeout-form button');
+        button.click();
+        button.click();)");
+    waitForRequests(before, 2);
+    release(page);
+    page.waitFor("document.querySelector('#timeout-text').textContent === '20 minutes'");
+    EXPECT_EQ(message(page), "The timeout is 20 minutes now.");
+}
+
 TEST_F(PageSessions, OfTwoBrowsersSeeAndEndEachOther) {
     Browser& one = browser();
     Browser& two = newBrowser();

@@ -133,5 +133,17 @@ TEST_F(PageTime, EndsTheSessionWithThePage) {
     waitUntil("the session has ended with its page", [&] { return tokens().empty(); });
 }
 
+TEST_F(PageTime, EndsTheSessionWhenThePageIsReloadedWhileItLogsOut) {
+    Browser& page = browser();
+    login(page);
+    // The request does not leave the browser before the page has gone.
+    page.devtools("Fetch.enable", {{"patterns", {{{"urlPattern", "*/Sessions/*"}}}}});
+    page.run("document.querySelector('#log-out').click()");
+    page.reload();
+    EXPECT_EQ(tokens().size(), 1U);
+    page.devtools("Fetch.disable", nlohmann::json::object());
+    waitUntil("the session has ended", [&] { return tokens().empty(); });
+}
+
 }  // namespace
 }  // namespace testbed
