@@ -1,7 +1,6 @@
 // What the daemon asks of the system where only the call itself shows it.
 #include <algorithm>
 #include <atomic>
-#include <sstream>
 
 #include "support/store_proxy.h"
 #include "support/system_test.h"
@@ -33,14 +32,7 @@ class SystemCalls : public SystemTest {
         SystemTest::TearDown();
     }
 
-    Words notes() {
-        std::istringstream file(controller.readFile(notesFile));
-        Words lines;
-        for (std::string line; std::getline(file, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    Words notes() { return splitLines(controller.readFile(notesFile)); }
     long count(const std::string& note) {
         const Words lines = notes();
         return std::count(lines.begin(), lines.end(), note);
