@@ -347,7 +347,7 @@ class WebLoginQueueOfAFullServer : public WebLoginQueueOfShortTime {
                 others.back().send("P");
             }
         } catch (const Failure&) {
-            return;
+            // There is no connection left.
         }
     }
     void waitForForgottenTimers() {
